@@ -1,0 +1,76 @@
+/* ZuFault.h: a registry of modules (faults) that keep logs and record values, saved together to one file.
+ *
+ * A fault lives for the life of the process. It has two loggers; values of all faults share one store of 10 MiB that is
+ * made with the first value and dropped when they have been saved. Every setter returns 0 whatever happens, accepts a
+ * NULL fault, and, the logs excepted, records even while the fault is ignored. Nothing locks: register, record and
+ * collect from one thread at a time.
+ *
+ * The file (KEP_FAULT_LOG_PATH, by default "/kep.log"), all integers big endian:
+ *   for each fault, the records of its init log (tag "log") and then of its run log (tag "run"):
+ *     length of what follows (2) | tag (3) | ' ' | name | ' ' | time stamp or line
+ *   two zero bytes
+ *   for each value, oldest first:
+ *     length of what follows (2) | length of the name + 1 (1) | item type (1) | name | value
+ * Item types and values: 0 register and 3 counter: id (4), value (4); 1 register and 4 counter: id (4), value (8);
+ * 2 register, 5 counter and 6 value: id (4), length (4), bytes. A record too long for its length field is cut. */
+#ifndef KEP_ZUFAULT_H
+#define KEP_ZUFAULT_H
+
+#include <stdint.h>
+
+#include "kep/ZuBuf.h"
+#include "kep/ZuInfo.h"
+#include "kep/ZuList.h"
+#include "kep/api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct ZuFault ZuFault;
+typedef void (*ZuFaultCallback)(void);
+
+/* The registered faults, NULL before the first; the recorded values, NULL while there are none. */
+extern KEP_API ZuList *g_ZuFault_List;
+extern KEP_API ZuInfo *g_ZuFault_Info;
+
+/* Registers a fault under `name` (cut at 22 bytes) with a callback that ZuFault_Start runs, or NULL. A name may be
+ * registered again as another fault. Values refer to a fault by the low 8 bits of its position. Returns the fault,
+ * owned by the list, or NULL when memory is short or the name is NULL. */
+KEP_API ZuFault *ZuFault_Regist(const char *name, ZuFaultCallback callback);
+
+/* Non-zero: lines for the fault's logs are dropped from now on. */
+KEP_API void ZuFault_Ignore(ZuFault *fault, int32_t on);
+
+/* Keeps a value for the host's use. */
+KEP_API int32_t ZuFault_SetInfo(ZuFault *fault, uint32_t value);
+
+/* Add a line to the init or the run log, as ZuLogger_Append does. */
+KEP_API int32_t ZuFault_SetInitLog(ZuFault *fault, int32_t level, int32_t unused, const char *text);
+KEP_API int32_t ZuFault_SetRunLog(ZuFault *fault, int32_t level, int32_t unused, const char *text);
+
+/* Record a register, a counter or a value. `len` is the number of bytes, at most 65527; others are not recorded. */
+KEP_API int32_t ZuFault_SetRegist(ZuFault *fault, uint32_t id, uint32_t value);
+KEP_API int32_t ZuFault_SetRegist64(ZuFault *fault, uint32_t id, uint64_t value);
+KEP_API int32_t ZuFault_SetRegistEx(ZuFault *fault, uint32_t id, const void *data, int32_t len);
+KEP_API int32_t ZuFault_SetCounter(ZuFault *fault, uint32_t id, uint32_t value);
+KEP_API int32_t ZuFault_SetCounter64(ZuFault *fault, uint32_t id, uint64_t value);
+KEP_API int32_t ZuFault_SetCounterEx(ZuFault *fault, uint32_t id, const void *data, int32_t len);
+KEP_API int32_t ZuFault_SetValue(ZuFault *fault, uint32_t id, const void *data, int32_t len);
+
+/* Append the init or the run log to `buffer`, or print it, as ZuLogger_ShowToBuf does, pauses included. Return 0. */
+KEP_API int32_t ZuFault_ShowInitLogToBuf(ZuFault *fault, ZuBuf *buffer);
+KEP_API int32_t ZuFault_ShowRunLogToBuf(ZuFault *fault, ZuBuf *buffer);
+KEP_API int32_t ZuFault_ShowInitLog(ZuFault *fault);
+KEP_API int32_t ZuFault_ShowRunLog(ZuFault *fault);
+
+/* Runs every fault's callback, writes the file and drops the recorded values; logs are kept. Does nothing before the
+ * first registration or while a run is under way. When the file cannot be opened the values are kept, and no later call
+ * does anything. Short writes are not noticed. */
+KEP_API void ZuFault_Start(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,79 @@
+/* ZuLogger.h: text lines as time-stamped records of a store, with an echo through the print sink.
+ *
+ * A logger makes its store at the first line it keeps. A kept line is two records with the same one-letter key ("w"
+ * for level 2, "e" for level 3, "l" for every other): the time, then the line. A full store drops its oldest records.
+ * Every function accepts a NULL logger and then does nothing. Nothing locks. */
+#ifndef KEP_ZULOGGER_H
+#define KEP_ZULOGGER_H
+
+#include <stdint.h>
+
+#include "kep/ZuBuf.h"
+#include "kep/ZuInfo.h"
+#include "kep/api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct ZuLogger ZuLogger;
+
+/* A slot for the host's own logger, NULL at load; the library neither reads nor writes it. */
+extern KEP_API ZuLogger *g_kep_logger;
+
+/* Creates a logger with these flags, added up:
+ *   0x01, 0x02, 0x04, 0x08   ZuLogger_Write accepts lines of level 0, 1, 2, 3 (others it always accepts)
+ *   0x10                     quiet: only levels 0 and 3 are echoed
+ *   0x40                     accepted lines are kept
+ *   0x80                     accepted lines are echoed
+ * Returns NULL when memory is short. */
+KEP_API ZuLogger *ZuLogger_New(uint32_t flags);
+
+/* Frees the logger and its store, and closes its descriptor should the host have set one. */
+KEP_API void ZuLogger_Release(ZuLogger *logger);
+
+/* Non-zero: every line is dropped from now on. */
+KEP_API void ZuLogger_Ignore(ZuLogger *logger, int32_t on);
+
+/* Sets the store's limit in bytes (1 MiB by default); ignored once the store exists. */
+KEP_API void ZuLogger_SetInfoSize(ZuLogger *logger, uint32_t size);
+
+/* Replaces the flags. */
+KEP_API void ZuLogger_SetFlag(ZuLogger *logger, uint32_t flags);
+
+/* Keeps a file name (cut at 499 bytes) and a UDP host (cut at 19) and port for the host's use. */
+KEP_API void ZuLogger_SetFileName(ZuLogger *logger, const char *name);
+KEP_API void ZuLogger_SetUDP(ZuLogger *logger, const char *host, int32_t port);
+
+/* Pushes a header text (cut at 49 bytes) on a stack of 100, where a full stack replaces its top; pops it again. */
+KEP_API void ZuLogger_Header(ZuLogger *logger, const char *text);
+KEP_API void ZuLogger_Tail(ZuLogger *logger);
+
+/* Writes one line as the flags say. Level 0 lines carry their own line end; to the echo of others one is added. An
+ * empty line is kept, not echoed. Returns the sum of the two store results (ZuInfo_Append's) when the line is kept, 0
+ * when the logger ignores lines, -1 when it is refused by its level, is NULL, or is echoed only. */
+KEP_API int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text);
+
+/* Keeps one line with a short time stamp, whatever the flags; echoes it, with a line end, only at level 0 and when it
+ * is not empty. The third argument is not used. */
+KEP_API void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t unused, const char *text);
+
+/* Appends every kept record and a newline to `buffer`, oldest first, times and lines in turn; a buffer whose address is
+ * below 101, such as NULL, prints them instead. Pauses for a second through VRK_Delay behind the 1st, 101st, 201st ...
+ * record, so that a console can follow. */
+KEP_API void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer);
+
+/* Prints every kept record: ZuLogger_ShowToBuf without a buffer. */
+KEP_API void ZuLogger_ShowInfo(ZuLogger *logger);
+
+/* Drops the kept records. */
+KEP_API void ZuLogger_ClearInfo(ZuLogger *logger);
+
+/* Prints the state of a store to standard output in seven lines; addresses as their low 32 bits. */
+KEP_API void ZuLogger_Dump(ZuInfo *store);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

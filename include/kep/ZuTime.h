@@ -1,0 +1,42 @@
+/* ZuTime.h: clocks, a sleep, and the one formatter of dates. */
+#ifndef KEP_ZUTIME_H
+#define KEP_ZUTIME_H
+
+#include <stdint.h>
+#include <time.h>
+
+#include "kep/api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Blocks the calling thread. */
+KEP_API void ZuTime_Sleep(uint32_t milliseconds);
+
+/* Microseconds of the wall clock modulo 2^32, so it wraps every 71.6 minutes: compare values by difference. */
+KEP_API uint32_t ZuTime_GetUTime(void);
+
+/* Wall-clock seconds since the epoch, moved by `offset` seconds. */
+KEP_API time_t ZuTime_GetTime(int32_t offset);
+
+/* Wall-clock seconds since the epoch. */
+KEP_API time_t ZuTime_Now(void);
+
+/* Writes the local time `t` (0: now) into `dst` by `pattern` and returns `dst`, which the caller makes large enough:
+ * 12 bytes for a year, 3 for each other token, and the terminator.
+ *
+ *   YYYY       year, 4 digits            YY yy   year modulo 100
+ *   MM mm      month                     DD dd   day of the month
+ *   HH hh      hour, 0 to 23             MI mi   minute              SS ss   second
+ *
+ * Upper case pads with zeros to two digits, lower case does not pad, everything else is copied. A time that the C
+ * library cannot convert prints as the year 1900, month 1, day 0, 0:0:0. For "now" the conversion is made once a
+ * second: a changed time zone shows by the next second. NULL for `dst` or `pattern` writes nothing. */
+KEP_API char *ZuTime_Format(char *dst, const char *pattern, time_t t);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

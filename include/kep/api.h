@@ -1,0 +1,13 @@
+/* api.h: what every header of kep shares: the export mark and the compiler's check of printf formats. */
+#ifndef KEP_API_H
+#define KEP_API_H
+
+#if defined(__GNUC__)
+#define KEP_API __attribute__((visibility("default")))
+#define KEP_PRINTF(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
+#else
+#define KEP_API
+#define KEP_PRINTF(formatIndex, firstArgument)
+#endif
+
+#endif

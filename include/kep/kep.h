@@ -1,0 +1,19 @@
+/* kep.h: all of kep. */
+#ifndef KEP_KEP_H
+#define KEP_KEP_H
+
+#include "kep/Collect.h"
+#include "kep/CollectClient.h"
+#include "kep/ZuBuf.h"
+#include "kep/ZuBuffer.h"
+#include "kep/ZuFault.h"
+#include "kep/ZuInfo.h"
+#include "kep/ZuList.h"
+#include "kep/ZuLogger.h"
+#include "kep/ZuMem.h"
+#include "kep/ZuPrint.h"
+#include "kep/ZuString.h"
+#include "kep/ZuTime.h"
+#include "kep/platform.h"
+
+#endif

@@ -1,0 +1,45 @@
+/* platform.h: the service layer that the host supplies and the library calls.
+ *
+ * kep itself stands on libc alone; what differs from board to board is in these five functions. `kep::platform_posix`
+ * implements them for a Linux host; a board with services of its own links its own versions instead.
+ *
+ * Alignment. The library puts a 4-byte header in front of every block and hands out the address behind it. Where
+ * pointers are wider than 4 bytes or 64-bit values want 8-byte alignment, VRK_Malloc must therefore return blocks that
+ * begin 4 bytes short of maximal alignment: (address + 4) is a multiple of alignof(max_align_t). A layer that returns
+ * maximally aligned blocks is right only on a machine where 4-byte alignment is enough for every type. */
+#ifndef KEP_PLATFORM_H
+#define KEP_PLATFORM_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "kep/api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Returns a block of at least `size` bytes, aligned as said above and not cleared, or NULL when there is none.
+ * A size of 0 is asked for like any other. */
+KEP_API void *VRK_Malloc(uint32_t size);
+
+/* Takes back a block that VRK_Malloc returned. */
+KEP_API void VRK_Free(void *block);
+
+/* Writes the formatted text to the diagnostic console: no newline added, nothing held back. Its result is not used.
+ * The library writes a few texts to stdout directly and flushes each; a layer whose console is the process's standard
+ * output must keep their order, which it does by writing through stdio and flushing, or by writing to the descriptor.
+ */
+KEP_API int VRK_RawPrint(const char *format, ...) KEP_PRINTF(1, 2);
+
+/* Blocks the calling thread for `ms` milliseconds. */
+KEP_API void VRK_Delay(uint32_t ms);
+
+/* As snprintf: writes at most `size` bytes, terminator included, and returns the length the whole text would have. */
+KEP_API int PLM_snprintf(char *buffer, size_t size, const char *format, ...) KEP_PRINTF(3, 4);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

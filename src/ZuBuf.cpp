@@ -1,0 +1,103 @@
+// ZuBuf.cpp: a growable, zero-filled array of fixed-size elements.
+#include "kep/ZuBuf.h"
+
+#include <cstring>
+
+#include "ZuMem.hpp"
+
+struct ZuBuf {
+  uint32_t capacity;  // elements at first, the block's bytes once it has grown: equal only for 1-byte elements
+  uint32_t growStep;  // bytes; a block's size is rounded up to a multiple of it
+  uint32_t elemSize;
+  uint32_t length;  // elements in use
+  uint8_t *data;
+};
+static_assert(sizeof(void *) != 4 || sizeof(ZuBuf) == 20, "the board's record");
+
+namespace {
+
+uint64_t bytesFor(const ZuBuf *buf, uint64_t elements) { return elements * buf->elemSize; }
+
+uint8_t *makeZeroed(uint64_t size) {
+  if (size > UINT32_MAX) return nullptr;
+  auto *block = static_cast<uint8_t *>(ZuMem_LocalMalloc(static_cast<uint32_t>(size)));
+  if (block) std::memset(block, 0, static_cast<size_t>(size));
+  return block;
+}
+
+bool grow(ZuBuf *buf, uint64_t need) {
+  uint64_t size = bytesFor(buf, need);
+  if (size > UINT32_MAX) return false;  // checked before the rounding, which could wrap 64 bits too
+  const uint64_t step = buf->growStep;
+  if (step > 0) size = (size + step - 1) / step * step;
+  uint8_t *block = makeZeroed(size);
+  if (!block) return false;
+  std::memcpy(block, buf->data, static_cast<size_t>(bytesFor(buf, buf->length)));
+  ZuMem_LocalFree(buf->data);
+  buf->data = block;
+  buf->capacity = static_cast<uint32_t>(size);
+  return true;
+}
+
+// Makes sure that `need` elements may be written. Beside the capacity rule the block itself is asked, which is smaller
+// than the rule believes when elements are wider than a byte.
+bool reserve(ZuBuf *buf, uint64_t need) {
+  if (need > UINT32_MAX) return false;
+  if (buf->capacity >= need && bytesFor(buf, need) <= trackedSize(buf->data)) return true;
+  return grow(buf, need);
+}
+
+void put(ZuBuf *buf, uint32_t index, const void *src, uint32_t n) {
+  std::memcpy(buf->data + bytesFor(buf, index), src, static_cast<size_t>(bytesFor(buf, n)));
+}
+
+}  // namespace
+
+ZuBuf *ZuBuf_New(uint32_t elemSize, uint32_t count, uint32_t growStep) {
+  auto *buf = static_cast<ZuBuf *>(ZuMem_LocalMalloc(sizeof(ZuBuf)));
+  if (!buf) return nullptr;
+  *buf = {count, growStep ? growStep : count, elemSize, 0, nullptr};
+  buf->data = makeZeroed(bytesFor(buf, count));
+  if (!buf->data) {
+    ZuMem_LocalFree(buf);
+    return nullptr;
+  }
+  return buf;
+}
+
+void ZuBuf_Release(ZuBuf *buf) {
+  if (!buf) return;
+  ZuMem_LocalFree(buf->data);
+  ZuMem_LocalFree(buf);
+}
+
+int32_t ZuBuf_Append(ZuBuf *buf, const void *src, uint32_t n) {
+  if (!buf || !src) return 0;
+  const uint64_t count = n ? n : std::strlen(static_cast<const char *>(src));
+  if (!reserve(buf, buf->length + count)) return 0;
+  put(buf, buf->length, src, static_cast<uint32_t>(count));
+  buf->length += static_cast<uint32_t>(count);
+  return 1;
+}
+
+uint32_t ZuBuf_Get(ZuBuf *buf, uint32_t index, void **out) {
+  if (!buf) return 0;
+  const bool inside = index < buf->length;
+  if (out) *out = inside ? buf->data + bytesFor(buf, index) : nullptr;
+  return inside ? buf->length + 1 - index : 0;
+}
+
+int32_t ZuBuf_Set(ZuBuf *buf, uint32_t index, const void *src, uint32_t n) {
+  if (!buf || !src) return 0;
+  if (!reserve(buf, uint64_t{index} + n)) return 0;
+  put(buf, index, src, n);
+  return 1;
+}
+
+uint32_t ZuBuf_Length(const ZuBuf *buf) { return buf ? buf->length : 0; }
+
+void ZuBuf_Clear(ZuBuf *buf) {
+  if (!buf) return;
+  std::memset(buf->data, 0, static_cast<size_t>(bytesFor(buf, buf->length)));
+  buf->length = 0;
+}

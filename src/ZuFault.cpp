@@ -1,0 +1,233 @@
+// ZuFault.cpp: the registry of faults, their recorded values, and the file that saves them.
+//
+//   recorded value  key: item type (1) | fault index (1)    value: id (4) | .. as ZuFault.h says, big endian
+#include "ZuFault.hpp"
+
+#include <cstdio>
+#include <cstring>
+
+#include "ZuBuffer.hpp"
+#include "ZuLogger.hpp"
+#include "kep/ZuMem.h"
+#include "kep/ZuPrint.h"
+#include "kep/ZuString.h"
+
+ZuList *g_ZuFault_List;
+ZuInfo *g_ZuFault_Info;
+
+namespace {
+
+constexpr uint32_t kValueStoreLimit = 10485760;
+constexpr size_t kLongestName = sizeof(ZuFault::name) - 1;
+constexpr size_t kLongestRecord = UINT16_MAX;  // what a length field of the file can say
+
+enum ItemType : uint8_t { kRegist, kRegist64, kRegistEx, kCounter, kCounter64, kCounterEx, kValue };
+
+bool bRunning;  // stops a run from within a callback; stays set for good when the file cannot be opened
+
+// ---- recording
+
+bool makeValueStore() {
+  if (!g_ZuFault_Info) g_ZuFault_Info = ZuInfo_New(kValueStoreLimit);
+  return g_ZuFault_Info != nullptr;
+}
+
+template <typename Unsigned>
+int32_t recordNumber(const ZuFault *fault, ItemType type, uint32_t id, Unsigned value) {
+  if (!fault || !makeValueStore()) return 0;
+  const uint8_t key[2] = {type, fault->index};
+  uint8_t record[sizeof id + sizeof value];
+  storeBig(storeBig(record, id), value);
+  ZuInfo_Append(g_ZuFault_Info, key, sizeof key, record, sizeof record);
+  return 0;
+}
+
+int32_t recordBytes(const ZuFault *fault, ItemType type, uint32_t id, const void *data, int32_t len) {
+  if (!fault || !makeValueStore()) return 0;
+  const uint8_t key[2] = {type, fault->index};
+  uint8_t head[8];
+  const int32_t headSize = ZuBuffer_Pack(head, "II", id, static_cast<uint32_t>(len));
+  ZuInfo_Append2Message(g_ZuFault_Info, key, sizeof key, head, headSize, data, len);
+  return 0;
+}
+
+// ---- the file
+
+void writeBytes(FILE *file, const void *data, size_t length) {
+  (void)!std::fwrite(data, 1, length, file);  // short writes are not checked: there is nobody to tell
+}
+
+void writeLength(FILE *file, size_t length) {
+  uint8_t bytes[2];
+  storeBig(bytes, static_cast<uint16_t>(length));
+  writeBytes(file, bytes, sizeof bytes);
+}
+
+// How much of a value fits a record beside `otherSize` bytes.
+size_t cutToFit(size_t valueLength, size_t otherSize) {
+  return valueLength < kLongestRecord - otherSize ? valueLength : kLongestRecord - otherSize;
+}
+
+void writeLog(FILE *file, const ZuFault *fault, const ZuLogger *log, const char *tag) {
+  const size_t nameLength = std::strlen(fault->name);
+  const size_t headSize = std::strlen(tag) + 1 + nameLength + 1;
+  int32_t cursor = -1;
+  const uint8_t *value;
+  uint16_t length;
+  while (log && ZuInfo_Get(log->store, nullptr, 0, &cursor, nullptr, nullptr, &value, &length)) {
+    const size_t valueLength = cutToFit(length, headSize);
+    writeLength(file, headSize + valueLength);
+    writeBytes(file, tag, std::strlen(tag));
+    writeBytes(file, " ", 1);
+    writeBytes(file, fault->name, nameLength);
+    writeBytes(file, " ", 1);
+    writeBytes(file, value, valueLength);
+  }
+}
+
+void writeValue(FILE *file, const ZuFault *fault, uint8_t itemType, const uint8_t *value, size_t length) {
+  const size_t nameLength = std::strlen(fault->name);
+  const size_t valueLength = cutToFit(length, nameLength + 2);
+  const uint8_t head[2] = {static_cast<uint8_t>(nameLength + 1), itemType};
+  writeLength(file, sizeof head + nameLength + valueLength);
+  writeBytes(file, head, sizeof head);
+  writeBytes(file, fault->name, nameLength);
+  writeBytes(file, value, valueLength);
+}
+
+void writeLogs(FILE *file) {
+  const int32_t count = ZuList_Length(g_ZuFault_List);
+  for (int32_t i = 0; i < count; ++i) {
+    const auto *fault = static_cast<const ZuFault *>(ZuList_Get(g_ZuFault_List, i));
+    if (!fault) continue;
+    writeLog(file, fault, fault->initLog, "log");
+    writeLog(file, fault, fault->runLog, "run");
+  }
+}
+
+void writeValues(FILE *file) {
+  int32_t cursor = -1;
+  const uint8_t *key;
+  const uint8_t *value;
+  uint8_t keyLength;
+  uint16_t length;
+  while (ZuInfo_Get(g_ZuFault_Info, nullptr, 0, &cursor, &key, &keyLength, &value, &length)) {
+    if (keyLength != 2) continue;
+    const auto *fault = static_cast<const ZuFault *>(ZuList_Get(g_ZuFault_List, key[1]));
+    if (fault) writeValue(file, fault, key[0], value, length);
+  }
+}
+
+void runCallbacks() {
+  const int32_t count = ZuList_Length(g_ZuFault_List);
+  for (int32_t i = 0; i < count; ++i) {
+    const auto *fault = static_cast<const ZuFault *>(ZuList_Get(g_ZuFault_List, i));
+    if (!fault || !fault->callback) continue;
+    ZuPrint_Show(ZuString_SFormat("start callback [%s]\n", fault->name), 0);
+    fault->callback();
+    ZuPrint_Show(ZuString_SFormat("end callback [%s]\n", fault->name), 0);
+  }
+}
+
+void releaseFault(ZuFault *fault) {
+  ZuLogger_Release(fault->initLog);
+  ZuLogger_Release(fault->runLog);
+  ZuMem_LocalFree(fault);
+}
+
+}  // namespace
+
+ZuFault *ZuFault_Regist(const char *name, ZuFaultCallback callback) {
+  if (!name) return nullptr;
+  if (!g_ZuFault_List) g_ZuFault_List = ZuList_New(0, ZuMem_LocalFree);
+  if (!g_ZuFault_List) return nullptr;
+  auto *fault = static_cast<ZuFault *>(ZuMem_LocalMalloc(sizeof(ZuFault)));
+  if (!fault) return nullptr;
+  std::memset(fault, 0, sizeof *fault);
+  std::memcpy(fault->name, name, strnlen(name, kLongestName));
+  fault->callback = callback;
+  fault->initLog = ZuLogger_New(255);  // a fault without a logger drops its lines
+  fault->runLog = ZuLogger_New(255);
+  fault->index = static_cast<uint8_t>(ZuList_Length(g_ZuFault_List));
+  if (!ZuList_Append(g_ZuFault_List, fault)) {
+    releaseFault(fault);
+    return nullptr;
+  }
+  return fault;
+}
+
+void ZuFault_Ignore(ZuFault *fault, int32_t on) {
+  if (fault) fault->ignore = on;
+}
+
+int32_t ZuFault_SetInfo(ZuFault *fault, uint32_t value) {
+  if (fault) fault->info = value;
+  return 0;
+}
+
+int32_t ZuFault_SetInitLog(ZuFault *fault, int32_t level, int32_t unused, const char *text) {
+  if (fault && !fault->ignore) ZuLogger_Append(fault->initLog, level, unused, text);
+  return 0;
+}
+
+int32_t ZuFault_SetRunLog(ZuFault *fault, int32_t level, int32_t unused, const char *text) {
+  if (fault && !fault->ignore) ZuLogger_Append(fault->runLog, level, unused, text);
+  return 0;
+}
+
+int32_t ZuFault_SetRegist(ZuFault *fault, uint32_t id, uint32_t value) {
+  return recordNumber(fault, kRegist, id, value);
+}
+
+int32_t ZuFault_SetRegist64(ZuFault *fault, uint32_t id, uint64_t value) {
+  return recordNumber(fault, kRegist64, id, value);
+}
+
+int32_t ZuFault_SetRegistEx(ZuFault *fault, uint32_t id, const void *data, int32_t len) {
+  return recordBytes(fault, kRegistEx, id, data, len);
+}
+
+int32_t ZuFault_SetCounter(ZuFault *fault, uint32_t id, uint32_t value) {
+  return recordNumber(fault, kCounter, id, value);
+}
+
+int32_t ZuFault_SetCounter64(ZuFault *fault, uint32_t id, uint64_t value) {
+  return recordNumber(fault, kCounter64, id, value);
+}
+
+int32_t ZuFault_SetCounterEx(ZuFault *fault, uint32_t id, const void *data, int32_t len) {
+  return recordBytes(fault, kCounterEx, id, data, len);
+}
+
+int32_t ZuFault_SetValue(ZuFault *fault, uint32_t id, const void *data, int32_t len) {
+  return recordBytes(fault, kValue, id, data, len);
+}
+
+int32_t ZuFault_ShowInitLogToBuf(ZuFault *fault, ZuBuf *buffer) {
+  if (fault) ZuLogger_ShowToBuf(fault->initLog, buffer);
+  return 0;
+}
+
+int32_t ZuFault_ShowRunLogToBuf(ZuFault *fault, ZuBuf *buffer) {
+  if (fault) ZuLogger_ShowToBuf(fault->runLog, buffer);
+  return 0;
+}
+
+int32_t ZuFault_ShowInitLog(ZuFault *fault) { return ZuFault_ShowInitLogToBuf(fault, nullptr); }
+
+int32_t ZuFault_ShowRunLog(ZuFault *fault) { return ZuFault_ShowRunLogToBuf(fault, nullptr); }
+
+void ZuFault_Start(void) {
+  if (ZuList_Length(g_ZuFault_List) == 0 || bRunning) return;
+  bRunning = true;
+  runCallbacks();
+  FILE *file = std::fopen(KEP_FAULT_LOG_PATH, "wb");
+  if (!file) return;
+  writeLogs(file);
+  writeLength(file, 0);  // the end of the logs
+  writeValues(file);
+  std::fclose(file);
+  ZuInfo_Release(g_ZuFault_Info);
+  g_ZuFault_Info = nullptr;
+  bRunning = false;
+}

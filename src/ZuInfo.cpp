@@ -1,0 +1,488 @@
+// ZuInfo.cpp: a ring of records in one block.
+//
+//   record   key length (1) | key (K) | value length (2, big endian) | value (V)
+//   block    newer records | 0xFF .. | older records | 0xFF tail
+//                          ^ write   ^ read
+//
+// A record never runs over the end of the block. Every byte outside a record is 0xFF and a key is shorter than 255
+// bytes, so 0xFF where a record should start means: nothing more here, go on at offset 0. The read offset itself may
+// rest on such a byte, when the last record before the unused tail has been evicted.
+//
+// The write offset and the free size are open to the host between ZuInfo_PackPre and the end of its packing; nothing
+// here trusts them further than the block reaches.
+#include "kep/ZuInfo.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "ZuBuffer.hpp"
+#include "ZuMem.hpp"
+#include "kep/ZuLogger.h"
+#include "kep/ZuPrint.h"
+#include "kep/ZuString.h"
+#include "kep/ZuTime.h"
+#include "kep/platform.h"
+
+static_assert(sizeof(void *) != 4 || sizeof(ZuInfo) == 276, "the board's record");
+
+namespace {
+
+constexpr uint8_t kFree = 0xFF;
+constexpr int32_t kFirstBlockSize = 1024;
+constexpr uint32_t kSizeUnit = 1024;        // limits and grown blocks are multiples of it
+constexpr int64_t kLargestGrowth = 262144;  // 256 KiB a step, unless one record needs more
+constexpr uint32_t kIdCount = 8 * sizeof(ZuInfo::idSwitches);
+constexpr int32_t kLongestKey = 254;
+constexpr int32_t kLongestValue = UINT16_MAX;
+constexpr uint32_t kHeadSize = 3;                   // key length and value length
+constexpr int32_t kStructuredSize = 4 + 1 + 2 + 4;  // time, type, id and code, in front of the three strings
+
+#ifdef KEP_STORE_TRACE
+constexpr bool kTrace = true;
+#else
+constexpr bool kTrace = false;
+#endif
+
+// ---- the block
+
+uint32_t blockSize(const ZuInfo *info) { return info->block ? static_cast<uint32_t>(info->block->capacity) : 0; }
+
+uint8_t *at(const ZuInfo *info, uint32_t offset) { return memData(info->block) + offset; }
+
+bool isFree(const ZuInfo *info, uint32_t offset) { return offset >= blockSize(info) || *at(info, offset) == kFree; }
+
+// Where the oldest record really begins: a read offset that rests on a free byte stands for the start of the block.
+uint32_t oldestOffset(const ZuInfo *info) { return isFree(info, info->readOffset) ? 0 : info->readOffset; }
+
+uint32_t roundLimit(uint32_t limit) {
+  constexpr uint32_t kLargestLimit = UINT32_MAX / kSizeUnit * kSizeUnit;
+  return limit > kLargestLimit ? kLargestLimit : (limit + kSizeUnit - 1) / kSizeUnit * kSizeUnit;
+}
+
+void startEmpty(ZuInfo *info, uint32_t limit) {
+  info->limit = limit;
+  ZuInfo_Clear(info);
+}
+
+void dropBlock(ZuInfo *info) {
+  ZuMem_Release(info->block);
+  info->block = nullptr;
+  info->freeSize = 0;
+}
+
+// ---- making room
+
+// Wipes n bytes at the read offset, as far as the block goes, and moves the offset on.
+void wipe(ZuInfo *info, uint32_t n) {
+  ZuMem_memset(info->block, info->readOffset, kFree, n);
+  info->readOffset += n;
+}
+
+// Wipes the oldest record and returns its size. Wiped, not just skipped: readers know free space by its 0xFF.
+uint32_t wipeOldest(ZuInfo *info) {
+  const uint32_t keyLength = *at(info, info->readOffset);
+  wipe(info, 1 + keyLength);
+  uint8_t lengthBytes[2] = {0, 0};
+  ZuMem_memget(info->block, info->readOffset, lengthBytes, sizeof lengthBytes);
+  const uint32_t valueLength = loadBig<uint16_t>(lengthBytes);
+  wipe(info, 2 + valueLength);
+  return keyLength + valueLength + kHeadSize;
+}
+
+void readFromStart(ZuInfo *info) {
+  info->readOffset = 0;
+  info->freeSize = static_cast<int32_t>(blockSize(info) - info->writeOffset);
+}
+
+int32_t evictOne(ZuInfo *info, int32_t need) {
+  if (info->readOffset < info->writeOffset) {  // the tail of the block is too small: go on writing at the start
+    info->writeOffset = 0;
+    info->freeSize = 0;
+  }
+  if (isFree(info, info->readOffset)) {
+    readFromStart(info);
+    return 2;
+  }
+  const uint32_t size = wipeOldest(info);
+  if (info->readOffset < blockSize(info)) {
+    info->freeSize += static_cast<int32_t>(size);
+  } else {
+    readFromStart(info);
+  }
+  return info->freeSize < need ? 2 : 1;
+}
+
+int64_t growthFor(const ZuInfo *info, int64_t need) {
+  const int64_t size = blockSize(info);
+  const int64_t limit = info->limit;
+  const int64_t missing = need - info->freeSize;
+  if (limit > 0 && (limit < 2 * size || limit + info->freeSize - size <= need)) return limit - size;
+  const int64_t growth = size < kLargestGrowth ? size : kLargestGrowth;
+  return growth < missing ? (missing + kSizeUnit - 1) / kSizeUnit * kSizeUnit : growth;
+}
+
+int32_t growBlock(ZuInfo *info, int32_t need) {
+  const uint32_t oldSize = blockSize(info);
+  const int64_t growth = growthFor(info, need);
+  if (oldSize + growth > INT32_MAX) return 0;  // no block is that large: refused with the records intact
+  const auto newSize = static_cast<int32_t>(oldSize + growth);
+  if (kTrace) ZuLogger_Dump(info);
+  ZuMem *larger = ZuMem_realloc(info->block, newSize);
+  if (!larger) {
+    dropBlock(info);
+    return 0;
+  }
+  info->block = larger;
+  ZuMem_memset(larger, oldSize, kFree, static_cast<uint32_t>(growth));
+  info->freeSize += static_cast<int32_t>(growth);
+  if (kTrace) {
+    std::printf("add size %d, new size %d freesize %d\n", static_cast<int>(growth), static_cast<int>(newSize),
+                static_cast<int>(info->freeSize));
+    ZuLogger_Dump(info);  // flushes both
+  }
+  return info->freeSize < need ? 2 : 1;
+}
+
+// The one loop that evicts and grows; every writer passes it. Afterwards `need` bytes at the write offset are free.
+bool makeRoom(ZuInfo *info, int32_t need) {
+  for (int32_t step = 2; info->freeSize < need && step == 2;) step = ZuInfo_FreeSize_(info, need);
+  return info->block && info->freeSize >= need && info->writeOffset <= blockSize(info) &&
+         static_cast<uint32_t>(need) <= blockSize(info) - info->writeOffset;
+}
+
+// ---- writing
+
+struct Bytes {
+  const void *data;
+  int32_t length;
+};
+
+bool isWhole(const Bytes &bytes) { return bytes.length >= 0 && (bytes.data || bytes.length == 0); }
+
+bool isKey(const Bytes &bytes) { return isWhole(bytes) && bytes.length <= kLongestKey; }
+
+uint8_t *putBytes(uint8_t *out, const Bytes &bytes) {
+  if (bytes.length > 0) std::memcpy(out, bytes.data, static_cast<size_t>(bytes.length));
+  return out + bytes.length;
+}
+
+void advance(ZuInfo *info, int32_t size) {
+  info->writeOffset += static_cast<uint32_t>(size);
+  info->freeSize -= size;
+}
+
+// Makes room for a whole record and writes all but its value. Returns where the value goes, or NULL.
+uint8_t *beginRecord(ZuInfo *info, const Bytes &key, int32_t valueLength) {
+  if (!isKey(key) || valueLength < 0 || valueLength > kLongestValue) return nullptr;
+  const int32_t headSize = key.length + static_cast<int32_t>(kHeadSize);
+  if (!makeRoom(info, headSize + valueLength)) return nullptr;
+  uint8_t *out = storeBig(at(info, info->writeOffset), static_cast<uint8_t>(key.length));
+  out = storeBig(putBytes(out, key), static_cast<uint16_t>(valueLength));
+  advance(info, headSize);
+  return out;
+}
+
+bool putRecord(ZuInfo *info, const Bytes &key, const Bytes &value1, const Bytes &value2) {
+  if (!isWhole(value1) || !isWhole(value2) || value2.length > kLongestValue - value1.length) return false;
+  uint8_t *out = beginRecord(info, key, value1.length + value2.length);
+  if (!out) return false;
+  putBytes(putBytes(out, value1), value2);
+  advance(info, value1.length + value2.length);
+  return true;
+}
+
+// ---- reading
+
+struct Record {
+  const uint8_t *key;
+  const uint8_t *value;
+  uint32_t keyLength;
+  uint32_t valueLength;
+  uint32_t end;  // offset behind the record
+};
+
+// Reads the record at an offset; false when it does not lie in the block whole.
+bool readRecord(const ZuInfo *info, uint32_t offset, Record *out) {
+  if (isFree(info, offset)) return false;
+  const uint32_t size = blockSize(info);
+  out->keyLength = *at(info, offset);
+  const uint32_t keyEnd = offset + 1 + out->keyLength;
+  if (keyEnd + 2 > size) return false;
+  out->valueLength = loadBig<uint16_t>(at(info, keyEnd));
+  out->end = keyEnd + 2 + out->valueLength;
+  if (out->end > size) return false;
+  out->key = at(info, offset + 1);
+  out->value = at(info, keyEnd + 2);
+  return true;
+}
+
+// keyLength - 1 on purpose: a one-byte key selects every record, and readers depend on it. The record's own key length
+// is not asked, so the comparison may run into what follows the key, but not out of the block.
+bool keyMatches(const ZuInfo *info, const Record &record, const Bytes &key) {
+  if (!key.data || key.length == 0) return true;
+  const size_t compared = static_cast<size_t>(key.length - 1);
+  const auto room = static_cast<size_t>(at(info, blockSize(info)) - record.key);
+  return compared <= room && std::memcmp(record.key, key.data, compared) == 0;
+}
+
+// Finds where the walk goes on behind position `pos`; false at its end. -1 starts at the oldest record.
+bool nextOffset(const ZuInfo *info, int32_t pos, uint32_t *offsetOut) {
+  const uint32_t oldest = oldestOffset(info);
+  if (pos == -1) {
+    *offsetOut = oldest;
+    return true;
+  }
+  auto offset = static_cast<uint32_t>(pos);
+  if (offset >= info->writeOffset && (oldest < info->writeOffset || offset < oldest)) return false;
+  if (isFree(info, offset)) {
+    if (offset < oldest) return false;  // been at the start already: once round is enough, whatever lies there
+    offset = 0;
+  }
+  *offsetOut = offset;
+  return offset != oldest;  // round again
+}
+
+// ---- structured records
+
+struct Structured {
+  int32_t time;
+  uint8_t type;
+  uint16_t id;
+  uint32_t code;
+  Bytes data[3];
+};
+
+// Takes "<digits>S" off a key text; false when something else stands there.
+bool takeCount(const char *&text, int32_t *out) {
+  const char *begin = text;
+  int32_t count = 0;
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    count = count * 10 + (*text - '0');
+    if (count > kLongestValue) return false;
+  }
+  *out = count;
+  return text != begin && *text++ == 'S';
+}
+
+// Reads a value by its key's format "*TBhI%dS%dS%dS"; false when the record is not a structured one.
+bool readStructured(const char *format, const uint8_t *value, int32_t valueLength, Structured *out) {
+  constexpr char kStart[] = "*TBhI";
+  if (std::strncmp(format, kStart, sizeof kStart - 1) != 0) return false;
+  format += sizeof kStart - 1;
+  int32_t size = kStructuredSize;
+  for (Bytes &data : out->data) {
+    if (!takeCount(format, &data.length)) return false;
+    data.data = value + size;  // compared with the value's length below, before anyone reads there
+    size += data.length;
+  }
+  if (*format || size != valueLength) return false;
+  return ZuBuffer_UNPack("TBhI", value, &out->time, &out->type, &out->id, &out->code) == 4;
+}
+
+// Whether data begins with the bytes that the pairs of hex digits stand for; a missing byte counts as 0.
+bool beginsWith(const Bytes &data, const char *hex) {
+  const size_t count = hex ? std::strlen(hex) / 2 : 0;
+  for (size_t i = 0; i < count; ++i) {
+    const char pair[3] = {hex[2 * i], hex[2 * i + 1], '\0'};
+    const auto wanted = static_cast<uint8_t>(std::strtol(pair, nullptr, 16));
+    const bool inside = i < static_cast<size_t>(data.length);
+    if ((inside ? static_cast<const uint8_t *>(data.data)[i] : 0) != wanted) return false;
+  }
+  return true;
+}
+
+struct Filter {
+  int32_t id;
+  const char *hex1;
+  const char *hex2;
+  int32_t code;
+  int32_t type;
+};
+
+bool passes(const Structured &record, const Filter &filter) {
+  if (filter.id != -1 && static_cast<uint16_t>(filter.id) != record.id) return false;
+  if (!beginsWith(record.data[0], filter.hex1) || !beginsWith(record.data[1], filter.hex2)) return false;
+  const auto code = static_cast<uint32_t>(filter.code);
+  const bool codePasses = code == 0 || code == record.code || (filter.code == -1 && record.code != 0);
+  return codePasses && (filter.type == 0 || static_cast<uint8_t>(filter.type) == record.type);
+}
+
+bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kIdCount; }
+
+}  // namespace
+
+ZuInfo *ZuInfo_New(uint32_t limit) {
+  auto *info = static_cast<ZuInfo *>(ZuMem_LocalMalloc(sizeof(ZuInfo)));
+  if (!info) return nullptr;
+  std::memset(info, 0, sizeof *info);  // all id switches off too
+  if (!ZuInfo_ReSize(info, limit)) {
+    ZuMem_LocalFree(info);
+    return nullptr;
+  }
+  return info;
+}
+
+void ZuInfo_Release(ZuInfo *info) {
+  if (!info) return;
+  ZuMem_Release(info->block);
+  ZuMem_LocalFree(info);
+}
+
+void ZuInfo_Ignore(ZuInfo *info, int32_t on) {
+  if (info) info->ignore = on;
+}
+
+void ZuInfo_Clear(ZuInfo *info) {
+  if (!info || !info->block) return;
+  info->freeSize = info->block->capacity;
+  ZuMem_memset(info->block, 0, kFree, blockSize(info));
+  info->writeOffset = 0;
+  info->readOffset = 0;
+}
+
+int32_t ZuInfo_ReSize(ZuInfo *info, uint32_t limit) {
+  if (!info) return 0;
+  const uint32_t rounded = roundLimit(limit);
+  if (info->block) {
+    if (rounded == info->limit) return 1;
+    if (rounded == 0 || blockSize(info) < rounded) {
+      startEmpty(info, rounded);
+      return 1;
+    }
+    dropBlock(info);
+  }
+  info->block = ZuMem_New(kFirstBlockSize, 0);
+  if (!info->block) return 0;
+  startEmpty(info, rounded);
+  return 1;
+}
+
+int32_t ZuInfo_FreeSize_(ZuInfo *info, int32_t need) {
+  if (!info || !info->block) return 0;
+  if (kTrace) {
+    std::printf("size %d", static_cast<int>(need));
+    std::fflush(stdout);
+  }
+  if (need <= info->freeSize) return 1;
+  if (info->limit > 0 && static_cast<uint32_t>(need) > info->limit) return 0;
+  if (info->limit > 0 && blockSize(info) >= info->limit) return evictOne(info, need);
+  return growBlock(info, need);
+}
+
+int32_t ZuInfo_Append(ZuInfo *info, const void *key, int32_t keyLen, const void *value, int32_t valueLen) {
+  if (!info || !info->block) return -1;
+  if (info->ignore) return 0;
+  if (info->writeOffset > blockSize(info) || info->freeSize > info->block->capacity) return -1;
+  if (keyLen < 0 || valueLen < 0) return -1;
+  const Bytes cutKey = {key, keyLen & 0xFF};
+  const Bytes cutValue = {value, valueLen & 0xFFFF};
+  if (!putRecord(info, cutKey, cutValue, {nullptr, 0})) return -1;
+  return cutKey.length + cutValue.length + static_cast<int32_t>(kHeadSize);
+}
+
+int32_t ZuInfo_Write(ZuInfo *info, const char *key, const char *text) {
+  if (!key || !text) return -1;
+  return ZuInfo_Append(info, key, static_cast<int32_t>(std::strlen(key) & 0xFF), text,
+                       static_cast<int32_t>(std::strlen(text) & 0xFFFF));
+}
+
+int32_t ZuInfo_Append2Message(ZuInfo *info, const void *key, int32_t keyLen, const void *value1, int32_t len1,
+                              const void *value2, int32_t len2) {
+  if (!info) return 0;
+  if (info->ignore) return 1;
+  if (!info->block) return 0;
+  return putRecord(info, {key, keyLen}, {value1, len1}, {value2, len2});
+}
+
+int32_t ZuInfo_PackPre(ZuInfo *info, const void *key, int32_t keyLen, int32_t valueLen) {
+  if (!info || !key || info->ignore || !info->block) return 0;
+  const size_t textLength = keyLen == 0 ? strnlen(static_cast<const char *>(key), kLongestKey + 1) : 0;
+  return beginRecord(info, {key, keyLen ? keyLen : static_cast<int32_t>(textLength)}, valueLen) != nullptr;
+}
+
+void ZuInfo_AddInfo(ZuInfo *info, int32_t type, int32_t id, const void *data1, int32_t len1, const void *data2,
+                    int32_t len2, const void *data3, int32_t len3, uint32_t code) {
+  if (!info || info->ignore || !info->block) return;
+  const Bytes strings[3] = {{data1, len1}, {data2, len2}, {data3, ZuInfo_GetFlag(info, id) ? len3 : 0}};
+  for (const Bytes &bytes : strings) {
+    if (!isWhole(bytes)) return;
+  }
+  char format[100];
+  PLM_snprintf(format, sizeof format, "TBhI%dS%dS%dS", static_cast<int>(strings[0].length),
+               static_cast<int>(strings[1].length), static_cast<int>(strings[2].length));
+  const int32_t size = ZuBuffer_GetPackSize(format, nullptr);
+  if (!ZuInfo_PackPre(info, format, 0, size)) return;
+  uint8_t *out = at(info, info->writeOffset);
+  out += ZuBuffer_Pack(out, "TBhI", static_cast<uint32_t>(ZuTime_Now()), type, id, code);
+  for (const Bytes &bytes : strings) out = putBytes(out, bytes);
+  advance(info, size);
+}
+
+int32_t ZuInfo_Get(ZuInfo *info, const void *key, int32_t keyLen, int32_t *cursor, const uint8_t **keyOut,
+                   uint8_t *keyLenOut, const uint8_t **valueOut, uint16_t *valueLenOut) {
+  if (!info || !info->block || !cursor || keyLen < 0) return 0;
+  const Bytes wanted = {
+      key, key && keyLen == 0 ? static_cast<int32_t>(std::strlen(static_cast<const char *>(key))) : keyLen};
+  if (oldestOffset(info) == info->writeOffset && info->freeSize != 0) return 0;
+
+  uint32_t offset;
+  Record record;
+  do {
+    if (!nextOffset(info, *cursor, &offset) || !readRecord(info, offset, &record)) return 0;
+    *cursor = static_cast<int32_t>(record.end);
+  } while (!keyMatches(info, record, wanted));
+  if (keyOut) *keyOut = record.key;
+  if (keyLenOut) *keyLenOut = static_cast<uint8_t>(record.keyLength);
+  if (valueOut) *valueOut = record.value;
+  if (valueLenOut) *valueLenOut = static_cast<uint16_t>(record.valueLength);
+  return 1;
+}
+
+int32_t ZuInfo_GetPack(ZuInfo *info, int32_t *cursor, char *formatOut, const uint8_t **valueOut) {
+  const uint8_t *key;
+  uint8_t keyLength;
+  if (!ZuInfo_Get(info, nullptr, 0, cursor, &key, &keyLength, valueOut, nullptr)) return 0;
+  if (!formatOut) return 1;
+  *formatOut = '*';
+  std::memcpy(formatOut + 1, key, keyLength);
+  formatOut[1 + keyLength] = '\0';
+  return 1;
+}
+
+int32_t ZuInfo_GetFlag(ZuInfo *info, int32_t id) {
+  if (!info) return 0;
+  if (!isSwitchable(id)) return 1;
+  return info->idSwitches[id / 8] >> id % 8 & 1;
+}
+
+void ZuInfo_SetFlag(ZuInfo *info, int32_t id, int32_t mode) {
+  if (!info || !isSwitchable(id)) return;
+  const auto bit = static_cast<uint8_t>(1U << id % 8);
+  switch (mode) {
+    case 1: info->idSwitches[id / 8] |= bit; break;
+    case 2: std::memset(info->idSwitches, 0xFF, sizeof info->idSwitches); break;
+    case 3: std::memset(info->idSwitches, 0, sizeof info->idSwitches); break;
+    default: info->idSwitches[id / 8] &= static_cast<uint8_t>(~bit); break;
+  }
+}
+
+void ZuInfo_ShowInfo(ZuInfo *info, int32_t id, const char *hex1, const char *hex2, int32_t code, int32_t type,
+                     int32_t skip, int32_t limit) {
+  if (!info) return;
+  const Filter filter = {id, hex1, hex2, code, type};
+  int32_t counter = 0;
+  int32_t cursor = -1;
+  char format[1 + kLongestKey + 1];
+  const uint8_t *value;
+  while (ZuInfo_GetPack(info, &cursor, format, &value)) {
+    Structured record;
+    const auto valueLength = static_cast<int32_t>(at(info, static_cast<uint32_t>(cursor)) - value);
+    if (!readStructured(format, value, valueLength, &record) || !passes(record, filter)) continue;
+    ++counter;
+    if (counter <= skip || (limit != 0 && counter > limit)) continue;
+    ZuPrint_Show(ZuString_SFormat("index=%d,", static_cast<int>(counter)), 0);
+    ZuBuffer_UNPack(format, value);
+  }
+  ZuPrint_Show(ZuString_SFormat("Total count %d", static_cast<int>(counter)), 0);
+}

@@ -1,0 +1,172 @@
+// ZuList.cpp: a singly linked list of element values. `count` is the only bookkeeping: every walk is bounded by it.
+#include "kep/ZuList.h"
+
+#include <cassert>
+
+#include "kep/ZuMem.h"
+
+namespace {
+
+// The nodes of a static list come from the pool, which aligns to 4 bytes only.
+struct __attribute__((packed, aligned(4))) ZuListNode {
+  ZuListNode *next;
+  void *data;
+};
+static_assert(sizeof(ZuListNode) == 2 * sizeof(void *), "two words");
+
+}  // namespace
+
+struct ZuList {
+  int32_t count;
+  int32_t maxLength;    // for ZuList_Push; 0: unbounded
+  ZuListFree freeFunc;  // NULL: a static list
+  ZuListNode *head;
+};
+static_assert(sizeof(void *) != 4 || sizeof(ZuList) == 16, "the board's record");
+
+namespace {
+
+ZuListNode *makeNode(const ZuList *list, void *value) {
+  void *memory = list->freeFunc ? ZuMem_LocalMalloc(sizeof(ZuListNode)) : ZuMem_LocalMalloc_Static(sizeof(ZuListNode));
+  auto *node = static_cast<ZuListNode *>(memory);
+  if (node) *node = {nullptr, value};
+  return node;
+}
+
+// The node at a position that the caller knows to lie in the list.
+ZuListNode *nodeAt(const ZuList *list, int32_t index) {
+  assert(index >= 0 && index < list->count);
+  ZuListNode *node = list->head;
+  for (; index > 0; --index) node = node->next;
+  return node;
+}
+
+// Links a node behind another one; NULL: as the head.
+void linkBehind(ZuList *list, ZuListNode *previous, ZuListNode *node) {
+  if (previous) {
+    node->next = previous->next;
+    previous->next = node;
+  } else {
+    node->next = list->head;
+    list->head = node;
+  }
+  ++list->count;
+}
+
+// Unlinks and frees the node behind another one, or the head, and returns its element.
+void *unlinkBehind(ZuList *list, ZuListNode *previous) {
+  ZuListNode *victim = previous ? previous->next : list->head;
+  (previous ? previous->next : list->head) = victim->next;
+  --list->count;
+  void *value = victim->data;
+  ZuMem_LocalFree(victim);
+  return value;
+}
+
+// The first node for which `cmp` gives 0, and its position.
+ZuListNode *findNode(ZuList *list, ZuListCompare cmp, const void *key, int32_t *position) {
+  if (!list || !cmp) return nullptr;
+  ZuListNode *node = list->head;
+  for (int32_t i = 0; i < list->count; ++i, node = node->next) {
+    *position = i;
+    if (cmp(node->data, key) == 0) return node;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+ZuList *ZuList_New(int32_t maxLength, ZuListFree freeFunc) {
+  auto *list = static_cast<ZuList *>(ZuMem_LocalMalloc(sizeof(ZuList)));
+  if (list) *list = {0, maxLength, freeFunc, nullptr};
+  return list;
+}
+
+void ZuList_RemoveAll(ZuList *list) {
+  if (!list || !list->freeFunc) return;
+  ZuListNode *node = list->head;
+  // Count and release function are read afresh for every node: the release function may reach the list.
+  for (int32_t visited = 0; visited < list->count; ++visited) {
+    ZuListNode *next = node->next;
+    if (list->freeFunc && node->data) list->freeFunc(node->data);
+    ZuMem_LocalFree(node);
+    node = next;
+  }
+  list->head = nullptr;
+  list->count = 0;
+}
+
+void ZuList_Release(ZuList *list) {
+  if (!list || !list->freeFunc) return;
+  ZuList_RemoveAll(list);
+  ZuMem_LocalFree(list);
+}
+
+int32_t ZuList_Length(const ZuList *list) { return list ? list->count : 0; }
+
+int32_t ZuList_FindPos(ZuList *list, ZuListCompare cmp, const void *key) {
+  int32_t position = -1;
+  return findNode(list, cmp, key, &position) ? position : -1;
+}
+
+void *ZuList_Find(ZuList *list, ZuListCompare cmp, const void *key) {
+  int32_t position = -1;
+  const ZuListNode *node = findNode(list, cmp, key, &position);
+  return node ? node->data : nullptr;
+}
+
+void *ZuList_Get(ZuList *list, int32_t index) {
+  if (!list || list->count <= 0 || index >= list->count) return nullptr;
+  return nodeAt(list, index < 0 ? 0 : index)->data;
+}
+
+void *ZuList_Set(ZuList *list, int32_t index, void *value) {
+  if (!list || index < 0 || index == INT32_MAX) return nullptr;
+  if (index < list->count) {
+    ZuListNode *node = nodeAt(list, index);
+    void *previous = node->data;
+    node->data = value;
+    return previous;
+  }
+  ZuListNode *last = list->count > 0 ? nodeAt(list, list->count - 1) : nullptr;
+  while (list->count <= index) {
+    ZuListNode *node = makeNode(list, nullptr);
+    if (!node) return nullptr;
+    linkBehind(list, last, node);
+    last = node;
+  }
+  last->data = value;
+  return nullptr;
+}
+
+void *ZuList_Remove(ZuList *list, int32_t index) {
+  if (!list || !list->freeFunc || index >= list->count) return nullptr;
+  if (index == 0) return unlinkBehind(list, nullptr);
+  if (index < 0) index = 1;  // a negative index removes the second element, where there is one
+  return index < list->count ? unlinkBehind(list, nodeAt(list, index - 1)) : nullptr;
+}
+
+void *ZuList_Popup(ZuList *list) { return ZuList_Remove(list, 0); }
+
+void *ZuList_PopTail(ZuList *list) { return ZuList_Length(list) > 0 ? ZuList_Remove(list, list->count - 1) : nullptr; }
+
+int32_t ZuList_Insert(ZuList *list, int32_t index, void *value) {
+  if (!list) return 0;
+  ZuListNode *node = makeNode(list, value);
+  if (!node) return 0;
+  const int32_t last = list->count - 1;
+  const bool atFront = list->count == 0 || index < 0;
+  linkBehind(list, atFront ? nullptr : nodeAt(list, index < last ? index : last), node);
+  return 1;
+}
+
+int32_t ZuList_Append(ZuList *list, void *value) { return list ? ZuList_Insert(list, list->count, value) : 0; }
+
+int32_t ZuList_Push(ZuList *list, void *value) {
+  if (!list) return 0;
+  if (list->maxLength != 0 && list->count >= list->maxLength) {
+    void *evicted = ZuList_PopTail(list);
+    if (evicted && list->freeFunc) list->freeFunc(evicted);
+  }
+  return ZuList_Insert(list, -1, value);
+}

@@ -1,0 +1,170 @@
+// ZuLogger.cpp: text lines as records of a store: for each line its time, then its text, under the same key.
+#include "ZuLogger.hpp"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "ZuMem.hpp"
+#include "kep/ZuPrint.h"
+#include "kep/ZuTime.h"
+#include "kep/platform.h"
+
+ZuLogger *g_kep_logger;
+
+namespace {
+
+constexpr uint32_t kQuiet = 0x10;
+constexpr uint32_t kKeep = 0x40;
+constexpr uint32_t kEcho = 0x80;
+constexpr uint32_t kDefaultStoreSize = 0x100000;
+constexpr int32_t kHeaderCount = sizeof(ZuLogger::headers) / sizeof(ZuLogger::headers[0]);
+constexpr uint16_t kRecordsAPause = 100;
+constexpr uint32_t kPauseMs = 1000;
+constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no buffer"
+constexpr int32_t kTimeSize = 64;
+
+template <size_t N>
+void copyCut(char (&field)[N], const char *text) {
+  const size_t length = strnlen(text, N - 1);
+  std::memcpy(field, text, length);
+  field[length] = '\0';
+}
+
+const char *keyOf(int32_t level) { return level == 2 ? "w" : level == 3 ? "e" : "l"; }
+
+bool accepts(const ZuLogger *logger, int32_t level) {
+  return level < 0 || level > 3 || (logger->flags >> level & 1) != 0;
+}
+
+void echo(const ZuLogger *logger, int32_t level, const char *text) {
+  if (!(logger->flags & kEcho)) return;
+  if (logger->flags & kQuiet) {
+    if (level == 0 || level == 3) ZuPrint_Show(text, 0);
+    if (level == 3) ZuPrint_Show("\n", 1);
+  } else if (*text) {
+    ZuPrint_Show(text, 0);
+    if (level != 0) ZuPrint_Show("\n", 1);  // lines of level 0 carry their own
+  }
+}
+
+int32_t keep(ZuLogger *logger, int32_t level, const char *timePattern, const char *text) {
+  if (!logger->store) logger->store = ZuInfo_New(logger->storeSize);
+  char time[kTimeSize];
+  ZuTime_Format(time, timePattern, 0);
+  const int32_t timeResult = ZuInfo_Write(logger->store, keyOf(level), time);
+  return timeResult + ZuInfo_Write(logger->store, keyOf(level), text);
+}
+
+// A value of length 0 is an empty line, where both sinks would take the length as "measure the text".
+void showRecord(ZuBuf *buffer, const uint8_t *value, uint16_t length) {
+  if (buffer) {
+    if (length > 0) ZuBuf_Append(buffer, value, length);
+    ZuBuf_Append(buffer, "\n", 1);
+  } else {
+    if (length > 0) ZuPrint_Show(reinterpret_cast<const char *>(value), length);
+    ZuPrint_Show("\n", 1);
+  }
+}
+
+unsigned lowBits(const void *address) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(address)); }
+
+}  // namespace
+
+ZuLogger *ZuLogger_New(uint32_t flags) {
+  auto *logger = static_cast<ZuLogger *>(ZuMem_LocalMalloc(sizeof(ZuLogger)));
+  if (!logger) return nullptr;
+  std::memset(logger, 0, sizeof *logger);
+  logger->flags = flags;
+  logger->storeSize = kDefaultStoreSize;
+  logger->headerDepth = -1;
+  return logger;
+}
+
+void ZuLogger_Release(ZuLogger *logger) {
+  if (!logger) return;
+  ZuInfo_Release(logger->store);
+  if (logger->descriptor != 0) close(logger->descriptor);
+  ZuMem_LocalFree(logger);
+}
+
+void ZuLogger_Ignore(ZuLogger *logger, int32_t on) {
+  if (logger) logger->ignore = on;
+}
+
+void ZuLogger_SetInfoSize(ZuLogger *logger, uint32_t size) {
+  if (logger && !logger->store) logger->storeSize = size;
+}
+
+void ZuLogger_SetFlag(ZuLogger *logger, uint32_t flags) {
+  if (logger) logger->flags = flags;
+}
+
+void ZuLogger_SetFileName(ZuLogger *logger, const char *name) {
+  if (logger && name) copyCut(logger->fileName, name);
+}
+
+void ZuLogger_SetUDP(ZuLogger *logger, const char *host, int32_t port) {
+  if (!logger) return;
+  if (host) copyCut(logger->udpHost, host);
+  logger->udpPort = port;
+}
+
+void ZuLogger_Header(ZuLogger *logger, const char *text) {
+  if (!logger || !text) return;
+  if (logger->headerDepth < kHeaderCount - 1) ++logger->headerDepth;
+  copyCut(logger->headers[logger->headerDepth], text);
+}
+
+void ZuLogger_Tail(ZuLogger *logger) {
+  if (logger && logger->headerDepth >= 0) --logger->headerDepth;
+}
+
+int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text) {
+  if (!logger) return -1;
+  if (logger->ignore) return 0;
+  if (!accepts(logger, level) || !text) return -1;
+  echo(logger, level, text);
+  if (!(logger->flags & kKeep)) return -1;
+  return keep(logger, level, "YYYY/MM/DD HH:MI:SS", text);
+}
+
+void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t, const char *text) {
+  if (!logger || logger->ignore || !text) return;
+  if (*text && level == 0) {
+    ZuPrint_Show(text, 0);
+    ZuPrint_Show("\n", 1);
+  }
+  keep(logger, level, "MM/DD HH:MI:SS", text);
+}
+
+void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer) {
+  if (!logger) return;
+  if (reinterpret_cast<uintptr_t>(buffer) < kLowestAddress) buffer = nullptr;
+  int32_t cursor = -1;
+  const uint8_t *value;
+  uint16_t length;
+  for (uint16_t shown = 0; ZuInfo_Get(logger->store, nullptr, 0, &cursor, nullptr, nullptr, &value, &length); ++shown) {
+    showRecord(buffer, value, length);
+    if (shown % kRecordsAPause == 0) VRK_Delay(kPauseMs);
+  }
+}
+
+void ZuLogger_ShowInfo(ZuLogger *logger) { ZuLogger_ShowToBuf(logger, nullptr); }
+
+void ZuLogger_ClearInfo(ZuLogger *logger) {
+  if (logger) ZuInfo_Clear(logger->store);
+}
+
+void ZuLogger_Dump(ZuInfo *store) {
+  if (!store) return;
+  std::printf("logger info addr: 0x%x\n", lowBits(store));
+  std::printf("memory addr: 0x%x\n", lowBits(store->block));
+  std::printf("memory size: %d\n", static_cast<int>(store->block ? store->block->capacity : 0));
+  std::printf("free addr:   %d\n", static_cast<int>(store->writeOffset));
+  std::printf("use  addr:   %d\n", static_cast<int>(store->readOffset));
+  std::printf("maxsize: %d\n", static_cast<int>(store->limit));
+  std::printf("freesize: %d\n", static_cast<int>(store->freeSize));
+  std::fflush(stdout);
+}

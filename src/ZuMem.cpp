@@ -1,0 +1,154 @@
+// ZuMem.cpp: tracked blocks, the static pool, and bounded memory objects.
+//
+//   tracked block   requested size (4, native order) | the bytes handed out
+//   bounded object  capacity (4) | static flag (4) | capacity data bytes
+#include "ZuMem.hpp"
+
+#include <cstring>
+
+#include "kep/ZuPrint.h"
+#include "kep/ZuString.h"
+#include "kep/platform.h"
+
+namespace {
+
+constexpr uint32_t kHeaderSize = 4;
+constexpr uint32_t kObjectHeaderSize = sizeof(ZuMem);
+constexpr uint32_t kPoolChunkSize = 0x100000;
+constexpr uint32_t kPoolLargestBlock = 0x80000;
+constexpr int32_t kIdCount = 256;
+
+// The accounts, by the low 8 bits of the id. They wrap.
+uint32_t ZuMem_Size[kIdCount];
+uint32_t ZuMem_MallocCnt[kIdCount];
+uint32_t ZuMem_FreeCnt[kIdCount];
+
+uint8_t *static_mem;  // next free byte of the current pool chunk
+uint32_t l_static_leftsize;
+uint32_t l_static_times;         // chunks taken
+uint32_t l_static_malloc_times;  // blocks handed out
+
+uint8_t *carveFromPool(uint32_t size) {
+  uint8_t *block = static_mem;
+  static_mem += size;
+  l_static_leftsize -= size;
+  ++l_static_malloc_times;
+  return block;
+}
+
+bool holds(const ZuMem *obj, uint32_t offset) { return obj && offset < static_cast<uint32_t>(obj->capacity); }
+
+// How many of n bytes at an offset inside the object lie inside it.
+uint32_t clampCount(const ZuMem *obj, uint32_t offset, uint32_t n) {
+  const uint32_t room = static_cast<uint32_t>(obj->capacity) - offset;
+  return n < room ? n : room;
+}
+
+}  // namespace
+
+uint32_t trackedSize(const void *block) {
+  uint32_t size;
+  std::memcpy(&size, static_cast<const uint8_t *>(block) - kHeaderSize, sizeof size);
+  return size;
+}
+
+void *ZuMem_Malloc(int32_t id, uint32_t size) {
+  if (size > UINT32_MAX - kHeaderSize) return nullptr;
+  auto *block = static_cast<uint8_t *>(VRK_Malloc(size + kHeaderSize));
+  if (!block) return nullptr;
+  std::memcpy(block, &size, sizeof size);  // copied: the platform's blocks need not be aligned
+  ZuMem_Size[id & 0xFF] += size + kHeaderSize;
+  ++ZuMem_MallocCnt[id & 0xFF];
+  return block + kHeaderSize;
+}
+
+void ZuMem_Free(int32_t id, void *ptr) {
+  if (!ptr) return;
+  const uint32_t size = trackedSize(ptr);
+  VRK_Free(static_cast<uint8_t *>(ptr) - kHeaderSize);
+  ZuMem_Size[id & 0xFF] -= size + kHeaderSize;
+  ++ZuMem_FreeCnt[id & 0xFF];
+}
+
+void *ZuMem_Malloc_Static(int32_t id, uint32_t size) {
+  if (size == 0 || size > UINT32_MAX - 3) return nullptr;
+  const uint32_t rounded = (size + 3) & ~3U;
+  if (rounded > kPoolLargestBlock) return ZuMem_Malloc(id, rounded);
+  if (static_mem && l_static_leftsize >= rounded) return carveFromPool(rounded);
+
+  static_mem = static_cast<uint8_t *>(ZuMem_Malloc(id, kPoolChunkSize));  // the old chunk's rest is given up
+  if (!static_mem) return ZuMem_Malloc(id, rounded);
+  ++l_static_times;
+  l_static_leftsize = kPoolChunkSize;
+  return carveFromPool(rounded);
+}
+
+void *ZuMem_LocalMalloc(uint32_t size) { return ZuMem_Malloc(0, size); }
+
+void *ZuMem_LocalMalloc_Static(uint32_t size) { return ZuMem_Malloc_Static(0, size); }
+
+void ZuMem_LocalFree(void *ptr) { ZuMem_Free(0, ptr); }
+
+void ZuMem_Show(void) {
+  ZuPrint_Puts("   id        size    malloc    free", 0);
+  ZuPrint_Puts("-------------------------------------", 0);
+  for (int32_t id = 0; id < kIdCount; ++id) {
+    if (ZuMem_Size[id] == 0) continue;
+    ZuPrint_Puts(ZuString_SFormat("  %3d  0x%08x      %4d    %4d", static_cast<int>(id), ZuMem_Size[id],
+                                  static_cast<int>(ZuMem_MallocCnt[id]), static_cast<int>(ZuMem_FreeCnt[id])),
+                 0);
+  }
+  ZuPrint_Puts("", 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : left         = 0x%08x", l_static_leftsize), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : times        = %d", static_cast<int>(l_static_times)), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : malloc times = %d", static_cast<int>(l_static_malloc_times)), 0);
+}
+
+ZuMem *ZuMem_New(int32_t capacity, int32_t static_flag) {
+  if (capacity < 0) return nullptr;
+  const uint32_t size = static_cast<uint32_t>(capacity) + kObjectHeaderSize;
+  auto *obj = static_cast<ZuMem *>(static_flag ? ZuMem_LocalMalloc_Static(size) : ZuMem_LocalMalloc(size));
+  if (!obj) return nullptr;
+  obj->capacity = capacity;
+  obj->staticFlag = static_flag;
+  return obj;
+}
+
+void ZuMem_Release(ZuMem *obj) {
+  if (obj && obj->staticFlag == 0) ZuMem_LocalFree(obj);
+}
+
+ZuMem *ZuMem_realloc(ZuMem *obj, int32_t new_capacity) {
+  if (!obj || obj->staticFlag) return obj;
+  ZuMem *larger = ZuMem_New(new_capacity, 0);
+  if (!larger) return nullptr;
+  const int32_t kept = obj->capacity < new_capacity ? obj->capacity : new_capacity;
+  std::memcpy(memData(larger), memData(obj), static_cast<uint32_t>(kept));
+  ZuMem_Release(obj);
+  return larger;
+}
+
+void *ZuMem_Get(ZuMem *obj, uint32_t offset) { return holds(obj, offset) ? memData(obj) + offset : nullptr; }
+
+uint32_t ZuMem_memcpy(ZuMem *obj, uint32_t offset, const void *src, uint32_t n) {
+  if (!holds(obj, offset) || !src) return 0;
+  const uint32_t count = clampCount(obj, offset, n);
+  std::memcpy(memData(obj) + offset, src, count);
+  return count;
+}
+
+uint32_t ZuMem_memget(ZuMem *obj, uint32_t offset, void *dst, uint32_t n) {
+  if (!holds(obj, offset) || !dst) return 0;
+  const uint32_t count = clampCount(obj, offset, n);
+  std::memcpy(dst, memData(obj) + offset, count);
+  return count;
+}
+
+void ZuMem_memset(ZuMem *obj, uint32_t offset, int32_t value, uint32_t n) {
+  if (holds(obj, offset)) std::memset(memData(obj) + offset, value, clampCount(obj, offset, n));
+}
+
+int32_t ZuMem_memcmp(ZuMem *obj, uint32_t offset, const void *buf, uint32_t n) {
+  if (!holds(obj, offset) || !buf) return -1;
+  return std::memcmp(memData(obj) + offset, buf, n);
+}

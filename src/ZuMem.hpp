@@ -1,0 +1,16 @@
+// ZuMem.hpp: what other modules need to know of a block.
+#pragma once
+
+#include "kep/ZuMem.h"
+
+// A bounded memory object; its data bytes lie directly behind it.
+struct ZuMem {
+  int32_t capacity;    // data bytes, never negative
+  int32_t staticFlag;  // non-zero: carved from the static pool
+};
+static_assert(sizeof(ZuMem) == 8, "the data begins 8 bytes into the block");
+
+inline uint8_t *memData(ZuMem *obj) { return reinterpret_cast<uint8_t *>(obj + 1); }
+
+// The size that was asked for when a block was taken with ZuMem_Malloc.
+uint32_t trackedSize(const void *block);

@@ -1,0 +1,126 @@
+// ZuTime.cpp: clocks, a sleep, and the one formatter of dates.
+#include "kep/ZuTime.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "kep/ZuString.h"
+
+namespace {
+
+// Where a token takes its value from; the year comes in full and modulo 100.
+enum class Field { kYear, kShortYear, kMonth, kDay, kHour, kMinute, kSecond };
+
+struct Token {
+  char text[5];
+  uint8_t length;
+  Field field;
+  bool padded;
+};
+
+// In the order of their tests: the long year comes before the short one that it begins with.
+constexpr Token kTokens[] = {
+    {"YYYY", 4, Field::kYear, true},  {"YY", 2, Field::kShortYear, true}, {"yy", 2, Field::kShortYear, false},
+    {"MM", 2, Field::kMonth, true},   {"mm", 2, Field::kMonth, false},    {"DD", 2, Field::kDay, true},
+    {"dd", 2, Field::kDay, false},    {"HH", 2, Field::kHour, true},      {"hh", 2, Field::kHour, false},
+    {"MI", 2, Field::kMinute, true},  {"mi", 2, Field::kMinute, false},   {"SS", 2, Field::kSecond, true},
+    {"ss", 2, Field::kSecond, false},
+};
+
+const Token *findToken(const char *pattern) {
+  for (const Token &token : kTokens) {
+    if (pattern[0] == token.text[0] && std::strncmp(pattern, token.text, token.length) == 0) return &token;
+  }
+  return nullptr;
+}
+
+int valueOf(const tm &time, Field field) {
+  switch (field) {
+    // Added unsigned: the year of a far time may be the largest int.
+    case Field::kYear: return static_cast<int>(static_cast<unsigned>(time.tm_year) + 1900U);
+    case Field::kShortYear: return time.tm_year % 100;
+    case Field::kMonth: return time.tm_mon + 1;
+    case Field::kDay: return time.tm_mday;
+    case Field::kHour: return time.tm_hour;
+    case Field::kMinute: return time.tm_min;
+    case Field::kSecond: return time.tm_sec;
+  }
+  return 0;
+}
+
+// Writes the token's value and a terminator, and returns where the next one goes. That is a fixed step: digits beyond
+// it, as a year of five has, are overwritten by what follows.
+char *putToken(char *out, const Token &token, int value) {
+  const bool isShort = !token.padded && value < 10;
+  if (value < 0 || value > (token.length == 4 ? 9999 : 99)) {
+    if (!token.padded) {
+      ZuString_Format(out, "%d", value);
+    } else {
+      ZuString_Format(out, "%0*d", token.length, value);
+    }
+    return out + (isShort ? 1 : token.length);
+  }
+  const int digits = isShort ? 1 : token.length;
+  for (int i = digits - 1; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
+  out[digits] = '\0';
+  return out + digits;
+}
+
+// Gives all zeros, and false, for a time that the C library cannot convert.
+bool convert(time_t t, tm *out) {
+  const tm *local = localtime(&t);
+  *out = local ? *local : tm{};
+  return local != nullptr;
+}
+
+// The C library asks the file system for the zone at every conversion when none is set, so "now" is converted once a
+// second only. Conversions of other times are not kept: they see a changed zone at once.
+tm convertNow() {
+  static time_t sg_second = 0;  // 0: nothing kept
+  static tm sg_time;
+  const time_t now = ZuTime_Now();
+  if (now != sg_second || sg_second == 0) sg_second = convert(now, &sg_time) ? now : 0;
+  return sg_time;
+}
+
+}  // namespace
+
+void ZuTime_Sleep(uint32_t milliseconds) {
+  constexpr uint32_t kLongestMs = UINT32_MAX / 1000;  // what fits usleep's 32 bits of microseconds
+  for (; milliseconds > kLongestMs; milliseconds -= kLongestMs) usleep(kLongestMs * 1000);
+  usleep(milliseconds * 1000);
+}
+
+uint32_t ZuTime_GetUTime(void) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return static_cast<uint32_t>(now.tv_sec) * 1000000U + static_cast<uint32_t>(now.tv_usec);
+}
+
+time_t ZuTime_GetTime(int32_t offset) { return time(nullptr) + offset; }
+
+time_t ZuTime_Now(void) { return ZuTime_GetTime(0); }
+
+char *ZuTime_Format(char *dst, const char *pattern, time_t t) {
+  if (!dst || !pattern) return dst;
+  tm time;
+  if (t == 0) {
+    time = convertNow();
+  } else {
+    convert(t, &time);
+  }
+  char *out = dst;
+  *out = '\0';
+  while (*pattern) {
+    if (const Token *token = findToken(pattern)) {
+      out = putToken(out, *token, valueOf(time, token->field));
+      pattern += token->length;
+    } else {
+      *out++ = *pattern++;
+      *out = '\0';
+    }
+  }
+  return dst;
+}

@@ -1,0 +1,18 @@
+// collect_getdata.hpp: what a collection run and a self-test have in common.
+#pragma once
+
+#include <cstdint>
+
+#include "kep/Collect.h"
+
+// Connects to the server and sends the identity message. False, and logged, when the server cannot be reached.
+bool beginRun(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1);
+
+// Sends the message gathered. False, and logged, when that fails; the connection then stays for the next run to close.
+bool flushToServer();
+
+// Logs "<time> [<item name>] <what>\n".
+void logItem(const CollectItem *item, const char *what);
+
+// The message types, in the order of a run.
+enum MessageType : int32_t { kIdentityMessage, kCatalogueMessage, kDataMessage };

@@ -1,0 +1,29 @@
+// collect_selftest.cpp: a self-test run. As a collection run, but without a catalogue: each item's data begins with its
+// name instead, under an item index that no item has.
+#include "collect_getdata.hpp"
+#include "kep/CollectClient.h"
+
+namespace {
+
+constexpr int32_t kNameIndex = 0xFFFF;
+
+bool testItem(const CollectItem *item) {
+  logItem(item, "selftest begin...");
+  CollectClient_CollectString(kNameIndex, 0, 0, item->name, 0);
+  item->selftest(0);
+  logItem(item, "selftest end");
+  return flushToServer();
+}
+
+}  // namespace
+
+int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1) {
+  if (!beginRun(addressText, port, sequence, id0, id1)) return 0;
+  CollectClient_SetType(kDataMessage);
+  for (int32_t i = 0; i < g_collect_param.count; ++i) {
+    const CollectItem *item = g_collect_param.items[i];
+    if (item->selftest && !testItem(item)) return 0;
+  }
+  CollectClient_End();
+  return 1;
+}

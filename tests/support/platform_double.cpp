@@ -1,0 +1,151 @@
+#include "support/platform_double.hpp"
+
+#include <kep/platform.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+// As platform.h asks: blocks begin 4 bytes short of maximal alignment. The size stands in front, for the books.
+constexpr size_t kOffset = 2 * alignof(std::max_align_t) - 4;
+
+std::mutex lock;  // tests serve from a thread
+int countdown = platform::kNever;
+bool failsOn = false;
+uint8_t fill = 0xA5;
+int blocks = 0;
+int64_t bytes = 0;
+std::vector<std::string> prints;
+std::vector<uint32_t> delays;
+
+bool allocationFails() {
+  if (countdown < 0) return false;
+  if (countdown > 0) return --countdown, false;
+  if (!failsOn) countdown = platform::kNever;
+  return true;
+}
+
+}  // namespace
+
+namespace platform {
+
+void failAllocation(int n, bool andAllAfter) {
+  const std::lock_guard<std::mutex> guard(lock);
+  countdown = n;
+  failsOn = andAllAfter;
+}
+
+void fillBlocksWith(uint8_t byte) { fill = byte; }
+
+int liveBlocks() {
+  const std::lock_guard<std::mutex> guard(lock);
+  return blocks;
+}
+
+int64_t liveBytes() {
+  const std::lock_guard<std::mutex> guard(lock);
+  return bytes;
+}
+
+std::vector<std::string> takePrintCalls() {
+  const std::lock_guard<std::mutex> guard(lock);
+  return std::exchange(prints, {});
+}
+
+std::string takePrinted() {
+  std::string all;
+  for (const std::string &text : takePrintCalls()) all += text;
+  return all;
+}
+
+std::vector<uint32_t> takeDelays() {
+  const std::lock_guard<std::mutex> guard(lock);
+  return std::exchange(delays, {});
+}
+
+}  // namespace platform
+
+void *VRK_Malloc(uint32_t size) {
+  const std::lock_guard<std::mutex> guard(lock);
+  if (allocationFails()) return nullptr;
+  auto *memory = static_cast<char *>(std::malloc(size + kOffset));
+  if (!memory) return nullptr;
+  std::memcpy(memory, &size, sizeof size);
+  std::memset(memory + kOffset, fill, size);
+  ++blocks;
+  bytes += size;
+  return memory + kOffset;
+}
+
+void VRK_Free(void *block) {
+  const std::lock_guard<std::mutex> guard(lock);
+  char *memory = static_cast<char *>(block) - kOffset;
+  uint32_t size;
+  std::memcpy(&size, memory, sizeof size);
+  --blocks;
+  bytes -= size;
+  std::free(memory);
+}
+
+int VRK_RawPrint(const char *format, ...) {
+  char text[20000];
+  va_list args;
+  va_start(args, format);
+  const int length = std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  const std::lock_guard<std::mutex> guard(lock);
+  prints.emplace_back(text);
+  return length;
+}
+
+void VRK_Delay(uint32_t ms) {
+  const std::lock_guard<std::mutex> guard(lock);
+  delays.push_back(ms);
+}
+
+int PLM_snprintf(char *buffer, size_t size, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int length = std::vsnprintf(buffer, size, format, args);
+  va_end(args);
+  return length;
+}
+
+StdoutCapture::StdoutCapture() {
+  std::fflush(stdout);
+  char name[] = "/tmp/kep-stdout-XXXXXX";
+  file_ = mkstemp(name);
+  unlink(name);
+  savedStdout_ = dup(STDOUT_FILENO);
+  dup2(file_, STDOUT_FILENO);
+}
+
+StdoutCapture::~StdoutCapture() {
+  restore();
+  if (file_ >= 0) close(file_);
+}
+
+std::string StdoutCapture::take() {
+  restore();
+  std::string text;
+  char part[4096];
+  lseek(file_, 0, SEEK_SET);
+  for (ssize_t n; (n = read(file_, part, sizeof part)) > 0;) text.append(part, static_cast<size_t>(n));
+  close(std::exchange(file_, -1));
+  return text;
+}
+
+void StdoutCapture::restore() {
+  if (savedStdout_ < 0) return;
+  std::fflush(stdout);
+  dup2(savedStdout_, STDOUT_FILENO);
+  close(savedStdout_);
+  savedStdout_ = -1;
+}
