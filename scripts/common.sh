@@ -1,0 +1,23 @@
+# common.sh: what the scripts share. Sourced, with the repository's root as the working directory.
+
+say() { printf '\n== %s\n' "$*"; }
+
+# need PACKAGE...: installs those of Debian's packages that are missing, and says so.
+need() {
+  local missing=() package as_root=()
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  say "installing ${missing[*]}"
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { echo "needs root or sudo to install them" >&2; exit 1; }
+    as_root=(sudo)
+  fi
+  "${as_root[@]}" apt-get update -qq
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+}
+
+build_packages=(cmake ninja-build g++)
+tool_packages=(libcli11-dev nlohmann-json3-dev)
+board_packages=(g++-powerpc-linux-gnu qemu-user)
