@@ -12,180 +12,209 @@ namespace {
 
 constexpr int32_t kLargest = INT32_MAX;  // counts and sums saturate here
 
-struct Field {
-  char letter;
-  int32_t size;  // bytes in the buffer
-};
+int32_t appendDigit(int32_t count, char digit) {
+  const int64_t longer = int64_t{count} * 10 + (digit - '0');
+  return static_cast<int32_t>(longer < kLargest ? longer : kLargest);
+}
 
-// Takes the next field off the format. A count belongs to the letter directly behind it; every other character in
-// between clears it.
-bool nextField(const char *&format, Field *out) {
+// Walks a format and hands each field to the sink, strings with their count. A count belongs to the letter directly
+// behind it; every other character in between clears it. The one place that knows the letters.
+template <typename Sink>
+void forEachField(const char *format, Sink &sink) {
   int32_t count = 0;
   for (; *format; ++format) {
-    const char ch = *format;
-    if (ch >= '0' && ch <= '9') {
-      const int64_t longer = int64_t{count} * 10 + (ch - '0');
-      count = static_cast<int32_t>(longer < kLargest ? longer : kLargest);
-      continue;
-    }
-    switch (ch) {
+    const char letter = *format;
+    switch (letter) {
       case 'B':
-      case 'b': *out = {ch, 1}; break;
+      case 'b': sink.byte(letter); break;
       case 'H':
-      case 'h': *out = {ch, 2}; break;
+      case 'h': sink.half(letter); break;
       case 'I':
       case 'i':
-      case 'T': *out = {ch, 4}; break;
+      case 'T': sink.word(letter); break;
       case 'S':
-      case 's': *out = {ch, count}; break;
-      default: count = 0; continue;
+      case 's': sink.string(letter, count); break;
+      default:
+        if (letter >= '0' && letter <= '9') {
+          count = appendDigit(count, letter);
+          continue;
+        }
     }
-    ++format;
-    return true;
-  }
-  return false;
-}
-
-void packString(uint8_t *out, const void *source, int32_t size) {
-  if (source) {
-    std::memcpy(out, source, static_cast<size_t>(size));
-  } else {
-    std::memset(out, 0, static_cast<size_t>(size));  // what leaves in a record was written
+    count = 0;
   }
 }
 
-template <typename Unsigned>
-void unpackInteger(void *out, const uint8_t *in) {
-  const Unsigned value = loadBig<Unsigned>(in);
-  if (out) std::memcpy(out, &value, sizeof value);
-}
+// Sinks reach the arguments through a pointer, which lets the compiler keep the rest of a sink in registers.
+struct Packer {
+  uint8_t *out;
+  va_list *args;
 
-void unpackString(void *out, const uint8_t *in, int32_t size) {
-  if (!out) return;
-  std::memcpy(out, in, static_cast<size_t>(size));
-  static_cast<char *>(out)[size] = '\0';
-}
-
-void unpackField(const Field &field, const uint8_t *in, void *out) {
-  switch (field.letter) {
-    case 'B':
-    case 'b': return unpackInteger<uint8_t>(out, in);
-    case 'H':
-    case 'h': return unpackInteger<uint16_t>(out, in);
-    case 'I':
-    case 'i':
-    case 'T': return unpackInteger<uint32_t>(out, in);
-    default: return unpackString(out, in, field.size);
+  void byte(char) { *out++ = static_cast<uint8_t>(va_arg(*args, unsigned)); }
+  void half(char) { out = storeBig(out, static_cast<uint16_t>(va_arg(*args, unsigned))); }
+  void word(char) { out = storeBig(out, va_arg(*args, uint32_t)); }
+  void string(char, int32_t size) {
+    const auto length = static_cast<size_t>(size);
+    if (const void *source = va_arg(*args, const void *)) {
+      std::memcpy(out, source, length);
+    } else {
+      std::memset(out, 0, length);  // what leaves in a record was written
+    }
+    out += length;
   }
-}
+};
+
+struct Unpacker {
+  const uint8_t *in;
+  int32_t fields;
+  va_list *args;
+
+  void byte(char) { number<uint8_t>(); }
+  void half(char) { number<uint16_t>(); }
+  void word(char) { number<uint32_t>(); }
+  void string(char, int32_t size) {
+    const auto length = static_cast<size_t>(size);
+    if (auto *out = va_arg(*args, char *)) {
+      std::memcpy(out, in, length);
+      out[length] = '\0';
+    }
+    in += length;
+    ++fields;
+  }
+
+  template <typename Unsigned>
+  void number() {
+    const auto value = loadBig<Unsigned>(in);
+    if (void *out = va_arg(*args, void *)) std::memcpy(out, &value, sizeof value);
+    in += sizeof value;
+    ++fields;
+  }
+};
+
+struct Sizer {
+  int32_t size;
+  int32_t fields;
+
+  void byte(char) { add(1); }
+  void half(char) { add(2); }
+  void word(char) { add(4); }
+  void string(char, int32_t count) { add(count); }
+
+  void add(int32_t more) {
+    size = more < kLargest - size ? size + more : kLargest;
+    ++fields;
+  }
+};
 
 void show(const char *text) { ZuPrint_Show(text, 0); }
 
 // Shows exactly `length` characters, where ZuPrint_Show would take a length of 0 as "measure it".
-void showPart(const void *text, int32_t length) {
-  if (length > 0) ZuPrint_Show(static_cast<const char *>(text), length);
+void showPart(const char *text, int32_t length) {
+  if (length > 0) ZuPrint_Show(text, length);
 }
 
-void dumpTime(int number, const uint8_t *in) {
-  char text[64];
-  // The stamp is signed 32 bits on every host, however wide time_t is.
-  ZuTime_Format(text, "YYYY/MM/DD HH:MI:SS", static_cast<int32_t>(loadBig<uint32_t>(in)));
-  show(ZuString_SFormat("%04d[T]=>%s<\n", number, text));
-}
+// Prints each field as one line, strings of any length included: they go out in pieces.
+struct Dumper {
+  const uint8_t *in;
+  int number;
 
-// Long strings go out in pieces, so that a line is never cut; a piece of whole dump lines is parted by a newline.
-void dumpHexString(int number, const uint8_t *in, int32_t size) {
-  constexpr int32_t kPiece = 3264;
-  static_assert(kPiece % 16 == 0, "pieces end with a dump line");
-  show(ZuString_SFormat("%04d[%dS]=>\n", number, static_cast<int>(size)));
-  for (int32_t shown = 0; shown < size;) {
-    const int32_t piece = size - shown < kPiece ? size - shown : kPiece;
-    if (shown > 0) show("\n");
-    show(ZuString_SHFormat(in + shown, piece));
-    shown += piece;
+  void byte(char letter) {
+    const unsigned value = take<uint8_t>();
+    // Both cases are labelled B.
+    show(letter == 'B' ? ZuString_SFormat("%04d[B]=>0x%02X<\n", number, value)
+                       : ZuString_SFormat("%04d[B]=>%u<\n", number, value));
   }
-  show("\n");
-}
 
-void dumpTextString(int number, const uint8_t *in, int32_t size) {
-  const auto *text = reinterpret_cast<const char *>(in);
-  show(ZuString_SFormat("%04d[%ds]=>", number, static_cast<int>(size)));
-  showPart(text, static_cast<int32_t>(strnlen(text, static_cast<size_t>(size))));
-  show("<\n");
-}
-
-void dumpField(const Field &field, int number, const uint8_t *in) {
-  switch (field.letter) {
-    case 'B': return show(ZuString_SFormat("%04d[B]=>0x%02X<\n", number, in[0]));
-    case 'b':
-      return show(ZuString_SFormat("%04d[B]=>%d<\n", number, in[0]));  // labelled B in both cases
+  void half(char letter) {
+    const int value = static_cast<int16_t>(take<uint16_t>());
     // Widened with its sign, so that 0x8000 shows as FFFF8000.
-    case 'H':
-      return show(ZuString_SFormat("%04d[H]=>0x%04X<\n", number,
-                                   static_cast<unsigned>(static_cast<int16_t>(loadBig<uint16_t>(in)))));
-    case 'h': return show(ZuString_SFormat("%04d[h]=>%d<\n", number, static_cast<int16_t>(loadBig<uint16_t>(in))));
-    case 'I': return show(ZuString_SFormat("%04d[I]=>0x%08X<\n", number, loadBig<uint32_t>(in)));
-    case 'i': return show(ZuString_SFormat("%04d[i]=>%d<\n", number, static_cast<int>(loadBig<uint32_t>(in))));
-    case 'T': return dumpTime(number, in);
-    case 'S': return dumpHexString(number, in, field.size);
-    default: return dumpTextString(number, in, field.size);
+    show(letter == 'H' ? ZuString_SFormat("%04d[H]=>0x%04X<\n", number, static_cast<unsigned>(value))
+                       : ZuString_SFormat("%04d[h]=>%d<\n", number, value));
   }
-}
+
+  void word(char letter) {
+    const auto value = take<uint32_t>();
+    switch (letter) {
+      case 'I': show(ZuString_SFormat("%04d[I]=>0x%08X<\n", number, value)); break;
+      case 'i': show(ZuString_SFormat("%04d[i]=>%d<\n", number, static_cast<int>(value))); break;
+      default: time(static_cast<int32_t>(value)); break;  // signed 32 bits on every host, however wide time_t is
+    }
+  }
+
+  void time(int32_t stamp) const {
+    char text[64];
+    show(ZuString_SFormat("%04d[T]=>%s<\n", number, ZuTime_Format(text, "YYYY/MM/DD HH:MI:SS", stamp)));
+  }
+
+  void string(char letter, int32_t size) {
+    ++number;
+    letter == 'S' ? bytes(size) : text(size);
+    in += size;
+  }
+
+  void bytes(int32_t size) const {
+    constexpr int32_t kPiece = 3264;
+    static_assert(kPiece % 16 == 0, "a piece ends where a line of the hex dump ends");
+    show(ZuString_SFormat("%04d[%dS]=>\n", number, static_cast<int>(size)));
+    for (int32_t shown = 0; shown < size; shown += kPiece) {
+      if (shown > 0) show("\n");
+      show(ZuString_SHFormat(in + shown, size - shown < kPiece ? size - shown : kPiece));
+    }
+    show("\n");
+  }
+
+  void text(int32_t size) const {
+    const auto *begin = reinterpret_cast<const char *>(in);
+    show(ZuString_SFormat("%04d[%ds]=>", number, static_cast<int>(size)));
+    showPart(begin, static_cast<int32_t>(strnlen(begin, static_cast<size_t>(size))));
+    show("<\n");
+  }
+
+  template <typename Unsigned>
+  Unsigned take() {
+    const auto value = loadBig<Unsigned>(in);
+    in += sizeof value;
+    ++number;
+    return value;
+  }
+};
 
 int32_t dump(const char *format, const uint8_t *in) {
   // In three parts and never as a printf format: the caller's text may be long and may hold a '%'.
   show("format:");
   show(format);
   show("\n");
-  int32_t number = 0;
-  for (Field field; nextField(format, &field); in += field.size) dumpField(field, ++number, in);
-  return number;
+  Dumper dumper = {in, 0};
+  forEachField(format, dumper);
+  return dumper.number;
 }
 
 }  // namespace
 
 int32_t ZuBuffer_Pack(void *buffer, const char *format, ...) {
   if (!buffer || !format) return 0;
-  auto *out = static_cast<uint8_t *>(buffer);
   va_list args;
   va_start(args, format);
-  for (Field field; nextField(format, &field); out += field.size) {
-    switch (field.letter) {
-      case 'B':
-      case 'b': storeBig(out, static_cast<uint8_t>(va_arg(args, unsigned))); break;
-      case 'H':
-      case 'h': storeBig(out, static_cast<uint16_t>(va_arg(args, unsigned))); break;
-      case 'I':
-      case 'i':
-      case 'T': storeBig(out, va_arg(args, uint32_t)); break;
-      default: packString(out, va_arg(args, const void *), field.size); break;
-    }
-  }
+  Packer packer = {static_cast<uint8_t *>(buffer), &args};
+  forEachField(format, packer);
   va_end(args);
-  return static_cast<int32_t>(out - static_cast<uint8_t *>(buffer));
+  return static_cast<int32_t>(packer.out - static_cast<uint8_t *>(buffer));
 }
 
 int32_t ZuBuffer_UNPack(const char *format, const void *buffer, ...) {
   if (!format || !buffer) return 0;
   const auto *in = static_cast<const uint8_t *>(buffer);
   if (*format == '*') return dump(format, in);
-  int32_t number = 0;
   va_list args;
   va_start(args, buffer);
-  for (Field field; nextField(format, &field); in += field.size) {
-    unpackField(field, in, va_arg(args, void *));
-    ++number;
-  }
+  Unpacker unpacker = {in, 0, &args};
+  forEachField(format, unpacker);
   va_end(args);
-  return number;
+  return unpacker.fields;
 }
 
 int32_t ZuBuffer_GetPackSize(const char *format, int32_t *fieldCount) {
-  int64_t size = 0;
-  int32_t fields = 0;
-  for (Field field; format && nextField(format, &field); ++fields) {
-    size = size + field.size < kLargest ? size + field.size : kLargest;
-  }
-  if (fieldCount) *fieldCount = fields;
-  return static_cast<int32_t>(size);
+  Sizer sizer = {0, 0};
+  if (format) forEachField(format, sizer);
+  if (fieldCount) *fieldCount = sizer.fields;
+  return sizer.size;
 }

@@ -55,6 +55,29 @@ bool isFree(const ZuInfo *info, uint32_t offset) { return offset >= blockSize(in
 // Where the oldest record really begins: a read offset that rests on a free byte stands for the start of the block.
 uint32_t oldestOffset(const ZuInfo *info) { return isFree(info, info->readOffset) ? 0 : info->readOffset; }
 
+struct Record {
+  const uint8_t *key;
+  const uint8_t *value;
+  uint32_t keyLength;
+  uint32_t valueLength;
+  uint32_t end;  // offset behind the record
+};
+
+// Reads the record at an offset; false when it does not lie in the block whole.
+bool readRecord(const ZuInfo *info, uint32_t offset, Record *out) {
+  if (isFree(info, offset)) return false;
+  const uint32_t size = blockSize(info);
+  out->keyLength = *at(info, offset);
+  const uint32_t keyEnd = offset + 1 + out->keyLength;
+  if (keyEnd + 2 > size) return false;
+  out->valueLength = loadBig<uint16_t>(at(info, keyEnd));
+  out->end = keyEnd + 2 + out->valueLength;
+  if (out->end > size) return false;
+  out->key = at(info, offset + 1);
+  out->value = at(info, keyEnd + 2);
+  return true;
+}
+
 uint32_t roundLimit(uint32_t limit) {
   constexpr uint32_t kLargestLimit = UINT32_MAX / kSizeUnit * kSizeUnit;
   return limit > kLargestLimit ? kLargestLimit : (limit + kSizeUnit - 1) / kSizeUnit * kSizeUnit;
@@ -73,21 +96,16 @@ void dropBlock(ZuInfo *info) {
 
 // ---- making room
 
-// Wipes n bytes at the read offset, as far as the block goes, and moves the offset on.
-void wipe(ZuInfo *info, uint32_t n) {
-  ZuMem_memset(info->block, info->readOffset, kFree, n);
-  info->readOffset += n;
-}
-
-// Wipes the oldest record and returns its size. Wiped, not just skipped: readers know free space by its 0xFF.
+// Wipes the oldest record, moves the read offset behind it and returns its size. Wiped, not just skipped: readers know
+// free space by its 0xFF.
 uint32_t wipeOldest(ZuInfo *info) {
-  const uint32_t keyLength = *at(info, info->readOffset);
-  wipe(info, 1 + keyLength);
-  uint8_t lengthBytes[2] = {0, 0};
-  ZuMem_memget(info->block, info->readOffset, lengthBytes, sizeof lengthBytes);
-  const uint32_t valueLength = loadBig<uint16_t>(lengthBytes);
-  wipe(info, 2 + valueLength);
-  return keyLength + valueLength + kHeadSize;
+  Record record;
+  // What is not a whole record was not written by this file: everything up to the block's end goes.
+  if (!readRecord(info, info->readOffset, &record)) record.end = blockSize(info);
+  const uint32_t size = record.end - info->readOffset;
+  std::memset(at(info, info->readOffset), kFree, size);
+  info->readOffset = record.end;
+  return size;
 }
 
 void readFromStart(ZuInfo *info) {
@@ -146,9 +164,10 @@ int32_t growBlock(ZuInfo *info, int32_t need) {
 
 // The one loop that evicts and grows; every writer passes it. Afterwards `need` bytes at the write offset are free.
 bool makeRoom(ZuInfo *info, int32_t need) {
-  for (int32_t step = 2; info->freeSize < need && step == 2;) step = ZuInfo_FreeSize_(info, need);
-  return info->block && info->freeSize >= need && info->writeOffset <= blockSize(info) &&
-         static_cast<uint32_t>(need) <= blockSize(info) - info->writeOffset;
+  while (info->freeSize < need) {
+    if (!ZuInfo_FreeSize_(info, need)) return false;
+  }
+  return uint64_t{info->writeOffset} + static_cast<uint32_t>(need) <= blockSize(info);
 }
 
 // ---- writing
@@ -158,12 +177,17 @@ struct Bytes {
   int32_t length;
 };
 
-bool isWhole(const Bytes &bytes) { return bytes.length >= 0 && (bytes.data || bytes.length == 0); }
+bool isWhole(Bytes bytes) { return bytes.length >= 0 && (bytes.data || bytes.length == 0); }
 
-bool isKey(const Bytes &bytes) { return isWhole(bytes) && bytes.length <= kLongestKey; }
+bool isKey(Bytes bytes) { return isWhole(bytes) && bytes.length <= kLongestKey; }
 
-uint8_t *putBytes(uint8_t *out, const Bytes &bytes) {
-  if (bytes.length > 0) std::memcpy(out, bytes.data, static_cast<size_t>(bytes.length));
+uint8_t *putBytes(uint8_t *out, Bytes bytes) {
+  constexpr int32_t kShort = 4;  // keys mostly are, and a loop then beats a call
+  if (bytes.length > kShort) {
+    std::memcpy(out, bytes.data, static_cast<size_t>(bytes.length));
+  } else {
+    for (int32_t i = 0; i < bytes.length; ++i) out[i] = static_cast<const uint8_t *>(bytes.data)[i];
+  }
   return out + bytes.length;
 }
 
@@ -173,7 +197,7 @@ void advance(ZuInfo *info, int32_t size) {
 }
 
 // Makes room for a whole record and writes all but its value. Returns where the value goes, or NULL.
-uint8_t *beginRecord(ZuInfo *info, const Bytes &key, int32_t valueLength) {
+uint8_t *beginRecord(ZuInfo *info, Bytes key, int32_t valueLength) {
   if (!isKey(key) || valueLength < 0 || valueLength > kLongestValue) return nullptr;
   const int32_t headSize = key.length + static_cast<int32_t>(kHeadSize);
   if (!makeRoom(info, headSize + valueLength)) return nullptr;
@@ -183,7 +207,7 @@ uint8_t *beginRecord(ZuInfo *info, const Bytes &key, int32_t valueLength) {
   return out;
 }
 
-bool putRecord(ZuInfo *info, const Bytes &key, const Bytes &value1, const Bytes &value2) {
+bool putRecord(ZuInfo *info, Bytes key, Bytes value1, Bytes value2) {
   if (!isWhole(value1) || !isWhole(value2) || value2.length > kLongestValue - value1.length) return false;
   uint8_t *out = beginRecord(info, key, value1.length + value2.length);
   if (!out) return false;
@@ -194,32 +218,9 @@ bool putRecord(ZuInfo *info, const Bytes &key, const Bytes &value1, const Bytes 
 
 // ---- reading
 
-struct Record {
-  const uint8_t *key;
-  const uint8_t *value;
-  uint32_t keyLength;
-  uint32_t valueLength;
-  uint32_t end;  // offset behind the record
-};
-
-// Reads the record at an offset; false when it does not lie in the block whole.
-bool readRecord(const ZuInfo *info, uint32_t offset, Record *out) {
-  if (isFree(info, offset)) return false;
-  const uint32_t size = blockSize(info);
-  out->keyLength = *at(info, offset);
-  const uint32_t keyEnd = offset + 1 + out->keyLength;
-  if (keyEnd + 2 > size) return false;
-  out->valueLength = loadBig<uint16_t>(at(info, keyEnd));
-  out->end = keyEnd + 2 + out->valueLength;
-  if (out->end > size) return false;
-  out->key = at(info, offset + 1);
-  out->value = at(info, keyEnd + 2);
-  return true;
-}
-
 // keyLength - 1 on purpose: a one-byte key selects every record, and readers depend on it. The record's own key length
 // is not asked, so the comparison may run into what follows the key, but not out of the block.
-bool keyMatches(const ZuInfo *info, const Record &record, const Bytes &key) {
+bool keyMatches(const ZuInfo *info, const Record &record, Bytes key) {
   if (!key.data || key.length == 0) return true;
   const size_t compared = static_cast<size_t>(key.length - 1);
   const auto room = static_cast<size_t>(at(info, blockSize(info)) - record.key);
@@ -281,7 +282,7 @@ bool readStructured(const char *format, const uint8_t *value, int32_t valueLengt
 }
 
 // Whether data begins with the bytes that the pairs of hex digits stand for; a missing byte counts as 0.
-bool beginsWith(const Bytes &data, const char *hex) {
+bool beginsWith(Bytes data, const char *hex) {
   const size_t count = hex ? std::strlen(hex) / 2 : 0;
   for (size_t i = 0; i < count; ++i) {
     const char pair[3] = {hex[2 * i], hex[2 * i + 1], '\0'};

@@ -23,7 +23,26 @@ constexpr int32_t kHeaderCount = sizeof(ZuLogger::headers) / sizeof(ZuLogger::he
 constexpr uint16_t kRecordsAPause = 100;
 constexpr uint32_t kPauseMs = 1000;
 constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no buffer"
-constexpr int32_t kTimeSize = 64;
+
+// The text of the current second. The C library may ask the file system for the zone at every conversion, so a line
+// converts only when the second is another one; a changed zone shows by the next.
+struct TimeText {
+  const char *pattern;
+  time_t second;
+  char text[64];
+};
+
+TimeText l_longTime = {"YYYY/MM/DD HH:MI:SS", -1, ""};
+TimeText l_shortTime = {"MM/DD HH:MI:SS", -1, ""};
+
+const char *nowAsText(TimeText *time) {
+  const time_t now = ZuTime_Now();
+  if (now != time->second) {
+    ZuTime_Format(time->text, time->pattern, now);
+    time->second = now;
+  }
+  return time->text;
+}
 
 template <size_t N>
 void copyCut(char (&field)[N], const char *text) {
@@ -49,12 +68,11 @@ void echo(const ZuLogger *logger, int32_t level, const char *text) {
   }
 }
 
-int32_t keep(ZuLogger *logger, int32_t level, const char *timePattern, const char *text) {
+int32_t keep(ZuLogger *logger, int32_t level, TimeText *time, const char *text) {
   if (!logger->store) logger->store = ZuInfo_New(logger->storeSize);
-  char time[kTimeSize];
-  ZuTime_Format(time, timePattern, 0);
-  const int32_t timeResult = ZuInfo_Write(logger->store, keyOf(level), time);
-  return timeResult + ZuInfo_Write(logger->store, keyOf(level), text);
+  const char *key = keyOf(level);
+  const int32_t timeResult = ZuInfo_Write(logger->store, key, nowAsText(time));
+  return timeResult + ZuInfo_Write(logger->store, key, text);
 }
 
 // A value of length 0 is an empty line, where both sinks would take the length as "measure the text".
@@ -127,7 +145,7 @@ int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text) {
   if (!accepts(logger, level) || !text) return -1;
   echo(logger, level, text);
   if (!(logger->flags & kKeep)) return -1;
-  return keep(logger, level, "YYYY/MM/DD HH:MI:SS", text);
+  return keep(logger, level, &l_longTime, text);
 }
 
 void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t, const char *text) {
@@ -136,7 +154,7 @@ void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t, const char *text)
     ZuPrint_Show(text, 0);
     ZuPrint_Show("\n", 1);
   }
-  keep(logger, level, "MM/DD HH:MI:SS", text);
+  keep(logger, level, &l_shortTime, text);
 }
 
 void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer) {

@@ -4,8 +4,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cstring>
-
 #include "kep/ZuString.h"
 
 namespace {
@@ -29,9 +27,17 @@ constexpr Token kTokens[] = {
     {"ss", 2, Field::kSecond, false},
 };
 
+bool beginsWith(const char *pattern, const Token &token) {
+  for (int i = 0; i < token.length; ++i) {
+    if (pattern[i] != token.text[i]) return false;  // a NUL differs too, so nothing behind the pattern is read
+  }
+  return true;
+}
+
 const Token *findToken(const char *pattern) {
+  if (*pattern < 'A') return nullptr;  // most of what stands between tokens
   for (const Token &token : kTokens) {
-    if (pattern[0] == token.text[0] && std::strncmp(pattern, token.text, token.length) == 0) return &token;
+    if (beginsWith(pattern, token)) return &token;
   }
   return nullptr;
 }
@@ -68,21 +74,10 @@ char *putToken(char *out, const Token &token, int value) {
   return out + digits;
 }
 
-// Gives all zeros, and false, for a time that the C library cannot convert.
-bool convert(time_t t, tm *out) {
+// Gives all zeros for a time that the C library cannot convert.
+tm convert(time_t t) {
   const tm *local = localtime(&t);
-  *out = local ? *local : tm{};
-  return local != nullptr;
-}
-
-// The C library asks the file system for the zone at every conversion when none is set, so "now" is converted once a
-// second only. Conversions of other times are not kept: they see a changed zone at once.
-tm convertNow() {
-  static time_t sg_second = 0;  // 0: nothing kept
-  static tm sg_time;
-  const time_t now = ZuTime_Now();
-  if (now != sg_second || sg_second == 0) sg_second = convert(now, &sg_time) ? now : 0;
-  return sg_time;
+  return local ? *local : tm{};
 }
 
 }  // namespace
@@ -105,12 +100,7 @@ time_t ZuTime_Now(void) { return ZuTime_GetTime(0); }
 
 char *ZuTime_Format(char *dst, const char *pattern, time_t t) {
   if (!dst || !pattern) return dst;
-  tm time;
-  if (t == 0) {
-    time = convertNow();
-  } else {
-    convert(t, &time);
-  }
+  const tm time = convert(t == 0 ? ZuTime_Now() : t);
   char *out = dst;
   *out = '\0';
   while (*pattern) {

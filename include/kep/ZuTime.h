@@ -31,8 +31,7 @@ KEP_API time_t ZuTime_Now(void);
  *   HH hh      hour, 0 to 23             MI mi   minute              SS ss   second
  *
  * Upper case pads with zeros to two digits, lower case does not pad, everything else is copied. A time that the C
- * library cannot convert prints as the year 1900, month 1, day 0, 0:0:0. For "now" the conversion is made once a
- * second: a changed time zone shows by the next second. NULL for `dst` or `pattern` writes nothing. */
+ * library cannot convert prints as the year 1900, month 1, day 0, 0:0:0. NULL for `dst` or `pattern` writes nothing. */
 KEP_API char *ZuTime_Format(char *dst, const char *pattern, time_t t);
 
 #ifdef __cplusplus
