@@ -56,6 +56,7 @@ void linkBehind(ZuList *list, ZuListNode *previous, ZuListNode *node) {
 // Unlinks and frees the node behind another one, or the head, and returns its element.
 void *unlinkBehind(ZuList *list, ZuListNode *previous) {
   ZuListNode *victim = previous ? previous->next : list->head;
+  assert(victim && "the caller counted it");
   (previous ? previous->next : list->head) = victim->next;
   --list->count;
   void *value = victim->data;

@@ -13,18 +13,18 @@ enum class Field { kYear, kShortYear, kMonth, kDay, kHour, kMinute, kSecond };
 
 struct Token {
   char text[5];
+  bool padded;
   uint8_t length;
   Field field;
-  bool padded;
 };
 
 // In the order of their tests: the long year comes before the short one that it begins with.
 constexpr Token kTokens[] = {
-    {"YYYY", 4, Field::kYear, true},  {"YY", 2, Field::kShortYear, true}, {"yy", 2, Field::kShortYear, false},
-    {"MM", 2, Field::kMonth, true},   {"mm", 2, Field::kMonth, false},    {"DD", 2, Field::kDay, true},
-    {"dd", 2, Field::kDay, false},    {"HH", 2, Field::kHour, true},      {"hh", 2, Field::kHour, false},
-    {"MI", 2, Field::kMinute, true},  {"mi", 2, Field::kMinute, false},   {"SS", 2, Field::kSecond, true},
-    {"ss", 2, Field::kSecond, false},
+    {"YYYY", true, 4, Field::kYear},  {"YY", true, 2, Field::kShortYear}, {"yy", false, 2, Field::kShortYear},
+    {"MM", true, 2, Field::kMonth},   {"mm", false, 2, Field::kMonth},    {"DD", true, 2, Field::kDay},
+    {"dd", false, 2, Field::kDay},    {"HH", true, 2, Field::kHour},      {"hh", false, 2, Field::kHour},
+    {"MI", true, 2, Field::kMinute},  {"mi", false, 2, Field::kMinute},   {"SS", true, 2, Field::kSecond},
+    {"ss", false, 2, Field::kSecond},
 };
 
 bool beginsWith(const char *pattern, const Token &token) {
