@@ -1,0 +1,66 @@
+// board_stream.hpp: builds, byte by byte, what a board would send.
+
+#ifndef KEP_TESTS_BOARD_STREAM_HPP
+#define KEP_TESTS_BOARD_STREAM_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace board {
+
+inline std::string number(uint64_t value, size_t size) {
+  std::string bytes;
+  for (size_t i = size; i > 0; --i) bytes += static_cast<char>(value >> (8 * (i - 1)) & 0xFF);
+  return bytes;
+}
+
+inline std::string word(int64_t value) { return number(static_cast<uint64_t>(value), 4); }
+
+inline std::string message(int32_t type, int32_t sequence, const std::string &payload) {
+  return word(static_cast<int64_t>(payload.size()) + 12) + word(type) + word(sequence) + payload;
+}
+
+inline std::string head(uint8_t type, int32_t item, int32_t section, int32_t key) {
+  return number(type, 1) + word(item) + word(section) + word(key);
+}
+
+inline std::string counted(const std::string &bytes) { return number(bytes.size(), 2) + bytes; }
+
+inline std::string joined(const std::vector<std::string> &parts) {
+  std::string all;
+  for (const std::string &part : parts) all += part;
+  return all;
+}
+
+// A collection answering request sequence 77 while the board's own count stands at 41. It has every kind of record, a
+// string in three pieces, values out of order, equal keys, an item that reports nothing and one that has no name.
+inline std::vector<std::string> collection() {
+  const std::string mixed = head(0x81, 1, 2, 9) + word(-5) + head(0x82, 1, 0, 1) + number(0x8000000000000000, 8) +
+                            head(0x84, 1, 2, 3) + counted(std::string("\x00\xFF\x10", 3)) + head(0x83, 0, 0, 4) +
+                            counted("second, \"quoted\"\n") + head(0x83, 0, 0, 4) + counted("");
+  return {
+      message(0, 77, std::string("KB\0\0", 4)),
+      message(1, 42, word(0) + counted("log") + word(1) + counted("caf\xC3\xA9")),
+      message(2, 43, head(0x03, 0, 0, 4) + counted("first ")),
+      message(2, 44, head(0x03, 0, 0, 4) + counted("of \x1B[2J\xC2\x9B") + head(0x83, 0, 0, 4) + counted("\xFF\\")),
+      message(2, 45, mixed),
+      message(2, 46, ""),
+      message(2, 47, head(0x81, 65535, 0, 0) + word(1)),
+      message(2, 48, ""),
+  };
+}
+
+inline std::vector<std::string> selfTest() {
+  return {
+      message(0, 77, std::string("KB\0\0", 4)),
+      message(2, 1, head(0x83, 65535, 0, 0) + counted("fan") + head(0x81, 3, 0, 1) + word(0)),
+      message(2, 2, head(0x83, 65535, 0, 0) + counted("disk")),
+      message(2, 3, ""),
+  };
+}
+
+}  // namespace board
+
+#endif

@@ -1,0 +1,250 @@
+// session.cpp: a run as the network sees it.
+//
+//   request   length (4) = 16 | type (4) | sequence (4) | port to connect back to (4)      one UDP datagram
+//
+// The board connects by TCP to the datagram's source address and the port named in it. It sends message by message,
+// each only after the one before was acknowledged, and closes the connection behind the last.
+//
+// The request is sent once, never again: every datagram that a board takes starts a run of its own.
+
+#include "session.hpp"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+namespace kepcollect {
+
+namespace {
+
+constexpr size_t kRequestSize = 16;
+constexpr char kAcknowledgement = '\x06';
+
+volatile std::sig_atomic_t sg_signalled = 0;
+
+// How a run ends that is not decided by its data.
+struct Failure {
+  ExitStatus status;
+  std::string text;
+};
+
+[[noreturn]] void failWithErrno(ExitStatus status, const std::string &what) {
+  throw Failure{status, what + ": " + std::strerror(errno)};
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Descriptor &operator=(Descriptor &&) = delete;
+  ~Descriptor() {
+    if (fd_ >= 0) close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Holds the signals back, so that none can slip in between the look at the flag and the wait.
+class SignalBlock {
+ public:
+  SignalBlock() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, &before_);
+  }
+  SignalBlock(const SignalBlock &) = delete;
+  SignalBlock &operator=(const SignalBlock &) = delete;
+  ~SignalBlock() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  const sigset_t *before() const { return &before_; }
+
+ private:
+  sigset_t before_;
+};
+
+enum class Wake { kReady, kTimeout, kSignal };
+
+Wake waitUntil(pollfd *entries, nfds_t count, Clock::time_point deadline) {
+  using std::chrono::nanoseconds;
+  constexpr int64_t kSecond = 1'000'000'000;
+  const SignalBlock block;
+  while (sg_signalled == 0) {
+    const nanoseconds left = std::max(nanoseconds(deadline - Clock::now()), nanoseconds(0));
+    const timespec time = {left.count() / kSecond, left.count() % kSecond};
+    const int ready = ppoll(entries, count, &time, block.before());
+    if (ready > 0) return Wake::kReady;
+    if (ready == 0) return Wake::kTimeout;
+    if (errno != EINTR) failWithErrno(kBrokenOff, "cannot wait");
+  }
+  return Wake::kSignal;
+}
+
+void waitOrFail(pollfd *entries, nfds_t count, Clock::time_point deadline, const std::string &what) {
+  const Wake wake = waitUntil(entries, count, deadline);
+  if (wake == Wake::kTimeout) throw Failure{kNoAnswer, "timed out: " + what};
+  if (wake == Wake::kSignal) throw Failure{kBrokenOff, "interrupted"};
+}
+
+sockaddr_in resolve(const std::string &host, uint16_t port, int flags) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  hints.ai_flags = flags;
+  addrinfo *found = nullptr;
+  const int error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  if (error != 0) throw Failure{kNoAnswer, host + ": " + gai_strerror(error)};
+  const std::unique_ptr<addrinfo, void (*)(addrinfo *)> guard(found, freeaddrinfo);
+  sockaddr_in address{};
+  std::memcpy(&address, found->ai_addr, sizeof address);
+  address.sin_port = htons(port);
+  return address;
+}
+
+// A socket at a free port of the listen address.
+Descriptor openSocket(int type, const std::string &listenAddress) {
+  Descriptor fd(socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (fd.get() < 0) failWithErrno(kNoAnswer, "cannot open a socket");
+  const sockaddr_in address = resolve(listenAddress, 0, AI_NUMERICHOST);
+  if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0) {
+    failWithErrno(errno == EADDRNOTAVAIL ? kUsage : kNoAnswer, listenAddress);
+  }
+  return fd;
+}
+
+uint16_t portOf(int fd) {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  if (getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) < 0) failWithErrno(kNoAnswer, "getsockname");
+  return ntohs(address.sin_port);
+}
+
+// The UDP socket is connected, so that a board that does not serve shows itself at once as a refusal.
+void sendRequest(int fd, const sockaddr_in &board, const Request &request, uint16_t listenPort) {
+  const std::array<uint32_t, 4> fields = {htonl(kRequestSize), htonl(request.type),
+                                          htonl(static_cast<uint32_t>(request.sequence)), htonl(listenPort)};
+  static_assert(sizeof fields == kRequestSize, "four fields of 4 bytes");
+  if (connect(fd, reinterpret_cast<const sockaddr *>(&board), sizeof board) < 0 ||
+      send(fd, fields.data(), kRequestSize, MSG_NOSIGNAL) < 0) {
+    failWithErrno(kNoAnswer, "cannot send the request to " + request.host);
+  }
+}
+
+// A refusal comes as the request socket's error; a datagram has nothing to say to us and is thrown away.
+void throwOnRefusal(int requestSocket, const Request &request) {
+  char unused = 0;
+  if (recv(requestSocket, &unused, sizeof unused, 0) >= 0 || errno == EAGAIN || errno == EINTR) return;
+  failWithErrno(kNoAnswer, request.host + " port " + std::to_string(request.port));
+}
+
+// Any peer may be the board, which can have several addresses; whoever comes first is it, and nobody comes second.
+Descriptor takeConnection(int listener, int requestSocket, const Request &request) {
+  const Clock::time_point deadline = Clock::now() + request.timeout;
+  const std::string what = "no connection from " + request.host + " port " + std::to_string(request.port);
+  for (;;) {
+    std::array<pollfd, 2> entries = {pollfd{listener, POLLIN, 0}, pollfd{requestSocket, POLLIN, 0}};
+    waitOrFail(entries.data(), entries.size(), deadline, what);
+    Descriptor connection(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (connection.get() >= 0) return connection;
+    if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) failWithErrno(kNoAnswer, "cannot accept");
+    throwOnRefusal(requestSocket, request);
+  }
+}
+
+Descriptor connectionFrom(const Request &request) {
+  const sockaddr_in board = resolve(request.host, request.port, 0);
+  const Descriptor listener = openSocket(SOCK_STREAM, request.listenAddress);
+  const Descriptor requestSocket = openSocket(SOCK_DGRAM, request.listenAddress);
+  if (listen(listener.get(), 1) < 0) failWithErrno(kNoAnswer, "cannot listen");
+  sendRequest(requestSocket.get(), board, request, portOf(listener.get()));
+  return takeConnection(listener.get(), requestSocket.get(), request);
+}
+
+// One byte: the board takes whatever one receive call yields for a whole acknowledgement, and a single byte cannot
+// arrive in parts. A connection that is gone is left to the next read, which tells whether it was closed or reset.
+void acknowledge(int fd, std::chrono::milliseconds timeout) {
+  while (send(fd, &kAcknowledgement, 1, MSG_NOSIGNAL) < 0) {
+    if (errno != EAGAIN && errno != EINTR) return;
+    pollfd entry = {fd, POLLOUT, 0};
+    waitOrFail(&entry, 1, Clock::now() + timeout, "the board takes no acknowledgement");
+  }
+}
+
+// Returns when the board has closed the connection or the data is damaged.
+void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decoder, std::ostream *raw) {
+  const int on = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // acknowledgements are small and waited for
+  std::array<char, 4096> buffer;
+  while (!decoder.damage()) {
+    pollfd entry = {fd, POLLIN, 0};
+    waitOrFail(&entry, 1, Clock::now() + timeout, "no more data from the board");
+    const ssize_t size = recv(fd, buffer.data(), buffer.size(), 0);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+    if (size < 0) failWithErrno(kBrokenOff, "the connection broke");
+    if (size == 0) {
+      decoder.finish();
+      return;
+    }
+    if (raw != nullptr) raw->write(buffer.data(), size).flush();
+    if (raw != nullptr && !*raw) throw Failure{kBrokenOff, "cannot write the raw file"};
+    const size_t completed = decoder.feed(buffer.data(), static_cast<size_t>(size));
+    for (size_t i = 0; i < completed; ++i) acknowledge(fd, timeout);
+  }
+}
+
+extern "C" void noteSignal(int) { sg_signalled = 1; }
+
+}  // namespace
+
+void catchSignals() {
+  struct sigaction action {};
+  action.sa_handler = noteSignal;
+  action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+bool sleepUntil(Clock::time_point time) { return waitUntil(nullptr, 0, time) != Wake::kSignal; }
+
+Outcome outcomeOf(const StreamDecoder &decoder) {
+  Outcome outcome;
+  outcome.run = decoder.run();
+  if (const std::optional<Damage> &damage = decoder.damage()) {
+    outcome.status = kDamaged;
+    outcome.diagnostic = (damage->cutShort ? "cut short at offset " : "damaged at offset ") +
+                         std::to_string(damage->offset) + ": " + damage->reason;
+  }
+  return outcome;
+}
+
+Outcome collect(const Request &request, std::ostream *raw) {
+  const RunKind kind = request.type == kSelfTestRequest ? RunKind::kSelfTest : RunKind::kCollection;
+  StreamDecoder decoder({kind, request.sequence});
+  bool connected = false;
+  Outcome outcome;
+  try {
+    const Descriptor connection = connectionFrom(request);
+    connected = true;
+    receiveRun(connection.get(), request.timeout, decoder, raw);
+    outcome = outcomeOf(decoder);
+  } catch (const Failure &failure) {
+    outcome = {failure.status, failure.text, false, decoder.run()};
+  }
+  outcome.connected = connected;
+  return outcome;
+}
+
+}  // namespace kepcollect
