@@ -29,22 +29,28 @@ constexpr int32_t kWithLogs = 1, kFaultFile = 2;  // request types
 // ---- host data: written by main(), read by the callbacks
 
 struct Sample {
-  int32_t count, processes;
+  int32_t count, processes, uptime;  // uptime in seconds
   int64_t freeBytes;
   uint32_t load[3];  // of 1, 5 and 15 minutes, in hundredths
-  int32_t uptime;    // seconds
 };
 
 std::mutex sampleLock;
 Sample sample;
 
+std::string readFile(const char *path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
 void takeSample() {
   struct sysinfo info;
-  if (sysinfo(&info) != 0) return;
+  const std::string memory = readFile("/proc/meminfo");
+  long long freeKb;
+  if (sysinfo(&info) != 0 || std::sscanf(memory.c_str(), "MemTotal: %*u kB MemFree: %lld", &freeKb) != 1) return;
   const std::lock_guard<std::mutex> guard(sampleLock);
   ++sample.count;
   sample.processes = info.procs;
-  sample.freeBytes = static_cast<int64_t>(info.freeram) * info.mem_unit;
+  sample.freeBytes = freeKb * 1024;
   for (int i = 0; i < 3; ++i) sample.load[i] = static_cast<uint32_t>(info.loads[i] * 100UL >> SI_LOAD_SHIFT);
   sample.uptime = static_cast<int32_t>(info.uptime);
 }
@@ -52,12 +58,6 @@ void takeSample() {
 Sample lastSample() {
   const std::lock_guard<std::mutex> guard(sampleLock);
   return sample;
-}
-
-std::string readFile(const char *path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
 }
 
 struct Interface {
@@ -151,7 +151,7 @@ int32_t collectFaults(int32_t requestType) {
 }
 
 int32_t testFaults(int32_t) {
-  Collect_PutInt(faultItem, 1, memoryFault && networkFault);
+  Collect_PutInt(faultItem, 1, ZuList_Length(g_ZuFault_List));
   return 0;
 }
 
@@ -162,8 +162,8 @@ void saveMemory() {
   uint8_t loads[12];
   ZuFault_SetRegistEx(memoryFault, 0x12, loads, packLoads(loads));
   ZuFault_SetCounter(memoryFault, 1, static_cast<uint32_t>(now.count));
-  const std::string table = readFile("/proc/meminfo");
-  ZuFault_SetValue(memoryFault, 1, table.data(), static_cast<int32_t>(table.size()));
+  const std::string memory = readFile("/proc/meminfo");
+  ZuFault_SetValue(memoryFault, 1, memory.data(), static_cast<int32_t>(memory.size()));
 }
 
 void saveNetwork() {
