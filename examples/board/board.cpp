@@ -22,7 +22,6 @@
 #include <vector>
 
 namespace {
-
 constexpr uint32_t kIdentity = 0x0B010000;        // the first two bytes name this board to the server
 constexpr int32_t kWithLogs = 1, kFaultFile = 2;  // request types
 
