@@ -12,6 +12,10 @@
 #include "kep/ZuPrint.h"
 #include "kep/ZuString.h"
 
+#ifndef KEP_FAULT_LOG_PATH
+#define KEP_FAULT_LOG_PATH "/kep.log"
+#endif
+
 ZuList *g_ZuFault_List;
 ZuInfo *g_ZuFault_Info;
 

@@ -24,6 +24,10 @@
 #include "kep/ZuTime.h"
 #include "kep/platform.h"
 
+#ifndef KEP_STORE_TRACE
+#define KEP_STORE_TRACE 1
+#endif
+
 static_assert(sizeof(void *) != 4 || sizeof(ZuInfo) == 276, "the board's record");
 
 namespace {
@@ -38,11 +42,7 @@ constexpr int32_t kLongestValue = UINT16_MAX;
 constexpr uint32_t kHeadSize = 3;                   // key length and value length
 constexpr int32_t kStructuredSize = 4 + 1 + 2 + 4;  // time, type, id and code, in front of the three strings
 
-#ifdef KEP_STORE_TRACE
-constexpr bool kTrace = true;
-#else
-constexpr bool kTrace = false;
-#endif
+constexpr bool kTrace = KEP_STORE_TRACE;  // print every step of making room
 
 // ---- the block
 
@@ -254,7 +254,7 @@ struct Structured {
   Bytes data[3];
 };
 
-// Takes "<digits>S" off a key text; false when something else stands there.
+// Takes "<digits>S" off a text; false when something else stands there.
 bool takeCount(const char *&text, int32_t *out) {
   const char *begin = text;
   int32_t count = 0;
@@ -266,18 +266,21 @@ bool takeCount(const char *&text, int32_t *out) {
   return text != begin && *text++ == 'S';
 }
 
-// Reads a value by its key's format "*TBhI%dS%dS%dS"; false when the record is not a structured one.
-bool readStructured(const char *format, const uint8_t *value, int32_t valueLength, Structured *out) {
+// Reads a value by its dump format; false when that is not a structured record's, "*TBhI%dS%dS%dS" to its last
+// character, or describes another length than the value's.
+bool readStructured(const char *format, size_t formatLength, const uint8_t *value, int32_t valueLength,
+                    Structured *out) {
   constexpr char kStart[] = "*TBhI";
-  if (std::strncmp(format, kStart, sizeof kStart - 1) != 0) return false;
-  format += sizeof kStart - 1;
+  const char *text = format;
+  if (std::strncmp(text, kStart, sizeof kStart - 1) != 0) return false;
+  text += sizeof kStart - 1;
   int32_t size = kStructuredSize;
   for (Bytes &data : out->data) {
-    if (!takeCount(format, &data.length)) return false;
+    if (!takeCount(text, &data.length)) return false;
     data.data = value + size;  // compared with the value's length below, before anyone reads there
     size += data.length;
   }
-  if (*format || size != valueLength) return false;
+  if (text != format + formatLength || size != valueLength) return false;
   return ZuBuffer_UNPack("TBhI", value, &out->time, &out->type, &out->id, &out->code) == 4;
 }
 
@@ -307,6 +310,14 @@ bool passes(const Structured &record, const Filter &filter) {
   const auto code = static_cast<uint32_t>(filter.code);
   const bool codePasses = code == 0 || code == record.code || (filter.code == -1 && record.code != 0);
   return codePasses && (filter.type == 0 || static_cast<uint8_t>(filter.type) == record.type);
+}
+
+// Makes the dump format of a key: '*', the key and a terminator. Returns its length.
+size_t putDumpFormat(char *out, const uint8_t *key, uint8_t keyLength) {
+  *out = '*';
+  std::memcpy(out + 1, key, keyLength);
+  out[1 + keyLength] = '\0';
+  return 1U + keyLength;
 }
 
 bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kIdCount; }
@@ -444,10 +455,7 @@ int32_t ZuInfo_GetPack(ZuInfo *info, int32_t *cursor, char *formatOut, const uin
   const uint8_t *key;
   uint8_t keyLength;
   if (!ZuInfo_Get(info, nullptr, 0, cursor, &key, &keyLength, valueOut, nullptr)) return 0;
-  if (!formatOut) return 1;
-  *formatOut = '*';
-  std::memcpy(formatOut + 1, key, keyLength);
-  formatOut[1 + keyLength] = '\0';
+  if (formatOut) putDumpFormat(formatOut, key, keyLength);
   return 1;
 }
 
@@ -474,12 +482,15 @@ void ZuInfo_ShowInfo(ZuInfo *info, int32_t id, const char *hex1, const char *hex
   const Filter filter = {id, hex1, hex2, code, type};
   int32_t counter = 0;
   int32_t cursor = -1;
-  char format[1 + kLongestKey + 1];
+  const uint8_t *key;
   const uint8_t *value;
-  while (ZuInfo_GetPack(info, &cursor, format, &value)) {
+  uint8_t keyLength;
+  uint16_t valueLength;
+  while (ZuInfo_Get(info, nullptr, 0, &cursor, &key, &keyLength, &value, &valueLength)) {
+    char format[1 + kLongestKey + 1];
+    const size_t formatLength = putDumpFormat(format, key, keyLength);
     Structured record;
-    const auto valueLength = static_cast<int32_t>(at(info, static_cast<uint32_t>(cursor)) - value);
-    if (!readStructured(format, value, valueLength, &record) || !passes(record, filter)) continue;
+    if (!readStructured(format, formatLength, value, valueLength, &record) || !passes(record, filter)) continue;
     ++counter;
     if (counter <= skip || (limit != 0 && counter > limit)) continue;
     ZuPrint_Show(ZuString_SFormat("index=%d,", static_cast<int>(counter)), 0);

@@ -4,8 +4,8 @@
  * endian), the value. A key has at most 254 bytes, a value at most 65535. Every function accepts a NULL store.
  * Lengths and limits are in bytes; negative lengths and NULL texts with a length are refused with the failure value.
  *
- * When the block grows, its old and new state go to standard output unless the library was built without the store's
- * trace. When memory for the larger block is short, the records are lost and the store stays without a block, refusing
+ * Unless the library was built without the store's trace, every step of making room is printed to standard output, and
+ * when the block grows its state before and behind. When memory for the larger block is short, the records are lost and the store stays without a block, refusing
  * writes, until ZuInfo_ReSize finds a new one.
  *
  * Nothing locks: a store belongs to one thread at a time. */

@@ -2,7 +2,7 @@
  *
  * A logger makes its store at the first line it keeps. A kept line is two records with the same one-letter key ("w"
  * for level 2, "e" for level 3, "l" for every other): the time, then the line. A full store drops its oldest records.
- * Every function accepts a NULL logger and then does nothing. Nothing locks. */
+ * Every function accepts a NULL logger or text and then does nothing. Nothing locks. */
 #ifndef KEP_ZULOGGER_H
 #define KEP_ZULOGGER_H
 
@@ -41,7 +41,7 @@ KEP_API void ZuLogger_SetInfoSize(ZuLogger *logger, uint32_t size);
 /* Replaces the flags. */
 KEP_API void ZuLogger_SetFlag(ZuLogger *logger, uint32_t flags);
 
-/* Keeps a file name (cut at 499 bytes) and a UDP host (cut at 19) and port for the host's use. */
+/* Keeps a file name (cut at 499 bytes) and a UDP host (cut at 19; NULL keeps the old one) and port for the host's use. */
 KEP_API void ZuLogger_SetFileName(ZuLogger *logger, const char *name);
 KEP_API void ZuLogger_SetUDP(ZuLogger *logger, const char *host, int32_t port);
 
@@ -50,7 +50,7 @@ KEP_API void ZuLogger_Header(ZuLogger *logger, const char *text);
 KEP_API void ZuLogger_Tail(ZuLogger *logger);
 
 /* Writes one line as the flags say. Level 0 lines carry their own line end; to the echo of others one is added. An
- * empty line is kept, not echoed. Returns the sum of the two store results (ZuInfo_Append's) when the line is kept, 0
+ * empty line is kept, not echoed (but for the line end of a quiet logger's level 3). Returns the sum of the two store results (ZuInfo_Append's) when the line is kept, 0
  * when the logger ignores lines, -1 when it is refused by its level, is NULL, or is echoed only. */
 KEP_API int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text);
 
