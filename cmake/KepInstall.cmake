@@ -12,6 +12,8 @@ write_basic_package_version_file(kepConfigVersion.cmake COMPATIBILITY SameMinorV
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kepConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/kepConfigVersion.cmake
   DESTINATION ${kep_cmake_dir})
 
+# Relative, so that the installed tree can be moved and `cmake --install --prefix` is heard.
+file(RELATIVE_PATH kep_prefix_from_pc "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 foreach(package kep kep-platform-posix)
   configure_file(cmake/${package}.pc.in ${package}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

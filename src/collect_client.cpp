@@ -101,8 +101,10 @@ bool openConnection(const char *addrText, int32_t port) {
   return true;
 }
 
-// A closed connection is a result here and must not raise a signal in the host.
+// A closed connection is a result here and must not raise a signal in the host. After a failed run whose successor
+// could not connect there is a buffer but no connection; descriptor 0 is then the host's.
 bool sendAll(const uint8_t *data, size_t size) {
+  if (!l_fdIsOpen) return false;
   while (size > 0) {
     const ssize_t sent = send(l_fd, data, size, MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;
@@ -197,7 +199,7 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
 
   uint32_t length, type, sequence, port;
   ZuBuffer_UNPack("IIII", request, &length, &type, &sequence, &port);
-  if (static_cast<ssize_t>(static_cast<int32_t>(length)) != size || type >= kRequestTypeCount) return -1;
+  if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount) return -1;
   if (typeOut) *typeOut = type;
   if (addrTextOut) inet_ntop(AF_INET, &sender.sin_addr, addrTextOut, INET_ADDRSTRLEN);
   if (portOut) *portOut = static_cast<int32_t>(port);

@@ -35,9 +35,9 @@ typedef struct CollectParam {
 
 extern KEP_API CollectParam g_collect_param;
 
-/* Serves collection requests on UDP port 9099, one after another, for ever; makes a new logger first. The two most
- * significant bytes of `identity` are sent at the start of every run. Returns only when the port cannot be had, with a
- * negative number. */
+/* Serves collection requests on UDP port 9099, one after another, for ever. The two most significant bytes of
+ * `identity` are sent at the start of every run. Returns only when the port cannot be had, with a negative number;
+ * otherwise it makes a new logger first, and an earlier one is not released. */
 KEP_API int32_t Collect_Init(uint32_t identity);
 
 /* Registers an item under `name`, of which 19 bytes are kept. Returns it, to be given back with Collect_Release, or
@@ -51,23 +51,26 @@ KEP_API void Collect_Release(CollectItem *item);
 KEP_API void Collect_BeginSection(CollectItem *item, int32_t section);
 KEP_API void Collect_EndSection(CollectItem *item);
 
-/* Report one value under a key of the host's choice. They do nothing outside a run, or for a NULL item or text. A text
- * or struct of any length is sent in as many pieces as it takes; length 0 measures a text and sends no struct; an empty
- * text and a negative length send nothing. */
+/* Report one value under a key of the host's choice. They send nothing outside a run, or for a NULL item or text. A
+ * text or struct of any length is sent in as many pieces as it takes; length 0 measures a text and sends no struct; an
+ * empty text and a negative length send nothing. */
 KEP_API void Collect_PutInt(CollectItem *item, int32_t key, int32_t value);
 KEP_API void Collect_PutLong(CollectItem *item, int32_t key, int64_t value);
 KEP_API void Collect_PutString(CollectItem *item, int32_t key, const char *text, int32_t length);
 KEP_API void Collect_PutStruct(CollectItem *item, int32_t key, const void *data, int32_t length);
 
-/* Report every record of a fault's init or run log, oldest first, times and lines in turn, each as one string. */
+/* Report every record of a fault's init or run log, oldest first, times and lines in turn, each as one string, empty
+ * for an empty line. A NULL item or fault, or a log without a line, sends nothing. */
 KEP_API void Collect_PutInitLog(CollectItem *item, int32_t key, const ZuFault *logs);
 KEP_API void Collect_PutRunLog(CollectItem *item, int32_t key, const ZuFault *logs);
 
 /* Prints the service's log. */
 KEP_API void Collect_ShowLog(void);
 
-/* One collection run and one self-test, as Collect_Init makes them for a request from this address and port. Return 1,
- * or 0 when the server cannot be reached or stops taking messages; the log says which. */
+/* One collection run and one self-test, as Collect_Init makes them for a request from this address and port. A
+ * self-test sends no catalogue; each item's records follow a string record of its name under item index 0xFFFF. Return
+ * 1, or 0 when the server cannot be reached, memory is short, or the server stops taking messages; the log says which
+ * of the first and the last. A run that the server broke leaves its connection for the next run to close. */
 KEP_API int32_t Collect_Start(const char *addressText, int32_t port, int32_t requestType, int32_t sequence, uint8_t id0,
                               uint8_t id1);
 KEP_API int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1);

@@ -10,8 +10,13 @@
  *   string    0x83 | item index (4) | section (4) | key (4) | length (2) | bytes      0x03: more pieces follow
  *   buffer    0x84 | the same                                                        0x04: more pieces follow
  *
+ * Message types are 0, the identity (2 identity bytes | 0 | 0); 1, the catalogue (for each item: index (4) | length of
+ * its name (2) | name); and 2, data, which is any number of records.
+ *
  * There is one run at a time in a process: CollectClient_Start, any number of calls, CollectClient_End. Outside a run
- * the others do nothing. There are no time-outs: a server that stops answering holds the calling thread. */
+ * the others do nothing. A run that fails before its end leaves its connection and its message behind: calls go on
+ * gathering, and their flushes fail, until the next run's start or an end. There are no time-outs: a server that stops
+ * answering holds the calling thread. */
 #ifndef KEP_COLLECTCLIENT_H
 #define KEP_COLLECTCLIENT_H
 
@@ -35,8 +40,8 @@ KEP_API int32_t CollectClient_WaitFor(int fd, uint8_t id0, uint8_t id1, uint32_t
                                       int32_t *portOut);
 
 /* Begins a run: connects to the dotted address and the low 16 bits of `port`. A connection that an earlier run left
- * open is closed first. Returns 1; 0 when memory is short, or, with "connect error." on standard output, when the
- * server cannot be reached. */
+ * open is closed first. Returns 1; 0, with no connection left open, when memory is short, or, with "connect error." on
+ * standard output, when the server cannot be reached. */
 KEP_API int32_t CollectClient_Start(const char *addrText, int32_t port);
 
 /* Sets the type of the messages that follow; 0 when a run begins. */

@@ -5,8 +5,8 @@
  * Lengths and limits are in bytes; negative lengths and NULL texts with a length are refused with the failure value.
  *
  * Unless the library was built without the store's trace, every step of making room is printed to standard output, and
- * when the block grows its state before and behind. When memory for the larger block is short, the records are lost and the store stays without a block, refusing
- * writes, until ZuInfo_ReSize finds a new one.
+ * when the block grows its state before and behind. When memory for the larger block is short, the records are lost and
+ * the store stays without a block, refusing writes, until ZuInfo_ReSize finds a new one.
  *
  * Nothing locks: a store belongs to one thread at a time. */
 #ifndef KEP_ZUINFO_H

@@ -41,7 +41,8 @@ KEP_API void ZuLogger_SetInfoSize(ZuLogger *logger, uint32_t size);
 /* Replaces the flags. */
 KEP_API void ZuLogger_SetFlag(ZuLogger *logger, uint32_t flags);
 
-/* Keeps a file name (cut at 499 bytes) and a UDP host (cut at 19; NULL keeps the old one) and port for the host's use. */
+/* Keeps a file name (cut at 499 bytes) and a UDP host (cut at 19; NULL keeps the old one) and port for the host's use.
+ */
 KEP_API void ZuLogger_SetFileName(ZuLogger *logger, const char *name);
 KEP_API void ZuLogger_SetUDP(ZuLogger *logger, const char *host, int32_t port);
 
@@ -50,8 +51,9 @@ KEP_API void ZuLogger_Header(ZuLogger *logger, const char *text);
 KEP_API void ZuLogger_Tail(ZuLogger *logger);
 
 /* Writes one line as the flags say. Level 0 lines carry their own line end; to the echo of others one is added. An
- * empty line is kept, not echoed (but for the line end of a quiet logger's level 3). Returns the sum of the two store results (ZuInfo_Append's) when the line is kept, 0
- * when the logger ignores lines, -1 when it is refused by its level, is NULL, or is echoed only. */
+ * empty line is kept, not echoed (but for the line end of a quiet logger's level 3). Returns the sum of the two store
+ * results (ZuInfo_Append's) when the line is kept, 0 when the logger ignores lines, -1 when it is refused by its level,
+ * is NULL, or is echoed only. */
 KEP_API int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text);
 
 /* Keeps one line with a short time stamp, whatever the flags; echoes it, with a line end, only at level 0 and when it

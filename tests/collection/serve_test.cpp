@@ -1,0 +1,102 @@
+// The service as a collection server meets it: requests to port 9099, answered one after another for ever.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <kep/kep.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "collection/server.hpp"
+#include "support/platform_double.hpp"
+
+namespace {
+
+CollectItem *item;
+
+int32_t collect(int32_t type) {
+  Collect_PutInt(item, 1, type);
+  return 0;
+}
+
+int32_t selfTest(int32_t) {
+  Collect_PutString(item, 2, "fine", 0);
+  return 0;
+}
+
+// Lets the service run from the first test on until the process ends. Its first allocation follows the bound port.
+void serve() {
+  static bool serves = false;
+  if (std::exchange(serves, true)) return;
+  item = Collect_New("item", collect, selfTest);
+  const int blocks = platform::liveBlocks();
+  static std::atomic<bool> returned{false};
+  std::thread([] {
+    Collect_Init(0xABCD1234);
+    returned = true;
+  }).detach();
+  while (platform::liveBlocks() == blocks && !returned) std::this_thread::yield();
+  ASSERT_FALSE(returned) << "port 9099 is in use";
+}
+
+// The messages of a run, whose automatic numbers begin with that of its second message.
+std::vector<std::string> expected(Server &server, int32_t type, int32_t sequence) {
+  wire::Stream run(server.words(8).at(1) - 1);
+  run.append(std::string("\xAB\xCD\0\0", 4));
+  run.flush(sequence);
+  if (type < 3) {
+    run.setType(1);
+    run.append(wire::word(0) + wire::counted("item"));
+    run.flush();
+    run.setType(2);
+    run.putInt(0, 0, 1, type);
+  } else {
+    run.setType(2);
+    run.putString(0xFFFF, 0, 0, "item");
+    run.putString(0, 0, 2, "fine");
+  }
+  run.flush();
+  run.flush();
+  return run.messages();
+}
+
+TEST(Service, RefusesABusyPort) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in any{};
+  any.sin_family = AF_INET;
+  any.sin_port = htons(9099);
+  (void)!bind(fd, reinterpret_cast<sockaddr *>(&any), sizeof any);  // busy already is as good
+  const int descriptors = openDescriptors();
+  const ZuLogger *logger = g_collect_param.logger;
+  EXPECT_LT(Collect_Init(0), 0);
+  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_EQ(g_collect_param.logger, logger);
+  close(fd);
+}
+
+TEST(Service, AnswersEveryKindOfRequestInTurn) {
+  serve();
+  Server servers[4];
+  for (int32_t type = 0; type < 4; ++type) ask(wire::request(16, type, 100 + type, servers[type].port()), 9099);
+  for (int32_t type = 0; type < 4; ++type) {
+    EXPECT_EQ(servers[type].messages(), expected(servers[type], type, 100 + type)) << type;
+  }
+  Server elsewhere({}, "127.0.0.2");  // the answer goes where the request came from
+  ask(wire::request(16, 1, -7, elsewhere.port()), 9099, "127.0.0.2");
+  EXPECT_EQ(elsewhere.messages(), expected(elsewhere, 1, -7));
+}
+
+TEST(Service, PassesOverBadRequestsAndBrokenRuns) {
+  serve();
+  Server breaking({2}), whole;
+  StdoutCapture output;
+  ask("", 9099);  // type 0 for port 0
+  ask(wire::request(17, 0, 1, closedPort()), 9099);
+  ask(wire::request(16, 4, 1, closedPort()), 9099);
+  ask(wire::request(16, 0, -1, closedPort()), 9099);  // -1 stands for a bad request
+  ask(wire::request(16, 0, 1, breaking.port()), 9099);
+  ask(wire::request(16, 2, 5, whole.port()), 9099);
+  EXPECT_EQ(whole.messages(), expected(whole, 2, 5));
+  EXPECT_EQ(output.take(), "size=0\nconnect error.\nsize=16\nsize=16\nsize=16\nsize=16\nrecv error.\nsize=16\n");
+}
+
+}  // namespace

@@ -1,0 +1,193 @@
+#include "collection/server.hpp"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <kep/CollectClient.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace wire {
+
+std::string bytes(const char *hexDigits) {
+  std::string bytes;
+  for (; *hexDigits; hexDigits += *hexDigits == ' ' ? 1 : 2) {
+    if (*hexDigits != ' ') bytes += static_cast<char>(std::stoi(std::string(hexDigits, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+std::string number(uint64_t value, size_t size) {
+  std::string bytes;
+  while (size > 0) bytes += static_cast<char>(value >> 8 * --size & 0xFF);
+  return bytes;
+}
+
+std::string word(int64_t value) { return number(static_cast<uint64_t>(value), 4); }
+
+std::string counted(const std::string &bytes) { return number(bytes.size(), 2) + bytes; }
+
+std::string head(int type, int32_t index, int32_t section, int32_t key) {
+  return static_cast<char>(type) + word(index) + word(section) + word(key);
+}
+
+std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port) {
+  return word(length) + word(type) + word(sequence) + word(port);
+}
+
+int32_t wordAt(const std::string &bytes, size_t offset) {
+  uint32_t value = 0;
+  for (size_t i = 0; i < 4; ++i) value = value << 8 | static_cast<uint8_t>(bytes.at(offset + i));
+  return static_cast<int32_t>(value);
+}
+
+void Stream::putInt(int32_t index, int32_t section, int32_t key, int32_t value) {
+  if (room() < 17) flush();
+  append(head(0x81, index, section, key) + word(value));
+}
+
+void Stream::putLong(int32_t index, int32_t section, int32_t key, int64_t value) {
+  if (room() < 21) flush();
+  append(head(0x82, index, section, key) + number(static_cast<uint64_t>(value), 8));
+}
+
+void Stream::put(int type, int32_t index, int32_t section, int32_t key, std::string bytes) {
+  for (bool more = true; more;) {
+    if (room() < 25) flush();
+    const std::string piece = bytes.substr(0, room() - 15);
+    bytes.erase(0, piece.size());
+    more = !bytes.empty();
+    append(head(more ? type : type | 0x80, index, section, key) + counted(piece));
+  }
+}
+
+void Stream::flush(int32_t sequence) {
+  if (sequence == 0) sequence = ++sequence_;
+  messages_.push_back(word(static_cast<int64_t>(payload_.size()) + 12) + word(type_) + word(sequence) + payload_);
+  payload_.clear();
+}
+
+}  // namespace wire
+
+namespace {
+
+sockaddr_in addressOf(const char *address, int32_t port) {
+  sockaddr_in name{};
+  name.sin_family = AF_INET;
+  name.sin_addr.s_addr = inet_addr(address);
+  name.sin_port = htons(static_cast<uint16_t>(port));
+  return name;
+}
+
+}  // namespace
+
+int openSocket(int kind, const char *address, int32_t *portOut) {
+  const int fd = socket(AF_INET, kind, 0);
+  sockaddr_in name = addressOf(address, 0);
+  socklen_t size = sizeof name;
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&name), size), 0);
+  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size), 0);
+  *portOut = ntohs(name.sin_port);
+  return fd;
+}
+
+int32_t closedPort() {
+  static int32_t port = 0;
+  if (port == 0) openSocket(SOCK_STREAM, "127.0.0.1", &port);
+  return port;
+}
+
+void ask(const std::string &datagram, int32_t port, const char *address) {
+  int32_t ownPort;
+  const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
+  const sockaddr_in board = addressOf("127.0.0.1", port);
+  EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&board), sizeof board),
+            static_cast<ssize_t>(datagram.size()));
+  close(fd);
+}
+
+Server::Server(Manner manner, const char *address)
+    : manner_(manner), listener_(openSocket(SOCK_STREAM, address, &port_)) {
+  EXPECT_EQ(listen(listener_, 1), 0);
+  thread_ = std::thread(&Server::serve, this);
+}
+
+Server::~Server() {
+  shutdown(listener_, SHUT_RDWR);  // wakes a thread that still waits for its client
+  shutdown(connection_, SHUT_RDWR);
+  if (thread_.joinable()) thread_.join();
+  close(listener_);
+}
+
+const std::vector<std::string> &Server::messages() {
+  if (thread_.joinable()) thread_.join();
+  return messages_;
+}
+
+std::vector<size_t> Server::payloadSizes() {
+  std::vector<size_t> sizes;
+  for (const std::string &message : messages()) sizes.push_back(message.size() - 12);
+  return sizes;
+}
+
+std::vector<int32_t> Server::words(size_t offset) {
+  std::vector<int32_t> words;
+  for (const std::string &message : messages()) words.push_back(wire::wordAt(message, offset));
+  return words;
+}
+
+bool Server::wasHurried() {
+  messages();
+  return hurried_;
+}
+
+void Server::serve() {
+  connection_ = accept(listener_, nullptr, nullptr);
+  const std::string ack(manner_.ackSize, 'A');
+  while (readMessage() && !endsNow()) {
+    char next;
+    if (recv(connection_, &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0) hurried_ = true;
+    send(connection_, ack.data(), ack.size(), MSG_NOSIGNAL);
+  }
+  close(connection_.exchange(-1));
+}
+
+bool Server::readMessage() {
+  std::string bytes(12, '\0');
+  if (recv(connection_, bytes.data(), 12, MSG_WAITALL) != 12) return false;
+  const auto size = static_cast<size_t>(std::max(wire::wordAt(bytes, 0), 12));
+  bytes.resize(std::min<size_t>(size, 100000));
+  if (bytes.size() > 12) {  // a receive of no bytes would wait for the next message
+    const ssize_t rest = recv(connection_, bytes.data() + 12, bytes.size() - 12, MSG_WAITALL);
+    bytes.resize(12 + static_cast<size_t>(std::max<ssize_t>(rest, 0)));
+  }
+  messages_.push_back(bytes);
+  return bytes.size() == size;
+}
+
+bool Server::endsNow() {
+  if (messages_.size() != manner_.endsAt) return false;
+  if (manner_.resets) {
+    const linger atOnce = {1, 0};
+    setsockopt(connection_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  }
+  return true;
+}
+
+int32_t lastSequence() {
+  Server server;
+  EXPECT_EQ(CollectClient_Start("127.0.0.1", server.port()), 1);
+  CollectClient_End();
+  return server.words(8).at(0);
+}
+
+int openDescriptors() {
+  DIR *folder = opendir("/proc/self/fd");
+  int count = 0;
+  while (readdir(folder)) ++count;
+  closedir(folder);
+  return count;
+}

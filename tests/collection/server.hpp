@@ -1,0 +1,101 @@
+// server.hpp: the other side of the wire for tests: a collection server on loopback, and the bytes that it should get,
+// written here without the library's help.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace wire {
+
+std::string bytes(const char *hexDigits);         // blanks are passed over
+std::string number(uint64_t value, size_t size);  // big endian
+std::string word(int64_t value);                  // 4 bytes
+std::string counted(const std::string &bytes);    // behind a length of 2 bytes
+std::string head(int type, int32_t index, int32_t section, int32_t key);
+std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port);
+
+int32_t wordAt(const std::string &bytes, size_t offset);
+
+// The messages that a run should send, built as its values are reported.
+class Stream {
+ public:
+  // `sequence`: the last automatic number that went out before.
+  explicit Stream(int32_t sequence) : sequence_(sequence) {}
+
+  void setType(int32_t type) { type_ = type; }
+  void append(const std::string &bytes) { payload_ += bytes; }
+  void putInt(int32_t index, int32_t section, int32_t key, int32_t value);
+  void putLong(int32_t index, int32_t section, int32_t key, int64_t value);
+  void putString(int32_t index, int32_t section, int32_t key, std::string text) { put(3, index, section, key, text); }
+  void putBuffer(int32_t index, int32_t section, int32_t key, std::string data) { put(4, index, section, key, data); }
+  void flush(int32_t sequence = 0);
+
+  const std::vector<std::string> &messages() const { return messages_; }
+
+ private:
+  size_t room() const { return 1024 - payload_.size(); }
+  void put(int type, int32_t index, int32_t section, int32_t key, std::string bytes);
+
+  int32_t type_ = 0;
+  int32_t sequence_;
+  std::string payload_;
+  std::vector<std::string> messages_;
+};
+
+}  // namespace wire
+
+// What a server does with the messages of a run.
+struct Manner {
+  size_t endsAt = 0;   // the message (1: the first) that is not acknowledged but ends the connection; 0: none
+  bool resets = true;  // ends it by a reset, not by closing
+  size_t ackSize = 4;  // bytes that acknowledge a message
+};
+
+// Takes one connection and reads its messages on a thread of its own.
+class Server {
+ public:
+  explicit Server(Manner manner = {}, const char *address = "127.0.0.1");
+  ~Server();
+  Server(const Server &) = delete;
+  Server &operator=(const Server &) = delete;
+
+  int32_t port() const { return port_; }
+
+  // Wait for the connection to end. The messages, headers included; their payload sizes; their words at an offset;
+  // whether any message came before the one in front of it was acknowledged.
+  const std::vector<std::string> &messages();
+  std::vector<size_t> payloadSizes();
+  std::vector<int32_t> words(size_t offset);
+  bool wasHurried();
+
+ private:
+  void serve();
+  bool readMessage();
+  bool endsNow();
+
+  const Manner manner_;
+  int listener_;
+  std::atomic<int> connection_{-1};
+  int32_t port_;
+  std::vector<std::string> messages_;
+  bool hurried_ = false;
+  std::thread thread_;
+};
+
+// Sends a datagram to a port of 127.0.0.1 from this address.
+void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1");
+
+// Opens a socket of this kind at an address of loopback.
+int openSocket(int kind, const char *address, int32_t *portOut);
+
+// A port at which nobody listens while the process lives.
+int32_t closedPort();
+
+// The last number that the client gave a message by itself, learned from a run without content.
+int32_t lastSequence();
+
+// How many descriptors the process has open.
+int openDescriptors();
