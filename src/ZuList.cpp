@@ -1,28 +1,9 @@
 // ZuList.cpp: a singly linked list of element values. `count` is the only bookkeeping: every walk is bounded by it.
-#include "kep/ZuList.h"
+#include "ZuList.hpp"
 
 #include <cassert>
 
 #include "kep/ZuMem.h"
-
-namespace {
-
-// The nodes of a static list come from the pool, which aligns to 4 bytes only.
-struct __attribute__((packed, aligned(4))) ZuListNode {
-  ZuListNode *next;
-  void *data;
-};
-static_assert(sizeof(ZuListNode) == 2 * sizeof(void *), "two words");
-
-}  // namespace
-
-struct ZuList {
-  int32_t count;
-  int32_t maxLength;    // for ZuList_Push; 0: unbounded
-  ZuListFree freeFunc;  // NULL: a static list
-  ZuListNode *head;
-};
-static_assert(sizeof(void *) != 4 || sizeof(ZuList) == 16, "the board's record");
 
 namespace {
 

@@ -52,15 +52,18 @@ uint32_t trackedSize(const void *block) {
   return size;
 }
 
-void *ZuMem_Malloc(int32_t id, uint32_t size) {
-  if (size > UINT32_MAX - kHeaderSize) return nullptr;
-  auto *block = static_cast<uint8_t *>(VRK_Malloc(size + kHeaderSize));
+void *mallocWithSlack(int32_t id, uint32_t size, uint32_t slack) {
+  const uint64_t whole = uint64_t{size} + kHeaderSize + slack;
+  if (whole > UINT32_MAX) return nullptr;
+  auto *block = static_cast<uint8_t *>(VRK_Malloc(static_cast<uint32_t>(whole)));
   if (!block) return nullptr;
   std::memcpy(block, &size, sizeof size);  // copied: the platform's blocks need not be aligned
   ZuMem_Size[id & 0xFF] += size + kHeaderSize;
   ++ZuMem_MallocCnt[id & 0xFF];
   return block + kHeaderSize;
 }
+
+void *ZuMem_Malloc(int32_t id, uint32_t size) { return mallocWithSlack(id, size, 0); }
 
 void ZuMem_Free(int32_t id, void *ptr) {
   if (!ptr) return;

@@ -14,3 +14,6 @@ inline uint8_t *memData(ZuMem *obj) { return reinterpret_cast<uint8_t *>(obj + 1
 
 // The size that was asked for when a block was taken with ZuMem_Malloc.
 uint32_t trackedSize(const void *block);
+
+// As ZuMem_Malloc, with `slack` more bytes addressable behind the block that are not counted with it.
+void *mallocWithSlack(int32_t id, uint32_t size, uint32_t slack);

@@ -1,5 +1,5 @@
 // ZuPrint.cpp: gathers text in a buffer and hands whole buffers to the platform's console.
-#include "kep/ZuPrint.h"
+#include "ZuPrint.hpp"
 
 #include <cassert>
 #include <cstring>
@@ -36,6 +36,8 @@ bool makeSharedObject() {
 }
 
 }  // namespace
+
+int32_t printLength(const ZuPrint *obj) { return obj->length; }
 
 ZuPrint *ZuPrint_New(char *buffer, int32_t capacity) {
   if (!buffer || capacity < 2) return nullptr;
@@ -97,11 +99,13 @@ void ZuPrint_Show(const char *text, int32_t len) {
 }
 
 void ZuPrint_ShowEx(const char *text, int32_t len) {
+  if (!text) return;
   ZuPrint_Show(text, len);
   ZuPrint_Flush(self_print);
 }
 
 void ZuPrint_Puts(const char *text, int32_t len) {
+  if (!text) return;
   ZuPrint_Show(text, len);
   ZuPrint_Show("\n", 1);
 }

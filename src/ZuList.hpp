@@ -1,0 +1,41 @@
+// ZuList.hpp: the list's records, for modules that walk a list once instead of once for every position.
+#pragma once
+
+#include "kep/ZuList.h"
+
+// The nodes of a static list come from the pool, which aligns to 4 bytes only.
+struct __attribute__((packed, aligned(4))) ZuListNode {
+  ZuListNode *next;
+  void *data;
+};
+static_assert(sizeof(ZuListNode) == 2 * sizeof(void *), "two words");
+
+struct ZuList {
+  int32_t count;
+  int32_t maxLength;    // for ZuList_Push; 0: unbounded
+  ZuListFree freeFunc;  // NULL: a static list
+  ZuListNode *head;
+};
+static_assert(sizeof(void *) != 4 || sizeof(ZuList) == 16, "the board's record");
+
+// Hands out the elements of a list in order; NULL is an empty list. The list may grow at its tail meanwhile: the walk
+// ends with the element that was last when it began.
+template <typename Element>
+class ListWalk {
+ public:
+  explicit ListWalk(const ZuList *list) : next_(list ? list->head : nullptr), left_(list ? list->count : 0) {}
+
+  // Stores the next element, which may be NULL; false behind the last one.
+  bool next(Element **out) {
+    if (left_ <= 0) return false;
+    --left_;
+    *out = static_cast<Element *>(next_->data);
+    // Read at the next step: the node behind the last one may not be there yet.
+    if (left_ > 0) next_ = next_->next;
+    return true;
+  }
+
+ private:
+  ZuListNode *next_;
+  int32_t left_;
+};

@@ -1,0 +1,101 @@
+// ZuSock.cpp: datagram sockets with addresses as dotted text.
+#include "kep/ZuSock.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr char kBroadcast[] = "<BROADCAST>";
+constexpr int kNoLimit = -1;
+
+sockaddr_in addressOf(const char *text, int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = inet_addr(text);
+  return address;
+}
+
+int64_t nowMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until a datagram can be read. An interrupted wait goes on with the time that is left. Asks poll, which unlike
+// select takes a descriptor of any number.
+bool waitReadable(int fd, int timeoutMs) {
+  const int64_t end = nowMs() + timeoutMs;
+  pollfd wait = {fd, POLLIN, 0};
+  int ready;
+  while ((ready = poll(&wait, 1, timeoutMs)) < 0 && errno == EINTR) {
+    if (timeoutMs == kNoLimit) continue;
+    const int64_t left = end - nowMs();
+    timeoutMs = left > 0 ? static_cast<int>(left) : 0;
+  }
+  return ready > 0 && (wait.revents & POLLNVAL) == 0;
+}
+
+}  // namespace
+
+int ZuSock_UDP_Create(const char *addressText, int port) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0 || !addressText || port < 1) return fd;
+  const sockaddr_in address = addressOf(addressText, port);
+  if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+void ZuSock_UDP_Close(int fd) {
+  if (fd >= 0) close(fd);
+}
+
+int ZuSock_UDP_SendMessage(int fd, const char *addressText, int port, const void *data, int length) {
+  if (!addressText) return 0;
+  if (!data || *static_cast<const char *>(data) == '\0' || port < 0 || length < 0) return -1;
+  const int broadcast = std::strcmp(addressText, kBroadcast) == 0;
+  setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &broadcast, sizeof broadcast);
+  const sockaddr_in address = addressOf(broadcast ? "255.255.255.255" : addressText, port);
+  ssize_t sent;
+  do {
+    sent =
+        sendto(fd, data, static_cast<size_t>(length), 0, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+  } while (sent < 0 && errno == EINTR);
+  return static_cast<int>(sent);
+}
+
+int ZuSock_UDP_RecvMessage(int fd, char *addressTextOut, int *portOut, void *buffer, int size) {
+  if (!buffer || size < 0) return -1;
+  sockaddr_in sender{};
+  socklen_t senderSize = sizeof sender;
+  ssize_t received;
+  do {
+    received = recvfrom(fd, buffer, static_cast<size_t>(size), 0, reinterpret_cast<sockaddr *>(&sender), &senderSize);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0) return -1;
+  if (addressTextOut) inet_ntop(AF_INET, &sender.sin_addr, addressTextOut, INET_ADDRSTRLEN);
+  if (portOut) *portOut = ntohs(sender.sin_port);
+  static_cast<char *>(buffer)[received] = '\0';
+  return static_cast<int>(received);
+}
+
+int ZuSock_UDP_GetMessage(int fd, char *addressText, int *portInOut, void *buffer, int sendLength, int receiveSize,
+                          int timeoutMs) {
+  if (!portInOut) return -1;
+  const int sent = ZuSock_UDP_SendMessage(fd, addressText, *portInOut, buffer, sendLength);
+  if (sent < 0) return sent;
+  if (timeoutMs < kNoLimit || !waitReadable(fd, timeoutMs)) return 0;
+  return ZuSock_UDP_RecvMessage(fd, addressText, portInOut, buffer, receiveSize);
+}

@@ -1,0 +1,432 @@
+// ZuTable.cpp: the model of a text table, its sums and widths, and its drawing.
+//
+// Columns, rows and the cells of a row are lists by index; a NULL element is a column without title, an empty row or a
+// missing cell. Passes over the table walk each list once: positions are found by walking, and rows may be many.
+#include "kep/ZuTable.h"
+
+#include <cstring>
+
+#include "ZuList.hpp"
+#include "ZuPrint.hpp"
+#include "kep/ZuMem.h"
+#include "kep/platform.h"
+
+struct ZuTable {
+  char caption[100];
+  ZuList *columns;
+  ZuList *rows;
+};
+static_assert(sizeof(void *) != 4 || sizeof(ZuTable) == 108, "the board's record");
+
+namespace {
+
+enum Type : int32_t { kDouble, kFloat, kInt32, kInt64, kText };
+
+// 8-byte values lie 4-byte aligned in these records, so they are copied in and out.
+struct ZuTableColumn {
+  char name[100];
+  int32_t nameLen;
+  int32_t type;
+  char align;
+  char sumText[100];  // decides on the width only
+  char format[20];
+  uint32_t sum[2];
+  int32_t width;
+};
+static_assert(sizeof(ZuTableColumn) == 244, "the column's record");
+
+struct ZuTableCell {
+  char text[100];
+  int32_t textLen;  // as the formatter reported it, even where the text was cut
+  uint32_t value[2];
+};
+static_assert(sizeof(ZuTableCell) == 112, "the cell's record");
+
+constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no buffer"
+
+// ---- values
+
+template <typename Value>
+Value load(const uint32_t (&bytes)[2]) {
+  Value value;
+  std::memcpy(&value, bytes, sizeof value);
+  return value;
+}
+
+template <typename Value>
+void store(uint32_t (&bytes)[2], Value value) {
+  std::memcpy(bytes, &value, sizeof value);
+}
+
+size_t sizeOf(int32_t type) {
+  switch (type) {
+    case kDouble:
+    case kInt64: return 8;
+    case kFloat:
+    case kInt32: return 4;
+    default: return 0;
+  }
+}
+
+template <typename Value>
+int32_t print(char (&text)[100], const char *format, Value value) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // the column's format is the host's
+  return PLM_snprintf(text, sizeof text, format, value);
+#pragma GCC diagnostic pop
+}
+
+// Formats a value of 8 bytes as its type says. A number is passed as what the format of its type expects.
+int32_t printValue(char (&text)[100], const ZuTableColumn *column, const uint32_t (&value)[2]) {
+  switch (column->type) {
+    case kDouble: return print(text, column->format, load<double>(value));
+    case kFloat: return print(text, column->format, static_cast<double>(load<float>(value)));
+    case kInt32: return print(text, column->format, load<int32_t>(value));
+    case kInt64: return print(text, column->format, load<int64_t>(value));
+    default: text[0] = '\0'; return 0;
+  }
+}
+
+// Integers are added unsigned, so that they wrap.
+void addToSum(ZuTableColumn *column, const ZuTableCell *cell) {
+  switch (column->type) {
+    case kDouble: store(column->sum, load<double>(column->sum) + load<double>(cell->value)); break;
+    case kFloat: store(column->sum, load<float>(column->sum) + load<float>(cell->value)); break;
+    case kInt32: store(column->sum, load<uint32_t>(column->sum) + load<uint32_t>(cell->value)); break;
+    case kInt64: store(column->sum, load<uint64_t>(column->sum) + load<uint64_t>(cell->value)); break;
+    default: break;
+  }
+}
+
+// ---- the model
+
+template <size_t N>
+int32_t copyCut(char (&field)[N], const char *text) {
+  const size_t length = strnlen(text, N - 1);
+  std::memset(field, 0, N);
+  std::memcpy(field, text, length);
+  return static_cast<int32_t>(length);
+}
+
+void releaseRow(void *row) { ZuList_Release(static_cast<ZuList *>(row)); }
+
+template <typename Element>
+Element *elementAt(ZuList *list, int32_t index) {
+  return static_cast<Element *>(index < 0 ? nullptr : ZuList_Get(list, index));
+}
+
+// Stores a new element at an index and tells whether it got there.
+bool keepAt(ZuList *list, int32_t index, void *element) {
+  ZuList_Set(list, index, element);
+  return ZuList_Get(list, index) == element;
+}
+
+template <typename Record>
+Record *makeRecord() {
+  void *record = ZuMem_LocalMalloc(sizeof(Record));
+  if (record) std::memset(record, 0, sizeof(Record));
+  return static_cast<Record *>(record);
+}
+
+// The element of a list at an index, made and stored there when there is none; NULL when that fails.
+template <typename Record>
+Record *obtain(ZuList *list, int32_t index, bool *isNew) {
+  auto *record = elementAt<Record>(list, index);
+  *isNew = !record;
+  if (record || index < 0) return record;
+  record = makeRecord<Record>();
+  if (!record || keepAt(list, index, record)) return record;
+  ZuMem_LocalFree(record);
+  return nullptr;
+}
+
+ZuList *obtainRow(ZuTable *table, int32_t row) {
+  auto *cells = elementAt<ZuList>(table->rows, row);
+  if (cells || row < 0) return cells;
+  cells = ZuList_New(0, ZuMem_LocalFree);
+  if (!cells || keepAt(table->rows, row, cells)) return cells;
+  ZuList_Release(cells);
+  return nullptr;
+}
+
+void setCell(ZuTableCell *cell, const ZuTableColumn *column, const void *arg) {
+  if (column->type == kText) {
+    cell->textLen = print(cell->text, column->format, static_cast<const char *>(arg));
+  } else {
+    std::memcpy(cell->value, arg, sizeOf(column->type));
+  }
+}
+
+// ---- sums and widths
+
+void widen(ZuTableColumn *column, int32_t textLength) {
+  if (textLength + 2 > column->width) column->width = textLength + 2;
+}
+
+void sumCell(ZuTableColumn *column, ZuTableCell *cell) {
+  if (column->type != kText) cell->textLen = printValue(cell->text, column, cell->value);
+  addToSum(column, cell);
+  widen(column, cell->textLen);
+}
+
+void sumRow(const ZuList *columns, const ZuList *row) {
+  ListWalk<ZuTableColumn> columnWalk(columns);
+  ListWalk<ZuTableCell> cellWalk(row);
+  ZuTableColumn *column;
+  ZuTableCell *cell;
+  while (columnWalk.next(&column) && cellWalk.next(&cell)) {
+    if (column && cell) sumCell(column, cell);
+  }
+}
+
+// ---- drawing
+
+// Where a table is drawn to. Each line is flushed, so that a console shows it.
+class PrintCanvas {
+ public:
+  explicit PrintCanvas(ZuPrint *print) : print_(print) {}
+  void chars(char ch, int32_t count) { ZuPrint_PrintCh(print_, ch, count); }
+  void text(const char *text) { ZuPrint_Print(print_, text, 1); }
+  void newline() {
+    chars('\n', 1);
+    ZuPrint_Flush(print_);
+  }
+
+ private:
+  ZuPrint *print_;
+};
+
+class BufCanvas {
+ public:
+  explicit BufCanvas(ZuBuf *buf) : buf_(buf) {}
+  void chars(char ch, int32_t count) {
+    for (; count > 0; --count) ZuBuf_Append(buf_, &ch, 1);
+  }
+  void text(const char *text) { ZuBuf_Append(buf_, text, 0); }
+  void newline() { chars('\n', 1); }
+
+ private:
+  ZuBuf *buf_;
+};
+
+// The sum of the widths; false when a column has no title and the table cannot be drawn.
+bool totalWidth(const ZuTable *table, int32_t *out) {
+  *out = 0;
+  ZuTableColumn *column;
+  for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column); *out += column->width) {
+    if (!column) return false;
+  }
+  return true;
+}
+
+template <typename Canvas>
+void drawCentred(Canvas &canvas, const char *text, int32_t length, int32_t width) {
+  canvas.chars(' ', (width - length) / 2);
+  canvas.text(text);
+  canvas.chars(' ', (width + 1 - length) / 2);
+}
+
+template <typename Canvas>
+void drawCaption(Canvas &canvas, const ZuTable *table, int32_t width) {
+  if (!*table->caption) return;
+  canvas.chars('*', width);
+  canvas.newline();
+  canvas.chars(' ', (width - static_cast<int32_t>(std::strlen(table->caption))) / 2);
+  canvas.text(table->caption);
+  canvas.newline();
+  canvas.chars('*', width);
+  canvas.newline();
+}
+
+template <typename Canvas>
+void drawTitles(Canvas &canvas, const ZuTable *table) {
+  ZuTableColumn *column;
+  for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
+    drawCentred(canvas, column->name, column->nameLen, column->width);
+  }
+  canvas.newline();
+  for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
+    canvas.chars(' ', 1);
+    canvas.chars('-', column->width - 2);
+    canvas.chars(' ', 1);
+  }
+  canvas.newline();
+}
+
+template <typename Canvas>
+void drawCell(Canvas &canvas, const ZuTableColumn *column, const ZuTableCell *cell) {
+  if (!cell) return canvas.chars(' ', column->width);
+  const int32_t margin = column->width - cell->textLen;
+  switch (column->align) {
+    case 'R':
+    case 'r':
+      canvas.chars(' ', margin);
+      canvas.text(cell->text);
+      break;
+    case 'L':
+    case 'l':
+      canvas.text(cell->text);
+      canvas.chars(' ', margin);
+      break;
+    default: drawCentred(canvas, cell->text, cell->textLen, column->width);
+  }
+}
+
+template <typename Canvas>
+void drawRows(Canvas &canvas, const ZuTable *table) {
+  ZuList *row;
+  for (ListWalk<ZuList> rows(table->rows); rows.next(&row);) {
+    ListWalk<ZuTableCell> cells(row);
+    ZuTableColumn *column;
+    for (ListWalk<ZuTableColumn> columns(table->columns); row && columns.next(&column);) {
+      ZuTableCell *cell;
+      drawCell(canvas, column, cells.next(&cell) ? cell : nullptr);
+    }
+    canvas.newline();
+  }
+}
+
+template <typename Canvas>
+void drawBody(Canvas &canvas, const ZuTable *table, int32_t width) {
+  drawCaption(canvas, table, width);
+  drawTitles(canvas, table);
+  drawRows(canvas, table);
+}
+
+template <typename Canvas>
+void drawFooter(Canvas &canvas, const ZuTable *table, int32_t width) {
+  char count[100];
+  PLM_snprintf(count, sizeof count, "total count = %d", static_cast<int>(ZuTable_GetRowNum(table)));
+  canvas.chars('-', width);
+  canvas.newline();
+  canvas.text(count);
+  canvas.newline();
+  canvas.chars('-', width);
+  canvas.newline();
+}
+
+}  // namespace
+
+ZuTable *ZuTable_New(void) {
+  auto *table = makeRecord<ZuTable>();
+  if (!table) return nullptr;
+  table->columns = ZuList_New(0, ZuMem_LocalFree);
+  table->rows = ZuList_New(0, releaseRow);
+  if (table->columns && table->rows) return table;
+  ZuTable_Release(table);
+  return nullptr;
+}
+
+void ZuTable_Clear(ZuTable *table) {
+  if (!table) return;
+  ZuList_RemoveAll(table->rows);
+  ZuList_RemoveAll(table->columns);
+}
+
+void ZuTable_Release(ZuTable *table) {
+  if (!table) return;
+  ZuList_Release(table->rows);
+  ZuList_Release(table->columns);
+  ZuMem_LocalFree(table);
+}
+
+void ZuTable_ClearLines(ZuTable *table) {
+  if (!table) return;
+  ZuListNode *node = table->rows->head;
+  for (int32_t i = 0; i < table->rows->count; ++i, node = node->next) {
+    releaseRow(node->data);
+    node->data = nullptr;
+  }
+}
+
+int32_t ZuTable_GetRowNum(const ZuTable *table) { return table ? ZuList_Length(table->rows) : 0; }
+
+int32_t ZuTable_GetColNum(const ZuTable *table) { return table ? ZuList_Length(table->columns) : 0; }
+
+void ZuTable_SetCaption(ZuTable *table, const char *text) {
+  if (table && text) copyCut(table->caption, text);
+}
+
+void *ZuTable_SetTitle(ZuTable *table, int32_t col, const char *name, int32_t type, const char *format, char align) {
+  // A format that does not fit is refused: cut in the middle of a conversion it would ask for another value.
+  if (!table || !name || !format || std::strlen(format) >= sizeof(ZuTableColumn::format)) return nullptr;
+  bool isNew;
+  auto *column = obtain<ZuTableColumn>(table->columns, col, &isNew);
+  if (!column) return nullptr;
+  column->nameLen = copyCut(column->name, name);
+  column->type = type;
+  copyCut(column->format, format);
+  column->align = align;
+  column->width = 0;
+  std::memset(column->sum, 0, sizeof column->sum);
+  return isNew ? nullptr : column;
+}
+
+void *ZuTable_Set(ZuTable *table, int32_t row, int32_t col, const void *arg) {
+  if (!table || !arg) return nullptr;
+  const auto *column = elementAt<ZuTableColumn>(table->columns, col);
+  ZuList *cells = column ? obtainRow(table, row) : nullptr;
+  if (!cells) return nullptr;
+  bool isNew;
+  auto *cell = obtain<ZuTableCell>(cells, col, &isNew);
+  if (!cell) return nullptr;
+  setCell(cell, column, arg);
+  return isNew ? nullptr : cell;
+}
+
+void *ZuTable_Get(ZuTable *table, int32_t row, int32_t col) {
+  if (!table) return nullptr;
+  const auto *column = elementAt<ZuTableColumn>(table->columns, col);
+  auto *cell = elementAt<ZuTableCell>(elementAt<ZuList>(table->rows, row), col);
+  if (!column || !cell) return nullptr;
+  return column->type == kText ? static_cast<void *>(cell->text) : cell->value;
+}
+
+void ZuTable_Sum(ZuTable *table) {
+  if (!table) return;
+  ZuTableColumn *column;
+  for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
+    if (!column) continue;
+    std::memset(column->sum, 0, sizeof column->sum);
+    column->width = column->nameLen + 2;
+  }
+  ZuList *row;
+  for (ListWalk<ZuList> rows(table->rows); rows.next(&row);) sumRow(table->columns, row);
+  for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
+    if (column) widen(column, printValue(column->sumText, column, column->sum));
+  }
+}
+
+int32_t ZuTable_ShowToBuffer(ZuTable *table, char *buf, int32_t size) {
+  if (!table) return 0;
+  ZuTable_Sum(table);
+  int32_t width;
+  if (!totalWidth(table, &width)) return 0;
+  const bool toBuffer = buf && size != 0;
+  char line[400];
+  ZuPrint *print = toBuffer ? ZuPrint_New(buf, size) : ZuPrint_New(line, sizeof line);
+  if (!print) return 0;
+  ZuPrint_SetPrint(print, !toBuffer);
+  PrintCanvas canvas(print);
+  drawBody(canvas, table, width);
+  if (!toBuffer) drawFooter(canvas, table, width);
+  const int32_t held = printLength(print);  // nothing, when every line has been printed
+  ZuPrint_Release(print);
+  return held;
+}
+
+int32_t ZuTable_Show(ZuTable *table) { return ZuTable_ShowToBuffer(table, nullptr, 0); }
+
+void ZuTable_ShowToBuf(ZuTable *table, ZuBuf *buf) {
+  if (!table) return;
+  if (reinterpret_cast<uintptr_t>(buf) < kLowestAddress) {
+    ZuTable_Show(table);
+    return;
+  }
+  ZuTable_Sum(table);
+  int32_t width;
+  if (!totalWidth(table, &width)) return;
+  BufCanvas canvas(buf);
+  drawBody(canvas, table, width);
+  drawFooter(canvas, table, width);
+}
