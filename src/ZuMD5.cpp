@@ -72,7 +72,7 @@ void ZuMD5_Encode(uint32_t *state, const void *data, uint32_t len) {
   uint32_t words[kWordCount] = {};
   const uint32_t used = len < kWordCount * kWordSize ? len : kWordCount * kWordSize;
   const auto *in = static_cast<const uint8_t *>(data);
-  for (uint32_t i = 0; i < (used + kWordSize - 1) / kWordSize; ++i) words[i] = loadBig<uint32_t>(in + i * kWordSize);
+  for (size_t i = 0; i < (used + kWordSize - 1) / kWordSize; ++i) words[i] = loadBig<uint32_t>(in + i * kWordSize);
 
   uint32_t registers[4];
   std::memcpy(registers, state, sizeof registers);
