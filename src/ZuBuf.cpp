@@ -27,7 +27,6 @@ uint8_t *makeZeroed(uint64_t size) {
 
 bool grow(ZuBuf *buf, uint64_t need) {
   uint64_t size = bytesFor(buf, need);
-  if (size > UINT32_MAX) return false;  // checked before the rounding, which could wrap 64 bits too
   const uint64_t step = buf->growStep;
   if (step > 0) size = (size + step - 1) / step * step;
   uint8_t *block = makeZeroed(size);

@@ -67,8 +67,9 @@ ZuList *ZuList_New(int32_t maxLength, ZuListFree freeFunc) {
 void ZuList_RemoveAll(ZuList *list) {
   if (!list || !list->freeFunc) return;
   ZuListNode *node = list->head;
-  // Count and release function are read afresh for every node: the release function may reach the list.
-  for (int32_t visited = 0; visited < list->count; ++visited) {
+  // Count and release function are read afresh for every node: the release function may reach the list. What it adds
+  // behind the last node is not in the chain that is walked here.
+  for (int32_t visited = 0; visited < list->count && node; ++visited) {
     ZuListNode *next = node->next;
     if (list->freeFunc && node->data) list->freeFunc(node->data);
     ZuMem_LocalFree(node);

@@ -30,7 +30,7 @@ class ListWalk {
     if (left_ <= 0) return false;
     --left_;
     *out = static_cast<Element *>(next_->data);
-    // Read at the next step: the node behind the last one may not be there yet.
+    // Not read behind the last one: that node may not be there yet.
     if (left_ > 0) next_ = next_->next;
     return true;
   }

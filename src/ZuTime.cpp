@@ -94,7 +94,8 @@ uint32_t ZuTime_GetUTime(void) {
   return static_cast<uint32_t>(now.tv_sec) * 1000000U + static_cast<uint32_t>(now.tv_usec);
 }
 
-time_t ZuTime_GetTime(int32_t offset) { return time(nullptr) + offset; }
+// Added in 64 bits: near its end a 32-bit time would overflow.
+time_t ZuTime_GetTime(int32_t offset) { return static_cast<time_t>(int64_t{time(nullptr)} + offset); }
 
 time_t ZuTime_Now(void) { return ZuTime_GetTime(0); }
 

@@ -11,7 +11,7 @@
  * A count is the decimal number directly in front of s or S (0 without one); in front of another letter it is ignored.
  * Fields lie end to end, integers most significant byte first on every host, without padding, lengths or terminators.
  * Other characters are ignored. Case matters only to a dump: upper case shows hexadecimal, lower case a number or text.
- * Counts and sums saturate at 2^31 - 1. */
+ * Counts, and the size that ZuBuffer_GetPackSize gives, saturate at 2^31 - 1. */
 #ifndef KEP_ZUBUFFER_H
 #define KEP_ZUBUFFER_H
 

@@ -19,9 +19,9 @@ extern "C" {
 
 typedef struct ZuList ZuList;
 
-/* Releases one element value. */
+/* Releases one element value. It must not change the list that calls it. */
 typedef void (*ZuListFree)(void *element);
-/* Returns 0 when the element matches the key. */
+/* Returns 0 when the element matches the key. A NULL function matches nothing. */
 typedef int32_t (*ZuListCompare)(void *element, const void *key);
 
 /* Creates an empty list; `maxLength` bounds ZuList_Push only, 0 means unbounded. Returns NULL when memory is short. */
@@ -46,7 +46,8 @@ KEP_API void *ZuList_Find(ZuList *list, ZuListCompare cmp, const void *key);
 KEP_API void *ZuList_Get(ZuList *list, int32_t index);
 
 /* Stores `value` at `index` and returns what was there, NULL for a negative index. An index at or past the end extends
- * the list with NULL elements and gives NULL; when memory runs short on the way the elements already added stay. */
+ * the list with NULL elements and gives NULL; when memory runs short on the way the elements already added stay. The
+ * index 2^31 - 1 is refused. */
 KEP_API void *ZuList_Set(ZuList *list, int32_t index, void *value);
 
 /* Unlinks the element at `index` and hands it to the caller without calling freeFunc. A negative index is served like

@@ -25,7 +25,8 @@ KEP_API void *ZuMem_Malloc(int32_t id, uint32_t size);
 KEP_API void ZuMem_Free(int32_t id, void *ptr);
 
 /* Returns `size` bytes, rounded up to a multiple of 4, that are never given back: up to 512 KiB carved from a pool that
- * grows by chunks of 1 MiB (4-byte alignment), above that a counted block of its own. NULL when `size` is 0 or wraps
+ * grows by chunks of 1 MiB (4-byte alignment), above that, or when there is no memory for a chunk, a counted
+ * block of its own. NULL when `size` is 0 or wraps
  * when rounded, or when memory is short. */
 KEP_API void *ZuMem_Malloc_Static(int32_t id, uint32_t size);
 

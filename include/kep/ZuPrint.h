@@ -24,8 +24,9 @@ KEP_API ZuPrint *ZuPrint_New(char *buffer, int32_t capacity);
  * overflows loses what it held and fills again from the start. */
 KEP_API void ZuPrint_SetPrint(ZuPrint *obj, int32_t flag);
 
-/* Appends a character or a text `count` times; a count of 0 or less appends nothing. The buffer is terminated only
- * when it is printed. A text that does not fit even an empty buffer is printed directly. */
+/* Appends a character or a text `count` times; a count of 0 or less appends nothing. The buffer is terminated
+ * when it is created, printed or overflows; whoever builds a string terminates it. A text that does not fit even an
+ * empty buffer is printed directly, or lost when the object does not print. */
 KEP_API void ZuPrint_PrintCh(ZuPrint *obj, char ch, int32_t count);
 KEP_API void ZuPrint_Print(ZuPrint *obj, const char *text, int32_t count);
 
@@ -36,7 +37,7 @@ KEP_API void ZuPrint_Flush(ZuPrint *obj);
 KEP_API void ZuPrint_Release(ZuPrint *obj);
 
 /* Prints `len` characters through the shared object (0: the text's length, negative: nothing). Each newline flushes;
- * text behind the last newline waits for the next one. */
+ * text behind the last one waits for the next, for a full buffer of 1000 bytes, or for ZuPrint_ShowEx. */
 KEP_API void ZuPrint_Show(const char *text, int32_t len);
 
 /* As ZuPrint_Show, then flushes. */

@@ -2,6 +2,8 @@
 #ifndef KEP_API_H
 #define KEP_API_H
 
+#include <stdint.h>
+
 #if defined(__GNUC__)
 #define KEP_API __attribute__((visibility("default")))
 #define KEP_PRINTF(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
