@@ -32,6 +32,12 @@ static_assert(sizeof(void *) != 4 || sizeof(ZuInfo) == 276, "the board's record"
 
 namespace {
 
+// What a store's handle points at: the public record, and behind it what only this file counts.
+struct Store {
+  ZuInfo info;
+  uint32_t evicted;  // records wiped to make room
+};
+
 constexpr uint8_t kFree = 0xFF;
 constexpr int32_t kFirstBlockSize = 1024;
 constexpr uint32_t kSizeUnit = 1024;        // limits and grown blocks are multiples of it
@@ -123,6 +129,7 @@ int32_t evictOne(ZuInfo *info, int32_t need) {
     return 2;
   }
   const uint32_t size = wipeOldest(info);
+  ++reinterpret_cast<Store *>(info)->evicted;
   if (info->readOffset < blockSize(info)) {
     info->freeSize += static_cast<int32_t>(size);
   } else {
@@ -325,14 +332,14 @@ bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kIdCount; }
 }  // namespace
 
 ZuInfo *ZuInfo_New(uint32_t limit) {
-  auto *info = static_cast<ZuInfo *>(ZuMem_LocalMalloc(sizeof(ZuInfo)));
-  if (!info) return nullptr;
-  std::memset(info, 0, sizeof *info);  // all id switches off too
-  if (!ZuInfo_ReSize(info, limit)) {
-    ZuMem_LocalFree(info);
+  auto *store = static_cast<Store *>(ZuMem_LocalMalloc(sizeof(Store)));
+  if (!store) return nullptr;
+  std::memset(store, 0, sizeof *store);  // all id switches off too
+  if (!ZuInfo_ReSize(&store->info, limit)) {
+    ZuMem_LocalFree(store);
     return nullptr;
   }
-  return info;
+  return &store->info;
 }
 
 void ZuInfo_Release(ZuInfo *info) {
@@ -498,3 +505,5 @@ void ZuInfo_ShowInfo(ZuInfo *info, int32_t id, const char *hex1, const char *hex
   }
   ZuPrint_Show(ZuString_SFormat("Total count %d", static_cast<int>(counter)), 0);
 }
+
+uint32_t ZuInfo_GetEvicted(const ZuInfo *info) { return info ? reinterpret_cast<const Store *>(info)->evicted : 0; }

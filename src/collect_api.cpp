@@ -3,8 +3,7 @@
 
 #include "ZuFault.hpp"
 #include "ZuLogger.hpp"
-#include "kep/Collect.h"
-#include "kep/CollectClient.h"
+#include "collect_client.hpp"
 #include "kep/ZuMem.h"
 
 CollectParam g_collect_param;
@@ -18,6 +17,8 @@ constexpr int32_t kModuleId = 100;  // of tracked memory
 constexpr int32_t kItemCount = sizeof(CollectParam::items) / sizeof(CollectParam::items[0]);
 constexpr size_t kLongestName = sizeof(CollectItem::name) - 1;
 constexpr uint32_t kSelfTestRequest = 3;
+
+CollectAccess l_access;  // NULL: everyone is served
 
 bool isRegistered(const CollectItem *item) {
   if (!item) return false;
@@ -66,6 +67,10 @@ void serveOne(int fd, uint8_t id0, uint8_t id1) {
   int32_t port;
   const int32_t sequence = CollectClient_WaitFor(fd, id0, id1, &type, addressText, &port);
   if (sequence == -1) return;
+  if (l_access && !l_access(addressText, port, static_cast<int32_t>(type))) {
+    ++collectStats().refused;
+    return;
+  }
   if (type == kSelfTestRequest) {
     Collect_SelfTest(addressText, port, sequence, id0, id1);
   } else {
@@ -141,3 +146,9 @@ void Collect_PutRunLog(CollectItem *item, int32_t key, const ZuFault *logs) {
 }
 
 void Collect_ShowLog(void) { ZuLogger_ShowInfo(g_collect_param.logger); }
+
+void Collect_SetAccess(CollectAccess access) { l_access = access; }
+
+void Collect_GetStats(CollectStats *out) {
+  if (out) *out = collectStats();
+}

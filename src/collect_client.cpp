@@ -3,7 +3,10 @@
 //   send buffer  message header: length (4) | type (4) | sequence (4) | payload (1024)
 //
 // The layouts of requests, messages and records are in CollectClient.h.
+#include "collect_client.hpp"
+
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -13,9 +16,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "ZuBuffer.hpp"
-#include "kep/CollectClient.h"
 #include "kep/ZuMem.h"
 #include "kep/platform.h"
 
@@ -49,6 +52,13 @@ uint8_t *l_buffer;  // the send buffer; NULL outside a run
 int32_t l_bufPos;   // payload bytes gathered
 int32_t _sequence;  // the last automatic sequence; runs on from run to run
 
+// How long each may take, in milliseconds; 0: for ever.
+int32_t l_connectMs;
+int32_t l_sendMs;
+int32_t l_ackMs;
+
+CollectStats l_stats;
+
 // Flushed, so that the text keeps its place among the print sink's lines when standard output is a pipe.
 void putLine(const char *text) {
   std::puts(text);
@@ -65,20 +75,51 @@ sockaddr_in addressOf(in_addr_t host, int32_t port) {
   return address;
 }
 
-// An interrupted connect goes on by itself; waits for its outcome.
-bool finishConnect(int fd) {
-  pollfd wait = {fd, POLLOUT, 0};
-  while (poll(&wait, 1, -1) < 0) {
-    if (errno != EINTR) return false;
-  }
-  int error = 0;
-  socklen_t size = sizeof error;
-  return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+int64_t nowMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
+// The end of something that may take so many milliseconds; 0 where there is no limit.
+class Deadline {
+ public:
+  explicit Deadline(int32_t limitMs) : end_(limitMs > 0 ? nowMs() + limitMs : 0) {}
+
+  bool isSet() const { return end_ != 0; }
+
+  // Waits until the socket is ready; false when the time is over first. A signal does not end the wait.
+  bool waitFor(int fd, short events) const {
+    pollfd wait = {fd, events, 0};
+    int ready;
+    do {
+      ready = poll(&wait, 1, leftMs());
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+  }
+
+ private:
+  int leftMs() const {
+    if (!isSet()) return -1;
+    const int64_t left = end_ - nowMs();
+    return left > 0 ? static_cast<int>(left) : 0;
+  }
+
+  int64_t end_;
+};
+
+// With a limit the socket must not block; without one, an interrupted connect still goes on by itself.
 bool connectTo(int fd, const sockaddr_in &address) {
-  if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return true;
-  return errno == EINTR && finishConnect(fd);
+  const Deadline deadline(l_connectMs);
+  if (deadline.isSet()) fcntl(fd, F_SETFL, O_NONBLOCK);
+  if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    if ((errno != EINTR && errno != EINPROGRESS) || !deadline.waitFor(fd, POLLOUT)) return false;
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) return false;
+  }
+  if (deadline.isSet()) fcntl(fd, F_SETFL, 0);
+  return true;
 }
 
 void closeConnection() {
@@ -105,9 +146,15 @@ bool openConnection(const char *addrText, int32_t port) {
 // could not connect there is a buffer but no connection; descriptor 0 is then the host's.
 bool sendAll(const uint8_t *data, size_t size) {
   if (!l_fdIsOpen) return false;
+  const Deadline deadline(l_sendMs);
+  const int flags = MSG_NOSIGNAL | (deadline.isSet() ? MSG_DONTWAIT : 0);
   while (size > 0) {
-    const ssize_t sent = send(l_fd, data, size, MSG_NOSIGNAL);
+    const ssize_t sent = send(l_fd, data, size, flags);
     if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0 && errno == EAGAIN && deadline.isSet()) {
+      if (deadline.waitFor(l_fd, POLLOUT)) continue;
+      closeConnection();  // given up: the rest of the run shall not wait for it again
+    }
     if (sent <= 0) return false;
     data += sent;
     size -= static_cast<size_t>(sent);
@@ -117,6 +164,11 @@ bool sendAll(const uint8_t *data, size_t size) {
 
 // One receive, of at most 16 bytes that nobody looks at. A connection closed by the server counts as acknowledged.
 bool receiveAck() {
+  const Deadline deadline(l_ackMs);
+  if (deadline.isSet() && !deadline.waitFor(l_fd, POLLIN)) {
+    closeConnection();
+    return false;
+  }
   uint8_t ack[kAckSize];
   ssize_t received;
   do {
@@ -174,6 +226,8 @@ ssize_t receiveRequest(int fd, uint8_t *request, sockaddr_in *sender) {
 
 }  // namespace
 
+CollectStats &collectStats() { return l_stats; }
+
 int CollectClient_Init(void) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) return -1;
@@ -196,10 +250,14 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
   }
   std::printf("size=%ld\n", static_cast<long>(size));
   std::fflush(stdout);
+  ++l_stats.datagrams;
 
   uint32_t length, type, sequence, port;
   ZuBuffer_UNPack("IIII", request, &length, &type, &sequence, &port);
-  if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount) return -1;
+  if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount) {
+    ++l_stats.dropped;
+    return -1;
+  }
   if (typeOut) *typeOut = type;
   if (addrTextOut) inet_ntop(AF_INET, &sender.sin_addr, addrTextOut, INET_ADDRSTRLEN);
   if (portOut) *portOut = static_cast<int32_t>(port);
@@ -285,6 +343,7 @@ int32_t CollectClient_Flush(int32_t sequence) {
     putLine("recv error.");
     return 0;
   }
+  ++l_stats.messages;
   return 1;
 }
 
@@ -295,4 +354,10 @@ void CollectClient_End(void) {
   ZuMem_Free(kModuleId, l_buffer);
   l_buffer = nullptr;
   l_bufPos = 0;
+}
+
+void CollectClient_SetTimeout(int32_t connectMs, int32_t sendMs, int32_t ackMs) {
+  l_connectMs = connectMs;
+  l_sendMs = sendMs;
+  l_ackMs = ackMs;
 }

@@ -2,7 +2,7 @@
 // the identity, the catalogue of items, one or more messages of data for each item, and a last message.
 #include "collect_getdata.hpp"
 
-#include "kep/CollectClient.h"
+#include "collect_client.hpp"
 #include "kep/ZuString.h"
 #include "kep/ZuTime.h"
 
@@ -25,6 +25,16 @@ bool collectItem(const CollectItem *item, int32_t requestType) {
   item->collect(requestType);
   logItem(item, "end");
   return flushToServer();
+}
+
+bool collectItems(int32_t requestType) {
+  CollectClient_SetType(kDataMessage);
+  for (int32_t i = 0; i < g_collect_param.count; ++i) {
+    const CollectItem *item = g_collect_param.items[i];
+    if (item->collect && !collectItem(item, requestType)) return false;
+  }
+  CollectClient_End();
+  return true;
 }
 
 }  // namespace
@@ -53,14 +63,13 @@ void logItem(const CollectItem *item, const char *what) {
   log(ZuString_SFormat("%s [%s] %s\n", time, item->name, what));
 }
 
+int32_t countRun(bool finished) {
+  CollectStats &stats = collectStats();
+  ++(finished ? stats.finishedRuns : stats.failedRuns);
+  return finished;
+}
+
 int32_t Collect_Start(const char *addressText, int32_t port, int32_t requestType, int32_t sequence, uint8_t id0,
                       uint8_t id1) {
-  if (!beginRun(addressText, port, sequence, id0, id1) || !sendCatalogue()) return 0;
-  CollectClient_SetType(kDataMessage);
-  for (int32_t i = 0; i < g_collect_param.count; ++i) {
-    const CollectItem *item = g_collect_param.items[i];
-    if (item->collect && !collectItem(item, requestType)) return 0;
-  }
-  CollectClient_End();
-  return 1;
+  return countRun(beginRun(addressText, port, sequence, id0, id1) && sendCatalogue() && collectItems(requestType));
 }

@@ -14,5 +14,8 @@ bool flushToServer();
 // Logs "<time> [<item name>] <what>\n".
 void logItem(const CollectItem *item, const char *what);
 
+// Counts a run and returns the result that its caller gives.
+int32_t countRun(bool finished);
+
 // The message types, in the order of a run.
 enum MessageType : int32_t { kIdentityMessage, kCatalogueMessage, kDataMessage };

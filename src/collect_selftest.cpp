@@ -15,15 +15,18 @@ bool testItem(const CollectItem *item) {
   return flushToServer();
 }
 
-}  // namespace
-
-int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1) {
-  if (!beginRun(addressText, port, sequence, id0, id1)) return 0;
+bool testItems() {
   CollectClient_SetType(kDataMessage);
   for (int32_t i = 0; i < g_collect_param.count; ++i) {
     const CollectItem *item = g_collect_param.items[i];
-    if (item->selftest && !testItem(item)) return 0;
+    if (item->selftest && !testItem(item)) return false;
   }
   CollectClient_End();
-  return 1;
+  return true;
+}
+
+}  // namespace
+
+int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1) {
+  return countRun(beginRun(addressText, port, sequence, id0, id1) && testItems());
 }

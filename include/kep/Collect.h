@@ -75,6 +75,25 @@ KEP_API int32_t Collect_Start(const char *addressText, int32_t port, int32_t req
                               uint8_t id1);
 KEP_API int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1);
 
+/* Is asked before a request is served, on the serving thread: returns 0 to refuse it. */
+typedef int32_t (*CollectAccess)(const char *addressText, int32_t port, int32_t requestType);
+
+/* Sets who decides on requests; NULL, the default, serves everyone. */
+KEP_API void Collect_SetAccess(CollectAccess access);
+
+/* What the service has done since the process began; the counters wrap. */
+typedef struct CollectStats {
+  uint32_t datagrams;    /* received */
+  uint32_t dropped;      /* of them, those that broke a rule */
+  uint32_t refused;      /* by the access callback */
+  uint32_t finishedRuns; /* collections and self-tests */
+  uint32_t failedRuns;
+  uint32_t messages; /* sent and acknowledged */
+} CollectStats;
+
+/* Copies the counters to `*out`, which may be NULL. */
+KEP_API void Collect_GetStats(CollectStats *out);
+
 #ifdef __cplusplus
 }
 #endif

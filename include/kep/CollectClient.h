@@ -15,8 +15,8 @@
  *
  * There is one run at a time in a process: CollectClient_Start, any number of calls, CollectClient_End. Outside a run
  * the others do nothing. A run that fails before its end leaves its connection and its message behind: calls go on
- * gathering, and their flushes fail, until the next run's start or an end. There are no time-outs: a server that stops
- * answering holds the calling thread. */
+ * gathering, and their flushes fail, until the next run's start or an end. Without CollectClient_SetTimeout there are
+ * no time-outs: a server that stops answering holds the calling thread. */
 #ifndef KEP_COLLECTCLIENT_H
 #define KEP_COLLECTCLIENT_H
 
@@ -72,6 +72,11 @@ KEP_API int32_t CollectClient_Flush(int32_t sequence);
 
 /* Ends a run: sends what is gathered, be it nothing, and closes the connection. */
 KEP_API void CollectClient_End(void);
+
+/* Limits, from the next call on, how long connecting, sending one message and waiting for one acknowledgement may take,
+ * in milliseconds; 0 or less: for ever, the default. What takes longer has failed: it gives the text and the result of
+ * any other failure, and the connection is closed, so that the rest of the run fails without waiting again. */
+KEP_API void CollectClient_SetTimeout(int32_t connectMs, int32_t sendMs, int32_t ackMs);
 
 #ifdef __cplusplus
 }

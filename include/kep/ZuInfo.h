@@ -103,6 +103,10 @@ KEP_API void ZuInfo_SetFlag(ZuInfo *info, int32_t id, int32_t mode);
 KEP_API void ZuInfo_ShowInfo(ZuInfo *info, int32_t id, const char *hex1, const char *hex2, int32_t code, int32_t type,
                              int32_t skip, int32_t limit);
 
+/* Returns how many records have been wiped to make room for newer ones since the store was created; it wraps. A NULL
+ * store gives 0. */
+KEP_API uint32_t ZuInfo_GetEvicted(const ZuInfo *info);
+
 #ifdef __cplusplus
 }
 #endif

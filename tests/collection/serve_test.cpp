@@ -23,11 +23,18 @@ int32_t selfTest(int32_t) {
   return 0;
 }
 
+constexpr int32_t kUnknownPort = 7;
+
+int32_t isKnown(const char *addressText, int32_t port, int32_t) {
+  return port != kUnknownPort || addressText != std::string("127.0.0.1");
+}
+
 // Lets the service run from the first test on until the process ends. Its first allocation follows the bound port.
 void serve() {
   static bool serves = false;
   if (std::exchange(serves, true)) return;
   item = Collect_New("item", collect, selfTest);
+  Collect_SetAccess(isKnown);
   const int blocks = platform::liveBlocks();
   static std::atomic<bool> returned{false};
   std::thread([] {
@@ -97,6 +104,24 @@ TEST(Service, PassesOverBadRequestsAndBrokenRuns) {
   ask(wire::request(16, 2, 5, whole.port()), 9099);
   EXPECT_EQ(whole.messages(), expected(whole, 2, 5));
   EXPECT_EQ(output.take(), "size=0\nconnect error.\nsize=16\nsize=16\nsize=16\nsize=16\nrecv error.\nsize=16\n");
+}
+
+TEST(Service, RefusesWhomTheHostDoesNotKnowAndCounts) {
+  serve();
+  CollectStats before, after;
+  Server first, second;
+  ask(wire::request(16, 0, 1, first.port()), 9099);
+  EXPECT_EQ(first.messages(), expected(first, 0, 1));
+  // The counters are the serving thread's; between two requests it waits.
+  Collect_GetStats(&before);
+  ask(wire::request(16, 0, 1, kUnknownPort), 9099);
+  ask(wire::request(15, 0, 1, second.port()), 9099);
+  ask(wire::request(16, 3, 2, second.port()), 9099);
+  EXPECT_EQ(second.messages(), expected(second, 3, 2));
+  Collect_GetStats(&after);
+  EXPECT_EQ(after.datagrams - before.datagrams, 3u);
+  EXPECT_EQ(after.refused - before.refused, 1u);
+  EXPECT_EQ(after.dropped - before.dropped, 1u);
 }
 
 }  // namespace
