@@ -1,0 +1,58 @@
+// server.hpp: both ends of a query on the network: the server, and the device that asks it.
+
+#ifndef KEP_CONFIG_SERVER_HPP
+#define KEP_CONFIG_SERVER_HPP
+
+#include <chrono>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "ini.hpp"
+#include "query.hpp"
+
+namespace kepconfig {
+
+// The statuses of the command.
+enum ExitStatus { kGood = 0, kDamaged = 1, kUsage = 2, kNoAnswer = 3, kBrokenOff = 4 };
+
+struct Failure {
+  ExitStatus status;
+  std::string text;
+};
+
+struct Endpoint {
+  std::string address;  // dotted
+  uint16_t port = 0;
+};
+
+// "ADDRESS port PORT"
+std::string nameOf(const Endpoint &endpoint);
+
+// A UDP socket. Throws Failure when it cannot be had.
+class Socket {
+ public:
+  explicit Socket(const Endpoint &local);  // port 0: any that is free
+  Socket(const Socket &) = delete;
+  Socket &operator=(const Socket &) = delete;
+  ~Socket();
+  int fd() const { return fd_; }
+  Endpoint local() const;
+
+ private:
+  int fd_;
+};
+
+// From now on SIGINT and SIGTERM end the waits below instead of the process; a second one of the same kind ends it.
+void catchSignals();
+
+// Answers queries, and tells each in a line of the log, until a signal comes or the log cannot be written. Throws
+// Failure when the socket fails.
+void serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log);
+
+// Sends the query once and returns the first answer, of which it keeps as much as a board does. Throws Failure.
+std::string ask(const Endpoint &server, const Query &query, std::chrono::milliseconds timeout);
+
+}  // namespace kepconfig
+
+#endif
