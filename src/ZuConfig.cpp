@@ -41,7 +41,7 @@ int32_t ZuConfig_Get(const char *section, const char *key, const char *defaultTe
 
 int32_t ZuConfig_GetString(const char *section, const char *key, const char *defaultText, char *out) {
   const char *value = ZuConfig_Get(section, key, defaultText) > 0 ? _buffer : defaultText;
-  if (out && value) std::memcpy(out, value, std::strlen(value) + 1);
+  if (out && value) std::memmove(out, value, std::strlen(value) + 1);  // hosts pass one text as both
   return 1;
 }
 

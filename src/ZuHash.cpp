@@ -54,12 +54,16 @@ void *findEntry(const ZuHash *table, ZuList *bucket, const void *key) {
   return ZuList_Find(bucket, ZuHash_Cmp, &probe);
 }
 
+void putValue(const ZuHash *table, void *entry, const void *value) {
+  if (table->valueSize > 0) std::memcpy(valueOf(table, entry), value, valueBytes(table));
+}
+
 void *makeEntry(const ZuHash *table, const void *key, const void *value) {
   const uint32_t size = static_cast<uint32_t>(table->keySize) + static_cast<uint32_t>(table->valueSize);
   void *entry = table->isStatic ? ZuMem_LocalMalloc_Static(size) : ZuMem_LocalMalloc(size);
   if (!entry) return nullptr;
   std::memcpy(entry, key, keyBytes(table));
-  std::memcpy(valueOf(table, entry), value, valueBytes(table));
+  putValue(table, entry, value);
   return entry;
 }
 
@@ -93,9 +97,9 @@ ZuHash *ZuHash_New(int32_t keySize, int32_t valueSize, uint32_t bucketCount, ZuH
 
 int32_t ZuHash_Set(ZuHash *table, const void *key, const void *value) {
   ZuList **bucket = bucketOf(table, key);
-  if (!bucket || !value) return 0;
+  if (!bucket || (!value && table->valueSize > 0)) return 0;
   if (void *entry = findEntry(table, *bucket, key)) {
-    std::memcpy(valueOf(table, entry), value, valueBytes(table));
+    putValue(table, entry, value);
     return 1;
   }
   if (!*bucket) *bucket = ZuList_New(0, table->isStatic ? nullptr : ZuMem_LocalFree);

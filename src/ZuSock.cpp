@@ -15,14 +15,17 @@
 namespace {
 
 constexpr char kBroadcast[] = "<BROADCAST>";
+constexpr char kBroadcastAddress[] = "255.255.255.255";
 constexpr int kNoLimit = -1;
 
-sockaddr_in addressOf(const char *text, int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = inet_addr(text);
-  return address;
+// False for a text that is no dotted address.
+bool makeAddress(const char *text, int port, sockaddr_in *out) {
+  *out = {};
+  out->sin_family = AF_INET;
+  out->sin_port = htons(static_cast<uint16_t>(port));
+  out->sin_addr.s_addr = inet_addr(text);
+  // What is no address gives the number of the broadcast address.
+  return out->sin_addr.s_addr != INADDR_NONE || std::strcmp(text, kBroadcastAddress) == 0;
 }
 
 int64_t nowMs() {
@@ -50,8 +53,9 @@ bool waitReadable(int fd, int timeoutMs) {
 int ZuSock_UDP_Create(const char *addressText, int port) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0 || !addressText || port < 1) return fd;
-  const sockaddr_in address = addressOf(addressText, port);
-  if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+  sockaddr_in address;
+  if (!makeAddress(addressText, port, &address) ||
+      bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     close(fd);
     return -1;
   }
@@ -67,7 +71,8 @@ int ZuSock_UDP_SendMessage(int fd, const char *addressText, int port, const void
   if (!data || *static_cast<const char *>(data) == '\0' || port < 0 || length < 0) return -1;
   const int broadcast = std::strcmp(addressText, kBroadcast) == 0;
   setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &broadcast, sizeof broadcast);
-  const sockaddr_in address = addressOf(broadcast ? "255.255.255.255" : addressText, port);
+  sockaddr_in address;
+  if (!makeAddress(broadcast ? kBroadcastAddress : addressText, port, &address)) return -1;
   ssize_t sent;
   do {
     sent =

@@ -42,6 +42,7 @@ struct ZuTableCell {
 };
 static_assert(sizeof(ZuTableCell) == 112, "the cell's record");
 
+constexpr int32_t kLongestText = 1 << 20;  // a longer cell counts as this long, so that no width overflows
 constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no buffer"
 
 // ---- values
@@ -72,8 +73,9 @@ template <typename Value>
 int32_t print(char (&text)[100], const char *format, Value value) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"  // the column's format is the host's
-  return PLM_snprintf(text, sizeof text, format, value);
+  const int32_t length = PLM_snprintf(text, sizeof text, format, value);
 #pragma GCC diagnostic pop
+  return length < kLongestText ? length : kLongestText;
 }
 
 // Formats a value of 8 bytes as its type says. A number is passed as what the format of its type expects.
@@ -115,7 +117,7 @@ Element *elementAt(ZuList *list, int32_t index) {
   return static_cast<Element *>(index < 0 ? nullptr : ZuList_Get(list, index));
 }
 
-// Stores a new element at an index and tells whether it got there.
+// Stores a new element at an index and tells whether it got there; NULL may not, and nothing is lost.
 bool keepAt(ZuList *list, int32_t index, void *element) {
   ZuList_Set(list, index, element);
   return ZuList_Get(list, index) == element;
@@ -144,7 +146,7 @@ ZuList *obtainRow(ZuTable *table, int32_t row) {
   auto *cells = elementAt<ZuList>(table->rows, row);
   if (cells || row < 0) return cells;
   cells = ZuList_New(0, ZuMem_LocalFree);
-  if (!cells || keepAt(table->rows, row, cells)) return cells;
+  if (keepAt(table->rows, row, cells)) return cells;  // NULL too: the row then counts, and is empty
   ZuList_Release(cells);
   return nullptr;
 }
@@ -211,11 +213,12 @@ class BufCanvas {
 
 // The sum of the widths; false when a column has no title and the table cannot be drawn.
 bool totalWidth(const ZuTable *table, int32_t *out) {
-  *out = 0;
+  int64_t total = 0;
   ZuTableColumn *column;
-  for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column); *out += column->width) {
+  for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column); total += column->width) {
     if (!column) return false;
   }
+  *out = static_cast<int32_t>(total < INT32_MAX ? total : INT32_MAX);
   return true;
 }
 
@@ -400,13 +403,16 @@ void ZuTable_Sum(ZuTable *table) {
 int32_t ZuTable_ShowToBuffer(ZuTable *table, char *buf, int32_t size) {
   if (!table) return 0;
   ZuTable_Sum(table);
-  int32_t width;
-  if (!totalWidth(table, &width)) return 0;
   const bool toBuffer = buf && size != 0;
   char line[400];
   ZuPrint *print = toBuffer ? ZuPrint_New(buf, size) : ZuPrint_New(line, sizeof line);
   if (!print) return 0;
   ZuPrint_SetPrint(print, !toBuffer);
+  int32_t width;
+  if (!totalWidth(table, &width)) {
+    ZuPrint_Release(print);
+    return 0;
+  }
   PrintCanvas canvas(print);
   drawBody(canvas, table, width);
   if (!toBuffer) drawFooter(canvas, table, width);

@@ -20,7 +20,7 @@ struct ZuTimer {
   uint32_t interval;  // milliseconds
   uint32_t last;      // stamp of the registration, then of the latest call
   int32_t status;
-  int32_t times;  // calls made
+  uint32_t times;  // calls made; a timer of every pass wraps a signed count in seven years
 };
 static_assert(sizeof(void *) != 4 || sizeof(ZuTimer) == 20, "the board's record");
 

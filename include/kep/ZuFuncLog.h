@@ -48,7 +48,8 @@ KEP_API int32_t ZuFuncLog_Get(ZuFuncLog *log, int32_t id, int32_t *cursor, int32
 
 /* Prints the call records number skip to skip + limit - 1, counted from 0 (a limit of 0 prints none), up to the first
  * whose function is not in the table. A name that the table has shows the records of all functions, one that it has not
- * shows none; NULL or "" is no name. */
+ * shows none; NULL or "" is no name. A record whose value is shorter than its function's format says, or for whose dump
+ * memory is short, shows its first line only. */
 KEP_API void ZuFuncLog_Show(ZuFuncLog *log, const char *name, int32_t skip, int32_t limit);
 
 /* Prints the table. Further arguments are ignored. */

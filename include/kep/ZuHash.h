@@ -30,7 +30,8 @@ KEP_API ZuHash *ZuHash_NewEx(int32_t keySize, int32_t valueSize, uint32_t bucket
 /* Creates a dynamic table. */
 KEP_API ZuHash *ZuHash_New(int32_t keySize, int32_t valueSize, uint32_t bucketCount, ZuHashFunc hashFunc);
 
-/* Stores a value under a key, over the value that is there. Returns 1, or 0 when memory is short. */
+/* Stores a value under a key, over the value that is there. Returns 1; 0 when memory is short, for a NULL
+ * key, a NULL value of more than 0 bytes, and in a table of 0 buckets. */
 KEP_API int32_t ZuHash_Set(ZuHash *table, const void *key, const void *value);
 
 /* Points `*out` at the value in the table, where it stays until deleted or released, and returns 1. Returns 0 and a

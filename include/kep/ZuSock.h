@@ -30,7 +30,8 @@ KEP_API int ZuSock_UDP_RecvMessage(int fd, char *addressTextOut, int *portOut, v
 /* Sends sendLength bytes of `buffer` to addressText and *portInOut and waits timeoutMs milliseconds (-1: without limit)
  * for a reply, which overwrites `buffer` (receiveSize + 1 bytes), addressText (at least 16 bytes) and *portInOut.
  * Returns the reply's bytes; the negative result of a failed send or receive; 0 for an empty reply, when there is none
- * in time, and for any other negative time-out. */
+ * in time, and for any other negative time-out. A NULL portInOut gives -1; with a NULL addressText nothing is sent, and
+ * a datagram is waited for all the same. */
 KEP_API int ZuSock_UDP_GetMessage(int fd, char *addressText, int *portInOut, void *buffer, int sendLength,
                                   int receiveSize, int timeoutMs);
 

@@ -8,7 +8,8 @@
  *   4      a text                  that text, formatted when it is set
  *
  * Other type codes store nothing and draw empty cells. Formats are printf formats for one value of the column's type;
- * the caller keeps the two in step. Texts of cells are cut at 99 bytes. Rows and columns count from 0 and may be set in
+ * the caller keeps the two in step. Texts of cells are cut at 99 bytes, but count for the widths as long as they would
+ * have been, up to 1 MiB. Rows and columns count from 0 and may be set in
  * any order; a negative one does nothing. Every function accepts a NULL table. A table belongs to one thread at a time.
  */
 #ifndef KEP_ZUTABLE_H
@@ -71,7 +72,8 @@ KEP_API int32_t ZuTable_ShowToBuffer(ZuTable *table, char *buf, int32_t size);
 KEP_API int32_t ZuTable_Show(ZuTable *table);
 
 /* Appends the table, footer included, to `buf`, a buffer of 1-byte elements; a buffer whose address is below 101, such
- * as NULL, prints it instead. Does nothing when a column has no title. */
+ * as NULL, prints it instead. Does nothing when a column has no title. What finds no memory in `buf` is missing there.
+ */
 KEP_API void ZuTable_ShowToBuf(ZuTable *table, ZuBuf *buf);
 
 #ifdef __cplusplus
