@@ -9,6 +9,7 @@
 #include <cstring>
 #include <list>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -77,7 +78,9 @@ struct Key {
 };
 
 struct KeyHash {
-  size_t operator()(const Key &key) const { return std::hash<std::string>()(std::string(key.text, sizeof key.text)); }
+  size_t operator()(const Key &key) const {
+    return std::hash<std::string_view>()(std::string_view(key.text, sizeof key.text));
+  }
 };
 
 std::vector<Key> makeKeys() {

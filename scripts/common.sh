@@ -18,6 +18,14 @@ need() {
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
 }
 
+# quietly LOG COMMAND...: runs a command and shows what it printed only when it fails.
+quietly() {
+  local log=$1
+  shift
+  mkdir -p "$(dirname "$log")"
+  "$@" >"$log" 2>&1 || { cat "$log" >&2; return 1; }
+}
+
 build_packages=(cmake ninja-build g++)
 tool_packages=(libcli11-dev nlohmann-json3-dev)
 board_packages=(g++-powerpc-linux-gnu qemu-user)

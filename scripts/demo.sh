@@ -17,13 +17,13 @@ say "building"
 tools=$PWD/build/demo
 host=$PWD/build/demo$board
 # Without the store's trace, so that the host's output can be read.
-cmake -S . -B "$tools" -G Ninja -DKEP_FAULT_LOG_PATH="$tools/kep.log" -DKEP_STORE_TRACE=OFF >/dev/null
-cmake --build "$tools" --target kep-board kep-station kep-collect kep-config | tail -n 1
+quietly "$tools/build.log" cmake -S . -B "$tools" -G Ninja -DKEP_FAULT_LOG_PATH="$tools/kep.log" -DKEP_STORE_TRACE=OFF
+quietly "$tools/build.log" cmake --build "$tools" --target kep-board kep-station kep-collect kep-config
 run=()
 if [ -n "$board" ]; then
-  cmake -S . -B "$host" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake" -DKEP_BUILD_TOOLS=OFF \
-    -DKEP_FAULT_LOG_PATH="$host/kep.log" -DKEP_STORE_TRACE=OFF >/dev/null
-  cmake --build "$host" --target kep-board kep-station | tail -n 1
+  quietly "$host/build.log" cmake -S . -B "$host" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake" \
+    -DKEP_BUILD_TOOLS=OFF -DKEP_FAULT_LOG_PATH="$host/kep.log" -DKEP_STORE_TRACE=OFF
+  quietly "$host/build.log" cmake --build "$host" --target kep-board kep-station
   run=(qemu-ppc -L /usr/powerpc-linux-gnu)
 fi
 
@@ -36,18 +36,31 @@ stop() {
 }
 trap stop EXIT
 
-# start NAME: starts a host and waits until it serves, that is until UDP port 9099 (0x238B) is bound. A host that cannot
-# bind it says why and ends.
-start() {
-  say "starting $1${board:+ under qemu}"
-  "${run[@]}" "$host/examples/$1" >"$host/$1.out" 2>&1 &
-  local pid=$!
-  pids+=("$pid")
-  until grep -q ':238B ' /proc/net/udp; do
-    kill -0 "$pid" 2>/dev/null || break
+fail() {
+  echo "demo.sh: $*" >&2
+  exit 1
+}
+
+# isBound PORT: whether a UDP socket of this machine is bound to the port.
+isBound() { awk '{ print $2 }' /proc/net/udp | grep -q "$(printf ':%04X$' "$1")"; }
+
+# launch NAME PORT COMMAND...: starts a program and waits until it serves on its UDP port. The port was free before, so
+# who holds it then is the program, as long as that lives.
+launch() {
+  local name=$1 port=$2 tries=100
+  shift 2
+  isBound "$port" && fail "UDP port $port is in use by another program"
+  "$@" >"$host/$name.out" 2>&1 &
+  pids+=($!)
+  until isBound "$port"; do
+    kill -0 $! 2>/dev/null && ((tries-- > 0)) || { cat "$host/$name.out" >&2; fail "$name did not start"; }
     sleep 0.1
   done
-  kill -0 "$pid" 2>/dev/null || { cat "$host/$1.out"; exit 1; }
+}
+
+start() {
+  say "starting $1${board:+ under qemu}"
+  launch "$1" 9099 "${run[@]}" "$host/examples/$1"
 }
 
 collect() {
@@ -69,15 +82,15 @@ say "the host's memory table"
 printed kep-board | sed -n '/   id        size/,$p'
 stop
 
-say "a configuration server"
+say "starting a configuration server"
 printf '[station]\ninterval = 200\n' >"$host/station.ini"
-"$tools/tools/kep-config/kep-config" "$host/station.ini" >"$host/kep-config.out" 2>&1 &
-pids+=($!)
+launch kep-config 8999 "$tools/tools/kep-config/kep-config" "$host/station.ini"
 start kep-station
-cat "$host/kep-config.out"  # empty where the machine's network has no broadcast: the host then takes its default
-sleep 1                     # a few samples
+sleep 1 # a few samples
 collect --type 1
 collect --type 2
 say "the host's report"
 printed kep-station
+say "what the configuration server was asked (nothing, where the network carries no broadcast)"
+cat "$host/kep-config.out"
 stop

@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 . scripts/common.sh
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${board_packages[@]}" \
-  clang clang-format clang-tidy cppcheck libgtest-dev googletest libbenchmark-dev pkg-config binutils mandoc iproute2
+  git clang clang-format clang-tidy cppcheck libgtest-dev googletest libbenchmark-dev pkg-config binutils mandoc iproute2
 
 sources() { git ls-files "$@" | grep -E '\.(c|h|cpp|hpp)$'; }
 
@@ -30,8 +30,8 @@ for preset in bench dev release release-clang board; do
 done
 
 say "the demo, on the host and on the board"
-scripts/demo.sh >/dev/null
-scripts/demo.sh --board >/dev/null
+quietly build/demo.log scripts/demo.sh
+quietly build/demo.log scripts/demo.sh --board
 
 for preset in dev release release-clang board; do
   say "testing: $preset"

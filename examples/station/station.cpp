@@ -29,7 +29,8 @@ namespace {
 constexpr uint32_t kIdentity = 0x0B020000;
 constexpr int32_t kWithLog = 1, kClosing = 2;  // request types
 constexpr uint32_t kLogSize = 1024;            // a new store's size, so this one never grows
-constexpr uint32_t kHighLoad = 100;            // a load of 1.00
+constexpr int32_t kDefaultIntervalMs = 1000;
+constexpr uint32_t kHighLoad = 100;  // a load of 1.00
 constexpr uint32_t kManyProcesses = 500;
 
 enum Alarm : uint32_t { kLoadAlarm = 1, kProcessAlarm = 2, kAlarmCount };
@@ -68,6 +69,8 @@ void logCall(uint8_t function, uint32_t first, uint32_t second) {
   ++functions[function].count;
   ZuInfo *store = calls->store;
   const int32_t size = 12;
+  // A full store starts over: making room record by record would print the library's trace.
+  if (store->freeSize < 1 + size + 3) ZuInfo_Clear(store);
   if (calls->ignore || !ZuInfo_PackPre(store, &function, 1, size)) return;
   ZuBuffer_Pack(ZuMem_Get(store->block, store->writeOffset), "TII", static_cast<uint32_t>(ZuTime_Now()), first, second);
   store->writeOffset += size;
@@ -181,11 +184,14 @@ bool makeStores() {
 }  // namespace
 
 int main() {
-  const uint32_t intervalMs = ZuConfig_GetUInt("station", "interval", 1000);  // at most a second without a server
-  ZuPrint_Puts(ZuString_SFormat("sampling every %u ms", static_cast<unsigned>(intervalMs)), 0);
+  // Without a server this takes a second at most. The timer loop looks every 100 ms.
+  const int32_t answer = ZuConfig_GetInt("station", "interval", kDefaultIntervalMs);
+  const int32_t intervalMs = answer > 0 ? answer : kDefaultIntervalMs;
+  ZuPrint_Puts(ZuString_SFormat("sampling every %d ms", static_cast<int>(intervalMs)), 0);
   sampleItem = Collect_New("samples", collectSamples, testSamples);
   callItem = Collect_New("calls", collectCalls, nullptr);
-  if (!makeStores() || !sampleItem || !callItem || !ZuTimer_Regist(takeSample, intervalMs)) return EXIT_FAILURE;
+  if (!makeStores() || !sampleItem || !callItem || !ZuTimer_Regist(takeSample, static_cast<uint32_t>(intervalMs)))
+    return EXIT_FAILURE;
   takeSample(0);
   std::thread(serve).detach();
   ZuTimer_Loop();  // for ever, on this thread; a signal ends the process as it ends any other

@@ -111,11 +111,11 @@ Format formatOf(const std::string &name) {
   return name == "csv" ? Format::kCsv : Format::kText;
 }
 
-// Differs from one second to the next, so that a late answer to an earlier request is told apart; never 0 or -1.
+// Differs from one millisecond to the next, so that a late answer to an earlier request is told apart; never 0 or -1.
 int32_t sequenceByClock() {
-  const auto seconds =
-      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
-  return static_cast<int32_t>(1 + seconds.count() % 1'000'000'000);
+  const auto now =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch());
+  return static_cast<int32_t>(1 + now.count() % 1'000'000'000);
 }
 
 ExitStatus report(const Outcome &outcome, Reporter &reporter) {
