@@ -102,18 +102,6 @@ void dropBlock(ZuInfo *info) {
 
 // ---- making room
 
-// Wipes the oldest record, moves the read offset behind it and returns its size. Wiped, not just skipped: readers know
-// free space by its 0xFF.
-uint32_t wipeOldest(ZuInfo *info) {
-  Record record;
-  // What is not a whole record was not written by this file: everything up to the block's end goes.
-  if (!readRecord(info, info->readOffset, &record)) record.end = blockSize(info);
-  const uint32_t size = record.end - info->readOffset;
-  std::memset(at(info, info->readOffset), kFree, size);
-  info->readOffset = record.end;
-  return size;
-}
-
 void readFromStart(ZuInfo *info) {
   info->readOffset = 0;
   info->freeSize = static_cast<int32_t>(blockSize(info) - info->writeOffset);
@@ -124,12 +112,16 @@ int32_t evictOne(ZuInfo *info, int32_t need) {
     info->writeOffset = 0;
     info->freeSize = 0;
   }
-  if (isFree(info, info->readOffset)) {
+  Record oldest;
+  if (!readRecord(info, info->readOffset, &oldest)) {  // a free byte: the oldest record lies at the start
     readFromStart(info);
     return 2;
   }
-  const uint32_t size = wipeOldest(info);
+  // Wiped, not just skipped: readers know free space by its 0xFF.
+  const uint32_t size = oldest.end - info->readOffset;
+  std::memset(at(info, info->readOffset), kFree, size);
   ++reinterpret_cast<Store *>(info)->evicted;
+  info->readOffset = oldest.end;
   if (info->readOffset < blockSize(info)) {
     info->freeSize += static_cast<int32_t>(size);
   } else {
