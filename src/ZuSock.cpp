@@ -1,22 +1,19 @@
 // ZuSock.cpp: datagram sockets with addresses as dotted text.
-#include "kep/ZuSock.h"
+#include "ZuSock.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 
 namespace {
 
 constexpr char kBroadcast[] = "<BROADCAST>";
 constexpr char kBroadcastAddress[] = "255.255.255.255";
-constexpr int kNoLimit = -1;
 
 // False for a text that is no dotted address.
 bool makeAddress(const char *text, int port, sockaddr_in *out) {
@@ -26,26 +23,6 @@ bool makeAddress(const char *text, int port, sockaddr_in *out) {
   out->sin_addr.s_addr = inet_addr(text);
   // What is no address gives the number of the broadcast address.
   return out->sin_addr.s_addr != INADDR_NONE || std::strcmp(text, kBroadcastAddress) == 0;
-}
-
-int64_t nowMs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-// Waits until a datagram can be read. An interrupted wait goes on with the time that is left. Asks poll, which unlike
-// select takes a descriptor of any number.
-bool waitReadable(int fd, int timeoutMs) {
-  const int64_t end = nowMs() + timeoutMs;
-  pollfd wait = {fd, POLLIN, 0};
-  int ready;
-  while ((ready = poll(&wait, 1, timeoutMs)) < 0 && errno == EINTR) {
-    if (timeoutMs == kNoLimit) continue;
-    const int64_t left = end - nowMs();
-    timeoutMs = left > 0 ? static_cast<int>(left) : 0;
-  }
-  return ready > 0 && (wait.revents & POLLNVAL) == 0;
 }
 
 }  // namespace
@@ -101,6 +78,6 @@ int ZuSock_UDP_GetMessage(int fd, char *addressText, int *portInOut, void *buffe
   if (!portInOut) return -1;
   const int sent = ZuSock_UDP_SendMessage(fd, addressText, *portInOut, buffer, sendLength);
   if (sent < 0) return sent;
-  if (timeoutMs < kNoLimit || !waitReadable(fd, timeoutMs)) return 0;
+  if (timeoutMs < Deadline::kNoLimit || !Deadline(timeoutMs).waitFor(fd, POLLIN)) return 0;
   return ZuSock_UDP_RecvMessage(fd, addressText, portInOut, buffer, receiveSize);
 }

@@ -8,7 +8,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,9 +15,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "ZuBuffer.hpp"
+#include "ZuSock.hpp"
 #include "kep/ZuMem.h"
 #include "kep/platform.h"
 
@@ -75,42 +74,11 @@ sockaddr_in addressOf(in_addr_t host, int32_t port) {
   return address;
 }
 
-int64_t nowMs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-// The end of something that may take so many milliseconds; 0 where there is no limit.
-class Deadline {
- public:
-  explicit Deadline(int32_t limitMs) : end_(limitMs > 0 ? nowMs() + limitMs : 0) {}
-
-  bool isSet() const { return end_ != 0; }
-
-  // Waits until the socket is ready; false when the time is over first. A signal does not end the wait.
-  bool waitFor(int fd, short events) const {
-    pollfd wait = {fd, events, 0};
-    int ready;
-    do {
-      ready = poll(&wait, 1, leftMs());
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
-  }
-
- private:
-  int leftMs() const {
-    if (!isSet()) return -1;
-    const int64_t left = end_ - nowMs();
-    return left > 0 ? static_cast<int>(left) : 0;
-  }
-
-  int64_t end_;
-};
+Deadline deadlineFor(int32_t limitMs) { return Deadline(limitMs > 0 ? limitMs : Deadline::kNoLimit); }
 
 // With a limit the socket must not block; without one, an interrupted connect still goes on by itself.
 bool connectTo(int fd, const sockaddr_in &address) {
-  const Deadline deadline(l_connectMs);
+  const Deadline deadline = deadlineFor(l_connectMs);
   if (deadline.isSet()) fcntl(fd, F_SETFL, O_NONBLOCK);
   if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     if ((errno != EINTR && errno != EINPROGRESS) || !deadline.waitFor(fd, POLLOUT)) return false;
@@ -146,7 +114,7 @@ bool openConnection(const char *addrText, int32_t port) {
 // could not connect there is a buffer but no connection; descriptor 0 is then the host's.
 bool sendAll(const uint8_t *data, size_t size) {
   if (!l_fdIsOpen) return false;
-  const Deadline deadline(l_sendMs);
+  const Deadline deadline = deadlineFor(l_sendMs);
   const int flags = MSG_NOSIGNAL | (deadline.isSet() ? MSG_DONTWAIT : 0);
   while (size > 0) {
     const ssize_t sent = send(l_fd, data, size, flags);
@@ -164,7 +132,7 @@ bool sendAll(const uint8_t *data, size_t size) {
 
 // One receive, of at most 16 bytes that nobody looks at. A connection closed by the server counts as acknowledged.
 bool receiveAck() {
-  const Deadline deadline(l_ackMs);
+  const Deadline deadline = deadlineFor(l_ackMs);
   if (deadline.isSet() && !deadline.waitFor(l_fd, POLLIN)) {
     closeConnection();
     return false;
