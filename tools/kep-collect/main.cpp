@@ -4,19 +4,23 @@
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <exception>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "common/command.hpp"
 #include "report.hpp"
 #include "session.hpp"
 
 namespace {
 
 using namespace kepcollect;
+
+constexpr char kUsageText[] =
+    "Usage: kep-collect HOST [OPTIONS]\n"
+    "       kep-collect --replay FILE [--format text|json|csv]\n";
 
 constexpr const char *kDescription =
     "Asks a board for a collection or a self-test run and prints what it sends, or\n"
@@ -82,21 +86,8 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   add("--raw", options.rawFile, "FILE", "Keep the bytes received; every run overwrites FILE");
 }
 
-// The generated help would not show that there are two ways to call the command, and would tell each option's checks.
-class HelpFormatter : public CLI::Formatter {
- public:
-  std::string make_usage(const CLI::App * /*app*/, std::string /*name*/) const override {
-    return "Usage: kep-collect HOST [OPTIONS]\n"
-           "       kep-collect --replay FILE [--format text|json|csv]\n";
-  }
-  std::string make_option_opts(const CLI::Option *option) const override {
-    const std::string type = option->get_type_name();  // with the checks behind a colon
-    return type.empty() ? "" : " " + type.substr(0, type.find(':'));
-  }
-};
-
 void addOptions(CLI::App &app, Options &options) {
-  app.formatter(std::make_shared<HelpFormatter>());
+  app.formatter(std::make_shared<HelpFormatter>(kUsageText));
   app.footer(kExitStatuses);
   CLI::Option *replay = app.add_option("--replay", options.replayFile, "Decode FILE, kept by --raw, and ask no board");
   replay->type_name("FILE")->check(CLI::ExistingFile);
@@ -189,17 +180,4 @@ int runCommand(int argc, char **argv) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
-  (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is a write error like any other
-  int status = kBrokenOff;
-  try {
-    status = runCommand(argc, argv);
-  } catch (const std::exception &error) {
-    complain(error.what());
-  }
-  if (!std::cout.flush()) {
-    complain("cannot write the output");
-    return kBrokenOff;
-  }
-  return status;
-}
+int main(int argc, char **argv) { return runMain(argc, argv, runCommand, complain, kBrokenOff); }

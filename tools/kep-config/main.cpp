@@ -5,12 +5,12 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <csignal>
-#include <exception>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
 
+#include "common/command.hpp"
 #include "ini.hpp"
 #include "query.hpp"
 #include "server.hpp"
@@ -18,6 +18,11 @@
 namespace {
 
 using namespace kepconfig;
+
+constexpr char kUsageText[] =
+    "Usage: kep-config FILE [--listen ADDR] [--port PORT] [--echo-default]\n"
+    "       kep-config --query SECTION KEY DEFAULT [--server ADDR] [--port PORT]\n"
+    "                  [--timeout SECONDS]\n";
 
 constexpr const char *kDescription =
     "Answers the configuration queries of boards with the values in FILE until SIGINT\n"
@@ -62,23 +67,9 @@ std::string checkAddress(const std::string &text) {
   return inet_pton(AF_INET, text.c_str(), &address) == 1 ? "" : "not an IPv4 address: " + text;
 }
 
-// The generated help would not show that there are two ways to call the command, and would tell each option's checks.
-class HelpFormatter : public CLI::Formatter {
- public:
-  std::string make_usage(const CLI::App * /*app*/, std::string /*name*/) const override {
-    return "Usage: kep-config FILE [--listen ADDR] [--port PORT] [--echo-default]\n"
-           "       kep-config --query SECTION KEY DEFAULT [--server ADDR] [--port PORT]\n"
-           "                  [--timeout SECONDS]\n";
-  }
-  std::string make_option_opts(const CLI::Option *option) const override {
-    const std::string type = option->get_type_name();  // with the checks behind a colon
-    return type.empty() ? "" : " " + type.substr(0, type.find(':'));
-  }
-};
-
 // Returns the option whose three texts are the query.
 CLI::Option *addOptions(CLI::App &app, Options &options) {
-  app.formatter(std::make_shared<HelpFormatter>());
+  app.formatter(std::make_shared<HelpFormatter>(kUsageText));
   app.footer(kExitStatuses);
   // Bound to no variable and read as it was typed: a default may look like an option, a list or nothing at all.
   CLI::Option *query = app.add_option("--query", CLI::callback_t{}, "Ask for a value as a board does, and print it");
@@ -180,17 +171,4 @@ int runCommand(int argc, char **argv) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
-  (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is a write error like any other
-  int status = kBrokenOff;
-  try {
-    status = runCommand(argc, argv);
-  } catch (const std::exception &error) {
-    complain(error.what());
-  }
-  if (!std::cout.flush()) {
-    complain("cannot write the output");
-    return kBrokenOff;
-  }
-  return status;
-}
+int main(int argc, char **argv) { return runMain(argc, argv, runCommand, complain, kBrokenOff); }
