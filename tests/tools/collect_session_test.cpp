@@ -1,12 +1,9 @@
 // collect_session_test.cpp: the command kep-collect against a board that the test plays, over loopback.
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,35 +11,17 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <iterator>
-#include <regex>
-#include <sstream>
+#include <optional>
 #include <utility>
 
 #include "board_stream.hpp"
+#include "command.hpp"
 
 namespace {
-
-constexpr int kPatienceMs = 20'000;  // a test that waits this long has failed
-
-std::string contentOf(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
 
 bool becomesReadable(int fd) {
   pollfd entry = {fd, POLLIN, 0};
   return poll(&entry, 1, kPatienceMs) == 1;
-}
-
-sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
 }
 
 // The board's side of one run: what the request said, and the connection made back to where it came from.
@@ -129,8 +108,7 @@ class Collect : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (child_ > 0) kill(child_, SIGKILL);
-    waitForStatus();
+    command_.reset();
     close(socket_);
     for (const char *name : {"out", "err", "raw"}) unlink(path(name).c_str());
     rmdir(folder_.c_str());
@@ -141,24 +119,10 @@ class Collect : public ::testing::Test {
   std::string err() const { return contentOf(path("err")); }
 
   void launch(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), KEP_COLLECT_PROGRAM);
-    std::vector<char *> argv;
-    argv.reserve(arguments.size() + 1);
-    for (std::string &argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    child_ = fork();
-    if (child_ != 0) return;
-    dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-    dup2(open(path("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
+    command_.emplace(KEP_COLLECT_PROGRAM, std::move(arguments), outPath_, path("err"));
   }
 
-  int waitForStatus() {
-    int status = 0;
-    if (child_ <= 0 || waitpid(std::exchange(child_, 0), &status, 0) <= 0) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-  }
+  int waitForStatus() { return command_->status(); }
 
   int run(const std::vector<std::string> &arguments) {
     launch(arguments);
@@ -181,7 +145,7 @@ class Collect : public ::testing::Test {
   std::string outPath_;
   std::string port_;
   int socket_ = -1;
-  pid_t child_ = 0;
+  std::optional<Command> command_;
 };
 
 using board::collection;
@@ -291,7 +255,7 @@ TEST_F(Collect, IsBrokenOffByASignal) {
   for (const int signal : {SIGINT, SIGTERM}) {
     const auto behave = [this, signal](Visit &visit) {
       visit.sendAcknowledged({collection()[0], collection()[1]});
-      kill(child_, signal);
+      command_->signal(signal);
       visit.serverCloses();
     };
     EXPECT_EQ(runAgainst(behave), 4);
@@ -402,7 +366,7 @@ TEST_F(Collect, WatchesUntilInterrupted) {
   serve({collection()[0]});  // a run that fails does not end the watch
   serve(collection());
   const Visit unanswered(socket_);
-  kill(child_, SIGINT);
+  command_->signal(SIGINT);
   EXPECT_EQ(waitForStatus(), 4);
   EXPECT_EQ(countOf("row,item,"), 1);
   EXPECT_EQ(countOf("value,65535,"), 2);
@@ -410,20 +374,11 @@ TEST_F(Collect, WatchesUntilInterrupted) {
   launchEvery("1000");
   serve(collection());
   for (int i = 0; i < kPatienceMs && countOf("value,65535,") == 0; ++i) usleep(1000);
-  kill(child_, SIGINT);
+  command_->signal(SIGINT);
   EXPECT_EQ(waitForStatus(), 0) << "the signal came between two runs";
 }
 
 // The names in `text` that `pattern` captures, in order and each once.
-std::vector<std::string> namesIn(const std::string &text, const std::string &pattern) {
-  const std::regex regex(pattern);
-  std::vector<std::string> names;
-  for (std::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) names.push_back((*it)[1]);
-  std::sort(names.begin(), names.end());
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  return names;
-}
-
 TEST_F(Collect, HelpsAsItsManPageDoes) {
   ASSERT_EQ(run({"--help"}), 0);
   const std::string page = contentOf(KEP_COLLECT_MAN_PAGE);

@@ -1,12 +1,8 @@
 // config_test.cpp: the values file, the text of a query, and the command kep-config over loopback.
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "command.hpp"
 #include "ini.hpp"
 #include "query.hpp"
 
@@ -24,8 +21,6 @@ namespace {
 
 using namespace kepconfig;
 using Strings = std::vector<std::string>;
-
-constexpr int kPatienceMs = 20'000;  // a test that waits this long has failed
 
 TEST(ConfigIni, ReadsValues) {
   const std::string longest(1000, 'v');
@@ -88,21 +83,6 @@ TEST(ConfigQuery, IsReadAsABoardWritesIt) {
   }
 }
 
-std::string contentOf(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
-
-sockaddr_in loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  return address;
-}
-
 // A socket of the test's own, which plays the board or the server.
 class Peer {
  public:
@@ -144,40 +124,11 @@ class Peer {
   int lastSender_ = 0;
 };
 
-// One run of the command; its output and diagnostics go to files that begin with `path`.
-class Command {
+// One run of kep-config; its output and diagnostics go to files that begin with `path`.
+class KepConfig : public Command {
  public:
-  Command(const std::string &path, Strings arguments, const std::string &outPath = "")
-      : outPath_(outPath.empty() ? path + ".out" : outPath), errPath_(path + ".err") {
-    arguments.insert(arguments.begin(), KEP_CONFIG_PROGRAM);
-    std::vector<char *> argv;
-    for (std::string &argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    unlink(errPath_.c_str());  // what an earlier run said is not ours
-    child_ = fork();
-    if (child_ != 0) return;
-    dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-    dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-    alarm(kPatienceMs / 1000);  // holds for the command, too
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  Command(const Command &) = delete;
-  Command &operator=(const Command &) = delete;
-  ~Command() {
-    if (child_ > 0) kill(child_, SIGKILL);
-    status();
-  }
-
-  std::string out() const { return contentOf(outPath_); }
-  std::string err() const { return contentOf(errPath_); }
-  void signal(int number) const { kill(child_, number); }
-
-  int status() {
-    int status = 0;
-    if (child_ <= 0 || waitpid(std::exchange(child_, 0), &status, 0) <= 0) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-  }
+  KepConfig(const std::string &path, Strings arguments, const std::string &outPath = "")
+      : Command(KEP_CONFIG_PROGRAM, std::move(arguments), outPath.empty() ? path + ".out" : outPath, path + ".err") {}
 
   // The port that a server took, told as soon as it serves.
   int port() const {
@@ -190,11 +141,6 @@ class Command {
     }
     return match.empty() ? 0 : std::stoi(match[1]);
   }
-
- private:
-  std::string outPath_;
-  std::string errPath_;
-  pid_t child_ = 0;
 };
 
 class ConfigCommand : public ::testing::Test {
@@ -211,8 +157,8 @@ class ConfigCommand : public ::testing::Test {
 
   // Asks for the MTU, beside a server that runs; returns the status and the output.
   std::pair<int, std::string> askMtu(const std::string &server, int port, const std::string &timeout) {
-    Command device(folder_ + "/device", {"--server", server, "--port", std::to_string(port), "--timeout", timeout,
-                                         "--query", "net", "mtu", "1"});
+    KepConfig device(folder_ + "/device", {"--server", server, "--port", std::to_string(port), "--timeout", timeout,
+                                           "--query", "net", "mtu", "1"});
     const int status = device.status();
     return {status, device.out()};
   }
@@ -224,7 +170,7 @@ class ConfigCommand : public ::testing::Test {
 using Answer = std::pair<int, std::string>;
 
 TEST_F(ConfigCommand, AnswersWhatItKnowsAndLogsWhatItIsAsked) {
-  Command server(folder_ + "/command", {file_, "--listen", "127.0.0.1", "--port", "0"});
+  KepConfig server(folder_ + "/command", {file_, "--listen", "127.0.0.1", "--port", "0"});
   const int port = server.port();
   Peer board;
   // What is not answered comes first: an answer to it would be taken for the one expected.
@@ -254,7 +200,7 @@ TEST_F(ConfigCommand, AnswersWhatItKnowsAndLogsWhatItIsAsked) {
 }
 
 TEST_F(ConfigCommand, EchoesTheDefaultOfAnUnknownKey) {
-  Command server(folder_ + "/command", {file_, "--port", "0", "--listen", "127.0.0.1", "--echo-default"});
+  KepConfig server(folder_ + "/command", {file_, "--port", "0", "--listen", "127.0.0.1", "--echo-default"});
   const int port = server.port();
   Peer board;
   board.send(port, "=>config net");
@@ -273,9 +219,9 @@ TEST_F(ConfigCommand, EchoesTheDefaultOfAnUnknownKey) {
 }
 
 TEST_F(ConfigCommand, HearsBroadcastsUnlessItListensAtOneAddress) {
-  Command anywhere(folder_ + "/command", {file_, "--port", "0"});
+  KepConfig anywhere(folder_ + "/command", {file_, "--port", "0"});
   EXPECT_EQ(askMtu("127.255.255.255", anywhere.port(), "20"), Answer(0, "1400\n"));
-  Command single(folder_ + "/single", {file_, "--port", "0", "--listen", "127.0.0.1"});
+  KepConfig single(folder_ + "/single", {file_, "--port", "0", "--listen", "127.0.0.1"});
   EXPECT_EQ(askMtu("127.255.255.255", single.port(), "0.1"), Answer(3, "1\n"));
 }
 
@@ -288,7 +234,7 @@ TEST_F(ConfigCommand, AsksAsABoardDoes) {
   };
   // The default is taken as it stands, whatever it looks like, and the answer from wherever it comes.
   for (const std::string defaultValue : {"1500", "", "-1", "--help", " a  b ", "[a,b]", "{}"}) {
-    Command device(folder_ + "/command", asking(defaultValue));
+    KepConfig device(folder_ + "/command", asking(defaultValue));
     EXPECT_EQ(server.receive(), "=>config net mtu " + defaultValue);
     other.send(server.lastSender(), "a\tb ");
     EXPECT_EQ(device.status(), 0) << device.err();
@@ -296,14 +242,14 @@ TEST_F(ConfigCommand, AsksAsABoardDoes) {
   }
   for (const auto &[reply, printed] :
        {std::pair(std::string(), std::string("7")), std::pair(std::string(1001, 'x'), std::string(1000, 'x'))}) {
-    Command device(folder_ + "/command", asking("7"));
+    KepConfig device(folder_ + "/command", asking("7"));
     server.receive();
     server.send(server.lastSender(), reply);
     EXPECT_EQ(device.status(), 0);
     EXPECT_EQ(device.out(), printed + "\n");
     EXPECT_EQ(device.err().empty(), !reply.empty());
   }
-  Command interrupted(folder_ + "/command", asking("7"));
+  KepConfig interrupted(folder_ + "/command", asking("7"));
   server.receive();
   interrupted.signal(SIGTERM);
   EXPECT_EQ(interrupted.status(), 4);
@@ -312,8 +258,8 @@ TEST_F(ConfigCommand, AsksAsABoardDoes) {
 
 TEST_F(ConfigCommand, TellsWhatWentWrong) {
   const Peer silent;
-  Command unanswered(folder_ + "/command",
-                     {"--query", "a", "b", "c", "--server", "127.0.0.1", "--port", silent.port(), "--timeout", "0.05"});
+  KepConfig unanswered(folder_ + "/command", {"--query", "a", "b", "c", "--server", "127.0.0.1", "--port",
+                                              silent.port(), "--timeout", "0.05"});
   EXPECT_EQ(unanswered.status(), 3);
   EXPECT_EQ(unanswered.out(), "c\n");
   EXPECT_EQ(unanswered.err(), "kep-config: no answer from 127.0.0.1 port " + silent.port() + "\n");
@@ -336,35 +282,26 @@ TEST_F(ConfigCommand, TellsWhatWentWrong) {
       {"--query", "a", "b", std::string(988, 'c')},
   };
   for (const Strings &arguments : wrong) {
-    Command command(folder_ + "/command", arguments);
+    KepConfig command(folder_ + "/command", arguments);
     EXPECT_EQ(command.status(), 2) << ::testing::PrintToString(arguments);
     EXPECT_NE(command.err(), "");
     EXPECT_EQ(command.out(), "");
   }
 
-  Command full(folder_ + "/command", {file_, "--listen", "127.0.0.1", "--port", "0"}, "/dev/full");
+  KepConfig full(folder_ + "/command", {file_, "--listen", "127.0.0.1", "--port", "0"}, "/dev/full");
   EXPECT_EQ(askMtu("127.0.0.1", full.port(), "20").first, 0);
   EXPECT_EQ(full.status(), 4);
   EXPECT_NE(full.err().find("cannot write"), std::string::npos);
 
   write("[net]\nmtu\n");
-  Command damaged(folder_ + "/command", {file_, "--port", "0"});
+  KepConfig damaged(folder_ + "/command", {file_, "--port", "0"});
   EXPECT_EQ(damaged.status(), 1);
   EXPECT_EQ(damaged.err(), file_ + ":2: neither [section] nor key = value nor a comment\n");
 }
 
 // The names in `text` that `pattern` captures, in order and each once.
-Strings namesIn(const std::string &text, const std::string &pattern) {
-  const std::regex regex(pattern);
-  Strings names;
-  for (std::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) names.push_back((*it)[1]);
-  std::sort(names.begin(), names.end());
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  return names;
-}
-
 TEST_F(ConfigCommand, HelpsAsItsManPageDoes) {
-  Command help(folder_ + "/command", {"--help"});
+  KepConfig help(folder_ + "/command", {"--help"});
   ASSERT_EQ(help.status(), 0);
   const std::string page = contentOf(KEP_CONFIG_MAN_PAGE);
   EXPECT_EQ(namesIn(help.out(), "[ ,]--([a-z-]+)"), namesIn(page, "Fl (?:h , )?-([a-z-]+)"));
