@@ -29,3 +29,4 @@ quietly() {
 build_packages=(cmake ninja-build g++)
 tool_packages=(libcli11-dev nlohmann-json3-dev)
 board_packages=(g++-powerpc-linux-gnu qemu-user)
+fuzz_packages=(clang libclang-rt-dev)
