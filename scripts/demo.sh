@@ -1,44 +1,68 @@
 #!/usr/bin/env bash
-# demo.sh [--board]: builds the example hosts, starts them on loopback one after the other, and collects from each as a
-# server would. With --board the hosts are the 32-bit big-endian build, run under qemu. Writes into build/ only.
+# demo.sh [--board | --threads | --memcheck]: builds the example hosts, starts them on loopback one after the other, and
+# collects from each as a server would. With --board the hosts are the 32-bit big-endian build, run under qemu; with
+# --threads they are built with ThreadSanitizer, and with --memcheck run under valgrind, and the first report ends them
+# and the demo. Writes into build/ only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 
-case "${1-}" in
-  '') board= ;;
-  --board) board=-board ;;
-  *) echo "usage: scripts/demo.sh [--board]" >&2; exit 2 ;;
+kind=${1-}
+packages=("${build_packages[@]}" "${tool_packages[@]}")
+flags=()
+run=()
+case "$kind" in
+  '') ;;
+  --board)
+    packages+=("${board_packages[@]}")
+    flags=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake")
+    run=(qemu-ppc -L /usr/powerpc-linux-gnu)
+    ;;
+  --threads)
+    flags=(-DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=thread)
+    run=(env TSAN_OPTIONS=halt_on_error=1)
+    ;;
+  --memcheck)
+    packages+=(valgrind)
+    flags=(-DCMAKE_BUILD_TYPE=Debug)
+    run=(valgrind --quiet --error-exitcode=99 --exit-on-first-error=yes)
+    ;;
+  *) echo "usage: scripts/demo.sh [--board | --threads | --memcheck]" >&2; exit 2 ;;
 esac
 
-need "${build_packages[@]}" "${tool_packages[@]}" ${board:+"${board_packages[@]}"}
+need "${packages[@]}"
 
 say "building"
 tools=$PWD/build/demo
-host=$PWD/build/demo$board
+host=$PWD/build/demo${kind#-}
 # Without the store's trace, so that the host's output can be read.
 quietly "$tools/build.log" cmake -S . -B "$tools" -G Ninja -DKEP_FAULT_LOG_PATH="$tools/kep.log" -DKEP_STORE_TRACE=OFF
 quietly "$tools/build.log" cmake --build "$tools" --target kep-board kep-station kep-collect kep-config
-run=()
-if [ -n "$board" ]; then
-  quietly "$host/build.log" cmake -S . -B "$host" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake" \
-    -DKEP_BUILD_TOOLS=OFF -DKEP_FAULT_LOG_PATH="$host/kep.log" -DKEP_STORE_TRACE=OFF
+if [ -n "$kind" ]; then
+  quietly "$host/build.log" cmake -S . -B "$host" -G Ninja "${flags[@]}" -DKEP_BUILD_TOOLS=OFF \
+    -DKEP_FAULT_LOG_PATH="$host/kep.log" -DKEP_STORE_TRACE=OFF
   quietly "$host/build.log" cmake --build "$host" --target kep-board kep-station
-  run=(qemu-ppc -L /usr/powerpc-linux-gnu)
 fi
 
 pids=()
-stop() {
+endAll() {
   [ ${#pids[@]} -eq 0 ] && return
   kill "${pids[@]}" 2>/dev/null || true
   wait "${pids[@]}" 2>/dev/null || true
   pids=()
 }
-trap stop EXIT
+trap '[ $? -eq 0 ] || tail -n 100 "$host"/*.out >&2; endAll' EXIT
 
 fail() {
   echo "demo.sh: $*" >&2
   exit 1
+}
+
+# stop: ends the programs, all of which must have lived until now.
+stop() {
+  local pid
+  for pid in "${pids[@]}"; do kill -0 "$pid" 2>/dev/null || fail "a program has died"; done
+  endAll
 }
 
 # isBound PORT: whether a UDP socket of this machine is bound to the port.
@@ -53,13 +77,13 @@ launch() {
   "$@" >"$host/$name.out" 2>&1 &
   pids+=($!)
   until isBound "$port"; do
-    kill -0 $! 2>/dev/null && ((tries-- > 0)) || { cat "$host/$name.out" >&2; fail "$name did not start"; }
+    kill -0 $! 2>/dev/null && ((tries-- > 0)) || fail "$name did not start"
     sleep 0.1
   done
 }
 
 start() {
-  say "starting $1${board:+ under qemu}"
+  say "starting $1${kind:+ ($kind)}"
   launch "$1" 9099 "${run[@]}" "$host/examples/$1"
 }
 
@@ -71,10 +95,11 @@ collect() {
 # What a host printed, without the lines of the service itself.
 printed() { grep -v -e '^size=' -e '\[[a-z]*\] \(begin...\|end\)$' "$host/$1.out"; }
 
-rm -f "$host/kep.log"
+rm -f "$host/kep.log" "$host"/*.out
 start kep-board
 collect --type 1
 collect --selftest
+sleep 1.5 # while the host's other thread takes a sample
 collect --type 2
 say "the fault log"
 wc -c "$host/kep.log"

@@ -1,20 +1,37 @@
 #!/usr/bin/env bash
-# test.sh: everything that must hold before a change lands: formatting, static analysis, and the tests on the
-# developer's host (debug with sanitizers; release with g++ and with clang++) and on the board (under qemu).
+# test.sh [--all]: everything that must hold before a change lands: formatting, static analysis, the examples' run, and
+# the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and on the board (under
+# qemu). With --all also under valgrind, with their coverage, a while of fuzzing, and a soak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 
+case "${1-}" in
+  '') all= ;;
+  --all) all=yes ;;
+  *) echo "usage: scripts/test.sh [--all]" >&2; exit 2 ;;
+esac
+
 need "${build_packages[@]}" "${tool_packages[@]}" "${board_packages[@]}" \
-  git clang clang-format clang-tidy cppcheck libgtest-dev googletest libbenchmark-dev pkg-config binutils mandoc iproute2
+  git clang clang-format clang-tidy cppcheck libgtest-dev googletest libbenchmark-dev pkg-config binutils mandoc iproute2 \
+  ${all:+gcovr valgrind "${fuzz_packages[@]}"}
+
+presets=(dev release release-clang board)
+compiled=(bench "${presets[@]}" ${all:+coverage memcheck})
 
 sources() { git ls-files "$@" | grep -E '\.(c|h|cpp|hpp)$'; }
+
+# run_tests PRESET: only what did not pass is listed.
+run_tests() {
+  say "testing: $1"
+  ctest --preset "$1" -j "$(nproc)" --output-on-failure | grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ +Start '
+}
 
 say "formatting"
 sources . | xargs clang-format --dry-run -Werror
 
 say "configuring"
-for preset in dev release release-clang board bench; do
+for preset in "${compiled[@]}"; do
   cmake --preset "$preset" >/dev/null
 done
 
@@ -24,16 +41,28 @@ sources src platform examples tools | grep '\.cpp$' |
 cppcheck --quiet --error-exitcode=1 --std=c++17 --language=c++ --enable=warning,performance,portability \
   --inline-suppr --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc src platform examples tools
 
-for preset in bench dev release release-clang board; do
+for preset in "${compiled[@]}"; do
   say "building: $preset"
   cmake --build --preset "$preset" -- --quiet
 done
 
-say "the demo, on the host and on the board"
-quietly build/demo.log scripts/demo.sh
-quietly build/demo.log scripts/demo.sh --board
+say "the demo: on the host, under ThreadSanitizer, on the board${all:+, under valgrind}"
+for kind in '' --threads --board ${all:+--memcheck}; do
+  quietly build/demo.log scripts/demo.sh $kind
+done
 
-for preset in dev release release-clang board; do
-  say "testing: $preset"
-  ctest --preset "$preset" -j "$(nproc)" --output-on-failure | grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ +Start '
+if [ -n "$all" ]; then
+  scripts/fuzz.sh 10
+  scripts/soak.sh 20
+
+  run_tests memcheck
+
+  find build/coverage -name '*.gcda' -delete # of earlier runs
+  run_tests coverage
+  say "coverage of src/"
+  gcovr --root . --filter src/ --exclude-throw-branches --print-summary --fail-under-line 98 build/coverage
+fi
+
+for preset in "${presets[@]}"; do
+  run_tests "$preset"
 done

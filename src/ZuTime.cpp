@@ -51,9 +51,9 @@ int valueOf(const tm &time, Field field) {
     case Field::kDay: return time.tm_mday;
     case Field::kHour: return time.tm_hour;
     case Field::kMinute: return time.tm_min;
-    case Field::kSecond: return time.tm_sec;
+    case Field::kSecond: break;
   }
-  return 0;
+  return time.tm_sec;
 }
 
 // Writes the token's value and a terminator, and returns where the next one goes. That is a fixed step: digits beyond

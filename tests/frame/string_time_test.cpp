@@ -91,6 +91,13 @@ TEST(String, AcceptsNull) {
   EXPECT_TRUE(!ZuTime_Format(nullptr, "YYYY", 1) && ZuTime_Format(text, nullptr, 1) == text);
   EXPECT_EQ(ZuString_Split(nullptr, " ", &field, 0) + ZuString_Split(text, nullptr, &field, 0), 0);
   EXPECT_EQ(field, text + 1);
+  ZuString_Trim(nullptr);
+}
+
+TEST(String, TrimsChangeNothing) {
+  char text[] = " a ";
+  ZuString_Trim(text);
+  EXPECT_STREQ(text, " a ");
 }
 
 TEST(Time, FormatsByThePattern) {

@@ -3,6 +3,9 @@
 #include <kep/platform.h>
 #include <sys/mman.h>
 #include <unistd.h>
+#if __has_include(<valgrind/memcheck.h>)
+#include <valgrind/memcheck.h>
+#endif
 
 #include <cstdarg>
 #include <cstddef>
@@ -84,6 +87,9 @@ void *VRK_Malloc(uint32_t size) {
   if (!memory) return nullptr;
   std::memcpy(memory, &size, sizeof size);
   std::memset(memory + kOffset, fill, size);
+#ifdef VALGRIND_MAKE_MEM_UNDEFINED
+  VALGRIND_MAKE_MEM_UNDEFINED(memory + kOffset, size);  // filled, but not by the library
+#endif
   ++blocks;
   bytes += size;
   return memory + kOffset;
