@@ -1,4 +1,5 @@
-/* ZuTime.h: clocks, a sleep, and the one formatter of dates. */
+/* ZuTime.h: clocks, a sleep, and the one formatter of dates, which uses libc's static time record and so belongs to one
+ * thread at a time. */
 #ifndef KEP_ZUTIME_H
 #define KEP_ZUTIME_H
 

@@ -1,7 +1,7 @@
 /* ZuTimer.h: periodic callbacks, run from one loop on a thread of the host's.
  *
  * A pass over the registry is made every 100 ms and runs each timer at most once. Registrations should precede the
- * loop; a callback may register another timer, which the next pass picks up. */
+ * loop; a callback may register another timer, which the next pass picks up. The registry is not locked. */
 #ifndef KEP_ZUTIMER_H
 #define KEP_ZUTIMER_H
 
