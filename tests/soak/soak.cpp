@@ -83,6 +83,7 @@ int32_t reportLogs(int32_t type) {
   Collect_PutInitLog(logs, 1, fault);
   Collect_PutRunLog(logs, 2, fault);
   if (type == kWithFaultFile) ZuFault_Start();
+  Collect_PutInt(logs, 3, g_ZuFault_Info ? 0 : 1);  // 1: no values, or all written to the file
   return 0;
 }
 
@@ -215,6 +216,7 @@ std::vector<std::string> wholeRun(int32_t type, int32_t visit, int32_t logCount)
     run.putString(2, 0, 1, kTime);
     run.putString(2, 0, 1, "begun");
     putLog(run, visit, logCount);
+    run.putInt(2, 0, 3, 1);
     run.flush();
   }
   run.flush();
