@@ -1,6 +1,7 @@
 // soak.cpp: how a host fares that serves for long. This process is the collection server: for so many seconds it asks
 // for run after run, of all types in turn, checks every byte, and breaks one run in ten. Its child is the host, whose
-// resident memory and descriptors must stay what they were after the warm-up.
+// resident memory and descriptors must stay what they were after the warm-up; so it says nothing under
+// AddressSanitizer, which holds on to freed memory.
 #include <kep/kep.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
