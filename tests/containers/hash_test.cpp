@@ -154,21 +154,4 @@ TEST(Hash, RefusesWhatItCannotHold) {
   EXPECT_EQ(ZuHash_Find(nullptr, nullptr, nullptr), nullptr);
 }
 
-TEST(Hash, SurvivesShortMemory) {
-  const int before = platform::liveBlocks();
-  for (const int n : {0, 1}) {
-    platform::failAllocation(n);
-    EXPECT_EQ(ZuHash_New(5, 3, 7, nullptr), nullptr);
-    EXPECT_EQ(platform::liveBlocks(), before);
-    Table table(1);
-    platform::failAllocation(n);
-    EXPECT_EQ(table.set("a", "1"), 0);
-    EXPECT_EQ(table.get("a"), "-");
-    EXPECT_EQ(platform::liveBlocks(), before + 2 + n) << "the list of the bucket stays when its entry fails";
-    EXPECT_EQ(table.set("a", "1"), 1);
-    EXPECT_EQ(table.get("a"), "1");
-  }
-  EXPECT_EQ(platform::liveBlocks(), before);
-}
-
 }  // namespace

@@ -65,8 +65,6 @@ TEST(Set, IsAccountedWithoutItsLastByte) {
 
 TEST(Set, RefusesCapacitiesItCannotCount) {
   for (const uint32_t capacity : {0U, 0xFFFFFFF9U, 0xFFFFFFFFU}) EXPECT_EQ(ZuSet_New(capacity), nullptr) << capacity;
-  platform::failAllocation(0);
-  EXPECT_EQ(ZuSet_New(1), nullptr);
   EXPECT_EQ(ZuSet_Get(nullptr, 0) + ZuSet_Set(nullptr, 0, 1), 0);
   ZuSet_Release(nullptr);
 }

@@ -231,31 +231,6 @@ TEST_F(TextTable, IsNotDrawnWithoutATitle) {
   EXPECT_EQ(printed() + appended() + held(100), "");
 }
 
-TEST_F(TextTable, SurvivesShortMemory) {
-  ZuTable_Release(table_);
-  const int before = platform::liveBlocks();
-  int drawnWhole = 0;
-  for (int n = 0; drawnWhole < 2; ++n) {  // until a run of either kind has no allocation left to fail
-    ASSERT_LT(n, 200);
-    drawnWhole = 0;
-    for (const bool andAllAfter : {false, true}) {
-      platform::failAllocation(n, andAllAfter);
-      table_ = ZuTable_New();
-      ZuTable_SetCaption(table_, "x");
-      column(1, "b", kText, "%s"), column(0, "a", kDouble, "%.1f");
-      cell(2, 1, "x"), cell(2, 0, 1.0), cell(0, 0, 2.0), cell(2, 1, "y");
-      printed();
-      held(100);
-      drawnWhole += appended() == "********\n   x\n********\n  a   b \n ---  - \n 2.0    \n\n 1.0  y \n" + of(8, '-') +
-                                      "\ntotal count = 3\n" + of(8, '-') + "\n";
-      platform::failAllocation(platform::kNever);
-      ZuTable_Release(table_);
-      EXPECT_EQ(platform::liveBlocks(), before) << n;
-    }
-  }
-  table_ = nullptr;
-}
-
 TEST_F(TextTable, CountsARowWhoseCellsFoundNoMemory) {
   column(0, "a", kInt32, "%d");
   platform::failAllocation(0);

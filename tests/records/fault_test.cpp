@@ -209,27 +209,6 @@ TEST_F(Faults, NamesAreCutAndPositionsWrapAt256) {
   EXPECT_EQ(collect(), kEnd + bytes("0020 17 03") + name.substr(0, 22) + bytes("00000001 00000002"));
 }
 
-TEST_F(Faults, RegisterWhatMemoryAllows) {
-  // In turn: no list, no fault, no fault again, no init log, no run log, no place in the list, and enough.
-  int registered = 0;
-  for (const int n : {0, 1, 0, 1, 2, 3, 9}) {
-    const int before = platform::liveBlocks() + (n == 1 && !g_ZuFault_List);
-    platform::failAllocation(n);
-    ZuFault *fault = ZuFault_Regist("f", nullptr);
-    platform::failAllocation(platform::kNever);
-    EXPECT_EQ(platform::liveBlocks() == before, fault == nullptr);
-    EXPECT_EQ(ZuList_Length(g_ZuFault_List), registered += fault != nullptr);
-    ZuFault_SetInitLog(fault, 1, 0, "x"), ZuFault_SetRunLog(fault, 1, 0, "x");  // a missing log drops them
-  }
-  EXPECT_EQ(registered, 3);
-  auto *fault = static_cast<ZuFault *>(ZuList_Get(g_ZuFault_List, 0));
-  platform::failAllocation(0, true);
-  EXPECT_EQ(ZuFault_SetRegist(fault, 1, 2) | ZuFault_SetValue(fault, 1, "x", 1), 0);
-  platform::failAllocation(platform::kNever);
-  EXPECT_EQ(g_ZuFault_Info, nullptr);
-  EXPECT_EQ(collect().size(), 4U * (2 * 8 + 14 + 1) + 2);
-}
-
 TEST_F(Faults, NothingHappensWithoutAHandle) {
   EXPECT_EQ(ZuFault_Regist(nullptr, nullptr), nullptr);
   ZuFault_Ignore(nullptr, 1);

@@ -128,28 +128,6 @@ TEST_F(Logger, AddsUpWhatItsStoreAnswers) {
   EXPECT_EQ(write(1, "x"), 0);
 }
 
-TEST_F(Logger, SurvivesShortMemory) {
-  const int before = platform::liveBlocks();
-  platform::failAllocation(0);
-  open(255);
-  EXPECT_EQ(logger_, nullptr);
-  open(255);
-  for (int n = 0; n < 2; ++n) {
-    platform::failAllocation(n);
-    EXPECT_EQ(write(1, "a"), -2) << "no store: both records fail";
-    platform::failAllocation(platform::kNever);
-    EXPECT_EQ(platform::liveBlocks(), before + 1);
-  }
-  EXPECT_EQ(write(1, "a"), 23 + 5);
-  platform::failAllocation(0);
-  EXPECT_EQ(write(1, std::string(1000, 'x')), 23 - 1) << "the store cannot grow for the line";
-  EXPECT_EQ(write(1, "a"), -2);
-  EXPECT_EQ(kept(), "");
-  ZuLogger_ClearInfo(logger_);
-  open(255);
-  EXPECT_EQ(platform::liveBlocks(), before + 1);
-}
-
 TEST_F(Logger, ShowsRecordsLineByLine) {
   open(0x4F);
   for (const char *line : {"a", "", "b%s\n"}) write(1, line);

@@ -303,15 +303,6 @@ TEST(Store, CutsOrRefusesLengthsThatDoNotFit) {
   EXPECT_EQ(s.select(nullptr, 0).size(), 4U);
 }
 
-TEST(Store, CreationGivesEverythingBackWhenMemoryIsShort) {
-  const int before = platform::liveBlocks();
-  for (int n = 0; n < 2; ++n) {
-    platform::failAllocation(n);
-    EXPECT_EQ(ZuInfo_New(2048), nullptr);
-    EXPECT_EQ(platform::liveBlocks(), before);
-  }
-}
-
 TEST(Store, LosesItsRecordsWhenItCannotGrowAndRecovers) {
   Store s(0);
   s.put('a', 600);

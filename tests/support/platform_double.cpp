@@ -23,6 +23,7 @@ constexpr size_t kOffset = 2 * alignof(std::max_align_t) - 4;
 std::mutex lock;  // tests serve from a thread
 int countdown = platform::kNever;
 bool failsOn = false;
+int failures = 0;
 uint8_t fill = 0xA5;
 int blocks = 0;
 int64_t bytes = 0;
@@ -48,6 +49,11 @@ void failAllocation(int n, bool andAllAfter) {
   const std::lock_guard<std::mutex> guard(lock);
   countdown = n;
   failsOn = andAllAfter;
+}
+
+int failedAllocations() {
+  const std::lock_guard<std::mutex> guard(lock);
+  return failures;
 }
 
 void fillBlocksWith(uint8_t byte) { fill = byte; }
@@ -82,7 +88,7 @@ std::vector<uint32_t> takeDelays() {
 
 void *VRK_Malloc(uint32_t size) {
   const std::lock_guard<std::mutex> guard(lock);
-  if (allocationFails(size)) return nullptr;
+  if (allocationFails(size)) return ++failures, nullptr;
   auto *memory = static_cast<char *>(std::malloc(size + kOffset));
   if (!memory) return nullptr;
   std::memcpy(memory, &size, sizeof size);

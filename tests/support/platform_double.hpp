@@ -13,6 +13,9 @@ constexpr int kNever = -1;
 // Lets the n-th allocation from now fail (0: the next one), or, with `andAllAfter`, every one from there on.
 void failAllocation(int n, bool andAllAfter = false);
 
+// How many allocations have failed since the program began.
+int failedAllocations();
+
 // The byte that fills new blocks, so that a byte nobody wrote shows.
 void fillBlocksWith(uint8_t byte);
 
