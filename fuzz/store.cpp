@@ -5,11 +5,11 @@
 #include "require.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  constexpr int kMostSteps = 300;
+  constexpr int kMostSteps = 200;
   constexpr int64_t kSmallBlock = 16384;  // compared after every step, a larger one now and then
   FuzzedDataProvider input(data, size);
-  const uint32_t limit = input.PickValueInArray({1024U, 2048U, 3000U, 10240U, 0U, 300000U});
-  const int64_t largest = input.PickValueInArray({30, 300, 1500, 66000});
+  const uint32_t limit = input.PickValueInArray({1024U, 2048U, 3000U, 10240U, 0U, 70000U});
+  const int64_t largest = input.PickValueInArray({30, 300, 1500, 20000});
   {
     StoreSteps steps(limit, largest, [&input](uint32_t n) { return input.ConsumeIntegralInRange(0U, n - 1); });
     for (int i = 0; i < kMostSteps && input.remaining_bytes() > 0; ++i) {
