@@ -112,15 +112,15 @@ class StoreModel {
     return true;
   }
 
-  bool flag(int id) const { return static_cast<uint32_t>(id) >= 2000 || switches_[static_cast<size_t>(id)]; }
+  bool flag(int id) const { return static_cast<uint32_t>(id) >= 2000 || switchesOf(id)[static_cast<size_t>(id % 8)]; }
   void setFlag(int id, int mode) {
     if (static_cast<uint32_t>(id) >= 2000) return;
-    if (mode == 2) {
-      switches_.set();
-    } else if (mode == 3) {
-      switches_.reset();
+    if (mode == 2 || mode == 3) {
+      switches_.assign(switches_.size(), mode == 2 ? '\xFF' : '\0');
     } else {
-      switches_[static_cast<size_t>(id)] = mode == 1;
+      std::bitset<8> byte = switchesOf(id);
+      byte[static_cast<size_t>(id % 8)] = mode == 1;
+      switches_[static_cast<size_t>(id / 8)] = static_cast<char>(byte.to_ulong());
     }
   }
 
@@ -136,9 +136,7 @@ class StoreModel {
   // Returns what the store has otherwise than the model, or an empty text. A walk that takes all records is compared,
   // and with a key also the one that it selects.
   std::string difference(ZuInfo *store, std::string_view key = {}) const {
-    std::string switches(sizeof store->idSwitches, '\0');
-    for (size_t id = 0; id < switches_.size(); ++id) switches[id / 8] |= static_cast<char>(switches_[id] << id % 8);
-    if (std::memcmp(store->idSwitches, switches.data(), switches.size()) != 0) return "switches";
+    if (std::memcmp(store->idSwitches, switches_.data(), switches_.size()) != 0) return "switches";
     if ((store->block != nullptr) != hasBlock_) return "block";
     int32_t cursor = -1;
     const uint8_t *data = nullptr;
@@ -166,6 +164,8 @@ class StoreModel {
   }
 
  private:
+  std::bitset<8> switchesOf(int id) const { return static_cast<uint8_t>(switches_[static_cast<size_t>(id / 8)]); }
+
   static std::string bigEndian(uint32_t value, int bytes) {
     std::string text;
     for (int i = bytes - 1; i >= 0; --i) text += static_cast<char>(value >> (8 * i));
@@ -176,7 +176,7 @@ class StoreModel {
     return std::string(what) + ": " + std::to_string(found) + ", expected " + std::to_string(expected);
   }
 
-  std::string walkDifference(ZuInfo *store, std::string_view key, const std::string &image) const {
+  std::string walkDifference(ZuInfo *store, std::string_view key, std::string_view image) const {
     const char *block = static_cast<const char *>(ZuMem_Get(store->block, 0));
     const std::string terminated(key);
     const uint8_t *keyOut = nullptr, *valueOut = nullptr;
@@ -267,6 +267,6 @@ class StoreModel {
   bool ignore_ = false;
   bool allocationFails_ = false;
   int64_t size_ = 0, limit_ = 0, write_ = 0, read_ = 0;
-  std::bitset<2000> switches_;
+  std::string switches_ = std::string(sizeof ZuInfo::idSwitches, '\0');
   std::string trace_;
 };
