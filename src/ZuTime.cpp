@@ -4,6 +4,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "kep/ZuString.h"
 
 namespace {
@@ -80,12 +82,28 @@ tm convert(time_t t) {
   return local ? *local : tm{};
 }
 
+int64_t uptimeMicros() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+// A signal ends usleep early; the same sleep goes on with the time that is left.
+void sleepMicros(uint32_t micros) {
+  const int64_t end = uptimeMicros() + micros;
+  while (usleep(micros) != 0 && errno == EINTR) {
+    const int64_t left = end - uptimeMicros();
+    if (left <= 0) return;
+    micros = static_cast<uint32_t>(left);
+  }
+}
+
 }  // namespace
 
 void ZuTime_Sleep(uint32_t milliseconds) {
   constexpr uint32_t kLongestMs = UINT32_MAX / 1000;  // what fits usleep's 32 bits of microseconds
-  for (; milliseconds > kLongestMs; milliseconds -= kLongestMs) usleep(kLongestMs * 1000);
-  usleep(milliseconds * 1000);
+  for (; milliseconds > kLongestMs; milliseconds -= kLongestMs) sleepMicros(kLongestMs * 1000);
+  sleepMicros(milliseconds * 1000);
 }
 
 uint32_t ZuTime_GetUTime(void) {

@@ -79,15 +79,14 @@ Deadline deadlineFor(int32_t limitMs) { return Deadline(limitMs > 0 ? limitMs : 
 // With a limit the socket must not block; without one, an interrupted connect still goes on by itself.
 bool connectTo(int fd, const sockaddr_in &address) {
   const Deadline deadline = deadlineFor(l_connectMs);
-  if (deadline.isSet()) fcntl(fd, F_SETFL, O_NONBLOCK);
+  if (deadline.isSet() && fcntl(fd, F_SETFL, O_NONBLOCK) != 0) return false;
   if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     if ((errno != EINTR && errno != EINPROGRESS) || !deadline.waitFor(fd, POLLOUT)) return false;
     int error = 0;
     socklen_t size = sizeof error;
     if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) return false;
   }
-  if (deadline.isSet()) fcntl(fd, F_SETFL, 0);
-  return true;
+  return !deadline.isSet() || fcntl(fd, F_SETFL, 0) == 0;
 }
 
 void closeConnection() {
@@ -112,8 +111,10 @@ bool openConnection(const char *addrText, int32_t port) {
 
 // A closed connection is a result here and must not raise a signal in the host. After a failed run whose successor
 // could not connect there is a buffer but no connection; descriptor 0 is then the host's.
+// Nothing may follow a message of which only a part went out, so such a failure closes the connection.
 bool sendAll(const uint8_t *data, size_t size) {
   if (!l_fdIsOpen) return false;
+  const size_t whole = size;
   const Deadline deadline = deadlineFor(l_sendMs);
   const int flags = MSG_NOSIGNAL | (deadline.isSet() ? MSG_DONTWAIT : 0);
   while (size > 0) {
@@ -123,7 +124,10 @@ bool sendAll(const uint8_t *data, size_t size) {
       if (deadline.waitFor(l_fd, POLLOUT)) continue;
       closeConnection();  // given up: the rest of the run shall not wait for it again
     }
-    if (sent <= 0) return false;
+    if (sent <= 0) {
+      if (size < whole) closeConnection();
+      return false;
+    }
     data += sent;
     size -= static_cast<size_t>(sent);
   }

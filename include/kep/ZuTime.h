@@ -12,7 +12,7 @@
 extern "C" {
 #endif
 
-/* Blocks the calling thread. */
+/* Blocks the calling thread; a signal does not end it early. */
 KEP_API void ZuTime_Sleep(uint32_t milliseconds);
 
 /* Microseconds of the wall clock modulo 2^32, so it wraps every 71.6 minutes: compare values by difference. */

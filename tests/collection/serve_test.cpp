@@ -1,10 +1,6 @@
 // The service as a collection server meets it: requests to port 9099, answered one after another for ever.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <kep/kep.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "collection/server.hpp"
 #include "support/platform_double.hpp"
@@ -64,20 +60,6 @@ std::vector<std::string> expected(Server &server, int32_t type, int32_t sequence
   run.flush();
   run.flush();
   return run.messages();
-}
-
-TEST(Service, RefusesABusyPort) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in any{};
-  any.sin_family = AF_INET;
-  any.sin_port = htons(9099);
-  (void)!bind(fd, reinterpret_cast<sockaddr *>(&any), sizeof any);  // busy already is as good
-  const int descriptors = openDescriptors();
-  const ZuLogger *logger = g_collect_param.logger;
-  EXPECT_LT(Collect_Init(0), 0);
-  EXPECT_EQ(openDescriptors(), descriptors);
-  EXPECT_EQ(g_collect_param.logger, logger);
-  close(fd);
 }
 
 TEST(Service, AnswersEveryKindOfRequestInTurn) {

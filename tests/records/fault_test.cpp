@@ -1,9 +1,6 @@
 // The fault registry and the file that a collection run writes, byte by byte.
 #include <gtest/gtest.h>
 #include <kep/ZuPrint.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -161,24 +158,6 @@ TEST_F(Faults, CallbacksCanRecordButNotStartARun) {
   const std::string texts = "start callback [outer]\nend callback [outer]\n";
   EXPECT_EQ(printed(), texts + texts);
   EXPECT_EQ(collect(), kEnd + bytes("000F 06 00 'outer' 00000001 00000002")) << "the next run is free to start";
-}
-
-TEST_F(Faults, KeepTheirValuesAndNeverRunAgainWithoutAFile) {
-  ASSERT_EQ(mkdir(KEP_FAULT_LOG_PATH, 0700), 0);  // no file can be opened there
-  callbackRuns = 0;
-  ZuFault_SetRegist(ZuFault_Regist("a", [] { ++callbackRuns; }), 1, 2);
-  const auto keptValues = [] {
-    ZuFault_Start();
-    rmdir(KEP_FAULT_LOG_PATH);
-    const bool ran = collect() != "none";
-    return callbackRuns == 1 && !ran && g_ZuFault_Info && g_ZuFault_Info->writeOffset == 13;
-  };
-  // In a process of its own, whose registry stays stuck.
-  const pid_t child = fork();
-  if (child == 0) _exit(keptValues() ? 0 : 1);
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
 }
 
 TEST_F(Faults, CutsWhatALengthFieldCannotSay) {

@@ -110,18 +110,6 @@ TEST(Query, IsGivenUpAfterASilentBroadcast) {
   });
 }
 
-TEST(Query, IsGivenUpWithoutItsPort) {
-  inOwnNetwork([] {
-    Server server({{false, "1"}});
-    const int taken = openBound("0.0.0.0", 8998);
-    EXPECT_EQ(ZuConfig_Get("net", "mtu", "1500"), -1);
-    close(taken);
-    EXPECT_EQ(ZuConfig_Get("net", "mtu", "1500"), -1) << "not tried again";
-    EXPECT_EQ(text("mtu"), "default");
-    EXPECT_EQ(server.heard(), "");
-  });
-}
-
 TEST(Query, TakesAnEmptyReplyForNoValueButForAServer) {
   inOwnNetwork([] {
     Server server({{false, ""}, {false, "x"}});

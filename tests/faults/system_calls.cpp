@@ -1,0 +1,94 @@
+#include "faults/system_calls.hpp"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+static thread_local Plan *plans;  // the latest first
+
+Plan::Plan(const char *call, int error, int nth, int times, size_t count)
+    : call_(call), error_(error), nth_(nth), times_(times), count_(count), next_(plans) {
+  plans = this;
+}
+
+Plan::~Plan() {
+  plans = next_;
+  EXPECT_TRUE(isAsked_ || wasMet()) << "no call number " << nth_ << " of " << call_;
+}
+
+bool Plan::wasMet() {
+  isAsked_ = true;
+  return calls_ >= nth_;
+}
+
+bool Plan::fails(const char *call, size_t *count) {
+  int error = 0;
+  for (Plan *plan = plans; plan; plan = plan->next_) {
+    if (std::strcmp(call, plan->call_) != 0) continue;
+    if (++plan->calls_ < plan->nth_ || plan->calls_ - plan->nth_ >= plan->times_) continue;
+    if (plan->error_ != 0) error = plan->error_;
+    if (count) *count = std::min(*count, plan->count_);
+  }
+  if (error != 0) errno = error;
+  return error != 0;
+}
+
+// WRAP(result, name, (parameters), value of a failure, arguments...)
+#define WRAP(result, name, parameters, failure, ...) \
+  result __real_##name parameters;                   \
+  result __wrap_##name parameters { return Plan::fails(#name) ? (failure) : __real_##name(__VA_ARGS__); }
+
+extern "C" {
+
+WRAP(int, socket, (int domain, int type, int protocol), -1, domain, type, protocol)
+WRAP(int, bind, (int fd, const sockaddr *name, socklen_t size), -1, fd, name, size)
+WRAP(ssize_t, recv, (int fd, void *data, size_t size, int flags), -1, fd, data, size, flags)
+WRAP(ssize_t, sendto, (int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t toSize), -1, fd,
+     data, size, flags, to, toSize)
+WRAP(ssize_t, recvfrom, (int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *fromSize), -1, fd, data,
+     size, flags, from, fromSize)
+WRAP(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size), -1, fd, level, name, value,
+     size)
+WRAP(int, getsockopt, (int fd, int level, int name, void *value, socklen_t *size), -1, fd, level, name, value, size)
+WRAP(int, fcntl, (int fd, int command, long argument), -1, fd, command, argument)
+WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, path, mode)
+WRAP(int, fclose, (FILE * file), (__real_fclose(file), EOF), file)  // closed all the same
+WRAP(int, gettimeofday, (timeval * now, void *zone), -1, now, zone)
+WRAP(tm *, localtime, (const time_t *t), nullptr, t)
+WRAP(int, usleep, (useconds_t micros), -1, micros)
+
+int __real_connect(int fd, const sockaddr *name, socklen_t size);
+int __wrap_connect(int fd, const sockaddr *name, socklen_t size) {
+  if (!Plan::fails("connect")) return __real_connect(fd, name, size);
+  if (errno != EINTR) return -1;
+  __real_connect(fd, name, size);  // goes on being made
+  errno = EINTR;
+  return -1;
+}
+
+int __real_poll(pollfd *sockets, nfds_t count, int timeoutMs);
+int __wrap_poll(pollfd *sockets, nfds_t count, int timeoutMs) {
+  if (timeoutMs == 0 || !Plan::fails("poll")) return __real_poll(sockets, count, timeoutMs);
+  const int error = errno;
+  __real_poll(nullptr, 0, 1);  // an interruption comes after a while
+  errno = error;
+  return -1;
+}
+
+ssize_t __real_send(int fd, const void *data, size_t size, int flags);
+ssize_t __wrap_send(int fd, const void *data, size_t size, int flags) {
+  return Plan::fails("send", &size) ? -1 : __real_send(fd, data, size, flags);
+}
+
+size_t __real_fwrite(const void *data, size_t size, size_t count, FILE *file);
+size_t __wrap_fwrite(const void *data, size_t size, size_t count, FILE *file) {
+  return Plan::fails("fwrite", &count) ? 0 : __real_fwrite(data, size, count, file);
+}
+}

@@ -1,0 +1,395 @@
+// Every system call fails in turn: what is stated happens, and the next time everything works.
+#include "faults/system_calls.hpp"
+
+#include <gtest/gtest.h>
+#include <kep/kep.h>
+
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <regex>
+
+#include "ZuFault.hpp"
+#include "collection/server.hpp"
+#include "support/platform_double.hpp"
+#include "transport/own_network.hpp"
+
+namespace {
+
+constexpr int kOn = Plan::kOn;
+
+// ---- single operations
+
+int board;  // a socket at which a request waits
+int boardPort;
+char address[16], data[100];
+
+int create() {
+  const int fd = ZuSock_UDP_Create("127.0.0.77", boardPort);
+  ZuSock_UDP_Close(fd);
+  return fd < 0 ? fd : 1;
+}
+int send() { return ZuSock_UDP_SendMessage(board, "127.0.0.1", boardPort, "ask", 3); }
+int receive() { return ZuSock_UDP_RecvMessage(board, address, &boardPort, data, 99); }
+int exchange() {
+  std::strcpy(address, "127.0.0.1");
+  std::strcpy(data, "ask");
+  return ZuSock_UDP_GetMessage(board, address, &boardPort, data, 3, 99, 60000);
+}
+int outwait() {
+  receive();
+  return ZuSock_UDP_GetMessage(board, nullptr, &boardPort, data, 0, 99, 20);
+}
+int waitFor() { return CollectClient_WaitFor(board, 0, 0, nullptr, address, &boardPort); }
+int clockRuns() { return ZuTime_GetUTime() != 0; }
+int yearOf2024() { return std::atoi(ZuTime_Format(data, "YYYY/MM", 1709622489)); }
+int sleepsEnough() {
+  const uint32_t begin = ZuTime_GetUTime();
+  ZuTime_Sleep(20);
+  return ZuTime_GetUTime() - begin >= 20000;
+}
+
+TEST(Operations, FailAsStatedAndWorkAgain) {
+  const struct {
+    int (*run)();
+    const char *call;
+    int error, times;
+    int fails, works;
+  } cases[] = {
+      {create, "socket", EMFILE, 1, -1, 1},
+      {create, "bind", EADDRINUSE, 1, -1, 1},
+      {send, "setsockopt", ENOMEM, 1, 3, 3},  // only broadcasts need it
+      {send, "sendto", EPERM, 1, -1, 3},
+      {send, "sendto", EINTR, 3, 3, 3},
+      {receive, "recvfrom", ENOMEM, 1, -1, 16},
+      {receive, "recvfrom", EINTR, 3, 16, 16},
+      {exchange, "sendto", ENETUNREACH, 1, -1, 16},
+      {exchange, "poll", ENOMEM, 1, 0, 16},
+      {exchange, "poll", EINTR, 3, 16, 16},
+      {exchange, "recvfrom", ENOMEM, 1, -1, 16},
+      {outwait, "poll", EINTR, kOn, 0, 0},  // signals do not put off the end
+      {waitFor, "recvfrom", ENOMEM, 1, -1, 77},
+      {waitFor, "recvfrom", EINTR, 3, 77, 77},
+      {clockRuns, "gettimeofday", EPERM, 1, 0, 1},
+      {yearOf2024, "localtime", EOVERFLOW, 1, 1900, 2024},
+      {sleepsEnough, "usleep", EINTR, kOn, 1, 1},
+  };
+  const int descriptors = openDescriptors();
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::string(c.call) + ": " + std::strerror(c.error));
+    for (const bool fails : {true, false}) {
+      board = openSocket(SOCK_DGRAM, "127.0.0.1", &boardPort);
+      ask(wire::request(16, 0, 77, 1), boardPort);
+      std::optional<Plan> plan;
+      if (fails) plan.emplace(c.call, c.error, 1, c.times);
+      StdoutCapture output;
+      const int result = c.run();
+      plan.reset();
+      EXPECT_EQ(result, fails ? c.fails : c.works);
+      EXPECT_EQ(output.take(), result == 77 ? "size=16\n" : "");  // for datagrams only
+      EXPECT_EQ(platform::takeDelays().size(), c.run == waitFor && result < 0 ? 1U : 0U);
+      close(board);
+    }
+    EXPECT_EQ(openDescriptors(), descriptors);
+  }
+}
+
+// ---- collections and self-tests
+
+using Messages = std::vector<std::string>;
+
+// A message: whether the run ends when it does not go through, and what is logged ahead of it.
+struct Step {
+  bool isChecked;
+  const char *log;
+};
+
+struct Kind {
+  int32_t (*run)(int32_t port);
+  std::vector<Step> steps;
+  Messages messages;  // of a run without failures
+};
+
+int32_t collect(int32_t port) { return Collect_Start("127.0.0.1", port, 2, 77, 0xAB, 0xCD); }
+int32_t selfTest(int32_t port) { return Collect_SelfTest("127.0.0.1", port, 77, 0xAB, 0xCD); }
+
+Kind kinds[] = {
+    {collect,
+     {{false, ""},
+      {true, ""},
+      {false, "[first] begin...\n"},
+      {true, "[first] end\n"},
+      {true, "[second] begin...\n[second] end\n"},
+      {false, ""}},
+     {}},
+    {selfTest,
+     {{false, ""},
+      {false, "[first] selftest begin...\n"},
+      {true, "[first] selftest end\n"},
+      {true, "[second] selftest begin...\n[second] selftest end\n"},
+      {false, ""}},
+     {}},
+};
+
+// What happens to the message whose call fails, and to those behind it. '.': nothing, 's': it is not sent, 'r': it is
+// not acknowledged, 'c': there is no connection. The first calls may be for the connection instead.
+struct Effect {
+  char at, after;
+  int connecting = 0;
+};
+constexpr Effect kNone = {'.', '.'}, kRefused = {'c', 'c'}, kUnsent = {'s', '.'}, kUnsentOn = {'s', 's'},
+                 kUnacked = {'r', '.'}, kUnackedOn = {'r', 'r'}, kGivenUp = {'r', 's', 1};
+
+struct Fault {
+  bool needsLimits;
+  const char *call;
+  int error, times;
+  Effect effect;
+  size_t count = SIZE_MAX;
+  int nextError = 0;  // of the call behind
+};
+
+CollectItem *first, *second;
+
+int32_t reportMuch(int32_t) { return Collect_PutString(first, 1, std::string(1500, 'v').c_str(), 0), 0; }
+int32_t reportNothing(int32_t) { return 0; }
+
+// What a run without failures sends now; it closes what a failed one left.
+Messages messagesNow(Kind &kind) {
+  int32_t last = lastSequence();
+  for (size_t i = 1; i < kind.messages.size(); ++i) kind.messages[i].replace(8, 4, wire::word(++last));
+  return kind.messages;
+}
+
+struct Outcome {
+  int32_t result;
+  std::string output, log;
+  Messages messages;
+};
+
+// Of a run whose n-th such call fails.
+Outcome expected(Kind &kind, Effect effect, int n) {
+  if (effect.at == 'c' || n <= effect.connecting) return {0, "connect error.\n", "connect to server fail.\n", {}};
+  const Messages whole = messagesNow(kind);
+  Outcome outcome = {1, "", "", {}};
+  n -= effect.connecting;
+  for (size_t i = 0; i < whole.size() && outcome.result == 1; ++i) {
+    const char fate = --n > 0 ? '.' : n == 0 ? effect.at : effect.after;
+    outcome.log += kind.steps[i].log;
+    if (fate != 's') outcome.messages.push_back(whole[i]);
+    if (fate == '.') continue;
+    outcome.output += fate == 's' ? "send error.\n" : "recv error.\n";
+    if (!kind.steps[i].isChecked) continue;
+    outcome.log += "flush to server fail.\n";
+    outcome.result = 0;
+  }
+  return outcome;
+}
+
+// The lines of the service's log without their times.
+std::string takeLog() {
+  platform::takePrinted();
+  Collect_ShowLog();
+  ZuLogger_ClearInfo(g_collect_param.logger);
+  const std::regex times("[0-9/]{8,10} [0-9:]{8}[ \n]|\n(?=\n)");
+  return std::regex_replace(platform::takePrinted(), times, "");
+}
+
+// A run with a failure and the one after it. False when there was no call number `n`.
+bool failsAndRecovers(Kind &kind, const Fault &fault, int n) {
+  const Outcome outcome = expected(kind, fault.effect, n);
+  Server server, next;
+  takeLog();
+  StdoutCapture output;
+  std::optional<Plan> plan(std::in_place, fault.call, fault.error, n, fault.times, fault.count), behind;
+  if (fault.nextError) behind.emplace(fault.call, fault.nextError, n + 1);
+  const int32_t result = kind.run(server.port());
+  const bool isMet = plan->wasMet();
+  if (behind && !isMet) behind->wasMet();
+  behind.reset(), plan.reset();
+  if (!isMet) return false;
+  EXPECT_EQ(result, outcome.result);
+  EXPECT_EQ(output.take(), outcome.output);
+  EXPECT_EQ(takeLog(), outcome.log);
+
+  const Messages whole = messagesNow(kind);
+  EXPECT_EQ(outcome.messages.empty() ? Messages() : server.messages(), outcome.messages);
+  EXPECT_EQ(kind.run(next.port()), 1);
+  EXPECT_EQ(next.messages(), whole);
+  return true;
+}
+
+TEST(Runs, GoOnOrEndAsStatedWhateverCallFails) {
+  const Fault faults[] = {
+      {false, "socket", EMFILE, 1, kRefused},
+      {false, "connect", ECONNREFUSED, 1, kRefused},
+      {false, "connect", EINTR, 1, kNone},
+      {true, "fcntl", ENOMEM, 1, kRefused},
+      {true, "getsockopt", ENOBUFS, 1, kRefused},
+      {true, "poll", ENOMEM, 1, kGivenUp},
+      {true, "poll", EINTR, 3, kNone},
+      {false, "send", ENOBUFS, 1, kUnsent},
+      {false, "send", ECONNRESET, kOn, kUnsentOn},
+      {false, "send", EINTR, 3, kNone},
+      {true, "send", EAGAIN, 3, kNone},
+      {false, "send", 0, kOn, kNone, 1},             // a byte at a time
+      {false, "send", 0, 1, kUnsentOn, 1, ENOBUFS},  // nothing may follow a message cut short
+      {false, "recv", ENOMEM, 1, kUnacked},
+      {false, "recv", ECONNRESET, kOn, kUnackedOn},
+      {false, "recv", EINTR, 3, kNone},
+      {false, "localtime", EOVERFLOW, kOn, kNone},
+  };
+  g_collect_param.logger = ZuLogger_New(0x4F);  // keeps all and echoes nothing
+  first = Collect_New("first", reportMuch, reportMuch);
+  second = Collect_New("second", reportNothing, reportNothing);
+  for (Kind &kind : kinds) {
+    Server server;
+    EXPECT_EQ(kind.run(server.port()), 1);
+    ASSERT_EQ((kind.messages = server.messages()).size(), kind.steps.size());
+  }
+  closedPort();
+  const int descriptors = openDescriptors();
+  for (const int32_t limitMs : {0, 60000}) {
+    CollectClient_SetTimeout(limitMs, limitMs, limitMs);
+    StdoutCapture output;
+    EXPECT_EQ(collect(closedPort()), 0);  // a true refusal: with limits it comes later
+    EXPECT_EQ(output.take(), "connect error.\n");
+    for (const Fault &fault : faults) {
+      if (fault.needsLimits && limitMs == 0) continue;
+      for (Kind &kind : kinds) {
+        int n = 1;
+        while (failsAndRecovers(kind, fault, n) && !HasFailure()) ++n;
+        EXPECT_GT(n, 1) << "not called";
+        EXPECT_EQ(openDescriptors(), descriptors);
+        ASSERT_FALSE(HasFailure()) << fault.call << " " << n << ": " << std::strerror(fault.error) << ", limit "
+                                   << limitMs << (kind.run == selfTest ? ", self-test" : "");
+      }
+    }
+  }
+  CollectClient_SetTimeout(0, 0, 0);
+  Collect_Release(first), Collect_Release(second);
+  ZuLogger_Release(std::exchange(g_collect_param.logger, nullptr));
+}
+
+// ---- the configuration query
+
+struct Query {
+  const char *call;
+  int error;
+  int32_t whenFirst, whenLater;  // 9 is the server's answer, 7 the caller's default
+};
+Query query;
+bool isFirst;
+
+void askWithAFailure() {
+  std::thread([server = openBound("0.0.0.0", 8999)] {
+    for (;;) {
+      sockaddr_in sender{};
+      socklen_t size = sizeof sender;
+      recvfrom(server, data, sizeof data, 0, reinterpret_cast<sockaddr *>(&sender), &size);
+      sendto(server, "9", 1, 0, reinterpret_cast<const sockaddr *>(&sender), size);
+    }
+  }).detach();
+  const auto result = [] { return ZuConfig_GetInt("net", "mtu", 7); };
+  EXPECT_EQ(isFirst ? 9 : result(), 9);
+  {
+    const Plan plan(query.call, query.error);
+    EXPECT_EQ(result(), isFirst ? query.whenFirst : query.whenLater);
+  }
+  EXPECT_EQ(result(), isFirst ? query.whenFirst : 9);  // a failure of the first is for good
+}
+
+TEST(Queries, GiveTheDefaultAndAskAgainOnceAServerIsKnown) {
+  const Query queries[] = {
+      {"socket", EMFILE, 7, 0},      {"bind", EADDRINUSE, 7, 0}, {"setsockopt", ENOMEM, 7, 9},
+      {"sendto", ENETUNREACH, 7, 7}, {"sendto", EINTR, 9, 9},    {"poll", ENOMEM, 7, 7},
+      {"poll", EINTR, 9, 9},         {"recvfrom", ENOMEM, 7, 7}, {"recvfrom", EINTR, 9, 9},
+  };
+  for (const Query &each : queries) {
+    SCOPED_TRACE(std::string(each.call) + ": " + std::strerror(each.error));
+    query = each;
+    isFirst = true;
+    inOwnNetwork(askWithAFailure);
+    isFirst = false;
+    if (query.whenLater != 0) inOwnNetwork(askWithAFailure);  // 0: no such call later
+  }
+}
+
+// ---- the file of the faults
+
+int callbacks;
+
+// Runs a fault collection with one value more and returns its file, "none" if there is none.
+std::string collectFaults() {
+  std::remove(KEP_FAULT_LOG_PATH);
+  ZuFault_SetRegist(static_cast<ZuFault *>(ZuList_Get(g_ZuFault_List, 0)), 1, 2);
+  ZuFault_Start();
+  std::ifstream file(KEP_FAULT_LOG_PATH, std::ios::binary);
+  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
+}
+
+// A run without its file is the last one; the values are kept.
+bool isStuckWithoutAFile() {
+  Plan plan("fopen", EMFILE);
+  return collectFaults() == "none" && plan.wasMet() && collectFaults() == "none" && callbacks == 1 &&
+         g_ZuFault_Info->writeOffset == 2 * 13;
+}
+
+TEST(FaultFile, HasWhatCouldBeWritten) {
+  ZuFault *fault = ZuFault_Regist("net", [] { ++callbacks; });
+  EXPECT_EXIT(_exit(isStuckWithoutAFile() ? 0 : 1), testing::ExitedWithCode(0), "");
+  ZuFault_SetInitLog(fault, 1, 0, "up"), ZuFault_SetRunLog(fault, 1, 0, "down");
+  const std::string whole = collectFaults();
+  const int descriptors = openDescriptors();
+  int n = 0;
+  for (bool isMet = true; isMet;) {
+    Plan plan("fwrite", ENOSPC, ++n, kOn);
+    const std::string file = collectFaults();
+    isMet = plan.wasMet();
+    EXPECT_EQ(file, whole.substr(0, file.size()));
+    EXPECT_EQ(file.size() < whole.size(), isMet) << n;
+  }
+  EXPECT_GT(n, 20);
+  {
+    const Plan cut("fwrite", 0, 1, 1, 1), closing("fclose", EIO);
+    EXPECT_EQ(collectFaults(), whole.substr(0, 1) + whole.substr(2));
+  }
+  EXPECT_EQ(collectFaults(), whole);
+  EXPECT_EQ(g_ZuFault_Info, nullptr);
+  EXPECT_EQ(openDescriptors(), descriptors);
+  std::remove(KEP_FAULT_LOG_PATH);
+}
+
+// ---- the service, which serves until the process ends
+
+TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
+  platform::takeDelays();
+  const int descriptors = openDescriptors();
+  for (const char *call : {"socket", "bind"}) {
+    const Plan plan(call, EADDRINUSE);
+    EXPECT_EQ(Collect_Init(0), -1);
+  }
+  EXPECT_EQ(g_collect_param.logger, nullptr);
+  EXPECT_EQ(openDescriptors(), descriptors);
+
+  static std::atomic<bool> hasReturned{false};
+  Server server;
+  StdoutCapture output;
+  std::thread([] {
+    const Plan plan("recvfrom", ENOMEM, 1, 5);
+    Collect_Init(0);
+    hasReturned = true;
+  }).detach();
+  std::vector<uint32_t> pauses;
+  while (pauses.size() < 5 && !hasReturned) {
+    for (const uint32_t pause : platform::takeDelays()) pauses.push_back(pause);
+  }
+  ASSERT_FALSE(hasReturned) << "port 9099 is in use";
+  ask(wire::request(16, 0, 5, server.port()), 9099);
+  EXPECT_EQ(server.words(8).at(0), 5);
+  EXPECT_TRUE(platform::takeDelays().empty());
+  EXPECT_EQ(pauses, std::vector<uint32_t>(5, 1000));
+  EXPECT_EQ(output.take(), "size=16\n");
+}
+
+}  // namespace
