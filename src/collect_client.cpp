@@ -130,19 +130,20 @@ bool sendAll(const uint8_t *data, size_t size) {
   return true;
 }
 
-// One receive, of at most 16 bytes that nobody looks at. A connection closed by the server counts as acknowledged.
+// One receive, of at most 16 bytes that nobody looks at. A connection closed by the server counts as acknowledged. With
+// a limit only the wait may take time, never the receive: a socket can be called ready and yet have nothing to give.
 bool receiveAck() {
   const Deadline deadline = deadlineFor(l_ackMs);
-  if (deadline.isSet() && !deadline.waitFor(l_fd, POLLIN)) {
-    closeConnection();
-    return false;
-  }
+  const int flags = deadline.isSet() ? MSG_DONTWAIT : 0;
   uint8_t ack[kAckSize];
-  ssize_t received;
-  do {
-    received = recv(l_fd, ack, sizeof ack, 0);
-  } while (received < 0 && errno == EINTR);
-  return received >= 0;
+  for (;;) {
+    if (deadline.isSet() && !deadline.waitFor(l_fd, POLLIN)) {
+      closeConnection();
+      return false;
+    }
+    if (recv(l_fd, ack, sizeof ack, flags) >= 0) return true;
+    if (errno != EINTR && (errno != EAGAIN || !deadline.isSet())) return false;
+  }
 }
 
 // ---- the send buffer
