@@ -90,8 +90,13 @@ bool connectTo(int fd, const sockaddr_in &address) {
   return true;
 }
 
+// Closing with an acknowledgement unread, or part of one, resets the connection, and what the system still holds back
+// of the last messages would be lost; the end of the data pushes it out first.
 void closeConnection() {
-  if (l_fdIsOpen) close(l_fd);
+  if (l_fdIsOpen) {
+    shutdown(l_fd, SHUT_WR);
+    close(l_fd);
+  }
   l_fdIsOpen = false;
   l_fd = 0;
 }
