@@ -25,6 +25,24 @@ bool makeAddress(const char *text, int port, sockaddr_in *out) {
   return out->sin_addr.s_addr != INADDR_NONE || std::strcmp(text, kBroadcastAddress) == 0;
 }
 
+// One datagram and its terminator. -1 with errno when there is none.
+int receive(int fd, char *addressTextOut, int *portOut, void *buffer, int size, int flags) {
+  errno = EINVAL;
+  if (!buffer || size < 0) return -1;
+  sockaddr_in sender{};
+  socklen_t senderSize = sizeof sender;
+  ssize_t received;
+  do {
+    received =
+        recvfrom(fd, buffer, static_cast<size_t>(size), flags, reinterpret_cast<sockaddr *>(&sender), &senderSize);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0) return -1;
+  if (addressTextOut) inet_ntop(AF_INET, &sender.sin_addr, addressTextOut, INET_ADDRSTRLEN);
+  if (portOut) *portOut = ntohs(sender.sin_port);
+  static_cast<char *>(buffer)[received] = '\0';
+  return static_cast<int>(received);
+}
+
 }  // namespace
 
 int ZuSock_UDP_Create(const char *addressText, int port) {
@@ -59,18 +77,7 @@ int ZuSock_UDP_SendMessage(int fd, const char *addressText, int port, const void
 }
 
 int ZuSock_UDP_RecvMessage(int fd, char *addressTextOut, int *portOut, void *buffer, int size) {
-  if (!buffer || size < 0) return -1;
-  sockaddr_in sender{};
-  socklen_t senderSize = sizeof sender;
-  ssize_t received;
-  do {
-    received = recvfrom(fd, buffer, static_cast<size_t>(size), 0, reinterpret_cast<sockaddr *>(&sender), &senderSize);
-  } while (received < 0 && errno == EINTR);
-  if (received < 0) return -1;
-  if (addressTextOut) inet_ntop(AF_INET, &sender.sin_addr, addressTextOut, INET_ADDRSTRLEN);
-  if (portOut) *portOut = ntohs(sender.sin_port);
-  static_cast<char *>(buffer)[received] = '\0';
-  return static_cast<int>(received);
+  return receive(fd, addressTextOut, portOut, buffer, size, 0);
 }
 
 int ZuSock_UDP_GetMessage(int fd, char *addressText, int *portInOut, void *buffer, int sendLength, int receiveSize,
@@ -78,6 +85,12 @@ int ZuSock_UDP_GetMessage(int fd, char *addressText, int *portInOut, void *buffe
   if (!portInOut) return -1;
   const int sent = ZuSock_UDP_SendMessage(fd, addressText, *portInOut, buffer, sendLength);
   if (sent < 0) return sent;
-  if (timeoutMs < Deadline::kNoLimit || !Deadline(timeoutMs).waitFor(fd, POLLIN)) return 0;
-  return ZuSock_UDP_RecvMessage(fd, addressText, portInOut, buffer, receiveSize);
+  if (timeoutMs < Deadline::kNoLimit) return 0;
+  const Deadline deadline(timeoutMs);
+  while (deadline.waitFor(fd, POLLIN)) {
+    const int received = receive(fd, addressText, portInOut, buffer, receiveSize, MSG_DONTWAIT);
+    if (received >= 0 || errno != EAGAIN) return received;
+    if (deadline.isOver()) return 0;
+  }
+  return 0;
 }

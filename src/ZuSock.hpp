@@ -18,10 +18,13 @@ class Deadline {
   explicit Deadline(int32_t limitMs) : isSet_(limitMs >= 0), end_(isSet_ ? nowMs() + limitMs : 0) {}
 
   bool isSet() const { return isSet_; }
+  bool isOver() const { return isSet_ && leftMs() == 0; }
 
-  // Waits until the socket is ready for these events of poll; false when the time is over first, or for a bad
-  // descriptor. Asks poll, which unlike select takes a descriptor of any number.
+  // Waits until the socket is ready for these events of poll, which it is asked at least once; false when the time is
+  // over first, or for a bad descriptor. Asks poll, which unlike select takes a descriptor of any number. A socket that
+  // was ready may yet have nothing to give: whoever then comes again asks isOver first, or may never be done.
   bool waitFor(int fd, short events) const {
+    if (fd < 0) return false;  // poll would pass it over
     pollfd wait = {fd, events, 0};
     int ready;
     do {

@@ -67,7 +67,8 @@ void serveOne(int fd, uint8_t id0, uint8_t id1) {
   int32_t port;
   const int32_t sequence = CollectClient_WaitFor(fd, id0, id1, &type, addressText, &port);
   if (sequence == -1) return;
-  if (l_access && !l_access(addressText, port, static_cast<int32_t>(type))) {
+  // Only the port's low 16 bits count when connecting, so they are what is decided on.
+  if (l_access && !l_access(addressText, port & 0xFFFF, static_cast<int32_t>(type))) {
     ++collectStats().refused;
     return;
   }

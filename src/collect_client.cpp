@@ -45,8 +45,7 @@ constexpr int32_t kLongSize = 21;
 constexpr int32_t kPieceHeadSize = 15;
 constexpr int32_t kSmallestPieceRoom = 25;  // a piece is begun only where 10 of its bytes fit
 
-int l_fd;           // the connection of the run
-bool l_fdIsOpen;    // beside l_fd, because 0 is a descriptor too in a host without standard input
+int l_fd;           // the connection of the run; 0 for none
 uint8_t *l_buffer;  // the send buffer; NULL outside a run
 int32_t l_bufPos;   // payload bytes gathered
 int32_t _sequence;  // the last automatic sequence; runs on from run to run
@@ -90,19 +89,27 @@ bool connectTo(int fd, const sockaddr_in &address) {
 }
 
 // Closing with an acknowledgement unread, or part of one, resets the connection, and what the system still holds back
-// of the last messages would be lost; the end of the data pushes it out first.
+// of the last messages is lost; the end of the data pushes out before that what the peer's window takes.
 void closeConnection() {
-  if (l_fdIsOpen) {
-    shutdown(l_fd, SHUT_WR);
-    close(l_fd);
-  }
-  l_fdIsOpen = false;
+  if (l_fd == 0) return;
+  shutdown(l_fd, SHUT_WR);
+  close(l_fd);
   l_fd = 0;
+}
+
+// The host may run with descriptors 0 to 2 closed. A connection must not take their place: what the host prints would
+// go out by it.
+int aboveStandard(int fd) {
+  constexpr int kFirstOther = 3;
+  if (fd < 0 || fd >= kFirstOther) return fd;
+  const int moved = fcntl(fd, F_DUPFD, kFirstOther);
+  close(fd);
+  return moved;
 }
 
 bool openConnection(const char *addrText, int32_t port) {
   closeConnection();  // an earlier run that failed leaves its own behind
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  const int fd = aboveStandard(socket(AF_INET, SOCK_STREAM, 0));
   if (fd < 0) return false;
   const in_addr_t host = inet_addr(addrText);
   if (host == INADDR_NONE || !connectTo(fd, addressOf(host, port))) {
@@ -110,15 +117,14 @@ bool openConnection(const char *addrText, int32_t port) {
     return false;
   }
   l_fd = fd;
-  l_fdIsOpen = true;
   return true;
 }
 
 // A closed connection is a result here and must not raise a signal in the host. After a failed run whose successor
-// could not connect there is a buffer but no connection; descriptor 0 is then the host's.
+// could not connect there is a buffer but no connection.
 // Nothing may follow a message of which only a part went out, so such a failure closes the connection.
 bool sendAll(const uint8_t *data, size_t size) {
-  if (!l_fdIsOpen) return false;
+  if (l_fd == 0) return false;
   const size_t whole = size;
   const Deadline deadline = deadlineFor(l_sendMs);
   const int flags = MSG_NOSIGNAL | (deadline.isSet() ? MSG_DONTWAIT : 0);
@@ -126,7 +132,7 @@ bool sendAll(const uint8_t *data, size_t size) {
     const ssize_t sent = send(l_fd, data, size, flags);
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0 && errno == EAGAIN && deadline.isSet()) {
-      if (deadline.waitFor(l_fd, POLLOUT)) continue;
+      if (!deadline.isOver() && deadline.waitFor(l_fd, POLLOUT)) continue;
       closeConnection();  // given up: the rest of the run shall not wait for it again
     }
     if (sent <= 0) {
@@ -145,14 +151,14 @@ bool receiveAck() {
   const Deadline deadline = deadlineFor(l_ackMs);
   const int flags = deadline.isSet() ? MSG_DONTWAIT : 0;
   uint8_t ack[kAckSize];
-  for (;;) {
-    if (deadline.isSet() && !deadline.waitFor(l_fd, POLLIN)) {
-      closeConnection();
-      return false;
-    }
+  while (!deadline.isSet() || deadline.waitFor(l_fd, POLLIN)) {
     if (recv(l_fd, ack, sizeof ack, flags) >= 0) return true;
-    if (errno != EINTR && (errno != EAGAIN || !deadline.isSet())) return false;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN || !deadline.isSet()) return false;
+    if (deadline.isOver()) break;
   }
+  closeConnection();
+  return false;
 }
 
 // ---- the send buffer

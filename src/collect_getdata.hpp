@@ -8,7 +8,7 @@
 // Connects to the server and sends the identity message. False, and logged, when the server cannot be reached.
 bool beginRun(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1);
 
-// Sends the message gathered. False, and logged, when that fails; the connection then stays for the next run to close.
+// Sends the message gathered. False, and logged, when that fails; the next run closes a connection that is left.
 bool flushToServer();
 
 // Logs "<time> [<item name>] <what>\n".

@@ -51,9 +51,9 @@ KEP_API void Collect_Release(CollectItem *item);
 KEP_API void Collect_BeginSection(CollectItem *item, int32_t section);
 KEP_API void Collect_EndSection(CollectItem *item);
 
-/* Report one value under a key of the host's choice. They send nothing outside a run, or for a NULL item or text. A
- * text or struct of any length is sent in as many pieces as it takes; length 0 measures a text and sends no struct; an
- * empty text and a negative length send nothing. */
+/* Report one value under a key of the host's choice. They send nothing outside a run (a failed one lasts until the next
+ * begins), or for a NULL item or text. A text or struct of any length is sent in as many pieces as it takes; length 0
+ * measures a text and sends no struct; an empty text and a negative length send nothing. */
 KEP_API void Collect_PutInt(CollectItem *item, int32_t key, int32_t value);
 KEP_API void Collect_PutLong(CollectItem *item, int32_t key, int64_t value);
 KEP_API void Collect_PutString(CollectItem *item, int32_t key, const char *text, int32_t length);
@@ -69,13 +69,15 @@ KEP_API void Collect_ShowLog(void);
 
 /* One collection run and one self-test, as Collect_Init makes them for a request from this address and port. A
  * self-test sends no catalogue; each item's records follow a string record of its name under item index 0xFFFF. Return
- * 1, or 0 when the server cannot be reached, memory is short, or the server stops taking messages; the log says which
- * of the first and the last. A run that the server broke leaves its connection for the next run to close. */
+ * 1, or 0: the server cannot be reached or memory is short, "connect to server fail." in the log; or the server stops
+ * taking messages, "flush to server fail.". A run that the server broke may leave its connection for the next run to
+ * close. */
 KEP_API int32_t Collect_Start(const char *addressText, int32_t port, int32_t requestType, int32_t sequence, uint8_t id0,
                               uint8_t id1);
 KEP_API int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1);
 
-/* Is asked before a request is served, on the serving thread: returns 0 to refuse it. */
+/* Is asked before a request is served, on the serving thread: returns 0 to refuse it. Takes the dotted address and the
+ * port (0 to 65535) to which the board would connect, and the request's type. */
 typedef int32_t (*CollectAccess)(const char *addressText, int32_t port, int32_t requestType);
 
 /* Sets who decides on requests; NULL, the default, serves everyone. */

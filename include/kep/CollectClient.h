@@ -14,8 +14,9 @@
  * its name (2) | name); and 2, data, which is any number of records.
  *
  * There is one run at a time in a process: CollectClient_Start, any number of calls, CollectClient_End. Outside a run
- * the others do nothing. A run that fails before its end leaves its connection and its message behind: calls go on
- * gathering, and their flushes fail, until the next run's start or an end. Without CollectClient_SetTimeout there are
+ * the others do nothing. A run that fails before its end leaves its connection and its message buffer behind: calls
+ * go on gathering and flushing until the next run's start or an end. The connection is closed earlier when a limit ran
+ * out, or when only a part of a message went out; then every flush fails. Without CollectClient_SetTimeout there are
  * no time-outs: a server that stops answering holds the calling thread. */
 #ifndef KEP_COLLECTCLIENT_H
 #define KEP_COLLECTCLIENT_H

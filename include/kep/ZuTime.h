@@ -25,7 +25,7 @@ KEP_API time_t ZuTime_GetTime(int32_t offset);
 KEP_API time_t ZuTime_Now(void);
 
 /* Writes the local time `t` (0: now) into `dst` by `pattern` and returns `dst`, which the caller makes large enough:
- * 12 bytes for a year, 3 for each other token, and the terminator.
+ * 12 bytes for a year, 3 for each other token, 1 for each other character, and the terminator.
  *
  *   YYYY       year, 4 digits            YY yy   year modulo 100
  *   MM mm      month                     DD dd   day of the month

@@ -3,7 +3,7 @@
  * Nothing in it locks, and the state behind its functions is the process's. The host serialises its calls: one thread
  * until the service starts, then only the serving thread, inside the items' callbacks; the timer loop may have a thread
  * of its own when its callbacks neither allocate nor print. Calls that touch only the host's own memory may come from
- * any thread: the codec but for its dumps, the key hash, the sockets, and formatting into the host's buffer. */
+ * any thread: the codec but for its dumps, the key hash, the sockets, and strings formatted into the host's buffer. */
 #ifndef KEP_KEP_H
 #define KEP_KEP_H
 

@@ -20,7 +20,7 @@ extern "C" {
 #endif
 
 /* Returns a block of at least `size` bytes, aligned as said above and not cleared, or NULL when there is none.
- * A size of 0 is asked for like any other. */
+ * The least size asked for is 4. */
 KEP_API void *VRK_Malloc(uint32_t size);
 
 /* Takes back a block that VRK_Malloc returned. */
