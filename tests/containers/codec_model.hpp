@@ -41,10 +41,8 @@ inline std::vector<Field> parse(const std::string &format) {
   std::string digits;
   for (const char c : format) {
     const size_t at = kLetters.find(c);
-    if (at < 7) fields.push_back({c, kSizes[at]});
-    if (at == 7 || at == 8) {
-      fields.push_back({c, static_cast<size_t>(std::min(std::strtoull(digits.c_str(), nullptr, 10), 0x7FFFFFFFULL))});
-    }
+    const auto count = std::min(std::strtoull(digits.c_str(), nullptr, 10), 0x7FFFFFFFULL);
+    if (at != std::string_view::npos) fields.push_back({c, at < 7 ? kSizes[at] : static_cast<size_t>(count)});
     digits = c >= '0' && c <= '9' ? digits + c : "";
   }
   return fields;
@@ -63,22 +61,15 @@ inline uint32_t numberOf(const std::string &bytes) {
   return number;
 }
 
-// Sets stamps of 0 to another time, since they would show as the moment's.
-inline std::string withStamps(const std::vector<Field> &fields, std::string data) {
-  size_t at = 0;
-  for (const Field &field : fields) {
-    if (at + field.size > data.size()) break;
-    if (field.letter == 'T' && numberOf(data.substr(at, 4)) == 0) data[at] = 1;
-    at += field.size;
-  }
-  return data;
-}
-
-// Data for all fields, by repeating the bytes.
+// Data for all fields, by repeating the bytes. Stamps of 0, which would show as the moment's, get another time.
 inline std::string fill(const std::vector<Field> &fields, const std::string &bytes) {
-  std::string all(static_cast<size_t>(sizeOf(fields)), '\0');
-  for (size_t i = 0; i < all.size() && !bytes.empty(); ++i) all[i] = bytes[i % bytes.size()];
-  return withStamps(fields, all);
+  std::string all;
+  for (const Field &field : fields) {
+    const size_t at = all.size();
+    while (all.size() < at + field.size) all += bytes.empty() ? '\0' : bytes[all.size() % bytes.size()];
+    if (field.letter == 'T' && numberOf(all.substr(at)) == 0) all[at] = 1;
+  }
+  return all;
 }
 
 inline std::string hexText(const std::string &bytes) {
@@ -94,6 +85,7 @@ inline std::string hexText(const std::string &bytes) {
 inline std::string lineOf(const Field &field, const std::string &bytes) {
   const uint32_t number = numberOf(bytes);
   const auto half = static_cast<int16_t>(number);
+  const time_t time = static_cast<int32_t>(number);
   char text[64] = "";
   switch (field.letter) {
     case 'B': std::snprintf(text, sizeof text, "B]=>0x%02X<", number & 0xFF); break;
@@ -102,11 +94,7 @@ inline std::string lineOf(const Field &field, const std::string &bytes) {
     case 'h': std::snprintf(text, sizeof text, "h]=>%d<", half); break;
     case 'I': std::snprintf(text, sizeof text, "I]=>0x%08X<", number); break;
     case 'i': std::snprintf(text, sizeof text, "i]=>%d<", static_cast<int32_t>(number)); break;
-    case 'T': {
-      const auto time = static_cast<time_t>(static_cast<int32_t>(number));
-      std::strftime(text, sizeof text, "T]=>%Y/%m/%d %H:%M:%S<", std::localtime(&time));
-      break;
-    }
+    case 'T': std::strftime(text, sizeof text, "T]=>%Y/%m/%d %H:%M:%S<", std::localtime(&time)); break;
     case 'S': return std::to_string(field.size) + "S]=>\n" + hexText(bytes);
     default: return std::to_string(field.size) + "s]=>" + bytes.c_str() + "<";
   }
@@ -145,24 +133,19 @@ int32_t pack(void *out, const char *format, const std::vector<Field> &fields, co
 // Unpacks into blocks of the right sizes, without a destination for the fields whose bit is set in `skipped`.
 inline std::string unpackDifference(const char *format, const std::vector<Field> &fields, const char *data,
                                     unsigned skipped) {
-  const uint16_t one = 1;
-  const bool littleEndian = *reinterpret_cast<const uint8_t *>(&one) == 1;
-  std::unique_ptr<char[]> blocks[kMostArguments];
-  void *out[kMostArguments] = {};
+  std::unique_ptr<char[]> out[kMostArguments];
   for (size_t i = 0; i < fields.size(); ++i) {
-    blocks[i] = exactCopy(std::string(fields[i].size + fields[i].isText(), '#'));
-    if (!(skipped >> i & 1)) out[i] = blocks[i].get();
+    if (!(skipped >> i & 1)) out[i] = exactCopy(std::string(fields[i].size + fields[i].isText(), '#'));
   }
-  const int32_t count = ZuBuffer_UNPack(format, data, out[0], out[1], out[2], out[3], out[4], out[5], out[6]);
+  const int32_t count = ZuBuffer_UNPack(format, data, out[0].get(), out[1].get(), out[2].get(), out[3].get(),
+                                        out[4].get(), out[5].get(), out[6].get());
   if (count != static_cast<int32_t>(fields.size())) return "fields unpacked: " + std::to_string(count);
   for (size_t i = 0; i < fields.size(); ++i) {
     std::string expected(data, fields[i].size);
-    if (fields[i].isText()) {
-      expected += '\0';
-    } else if (littleEndian) {
+    if (!fields[i].isText() && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__)
       std::reverse(expected.begin(), expected.end());
-    }
-    if (out[i] && std::memcmp(out[i], expected.data(), expected.size()) != 0) return "field " + std::to_string(i);
+    if (fields[i].isText()) expected += '\0';
+    if (out[i] && std::memcmp(out[i].get(), expected.data(), expected.size()) != 0) return "field " + std::to_string(i);
     data += fields[i].size;
   }
   return "";

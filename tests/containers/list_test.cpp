@@ -3,17 +3,16 @@
 #include <kep/ZuList.h>
 #include <kep/ZuMem.h>
 
+#include <algorithm>
 #include <random>
 
 #include "support/platform_double.hpp"
 
 namespace {
 
-using Values = std::vector<intptr_t>;
+using Values = std::vector<void *>;
 
 Values released;
-
-void release(void *element) { released.push_back(reinterpret_cast<intptr_t>(element)); }
 
 void *value(intptr_t number) { return reinterpret_cast<void *>(number); }
 
@@ -21,133 +20,88 @@ int32_t compare(void *element, const void *key) { return element == key ? 0 : -7
 
 Values valuesOf(ZuList *list) {
   Values values;
-  for (int32_t i = 0; i < ZuList_Length(list); ++i) values.push_back(reinterpret_cast<intptr_t>(ZuList_Get(list, i)));
+  for (int32_t i = 0; i < ZuList_Length(list); ++i) values.push_back(ZuList_Get(list, i));
   return values;
 }
 
-// A dynamic list that must give back all its memory.
-class List : public testing::Test {
- protected:
-  List() { released.clear(); }
-  ~List() override {
-    platform::failAllocation(platform::kNever);
-    ZuList_Release(list_);
-    EXPECT_EQ(platform::liveBytes(), before_);
-  }
-
-  void append(const Values &values) {
-    for (const intptr_t number : values) EXPECT_EQ(ZuList_Append(list_, value(number)), 1);
-  }
-  int32_t insert(int32_t index, intptr_t number) { return ZuList_Insert(list_, index, value(number)); }
-  int32_t push(intptr_t number) { return ZuList_Push(list_, value(number)); }
-  intptr_t set(int32_t index, intptr_t number) {
-    return reinterpret_cast<intptr_t>(ZuList_Set(list_, index, value(number)));
-  }
-  intptr_t remove(int32_t index) { return reinterpret_cast<intptr_t>(ZuList_Remove(list_, index)); }
-
-  static constexpr int32_t kMaxLength = 4;  // of pushes
-  int64_t before_ = platform::liveBytes();
-  ZuList *list_ = ZuList_New(kMaxLength, release);
-};
-
 }  // namespace
 
-TEST_F(List, InsertsBehindThePositionAndFindsTheFirstMatch) {
-  append({1, 2});
-  EXPECT_EQ(insert(0, 3) + insert(-1, 4) + insert(99, 2), 3);
-  EXPECT_EQ(valuesOf(list_), (Values{4, 1, 3, 2, 2}));
-  EXPECT_EQ(ZuList_FindPos(list_, compare, value(2)), 3);
-  EXPECT_EQ(ZuList_Find(list_, compare, value(2)), value(2));
-  EXPECT_EQ(ZuList_FindPos(list_, compare, value(6)), -1);
-  EXPECT_EQ(ZuList_Find(list_, compare, value(6)), nullptr);
+TEST(List, BehavesAsASequenceUnderRandomOperations) {
+  constexpr int32_t kMaxLength = 4;  // of pushes
+  const int64_t before = platform::liveBytes();
+  ZuList *list = ZuList_New(kMaxLength, [](void *element) { released.push_back(element); });
+  std::mt19937 random(4711);
+  Values model, lost;
+  const auto at = [&model](int32_t position) { return model.begin() + position; };
+  const auto lose = [&](int32_t first) {
+    std::copy_if(at(first), model.end(), std::back_inserter(lost), [](void *element) { return element; });
+    model.erase(at(first), model.end());
+  };
+  for (int round = 0; round < 20000; ++round) {
+    const auto size = static_cast<int32_t>(model.size());
+    const int32_t index = random() % 20 == 0 ? INT32_MIN : static_cast<int32_t>(random() % 8) - 1;
+    void *const element = value(static_cast<intptr_t>(random() % 9));
+    const auto operation = random() % 7;
+    if (operation == 0) {
+      ASSERT_EQ(ZuList_Insert(list, index, element), 1);
+      model.insert(at(index < 0 ? 0 : std::min(index + 1, size)), element);
+    } else if (operation == 1) {
+      ASSERT_EQ(ZuList_Set(list, index, element), index >= 0 && index < size ? *at(index) : nullptr);
+      if (index >= size) model.resize(static_cast<size_t>(index) + 1);  // with zeros
+      if (index >= 0) *at(index) = element;
+    } else if (operation == 2) {
+      const bool memoryIsShort = random() % 2;
+      platform::failAllocation(memoryIsShort ? 0 : platform::kNever);
+      if (size >= kMaxLength) lose(size - 1);
+      ASSERT_EQ(ZuList_Push(list, element), !memoryIsShort);
+      if (!memoryIsShort) model.insert(at(0), element);
+    } else if (operation < 6) {
+      const int32_t victim = operation == 3 ? 0 : operation == 4 ? size - 1 : index < 0 ? 1 : index;
+      void *const removed = operation == 3   ? ZuList_Popup(list)
+                            : operation == 4 ? ZuList_PopTail(list)
+                                             : ZuList_Remove(list, index);
+      const bool exists = victim >= 0 && victim < size;
+      ASSERT_EQ(removed, exists ? *at(victim) : nullptr);
+      if (exists) model.erase(at(victim));
+    } else if (random() % 50 == 0) {
+      lose(0);
+      ZuList_RemoveAll(list);
+    }
+    ASSERT_EQ(valuesOf(list), model) << round;
+    ASSERT_EQ(ZuList_Get(list, INT32_MIN), model.empty() ? nullptr : model.front());
+    const auto found = std::find(model.begin(), model.end(), element);
+    ASSERT_EQ(ZuList_FindPos(list, compare, element), found == model.end() ? -1 : found - model.begin());
+    ASSERT_EQ(ZuList_Find(list, compare, element), found == model.end() ? nullptr : element);
+  }
+  EXPECT_EQ(released, lost);
+  ZuList_Release(list);
+  EXPECT_EQ(platform::liveBytes(), before);
 }
 
-TEST_F(List, FailedAllocationsLeaveWhatWasThereButForWhatPushEvicted) {
-  append({1, 2, 3, 4});
-  platform::failAllocation(0, true);
-  EXPECT_EQ(insert(-1, 9) + ZuList_Append(list_, value(9)), 0);
-  EXPECT_EQ(set(6, 9), 0);
-  EXPECT_EQ(valuesOf(list_), (Values{1, 2, 3, 4}));
-  EXPECT_EQ(push(9), 0);
-  EXPECT_EQ(valuesOf(list_), (Values{1, 2, 3}));
-  EXPECT_EQ(released, Values{4});
-  platform::failAllocation(2);
-  EXPECT_EQ(set(6, 9), 0);
-  EXPECT_EQ(valuesOf(list_), (Values{1, 2, 3, 0, 0})) << "nodes already added stay";
-}
-
-TEST(StaticList, OnlyGrows) {
+TEST(List, OnlyGrowsWhenStatic) {
   static ZuList *list = ZuList_New(2, nullptr);  // never given back
   ZuMem_LocalMalloc_Static(4);                   // its nodes begin off 8-byte alignment
   const int64_t bytes = platform::liveBytes();
   for (intptr_t i = 1; i <= 4; ++i) EXPECT_EQ(ZuList_Push(list, value(i)), 1);
   EXPECT_EQ(ZuList_Set(list, 5, value(9)), nullptr);
   for (const int32_t index : {0, 1, 5, -1}) EXPECT_EQ(ZuList_Remove(list, index), nullptr);
-  ZuList_RemoveAll(list);
-  ZuList_Release(list);
-  EXPECT_EQ(valuesOf(list), (Values{4, 3, 2, 1, 0, 9}));
+  ZuList_RemoveAll(list), ZuList_Release(list);
+  EXPECT_EQ(valuesOf(list), (Values{value(4), value(3), value(2), value(1), nullptr, value(9)}));
   EXPECT_EQ(platform::liveBytes(), bytes) << "its nodes come from the pool";
 }
 
-TEST_F(List, BehavesAsASequenceUnderRandomOperations) {
-  std::mt19937 random(4711);
-  Values model, lost;
-  for (intptr_t i = 1; i <= 20000; ++i) {
-    const auto size = static_cast<int32_t>(model.size());
-    const int32_t index = random() % 20 == 0 ? INT32_MIN : static_cast<int32_t>(random() % 8) - 1;
-    const auto at = [&model](int32_t position) { return model.begin() + position; };
-    switch (random() % 7) {
-      case 0:
-        ASSERT_EQ(insert(index, i), 1);
-        model.insert(at(index < 0 ? 0 : index < size ? index + 1 : size), i);
-        break;
-      case 1:
-        ASSERT_EQ(set(index, i), index >= 0 && index < size ? *at(index) : 0);
-        if (index >= size) model.resize(static_cast<size_t>(index) + 1);  // with zeros
-        if (index >= 0) *at(index) = i;
-        break;
-      case 2: {
-        const int32_t victim = index < 0 ? 1 : index;
-        ASSERT_EQ(remove(index), victim < size ? *at(victim) : 0);
-        if (victim < size) model.erase(at(victim));
-        break;
-      }
-      case 3:
-        if (size >= kMaxLength && model.back()) lost.push_back(model.back());  // zeros are not released
-        if (size >= kMaxLength) model.pop_back();
-        ASSERT_EQ(push(i), 1);
-        model.insert(model.begin(), i);
-        break;
-      case 4:
-        ASSERT_EQ(ZuList_PopTail(list_), value(size ? model.back() : 0));
-        if (size) model.pop_back();
-        break;
-      case 5:
-        ASSERT_EQ(ZuList_Popup(list_), value(size ? model.front() : 0));
-        if (size) model.erase(model.begin());
-        break;
-      default:
-        if (random() % 50 != 0) break;
-        std::copy_if(model.begin(), model.end(), std::back_inserter(lost), [](intptr_t number) { return number != 0; });
-        model.clear();
-        ZuList_RemoveAll(list_);
-    }
-    ASSERT_EQ(valuesOf(list_), model) << i;
-    ASSERT_EQ(ZuList_Get(list_, INT32_MIN), value(model.empty() ? 0 : model.front()));
-  }
-  EXPECT_EQ(released, lost);
-}
-
-TEST_F(List, AcceptsNull) {
-  ZuList_RemoveAll(nullptr);
-  ZuList_Release(nullptr);
-  for (void *result : {ZuList_Find(nullptr, compare, nullptr), ZuList_Get(nullptr, 0), ZuList_Set(nullptr, 0, nullptr),
-                       ZuList_Remove(nullptr, 0), ZuList_Popup(nullptr), ZuList_PopTail(nullptr)}) {
-    EXPECT_EQ(result, nullptr);
-  }
-  EXPECT_EQ(ZuList_Length(nullptr) + ZuList_Insert(nullptr, 0, nullptr), 0);
-  EXPECT_EQ(ZuList_Append(nullptr, nullptr) + ZuList_Push(nullptr, nullptr), 0);
-  EXPECT_EQ(ZuList_FindPos(nullptr, compare, nullptr), -1);
-  append({1});
-  EXPECT_EQ(ZuList_FindPos(list_, nullptr, nullptr), -1);
+TEST(List, RefusesNullAndWhatMemoryCannotHold) {
+  ZuList *list = ZuList_New(0, [](void *) {});
+  ZuList_Append(list, list);
+  platform::failAllocation(2, true);
+  EXPECT_TRUE(!ZuList_Set(list, INT32_MAX, list) && ZuList_Length(list) == 1) << "refused at once";
+  EXPECT_EQ(ZuList_Set(list, 3, list), nullptr);
+  platform::failAllocation(platform::kNever);
+  EXPECT_EQ(valuesOf(list), (Values{list, nullptr, nullptr})) << "nodes already added stay";
+  EXPECT_EQ(ZuList_FindPos(list, nullptr, nullptr) + ZuList_FindPos(nullptr, compare, nullptr) + ZuList_Length(nullptr),
+            -2);
+  ZuList_Release(list), ZuList_Release(nullptr), ZuList_RemoveAll(nullptr);
+  EXPECT_TRUE(!ZuList_Find(nullptr, compare, nullptr) && !ZuList_Get(nullptr, 0) && !ZuList_Set(nullptr, 0, nullptr));
+  EXPECT_TRUE(!ZuList_Remove(nullptr, 0) && !ZuList_Popup(nullptr) && !ZuList_PopTail(nullptr));
+  EXPECT_FALSE(ZuList_Insert(nullptr, 0, list) || ZuList_Push(nullptr, list) || ZuList_Append(nullptr, list));
 }
