@@ -89,31 +89,6 @@ TEST(Client, FillsMessagesToTheLastByte) {
   }
 }
 
-TEST(Client, DoesNothingOutsideARunNorForNothing) {
-  const auto callEverything = [](const char *text) {
-    CollectClient_AppendString(text);
-    CollectClient_AppendBuffer(text, 1);
-    EXPECT_EQ(CollectClient_CollectString(1, 2, 3, text, 1), 0);
-    EXPECT_EQ(CollectClient_CollectBuffer(1, 2, 3, text, 1), 0);
-  };
-  StdoutCapture output;
-  callEverything("x");
-  CollectClient_SetType(1);
-  EXPECT_EQ(CollectClient_AppendInt(1), 0);
-  putInt(0), putLong(0);
-  EXPECT_EQ(CollectClient_Flush(1), 0);
-  CollectClient_End();
-  EXPECT_EQ(output.take(), "");
-
-  Server server;
-  start(server);
-  callEverything(nullptr);
-  appendBuffer(-1);
-  EXPECT_EQ(putString(-1) + putBuffer(-1) + putBuffer(0), 0);
-  CollectClient_End();
-  EXPECT_EQ(server.payloadSizes(), std::vector<size_t>{0});
-}
-
 TEST(Client, LeavesNothingOfAFailedRunToTheNext) {
   closedPort();
   StdoutCapture output;
@@ -174,7 +149,7 @@ TEST(Client, TakesDescriptor0ForItsOwnOnlyWhileItIs) {
   close(peer);
   EXPECT_EQ(CollectClient_Flush(0), 0);
   EXPECT_EQ(CollectClient_Start("127.0.0.1", closedPort()), 0);  // leaves a send buffer, and no connection
-  int pair[2];  // the host's own, the first of them 0
+  int pair[2];                                                   // the host's own, the first of them 0
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
   ASSERT_EQ(pair[0], 0);
   shutdown(pair[1], SHUT_WR);

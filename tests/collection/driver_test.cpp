@@ -26,7 +26,6 @@ std::vector<Peer> peersFor(size_t messages) {
       {"acknowledges with 16 bytes", {0, Manner::kResets, 16}},
       {"acknowledges with 17 bytes", {0, Manner::kResets, 17}},
       {"acknowledges byte by byte", {0, Manner::kResets, 16, true}},
-      {"reads byte by byte", {0, Manner::kResets, 4, false, 0}},
       {"reads a byte a second", {0, Manner::kResets, 4, false, 1000}, "rs", false, kAck},
       {"acknowledges three messages at once", {2, Manner::kFallsSilent, 33}, "...rs", false, kAck},
       {"acknowledges all at once and reads no more", {1, Manner::kStopsReading, kFlood / 32}, ".s", true, kSend},
@@ -67,9 +66,9 @@ TEST_F(Driver, RunsAgainstEveryKindOfPeer) {
   }
 }
 
-TEST_F(Driver, SendsNothingForNothing) {
-  ZuFault *silent = ZuFault_Regist("silent", nullptr);
-  const auto putEverything = [](CollectItem *item) {
+TEST_F(Driver, SendsNothingForNothingNorOutsideARun) {
+  CollectItem *const figures = host::figures;
+  const auto putEverything = [](CollectItem *item, const char *text) {
     Collect_BeginSection(item, 1);
     Collect_EndSection(item);
     Collect_PutInt(item, 1, 1);
@@ -78,18 +77,30 @@ TEST_F(Driver, SendsNothingForNothing) {
     Collect_PutStruct(item, 1, "x", 1);
     Collect_PutInitLog(item, 1, host::fault);
     Collect_PutRunLog(item, 1, host::fault);
+    CollectClient_AppendString(text);
+    CollectClient_AppendBuffer(text, 1);
+    EXPECT_EQ(CollectClient_CollectString(1, 2, 3, text, 1), 0);
+    EXPECT_EQ(CollectClient_CollectBuffer(1, 2, 3, text, 1), 0);
   };
-  putEverything(host::figures);  // outside a run
+  StdoutCapture output;
+  putEverything(figures, "x");
+  CollectClient_SetType(1);
+  EXPECT_EQ(CollectClient_AppendInt(1), 0);
+  EXPECT_EQ(CollectClient_Flush(1), 0);
+  CollectClient_End();
+  EXPECT_EQ(output.take(), "");
+
   Server server, another;
   ASSERT_EQ(CollectClient_Start("127.0.0.1", server.port()), 1);
-  putEverything(nullptr);
-  Collect_PutString(host::figures, 1, nullptr, 1);
-  Collect_PutString(host::figures, 1, "x", -1);
-  Collect_PutStruct(host::figures, 1, nullptr, 1);
-  Collect_PutStruct(host::figures, 1, "x", 0);
-  Collect_PutStruct(host::figures, 1, "x", -1);
-  Collect_PutInitLog(host::figures, 1, nullptr);
-  Collect_PutRunLog(host::figures, 1, silent);
+  putEverything(nullptr, nullptr);
+  CollectClient_AppendBuffer("x", -1);
+  for (const int32_t length : {1, 0, -1}) {
+    Collect_PutString(figures, 1, length < 0 ? "x" : nullptr, length);
+    Collect_PutStruct(figures, 1, length < 1 ? "x" : nullptr, length);
+  }
+  EXPECT_EQ(CollectClient_CollectString(1, 2, 3, "x", -1), 0);
+  Collect_PutInitLog(figures, 1, nullptr);
+  Collect_PutRunLog(figures, 1, ZuFault_Regist("silent", nullptr));
   CollectClient_End();
   EXPECT_EQ(server.payloadSizes(), std::vector<size_t>{0});
   host::releaseItems();

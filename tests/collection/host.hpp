@@ -37,7 +37,6 @@ struct Run {
  private:
   void collect(int32_t type);
   void testItems();
-  void putText();
   void flushAndCheck(const std::string &logged);
 };
 

@@ -55,10 +55,13 @@ Outcome::Outcome(const host::Run &run, const Fates &fates) {
 Runs::Runs() {
   g_collect_param.logger = ZuLogger_New(255);
   host::registerItems();
-  host::start(0, Server().port(), 1);  // makes the log's store
+  {
+    Server server;
+    host::start(0, server.port(), 1);  // makes the log's store
+    lastNumber_ = wire::wordAt(server.messages().back(), 8);
+  }
   platform::takePrinted();
   takeLog();
-  lastNumber_ = lastSequence();
   flat_ = holdings();
 }
 

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <kep/CollectClient.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -134,7 +133,7 @@ Server::~Server() {
 }
 
 void Server::begin() {
-  if (manner_.readPauseMs != Manner::kNone || manner_.ending == Manner::kStopsReading) {
+  if (manner_.readPauseMs > 0 || manner_.ending == Manner::kStopsReading) {
     // Small buffers, the client's too, which goes by the segments: what is not read soon holds it up.
     const int bytes = 1, segment = 536;
     setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
@@ -165,12 +164,6 @@ std::vector<size_t> Server::payloadSizes() {
   return sizes;
 }
 
-std::vector<int32_t> Server::words(size_t offset) {
-  std::vector<int32_t> words;
-  for (const std::string &message : messages()) words.push_back(wire::wordAt(message, offset));
-  return words;
-}
-
 bool Server::wasHurried() {
   messages();
   return hurried_;
@@ -197,7 +190,7 @@ bool Server::readMessage() {
 }
 
 size_t Server::receive(char *out, size_t size) {
-  if (manner_.readPauseMs == Manner::kNone) {
+  if (manner_.readPauseMs == 0) {
     return static_cast<size_t>(std::max<ssize_t>(recv(connection_, out, size, MSG_WAITALL), 0));
   }
   size_t got = 0;
@@ -210,28 +203,26 @@ size_t Server::receive(char *out, size_t size) {
 
 // False when the connection is over.
 bool Server::answer() {
-  if (manner_.endsAt == 0 || messages_.size() < manner_.endsAt) return acknowledge(0), true;
+  if (manner_.endsAt == 0 || messages_.size() < manner_.endsAt) return acknowledge(), true;
   const linger atOnce = {1, 0};
   switch (manner_.ending) {
     case Manner::kFallsSilent: return true;
-    case Manner::kShutsDown: shutdown(connection_, SHUT_WR); return true;
     case Manner::kResets: setsockopt(connection_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce); return false;
-    case Manner::kAcksAndCloses: acknowledge(MSG_MORE); return false;
     case Manner::kStopsReading:
-      acknowledge(0);
+      acknowledge();
       awaitHangUp(-1);
       return false;
     default: return false;
   }
 }
 
-void Server::acknowledge(int flags) {
+void Server::acknowledge() {
   char next;
   if (recv(connection_, &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0) hurried_ = true;
   const std::string ack(manner_.ackSize, 'A');
   const size_t step = manner_.acksBytewise ? 1 : ack.size();
   for (size_t sent = 0; sent < ack.size(); sent += step) {
-    send(connection_, ack.data(), step, MSG_NOSIGNAL | flags);
+    send(connection_, ack.data(), step, MSG_NOSIGNAL);
     if (manner_.acksBytewise) awaitHangUp(1);
   }
 }
@@ -239,13 +230,6 @@ void Server::acknowledge(int flags) {
 void Server::awaitHangUp(int timeoutMs) {
   pollfd client = {connection_, POLLRDHUP, 0};
   poll(&client, 1, timeoutMs);
-}
-
-int32_t lastSequence() {
-  Server server;
-  EXPECT_EQ(CollectClient_Start("127.0.0.1", server.port()), 1);
-  CollectClient_End();
-  return server.words(8).at(0);
 }
 
 int openDescriptors() {

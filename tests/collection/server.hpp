@@ -52,10 +52,8 @@ struct Manner {
   enum Ending {
     kResets,
     kCloses,
-    kAcksAndCloses,  // in one packet
-    kShutsDown,      // sends no more, but reads on
-    kFallsSilent,    // reads on, but acknowledges no more
-    kStopsReading,   // acknowledges the message, and does no more until the client resets
+    kFallsSilent,   // reads on, but acknowledges no more
+    kStopsReading,  // acknowledges the message, and does no more until the client resets
     // Nothing ends, because nothing begins:
     kRefuses,
     kNeverAccepts,
@@ -65,9 +63,7 @@ struct Manner {
   Ending ending = kResets;
   size_t ackSize = 4;         // bytes that acknowledge a message
   bool acksBytewise = false;  // in as many packets
-  int readPauseMs = kNone;    // reads byte by byte, so long after one another
-
-  static constexpr int kNone = -1;
+  int readPauseMs = 0;        // reads byte by byte, so long after one another; 0: as it comes
 };
 
 // Takes one connection and reads its messages on a thread of its own.
@@ -80,11 +76,10 @@ class Server {
 
   int32_t port() const { return port_; }
 
-  // Wait for the connection to end. The messages, headers included; their payload sizes; their words at an offset;
-  // whether any message came before the one in front of it was acknowledged.
+  // Wait for the connection to end. The messages, headers included; their payload sizes; whether
+  //  any message came before the one in front of it was acknowledged.
   const std::vector<std::string> &messages();
   std::vector<size_t> payloadSizes();
-  std::vector<int32_t> words(size_t offset);
   bool wasHurried();
 
  private:
@@ -94,7 +89,7 @@ class Server {
   bool readMessage();
   size_t receive(char *out, size_t size);
   bool answer();
-  void acknowledge(int flags);
+  void acknowledge();
   void awaitHangUp(int timeoutMs);
 
   const Manner manner_;
@@ -116,9 +111,6 @@ int openSocket(int kind, const char *address, int32_t *portOut);
 
 // A port at which nobody listens while the process lives.
 int32_t closedPort();
-
-// The last number that the client gave a message by itself, learned from a run without content.
-int32_t lastSequence();
 
 // How many descriptors the process has open.
 int openDescriptors();
