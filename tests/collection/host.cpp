@@ -77,64 +77,53 @@ int32_t start(int32_t type, int32_t port, int32_t sequence) {
 }
 
 Run::Run(int32_t type, int32_t sequence, int32_t lastNumber) : stream(lastNumber) {
+  const auto flushAndCheck = [&](const std::string &logged) {
+    stream.flush();
+    checks[size() - 1] = logged;
+  };
   stream.append(std::string("\xAB\xCD\0\0", 4));
   stream.flush(sequence);
   if (type == kSelfTest) {
-    testItems();
+    stream.setType(2);
+    stream.putString(0xFFFF, 0, 0, "figures");
+    stream.putInt(0, 0, 9, 0);
+    stream.putString(0, 0, 4, text(textSize));
+    flushAndCheck(beginAndEnd("[figures] selftest "));
+    stream.putString(0xFFFF, 0, 0, "no collect");
+    flushAndCheck(beginAndEnd("[no collect] selftest "));
   } else {
-    collect(type);
+    stream.setType(1);
+    for (const char *entry : {"\0figures", "\1no collect", "\2a name longer than ", "\3logs"}) {
+      stream.append(wire::word(*entry) + wire::counted(entry + 1));
+    }
+    flushAndCheck("");
+    stream.setType(2);
+    stream.putInt(0, 5, 1, type);
+    stream.putLong(0, 5, 2, INT64_MIN + number);
+    stream.putString(0, 0, 3, "te");
+    stream.putString(0, 0, 4, text(textSize));
+    stream.putBuffer(0, 0, 5, std::string("\x80\0\x01", 3));
+    stream.putBuffer(0, 0, 6, text(1100));
+    flushAndCheck(beginAndEnd("[figures] "));
+    flushAndCheck(beginAndEnd("[a name longer than ] "));  // it reports nothing
+    for (const char *record : {"##/## ##:##:##", "up", "##/## ##:##:##", ""}) stream.putString(3, 0, 7, record);
+    for (const std::string &record : {std::string("##/## ##:##:##"), text(1100)}) stream.putString(3, 0, 8, record);
+    flushAndCheck(beginAndEnd("[logs] "));
   }
   stream.flush();
 }
 
-void Run::collect(int32_t type) {
-  stream.setType(1);
-  for (const char *entry : {"\0figures", "\1no collect", "\2a name longer than ", "\3logs"}) {
-    stream.append(wire::word(*entry) + wire::counted(entry + 1));
-  }
-  flushAndCheck("");
-  stream.setType(2);
-  stream.putInt(0, 5, 1, type);
-  stream.putLong(0, 5, 2, INT64_MIN + number);
-  stream.putString(0, 0, 3, "te");
-  stream.putString(0, 0, 4, text(textSize));
-  stream.putBuffer(0, 0, 5, std::string("\x80\0\x01", 3));
-  stream.putBuffer(0, 0, 6, text(1100));
-  flushAndCheck(beginAndEnd("[figures] "));
-  flushAndCheck(beginAndEnd("[a name longer than ] "));  // it reports nothing
-  for (const char *record : {"##/## ##:##:##", "up", "##/## ##:##:##", ""}) stream.putString(3, 0, 7, record);
-  for (const std::string &record : {std::string("##/## ##:##:##"), text(1100)}) stream.putString(3, 0, 8, record);
-  flushAndCheck(beginAndEnd("[logs] "));
-}
-
-void Run::testItems() {
-  stream.setType(2);
-  stream.putString(0xFFFF, 0, 0, "figures");
-  stream.putInt(0, 0, 9, 0);
-  stream.putString(0, 0, 4, text(textSize));
-  flushAndCheck(beginAndEnd("[figures] selftest "));
-  stream.putString(0xFFFF, 0, 0, "no collect");
-  flushAndCheck(beginAndEnd("[no collect] selftest "));
-}
-
-void Run::flushAndCheck(const std::string &logged) {
-  stream.flush();
-  checks[size() - 1] = logged;
-}
-
-std::string withoutTimes(std::string text) {
-  for (size_t at = 0; at + 14 <= text.size(); ++at) {
-    if (text[at + 2] != '/' || text[at + 5] != ' ' || text[at + 8] != ':' || text[at + 11] != ':') continue;
-    for (size_t i = at + 14; i > 0 && std::string_view("#0123456789/ :").find(text[i - 1]) != std::string::npos; --i) {
-      if (std::isdigit(text[i - 1])) text[i - 1] = '#';
+std::vector<std::string> withoutTimes(std::vector<std::string> texts) {
+  const auto isPart = [](char c) { return std::string_view("#0123456789/ :").find(c) != std::string::npos; };
+  for (std::string &text : texts) {
+    for (size_t at = 0; at + 14 <= text.size(); ++at) {
+      if (text[at + 2] != '/' || text[at + 5] != ' ' || text[at + 8] != ':' || text[at + 11] != ':') continue;
+      for (size_t i = at + 14; i > 0 && isPart(text[i - 1]); --i) {
+        if (text[i - 1] >= '0' && text[i - 1] <= '9') text[i - 1] = '#';
+      }
     }
   }
-  return text;
-}
-
-std::vector<std::string> withoutTimes(std::vector<std::string> messages) {
-  for (std::string &message : messages) message = withoutTimes(message);
-  return messages;
+  return texts;
 }
 
 std::string line(const std::string &text) { return "####/##/## ##:##:##\n" + text + "\n"; }

@@ -33,16 +33,10 @@ struct Run {
 
   wire::Stream stream;
   std::map<size_t, std::string> checks;  // of these messages; and what is logged since the last one
-
- private:
-  void collect(int32_t type);
-  void testItems();
-  void flushAndCheck(const std::string &logged);
 };
 
 // With # for the digits of times.
-std::string withoutTimes(std::string text);
-std::vector<std::string> withoutTimes(std::vector<std::string> messages);
+std::vector<std::string> withoutTimes(std::vector<std::string> texts);
 
 // Texts of the service's log.
 std::string line(const std::string &text);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int64_t kTop = INT64_C(0x80000000);
 constexpr size_t kLongest = 2000;
-constexpr int64_t kTypes[] = {0, 1, 2, 3, 4, 0x103, 0x01000000, 0x03FFFFFF, kTop, -1};
+constexpr int64_t kTypes[] = {0, 1, 2, 3, 4, 0x01000000, kTop, -1};
 constexpr int64_t kEdges[] = {0, 1, -1, 80, 0x7FFF, 0x8000, 0xFFFF, 0x10000, 0x12345, kTop - 1, kTop};
 
 std::string describe(int32_t sequence, uint32_t type, const std::string &address, int32_t port) {
@@ -40,8 +40,8 @@ std::string expectedFor(const std::string &datagram) {
 }
 
 TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
-  int32_t port, ownPort;
-  const int board = openSocket(SOCK_DGRAM, "127.0.0.1", &port), asker = openSocket(SOCK_DGRAM, "127.0.0.3", &ownPort);
+  int32_t port;
+  const int board = openSocket(SOCK_DGRAM, "127.0.0.1", &port);
   CollectStats before, after;
   Collect_GetStats(&before);
   std::string sizes;
@@ -50,7 +50,7 @@ TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
   const auto check = [&](size_t size, int64_t length, int64_t type, int64_t sequence, int64_t serverPort) {
     const std::string whole = wire::request(length, type, sequence, serverPort) + std::string(kLongest, '\1');
     const std::string datagram = whole.substr(0, size), expected = expectedFor(datagram);
-    ask(asker, datagram, port);
+    ask(datagram, port, "127.0.0.3");
     ASSERT_EQ(waitOn(board), expected) << size << ", said to be " << length << ", type " << type;
     sizes += "size=" + std::to_string(size) + "\n";
     ++cases;
@@ -72,7 +72,7 @@ TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
   EXPECT_EQ(after.dropped - before.dropped, drops);
   EXPECT_EQ(waitOn(-1), dropped);
   EXPECT_TRUE(platform::takeDelays().empty());
-  close(board), close(asker);
+  close(board);
 }
 
 // ---- the service

@@ -17,7 +17,7 @@ std::string takeLog() {
   EXPECT_EQ(platform::takePrinted(), "");
   Collect_ShowLog();
   ZuLogger_ClearInfo(g_collect_param.logger);
-  return host::withoutTimes("\n" + platform::takePrinted());
+  return host::withoutTimes({"\n" + platform::takePrinted()})[0];
 }
 
 struct Outcome {

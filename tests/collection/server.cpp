@@ -101,16 +101,12 @@ int32_t closedPort() {
   return port;
 }
 
-void ask(int fd, const std::string &datagram, int32_t port) {
-  const sockaddr_in board = addressOf("127.0.0.1", port);
-  EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&board), sizeof board),
-            static_cast<ssize_t>(datagram.size()));
-}
-
 void ask(const std::string &datagram, int32_t port, const char *address) {
   int32_t ownPort;
   const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
-  ask(fd, datagram, port);
+  const sockaddr_in board = addressOf("127.0.0.1", port);
+  EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&board), sizeof board),
+            static_cast<ssize_t>(datagram.size()));
   close(fd);
 }
 
@@ -156,17 +152,6 @@ void Server::fillQueue(const char *address) {
 const std::vector<std::string> &Server::messages() {
   if (thread_.joinable()) thread_.join();
   return messages_;
-}
-
-std::vector<size_t> Server::payloadSizes() {
-  std::vector<size_t> sizes;
-  for (const std::string &message : messages()) sizes.push_back(message.size() - 12);
-  return sizes;
-}
-
-bool Server::wasHurried() {
-  messages();
-  return hurried_;
 }
 
 void Server::serve() {

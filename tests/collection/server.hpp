@@ -71,16 +71,13 @@ class Server {
  public:
   explicit Server(Manner manner = {}, const char *address = "127.0.0.1");
   ~Server();
-  Server(const Server &) = delete;
-  Server &operator=(const Server &) = delete;
 
   int32_t port() const { return port_; }
 
-  // Wait for the connection to end. The messages, headers included; their payload sizes; whether
+  // Wait for the connection to end. The messages, headers included; whether
   //  any message came before the one in front of it was acknowledged.
   const std::vector<std::string> &messages();
-  std::vector<size_t> payloadSizes();
-  bool wasHurried();
+  bool wasHurried() { return messages(), hurried_; }
 
  private:
   void begin();
@@ -102,8 +99,7 @@ class Server {
   std::thread thread_;
 };
 
-// Sends a datagram to a port of 127.0.0.1 from this socket or address.
-void ask(int fd, const std::string &datagram, int32_t port);
+// Sends a datagram to a port of 127.0.0.1 from this address.
 void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1");
 
 // Opens a socket of this kind at an address of loopback.

@@ -155,10 +155,6 @@ void fillHash(int32_t isStatic) {
   ZuHash_Release(table);
 }
 
-void hash() { fillHash(0); }
-
-void staticHash() { fillHash(1); }
-
 void byteBuffer() {
   std::string text;
   const std::string held = gathered([&](ZuBuf *buf) {
@@ -214,10 +210,6 @@ void fillStore(uint32_t limit) {
   TRY(0, ZuInfo_ReSize(info, 1024));  // a smaller block
   ZuInfo_Release(info);
 }
-
-void growingStore() { fillStore(0); }
-
-void ringStore() { fillStore(2048); }
 
 void logger() {
   ZuLogger *logger = TRY(nullptr, ZuLogger_New(255));
@@ -279,9 +271,9 @@ void functionLog() {
 void timers() {
   for (const uint32_t interval : {1U, 2U}) {
     const int32_t count = ZuList_Length(g_ZuTimer_List), before = platform::failedAllocations();
-    const int32_t result = ZuTimer_Regist([](int32_t) { return 0; }, interval);
+    const bool isKnown = ZuTimer_Regist([](int32_t) { return 0; }, interval) != 0;
     const bool failed = platform::failedAllocations() != before;
-    EXPECT_TRUE(result || failed);
+    EXPECT_TRUE(isKnown || failed);
     EXPECT_EQ(ZuList_Length(g_ZuTimer_List), count + !failed);
   }
   ZuTimer_Show();
@@ -320,12 +312,12 @@ const Scenario scenarios[] = {
     {"SmallBlocks", smallBlocks},
     {"Pool", pool, 3},
     {"List", list},
-    {"Hash", hash},
-    {"StaticHash", staticHash, 6},
+    {"Hash", [] { fillHash(0); }},
+    {"StaticHash", [] { fillHash(1); }, 6},
     {"ByteBuffer", byteBuffer},
     {"TextTable", textTable},
-    {"GrowingStore", growingStore},
-    {"RingStore", ringStore},
+    {"GrowingStore", [] { fillStore(0); }},
+    {"RingStore", [] { fillStore(2048); }},
     {"Logger", logger},
     {"FaultRun", faultRun},
     {"FunctionLog", functionLog},

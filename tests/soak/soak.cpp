@@ -65,9 +65,8 @@ unsigned long long byteCount;
 Use warm, last;
 
 void summarise() {
-  std::printf("%d runs, %d of them broken; %llu bytes checked\n", runs, brokenRuns, byteCount);
-  std::printf("the host: %ld kB resident after the warm-up, %ld at the end; descriptors %ld, %ld\n", warm.residentKb,
-              last.residentKb, warm.descriptors, last.descriptors);
+  std::printf("%d runs, %d of them broken; %llu bytes checked; after the warm-up and at the end %ld and %ld kB\n", runs,
+              brokenRuns, byteCount, warm.residentKb, last.residentKb);
 }
 
 [[noreturn]] void fail(const std::string &what) {
