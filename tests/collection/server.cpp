@@ -21,7 +21,7 @@ std::string bytes(const char *hexDigits) {
   return bytes;
 }
 
-std::string number(uint64_t value, size_t size) {
+static std::string number(uint64_t value, size_t size) {
   std::string bytes;
   while (size > 0) bytes += static_cast<char>(value >> 8 * --size & 0xFF);
   return bytes;
@@ -31,7 +31,7 @@ std::string word(int64_t value) { return number(static_cast<uint64_t>(value), 4)
 
 std::string counted(const std::string &bytes) { return number(bytes.size(), 2) + bytes; }
 
-std::string head(int type, int32_t index, int32_t section, int32_t key) {
+static std::string head(int type, int32_t index, int32_t section, int32_t key) {
   return static_cast<char>(type) + word(index) + word(section) + word(key);
 }
 

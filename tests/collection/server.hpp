@@ -10,11 +10,9 @@
 
 namespace wire {
 
-std::string bytes(const char *hexDigits);         // blanks are passed over
-std::string number(uint64_t value, size_t size);  // big endian
-std::string word(int64_t value);                  // 4 bytes
-std::string counted(const std::string &bytes);    // behind a length of 2 bytes
-std::string head(int type, int32_t index, int32_t section, int32_t key);
+std::string bytes(const char *hexDigits);       // blanks are passed over
+std::string word(int64_t value);                // 4 bytes, big endian
+std::string counted(const std::string &bytes);  // behind a length of 2 bytes
 std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port);
 
 int32_t wordAt(const std::string &bytes, size_t offset);

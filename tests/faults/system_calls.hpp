@@ -16,7 +16,6 @@ class Plan {
   Plan(const char *call, int error, int nth = 1, int times = 1, size_t count = SIZE_MAX);
   ~Plan();
   Plan(const Plan &) = delete;
-  Plan &operator=(const Plan &) = delete;
 
   bool wasMet();
 
