@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <kep/CollectClient.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -22,7 +21,7 @@ std::string bytes(const char *hexDigits) {
   return bytes;
 }
 
-std::string number(uint64_t value, size_t size) {
+static std::string number(uint64_t value, size_t size) {
   std::string bytes;
   while (size > 0) bytes += static_cast<char>(value >> 8 * --size & 0xFF);
   return bytes;
@@ -32,7 +31,7 @@ std::string word(int64_t value) { return number(static_cast<uint64_t>(value), 4)
 
 std::string counted(const std::string &bytes) { return number(bytes.size(), 2) + bytes; }
 
-std::string head(int type, int32_t index, int32_t section, int32_t key) {
+static std::string head(int type, int32_t index, int32_t section, int32_t key) {
   return static_cast<char>(type) + word(index) + word(section) + word(key);
 }
 
@@ -102,16 +101,12 @@ int32_t closedPort() {
   return port;
 }
 
-void ask(int fd, const std::string &datagram, int32_t port) {
-  const sockaddr_in board = addressOf("127.0.0.1", port);
-  EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&board), sizeof board),
-            static_cast<ssize_t>(datagram.size()));
-}
-
 void ask(const std::string &datagram, int32_t port, const char *address) {
   int32_t ownPort;
   const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
-  ask(fd, datagram, port);
+  const sockaddr_in board = addressOf("127.0.0.1", port);
+  EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&board), sizeof board),
+            static_cast<ssize_t>(datagram.size()));
   close(fd);
 }
 
@@ -134,7 +129,7 @@ Server::~Server() {
 }
 
 void Server::begin() {
-  if (manner_.readPauseMs != Manner::kNone || manner_.ending == Manner::kStopsReading) {
+  if (manner_.readPauseMs > 0 || manner_.ending == Manner::kStopsReading) {
     // Small buffers, the client's too, which goes by the segments: what is not read soon holds it up.
     const int bytes = 1, segment = 536;
     setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
@@ -159,23 +154,6 @@ const std::vector<std::string> &Server::messages() {
   return messages_;
 }
 
-std::vector<size_t> Server::payloadSizes() {
-  std::vector<size_t> sizes;
-  for (const std::string &message : messages()) sizes.push_back(message.size() - 12);
-  return sizes;
-}
-
-std::vector<int32_t> Server::words(size_t offset) {
-  std::vector<int32_t> words;
-  for (const std::string &message : messages()) words.push_back(wire::wordAt(message, offset));
-  return words;
-}
-
-bool Server::wasHurried() {
-  messages();
-  return hurried_;
-}
-
 void Server::serve() {
   connection_ = accept(listener_, nullptr, nullptr);
   const int atOnce = 1;
@@ -197,7 +175,7 @@ bool Server::readMessage() {
 }
 
 size_t Server::receive(char *out, size_t size) {
-  if (manner_.readPauseMs == Manner::kNone) {
+  if (manner_.readPauseMs == 0) {
     return static_cast<size_t>(std::max<ssize_t>(recv(connection_, out, size, MSG_WAITALL), 0));
   }
   size_t got = 0;
@@ -210,28 +188,26 @@ size_t Server::receive(char *out, size_t size) {
 
 // False when the connection is over.
 bool Server::answer() {
-  if (manner_.endsAt == 0 || messages_.size() < manner_.endsAt) return acknowledge(0), true;
+  if (manner_.endsAt == 0 || messages_.size() < manner_.endsAt) return acknowledge(), true;
   const linger atOnce = {1, 0};
   switch (manner_.ending) {
     case Manner::kFallsSilent: return true;
-    case Manner::kShutsDown: shutdown(connection_, SHUT_WR); return true;
     case Manner::kResets: setsockopt(connection_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce); return false;
-    case Manner::kAcksAndCloses: acknowledge(MSG_MORE); return false;
     case Manner::kStopsReading:
-      acknowledge(0);
+      acknowledge();
       awaitHangUp(-1);
       return false;
     default: return false;
   }
 }
 
-void Server::acknowledge(int flags) {
+void Server::acknowledge() {
   char next;
   if (recv(connection_, &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0) hurried_ = true;
   const std::string ack(manner_.ackSize, 'A');
   const size_t step = manner_.acksBytewise ? 1 : ack.size();
   for (size_t sent = 0; sent < ack.size(); sent += step) {
-    send(connection_, ack.data(), step, MSG_NOSIGNAL | flags);
+    send(connection_, ack.data(), step, MSG_NOSIGNAL);
     if (manner_.acksBytewise) awaitHangUp(1);
   }
 }
@@ -239,13 +215,6 @@ void Server::acknowledge(int flags) {
 void Server::awaitHangUp(int timeoutMs) {
   pollfd client = {connection_, POLLRDHUP, 0};
   poll(&client, 1, timeoutMs);
-}
-
-int32_t lastSequence() {
-  Server server;
-  EXPECT_EQ(CollectClient_Start("127.0.0.1", server.port()), 1);
-  CollectClient_End();
-  return server.words(8).at(0);
 }
 
 int openDescriptors() {

@@ -10,11 +10,9 @@
 
 namespace wire {
 
-std::string bytes(const char *hexDigits);         // blanks are passed over
-std::string number(uint64_t value, size_t size);  // big endian
-std::string word(int64_t value);                  // 4 bytes
-std::string counted(const std::string &bytes);    // behind a length of 2 bytes
-std::string head(int type, int32_t index, int32_t section, int32_t key);
+std::string bytes(const char *hexDigits);       // blanks are passed over
+std::string word(int64_t value);                // 4 bytes, big endian
+std::string counted(const std::string &bytes);  // behind a length of 2 bytes
 std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port);
 
 int32_t wordAt(const std::string &bytes, size_t offset);
@@ -52,10 +50,8 @@ struct Manner {
   enum Ending {
     kResets,
     kCloses,
-    kAcksAndCloses,  // in one packet
-    kShutsDown,      // sends no more, but reads on
-    kFallsSilent,    // reads on, but acknowledges no more
-    kStopsReading,   // acknowledges the message, and does no more until the client resets
+    kFallsSilent,   // reads on, but acknowledges no more
+    kStopsReading,  // acknowledges the message, and does no more until the client resets
     // Nothing ends, because nothing begins:
     kRefuses,
     kNeverAccepts,
@@ -65,9 +61,7 @@ struct Manner {
   Ending ending = kResets;
   size_t ackSize = 4;         // bytes that acknowledge a message
   bool acksBytewise = false;  // in as many packets
-  int readPauseMs = kNone;    // reads byte by byte, so long after one another
-
-  static constexpr int kNone = -1;
+  int readPauseMs = 0;        // reads byte by byte, so long after one another; 0: as it comes
 };
 
 // Takes one connection and reads its messages on a thread of its own.
@@ -75,17 +69,13 @@ class Server {
  public:
   explicit Server(Manner manner = {}, const char *address = "127.0.0.1");
   ~Server();
-  Server(const Server &) = delete;
-  Server &operator=(const Server &) = delete;
 
   int32_t port() const { return port_; }
 
-  // Wait for the connection to end. The messages, headers included; their payload sizes; their words at an offset;
-  // whether any message came before the one in front of it was acknowledged.
+  // Wait for the connection to end. The messages, headers included; whether
+  //  any message came before the one in front of it was acknowledged.
   const std::vector<std::string> &messages();
-  std::vector<size_t> payloadSizes();
-  std::vector<int32_t> words(size_t offset);
-  bool wasHurried();
+  bool wasHurried() { return messages(), hurried_; }
 
  private:
   void begin();
@@ -94,7 +84,7 @@ class Server {
   bool readMessage();
   size_t receive(char *out, size_t size);
   bool answer();
-  void acknowledge(int flags);
+  void acknowledge();
   void awaitHangUp(int timeoutMs);
 
   const Manner manner_;
@@ -107,8 +97,7 @@ class Server {
   std::thread thread_;
 };
 
-// Sends a datagram to a port of 127.0.0.1 from this socket or address.
-void ask(int fd, const std::string &datagram, int32_t port);
+// Sends a datagram to a port of 127.0.0.1 from this address.
 void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1");
 
 // Opens a socket of this kind at an address of loopback.
@@ -116,9 +105,6 @@ int openSocket(int kind, const char *address, int32_t *portOut);
 
 // A port at which nobody listens while the process lives.
 int32_t closedPort();
-
-// The last number that the client gave a message by itself, learned from a run without content.
-int32_t lastSequence();
 
 // How many descriptors the process has open.
 int openDescriptors();

@@ -32,9 +32,11 @@ bool Plan::fails(const char *call, size_t *count) {
   int error = 0;
   for (Plan *plan = plans; plan; plan = plan->next_) {
     if (std::strcmp(call, plan->call_) != 0) continue;
-    if (++plan->calls_ < plan->nth_ || plan->calls_ - plan->nth_ >= plan->times_) continue;
-    if (plan->error_ != 0) error = plan->error_;
-    if (count) *count = std::min(*count, plan->count_);
+    const int number = ++plan->calls_ - plan->nth_;
+    if (number < 0 || number >= plan->times_) continue;
+    const bool fallsShort = plan->count_ != SIZE_MAX && (number == 0 || plan->error_ == 0);
+    if (fallsShort) *count = std::min(*count, plan->count_);
+    if (!fallsShort) error = plan->error_;
   }
   if (error != 0) errno = error;
   return error != 0;

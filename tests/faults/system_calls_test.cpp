@@ -2,15 +2,13 @@
 #include "faults/system_calls.hpp"
 
 #include <gtest/gtest.h>
-#include <kep/kep.h>
 
 #include <fstream>
 #include <iterator>
 #include <optional>
-#include <regex>
 
 #include "ZuFault.hpp"
-#include "collection/server.hpp"
+#include "collection/runs.hpp"
 #include "support/platform_double.hpp"
 #include "transport/own_network.hpp"
 
@@ -24,6 +22,11 @@ int board;  // a socket at which a request waits
 int boardPort;
 char address[16], data[100];
 
+int service() {
+  const int fd = CollectClient_Init();
+  close(fd);
+  return fd < 0 ? Collect_Init(0) : 1;
+}
 int create() {
   const int fd = ZuSock_UDP_Create("127.0.0.77", boardPort);
   ZuSock_UDP_Close(fd);
@@ -56,6 +59,8 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
     int error, times;
     int fails, works;
   } cases[] = {
+      {service, "socket", EMFILE, 2, -1, 1},
+      {service, "bind", EADDRINUSE, 2, -1, 1},
       {create, "socket", EMFILE, 1, -1, 1},
       {create, "bind", EADDRINUSE, 1, -1, 1},
       {send, "setsockopt", ENOMEM, 1, 3, 3},  // only broadcasts need it
@@ -87,7 +92,7 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
       plan.reset();
       EXPECT_EQ(result, fails ? c.fails : c.works);
       EXPECT_EQ(output.take(), result == 77 ? "size=16\n" : "");  // for datagrams only
-      EXPECT_EQ(platform::takeDelays().size(), c.run == waitFor && result < 0 ? 1U : 0U);
+      EXPECT_EQ(platform::takeDelays(), std::vector<uint32_t>(c.run == waitFor && result < 0, 1000));
       close(board);
     }
     EXPECT_EQ(openDescriptors(), descriptors);
@@ -96,179 +101,71 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
 
 // ---- collections and self-tests
 
-using Messages = std::vector<std::string>;
-
-// A message: whether the run ends when it does not go through, and what is logged ahead of it.
-struct Step {
-  bool isChecked;
-  const char *log;
-};
-
-struct Kind {
-  int32_t (*run)(int32_t port);
-  std::vector<Step> steps;
-  Messages messages;  // of a run without failures
-};
-
-int32_t collect(int32_t port) { return Collect_Start("127.0.0.1", port, 2, 77, 0xAB, 0xCD); }
-int32_t selfTest(int32_t port) { return Collect_SelfTest("127.0.0.1", port, 77, 0xAB, 0xCD); }
-
-Kind kinds[] = {
-    {collect,
-     {{false, ""},
-      {true, ""},
-      {false, "[first] begin...\n"},
-      {true, "[first] end\n"},
-      {true, "[second] begin...\n[second] end\n"},
-      {false, ""}},
-     {}},
-    {selfTest,
-     {{false, ""},
-      {false, "[first] selftest begin...\n"},
-      {true, "[first] selftest end\n"},
-      {true, "[second] selftest begin...\n[second] selftest end\n"},
-      {false, ""}},
-     {}},
-};
-
-// What happens to the message whose call fails, and to those behind it. '.': nothing, 's': it is not sent, 'r': it is
-// not acknowledged, 'c': there is no connection. The first calls may be for the connection instead.
-struct Effect {
-  char at, after;
-  int connecting = 0;
-};
-constexpr Effect kNone = {'.', '.'}, kRefused = {'c', 'c'}, kUnsent = {'s', '.'}, kUnsentOn = {'s', 's'},
-                 kUnacked = {'r', '.'}, kUnackedOn = {'r', 'r'}, kGivenUp = {'r', 's', 1};
-
 struct Fault {
   bool needsLimits;
   const char *call;
   int error, times;
-  Effect effect;
+  Fates fates;  // of the connection, with as many such calls as it has c, then of the messages from that call on
   size_t count = SIZE_MAX;
-  int nextError = 0;  // of the call behind
 };
 
-CollectItem *first, *second;
-
-int32_t reportMuch(int32_t) { return Collect_PutString(first, 1, std::string(1500, 'v').c_str(), 0), 0; }
-int32_t reportNothing(int32_t) { return 0; }
-
-// What a run without failures sends now; it closes what a failed one left.
-Messages messagesNow(Kind &kind) {
-  int32_t last = lastSequence();
-  for (size_t i = 1; i < kind.messages.size(); ++i) kind.messages[i].replace(8, 4, wire::word(++last));
-  return kind.messages;
+// The fates of a run whose n-th such call fails.
+Fates fatesOf(const Fates &fates, size_t n) {
+  const size_t connecting = fates.find_first_not_of('c');
+  return n <= connecting ? "c" : Fates(n - connecting - 1, '.') + fates.substr(connecting);
 }
 
-struct Outcome {
-  int32_t result;
-  std::string output, log;
-  Messages messages;
-};
-
-// Of a run whose n-th such call fails.
-Outcome expected(Kind &kind, Effect effect, int n) {
-  if (effect.at == 'c' || n <= effect.connecting) return {0, "connect error.\n", "connect to server fail.\n", {}};
-  const Messages whole = messagesNow(kind);
-  Outcome outcome = {1, "", "", {}};
-  n -= effect.connecting;
-  for (size_t i = 0; i < whole.size() && outcome.result == 1; ++i) {
-    const char fate = --n > 0 ? '.' : n == 0 ? effect.at : effect.after;
-    outcome.log += kind.steps[i].log;
-    if (fate != 's') outcome.messages.push_back(whole[i]);
-    if (fate == '.') continue;
-    outcome.output += fate == 's' ? "send error.\n" : "recv error.\n";
-    if (!kind.steps[i].isChecked) continue;
-    outcome.log += "flush to server fail.\n";
-    outcome.result = 0;
+class FailingRuns : public Runs {
+ protected:
+  // False when there was no call number `n`.
+  bool failsAndRecovers(int32_t type, const Fault &fault, int n) {
+    fault_ = &fault;
+    n_ = n;
+    meet(type, {}, fatesOf(fault.fates, static_cast<size_t>(n)));
+    recover(type);
+    return isMet_;
   }
-  return outcome;
-}
 
-// The lines of the service's log without their times.
-std::string takeLog() {
-  platform::takePrinted();
-  Collect_ShowLog();
-  ZuLogger_ClearInfo(g_collect_param.logger);
-  const std::regex times("[0-9/]{8,10} [0-9:]{8}[ \n]|\n(?=\n)");
-  return std::regex_replace(platform::takePrinted(), times, "");
-}
+ private:
+  int32_t start(int32_t type, int32_t port) override {
+    const Fault *fault = std::exchange(fault_, nullptr);
+    if (!fault) return Runs::start(type, port);
+    Plan plan(fault->call, fault->error, n_, fault->times, fault->count);
+    const int32_t result = Runs::start(type, port);
+    isMet_ = plan.wasMet();
+    return result;
+  }
 
-// A run with a failure and the one after it. False when there was no call number `n`.
-bool failsAndRecovers(Kind &kind, const Fault &fault, int n) {
-  const Outcome outcome = expected(kind, fault.effect, n);
-  Server server, next;
-  takeLog();
-  StdoutCapture output;
-  std::optional<Plan> plan(std::in_place, fault.call, fault.error, n, fault.times, fault.count), behind;
-  if (fault.nextError) behind.emplace(fault.call, fault.nextError, n + 1);
-  const int32_t result = kind.run(server.port());
-  const bool isMet = plan->wasMet();
-  if (behind && !isMet) behind->wasMet();
-  behind.reset(), plan.reset();
-  if (!isMet) return false;
-  EXPECT_EQ(result, outcome.result);
-  EXPECT_EQ(output.take(), outcome.output);
-  EXPECT_EQ(takeLog(), outcome.log);
+  const Fault *fault_ = nullptr;
+  int n_ = 0;
+  bool isMet_ = false;
+};
 
-  const Messages whole = messagesNow(kind);
-  EXPECT_EQ(outcome.messages.empty() ? Messages() : server.messages(), outcome.messages);
-  EXPECT_EQ(kind.run(next.port()), 1);
-  EXPECT_EQ(next.messages(), whole);
-  return true;
-}
-
-TEST(Runs, GoOnOrEndAsStatedWhateverCallFails) {
+TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
   const Fault faults[] = {
-      {false, "socket", EMFILE, 1, kRefused},
-      {false, "connect", ECONNREFUSED, 1, kRefused},
-      {false, "connect", EINTR, 1, kNone},
-      {true, "fcntl", ENOMEM, 1, kRefused},
-      {true, "getsockopt", ENOBUFS, 1, kRefused},
-      {true, "poll", ENOMEM, 1, kGivenUp},
-      {true, "poll", EINTR, 3, kNone},
-      {false, "send", ENOBUFS, 1, kUnsent},
-      {false, "send", ECONNRESET, kOn, kUnsentOn},
-      {false, "send", EINTR, 3, kNone},
-      {true, "send", EAGAIN, 3, kNone},
-      {false, "send", 0, kOn, kNone, 1},             // a byte at a time
-      {false, "send", 0, 1, kUnsentOn, 1, ENOBUFS},  // nothing may follow a message cut short
-      {false, "recv", ENOMEM, 1, kUnacked},
-      {false, "recv", ECONNRESET, kOn, kUnackedOn},
-      {false, "recv", EINTR, 3, kNone},
-      {false, "localtime", EOVERFLOW, kOn, kNone},
+      {false, "socket", EMFILE, 1, "c."},     {false, "connect", ECONNREFUSED, 1, "c."},
+      {false, "connect", EINTR, 1, "."},      {true, "fcntl", ENOMEM, 1, "cc."},
+      {true, "getsockopt", ENOBUFS, 1, "c."}, {true, "poll", ENOMEM, 1, "crs"},
+      {true, "poll", EINTR, 3, "."},          {false, "send", ENOBUFS, 1, "s."},
+      {false, "send", ECONNRESET, kOn, "s"},  {false, "send", EINTR, 3, "."},
+      {true, "send", EAGAIN, 3, "."},         {false, "send", 0, kOn, ".", 1},  // a byte at a time
+      {false, "send", ENOBUFS, 2, "s", 1},  // nothing may follow a message cut short
+      {false, "recv", ENOMEM, 1, "r."},       {false, "recv", ECONNRESET, kOn, "r"},
+      {false, "recv", EINTR, 3, "."},         {false, "localtime", EOVERFLOW, kOn, "."},
   };
-  g_collect_param.logger = ZuLogger_New(0x4F);  // keeps all and echoes nothing
-  first = Collect_New("first", reportMuch, reportMuch);
-  second = Collect_New("second", reportNothing, reportNothing);
-  for (Kind &kind : kinds) {
-    Server server;
-    EXPECT_EQ(kind.run(server.port()), 1);
-    ASSERT_EQ((kind.messages = server.messages()).size(), kind.steps.size());
-  }
-  closedPort();
-  const int descriptors = openDescriptors();
   for (const int32_t limitMs : {0, 60000}) {
     CollectClient_SetTimeout(limitMs, limitMs, limitMs);
-    StdoutCapture output;
-    EXPECT_EQ(collect(closedPort()), 0);  // a true refusal: with limits it comes later
-    EXPECT_EQ(output.take(), "connect error.\n");
     for (const Fault &fault : faults) {
-      if (fault.needsLimits && limitMs == 0) continue;
-      for (Kind &kind : kinds) {
+      for (const int32_t type : {2, host::kSelfTest}) {
+        if (fault.needsLimits && limitMs == 0) continue;
         int n = 1;
-        while (failsAndRecovers(kind, fault, n) && !HasFailure()) ++n;
+        while (failsAndRecovers(type, fault, n) && !HasFailure()) ++n;
         EXPECT_GT(n, 1) << "not called";
-        EXPECT_EQ(openDescriptors(), descriptors);
         ASSERT_FALSE(HasFailure()) << fault.call << " " << n << ": " << std::strerror(fault.error) << ", limit "
-                                   << limitMs << (kind.run == selfTest ? ", self-test" : "");
+                                   << limitMs << ", type " << type;
       }
     }
   }
-  CollectClient_SetTimeout(0, 0, 0);
-  Collect_Release(first), Collect_Release(second);
-  ZuLogger_Release(std::exchange(g_collect_param.logger, nullptr));
 }
 
 // ---- the configuration query
@@ -358,38 +255,6 @@ TEST(FaultFile, HasWhatCouldBeWritten) {
   EXPECT_EQ(g_ZuFault_Info, nullptr);
   EXPECT_EQ(openDescriptors(), descriptors);
   std::remove(KEP_FAULT_LOG_PATH);
-}
-
-// ---- the service, which serves until the process ends
-
-TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
-  platform::takeDelays();
-  const int descriptors = openDescriptors();
-  for (const char *call : {"socket", "bind"}) {
-    const Plan plan(call, EADDRINUSE);
-    EXPECT_EQ(Collect_Init(0), -1);
-  }
-  EXPECT_EQ(g_collect_param.logger, nullptr);
-  EXPECT_EQ(openDescriptors(), descriptors);
-
-  static std::atomic<bool> hasReturned{false};
-  Server server;
-  StdoutCapture output;
-  std::thread([] {
-    const Plan plan("recvfrom", ENOMEM, 1, 5);
-    Collect_Init(0);
-    hasReturned = true;
-  }).detach();
-  std::vector<uint32_t> pauses;
-  while (pauses.size() < 5 && !hasReturned) {
-    for (const uint32_t pause : platform::takeDelays()) pauses.push_back(pause);
-  }
-  ASSERT_FALSE(hasReturned) << "port 9099 is in use";
-  ask(wire::request(16, 0, 5, server.port()), 9099);
-  EXPECT_EQ(server.words(8).at(0), 5);
-  EXPECT_TRUE(platform::takeDelays().empty());
-  EXPECT_EQ(pauses, std::vector<uint32_t>(5, 1000));
-  EXPECT_EQ(output.take(), "size=16\n");
 }
 
 }  // namespace

@@ -1,0 +1,133 @@
+// Requests to the service: which datagrams are taken, what is read from them, and that they are answered for ever.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "collection/host.hpp"
+#include "support/platform_double.hpp"
+
+namespace {
+
+// ---- single datagrams
+
+constexpr int64_t kTop = INT64_C(0x80000000);
+constexpr size_t kLongest = 2000;
+constexpr int64_t kTypes[] = {0, 1, 2, 3, 4, 0x01000000, kTop, -1};
+constexpr int64_t kEdges[] = {0, 1, -1, 80, 0x7FFF, 0x8000, 0xFFFF, 0x10000, 0x12345, kTop - 1, kTop};
+
+std::string describe(int32_t sequence, uint32_t type, const std::string &address, int32_t port) {
+  return std::to_string(sequence) + " " + std::to_string(type) + " " + address + ":" + std::to_string(port);
+}
+
+const std::string dropped = describe(-1, 99, "99", 99);  // what a dropped datagram leaves alone
+
+std::string waitOn(int fd) {
+  uint32_t type = 99;
+  char address[16] = "99";
+  int32_t port = 99;
+  const int32_t sequence = CollectClient_WaitFor(fd, 1, 2, &type, address, &port);
+  return describe(sequence, type, address, port);
+}
+
+// By the rules: the true length, a known type, and 0 for what a shorter datagram does not bring.
+std::string expectedFor(const std::string &datagram) {
+  const std::string seen = (datagram + std::string(16, '\0')).substr(0, 16);
+  const auto type = static_cast<uint32_t>(wire::wordAt(seen, 4));
+  if (datagram.size() > 16 || wire::wordAt(seen, 0) != static_cast<int32_t>(datagram.size()) || type > 3) {
+    return dropped;
+  }
+  return describe(wire::wordAt(seen, 8), type, "127.0.0.3", wire::wordAt(seen, 12));
+}
+
+TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
+  int32_t port;
+  const int board = openSocket(SOCK_DGRAM, "127.0.0.1", &port);
+  CollectStats before, after;
+  Collect_GetStats(&before);
+  std::string sizes;
+  uint32_t cases = 0, drops = 0;
+  StdoutCapture output;
+  const auto check = [&](size_t size, int64_t length, int64_t type, int64_t sequence, int64_t serverPort) {
+    const std::string whole = wire::request(length, type, sequence, serverPort) + std::string(kLongest, '\1');
+    const std::string datagram = whole.substr(0, size), expected = expectedFor(datagram);
+    ask(datagram, port, "127.0.0.3");
+    ASSERT_EQ(waitOn(board), expected) << size << ", said to be " << length << ", type " << type;
+    sizes += "size=" + std::to_string(size) + "\n";
+    ++cases;
+    drops += expected == dropped;
+  };
+  for (size_t size = 0; size <= kLongest && !HasFailure(); ++size) {
+    const auto whole = static_cast<int64_t>(size);
+    const size_t edges = size <= 20 ? std::size(kEdges) : 1;  // of what can be taken, and a little beyond
+    for (const int64_t length : {whole, whole - 1, whole + 1, whole << 24, whole | 1 << 16, -whole, INT64_C(16)}) {
+      for (const int64_t type : kTypes) {
+        for (size_t i = 0; i < edges; ++i) check(size, length, type, kEdges[std::size(kEdges) - 1 - i], kEdges[i]);
+      }
+    }
+  }
+  EXPECT_TRUE(output.take() == sizes);  // too long to print
+  EXPECT_GE(cases, 100000u);
+  Collect_GetStats(&after);
+  EXPECT_EQ(after.datagrams - before.datagrams, cases);
+  EXPECT_EQ(after.dropped - before.dropped, drops);
+  EXPECT_EQ(waitOn(-1), dropped);
+  EXPECT_TRUE(platform::takeDelays().empty());
+  close(board);
+}
+
+// ---- the service
+
+constexpr int32_t kUnknownPort = 7;
+CollectStats statsAtRequest;  // as the serving thread has them when it decides on one
+
+int32_t isKnown(const char *address, int32_t port, int32_t) {
+  Collect_GetStats(&statsAtRequest);
+  return port != kUnknownPort || address != std::string("127.0.0.1");
+}
+
+// Compares what a server got with a run, whose automatic numbers begin with that of its second message.
+void expectRun(Server &server, int32_t type, int32_t sequence) {
+  const std::vector<std::string> messages = host::withoutTimes(server.messages());
+  ASSERT_GT(messages.size(), 1U);
+  EXPECT_EQ(messages, host::Run(type, sequence, wire::wordAt(messages[1], 8) - 1).stream.messages()) << type;
+}
+
+// It serves until the process ends, here without memory for its log, and without the log that was there before.
+TEST(Service, AnswersOneRequestAfterAnotherWhateverComesBetween) {
+  host::registerItems();
+  Collect_SetAccess(isKnown);
+  ZuLogger *earlier = g_collect_param.logger = ZuLogger_New(0);
+  const int failures = platform::failedAllocations(), blocks = platform::liveBlocks();
+  static std::atomic<bool> returned{false};
+  platform::failAllocation(0);  // the first one follows the bound port
+  std::thread([] {
+    Collect_Init(0xABCD1234);
+    returned = true;
+  }).detach();
+  while (platform::failedAllocations() == failures && !returned) std::this_thread::yield();
+  ASSERT_FALSE(returned) << "port 9099 is in use";
+  EXPECT_EQ(platform::liveBlocks(), blocks);
+  ZuLogger_Release(earlier);  // kept: a host may be showing it
+
+  StdoutCapture output;
+  Server servers[4], breaking({2}), last({}, "127.0.0.2");
+  for (int32_t type = 0; type < 4; ++type) ask(wire::request(16, type, 100 + type, servers[type].port()), 9099);
+  for (int32_t type = 0; type < 4; ++type) expectRun(servers[type], type, 100 + type);
+  ask("", 9099);                                     // type 0 for port 0
+  ask(wire::request(17, 0, 1, last.port()), 9099);   // dropped
+  ask(wire::request(16, 0, -1, last.port()), 9099);  // -1 stands for a bad request
+  ask(wire::request(16, 0, 1, kUnknownPort), 9099);
+  ask(wire::request(16, 0, 1, breaking.port()), 9099);
+  ask(wire::request(16, 3, 1, closedPort()), 9099);
+  ask(wire::request(16, 1, -7, last.port()), 9099, "127.0.0.2");  // the answer goes where the request came from
+  expectRun(last, 1, -7);
+  EXPECT_EQ(output.take(),
+            "size=16\nsize=16\nsize=16\nsize=16\nsize=0\nconnect error.\nsize=16\nsize=16\nsize=16\n"
+            "size=16\nrecv error.\nsize=16\nconnect error.\nsize=16\n");
+  EXPECT_EQ(g_collect_param.logger, nullptr);
+  EXPECT_EQ(statsAtRequest.refused, 1U);
+  EXPECT_EQ(statsAtRequest.finishedRuns, 4U);
+  EXPECT_EQ(statsAtRequest.failedRuns, 3U);
+}
+
+}  // namespace
