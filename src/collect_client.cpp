@@ -89,8 +89,13 @@ bool connectTo(int fd, const sockaddr_in &address) {
   return !deadline.isSet() || fcntl(fd, F_SETFL, 0) == 0;
 }
 
+// Closing with an acknowledgement unread, or part of one, resets the connection, and what the system still holds back
+// of the last messages would be lost; the end of the data pushes it out first.
 void closeConnection() {
-  if (l_fdIsOpen) close(l_fd);
+  if (l_fdIsOpen) {
+    shutdown(l_fd, SHUT_WR);
+    close(l_fd);
+  }
   l_fdIsOpen = false;
   l_fd = 0;
 }
@@ -134,19 +139,20 @@ bool sendAll(const uint8_t *data, size_t size) {
   return true;
 }
 
-// One receive, of at most 16 bytes that nobody looks at. A connection closed by the server counts as acknowledged.
+// One receive, of at most 16 bytes that nobody looks at. A connection closed by the server counts as acknowledged. With
+// a limit only the wait may take time, never the receive: a socket can be called ready and yet have nothing to give.
 bool receiveAck() {
   const Deadline deadline = deadlineFor(l_ackMs);
-  if (deadline.isSet() && !deadline.waitFor(l_fd, POLLIN)) {
-    closeConnection();
-    return false;
-  }
+  const int flags = deadline.isSet() ? MSG_DONTWAIT : 0;
   uint8_t ack[kAckSize];
-  ssize_t received;
-  do {
-    received = recv(l_fd, ack, sizeof ack, 0);
-  } while (received < 0 && errno == EINTR);
-  return received >= 0;
+  for (;;) {
+    if (deadline.isSet() && !deadline.waitFor(l_fd, POLLIN)) {
+      closeConnection();
+      return false;
+    }
+    if (recv(l_fd, ack, sizeof ack, flags) >= 0) return true;
+    if (errno != EINTR && (errno != EAGAIN || !deadline.isSet())) return false;
+  }
 }
 
 // ---- the send buffer

@@ -3,8 +3,8 @@
  * The query is the text "=>config SECTION KEY DEFAULT" in one datagram, sent from UDP port 8998; the reply is the value
  * as text, at most 1000 bytes. The first query is broadcast to port 8999, and whoever answers, be it with an empty
  * text, is asked from then on. When nobody answers it within a second, or the port cannot be had, no further query is
- * ever sent. A query is at most 1000 bytes; a longer one is not sent, gives the default and spends nothing. Query from
- * one thread.
+ * ever sent. A query is at most 1000 bytes; a longer one is not sent, gives the default and spends nothing. Nothing
+ * ties a reply to its query: one that comes too late is taken for the answer to the next. Query from one thread.
  */
 #ifndef KEP_ZUCONFIG_H
 #define KEP_ZUCONFIG_H

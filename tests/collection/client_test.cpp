@@ -48,13 +48,6 @@ class Client : public testing::Test {
     CollectClient_SetType(2);
     EXPECT_EQ(CollectClient_Flush(0), 0);
   }
-
-  static void runOnce() {
-    Server server;
-    start(server);
-    CollectClient_End();
-    EXPECT_EQ(server.payloadSizes(), Sizes{0});
-  }
 };
 
 TEST_F(Client, LaysOutEveryRecordAsTheWireWantsIt) {
@@ -185,17 +178,6 @@ TEST_F(Client, DoesNothingOutsideARunNorForNothing) {
   EXPECT_EQ(server.payloadSizes(), Sizes{0});
 }
 
-TEST_F(Client, TakesAnyAcknowledgement) {
-  for (const size_t size : {1u, 16u, 17u}) {
-    Server server({0, false, size});
-    start(server);
-    EXPECT_EQ(CollectClient_Flush(0), 1);
-    EXPECT_EQ(CollectClient_Flush(0), 1);
-    CollectClient_End();
-    EXPECT_EQ(server.payloadSizes(), (Sizes{0, 0, 0})) << size;
-  }
-}
-
 TEST_F(Client, GivesItsSocketBackWhenItCannotStart) {
   closedPort();
   const int before = openDescriptors();
@@ -221,19 +203,6 @@ TEST_F(Client, DropsTheMessageThatDoesNotGoThrough) {
   EXPECT_EQ(server.payloadSizes(), Sizes{4});
 }
 
-TEST_F(Client, TakesAClosedConnectionForAnAcknowledgement) {
-  Server server({2, false});
-  start(server);
-  StdoutCapture output;
-  EXPECT_EQ(CollectClient_Flush(0), 1);
-  EXPECT_EQ(CollectClient_Flush(0), 1);
-  server.messages();
-  while (CollectClient_Flush(0)) {  // until the server's machine has answered that nobody is there
-  }
-  EXPECT_EQ(output.take(), "send error.\n");
-  EXPECT_EQ(server.payloadSizes(), (Sizes{0, 0}));
-}
-
 TEST_F(Client, ClosesWhatAFailedRunLeftOpen) {
   closedPort();
   const int before = openDescriptors();
@@ -243,10 +212,6 @@ TEST_F(Client, ClosesWhatAFailedRunLeftOpen) {
   EXPECT_EQ(account(), "  100  0x00000410");  // the send buffer
   EXPECT_EQ(CollectClient_Start("127.0.0.1", closedPort()), 0);
   EXPECT_EQ(openDescriptors(), before);
-  failRun();
-  runOnce();
-  EXPECT_EQ(openDescriptors(), before);
-  EXPECT_EQ(account(), "");
 }
 
 // A host that runs without standard input gets 0 for a socket. The server here has no thread, as a new thread may open

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <kep/CollectClient.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -100,26 +102,56 @@ int32_t closedPort() {
   return port;
 }
 
-void ask(const std::string &datagram, int32_t port, const char *address) {
-  int32_t ownPort;
-  const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
+void ask(int fd, const std::string &datagram, int32_t port) {
   const sockaddr_in board = addressOf("127.0.0.1", port);
   EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&board), sizeof board),
             static_cast<ssize_t>(datagram.size()));
+}
+
+void ask(const std::string &datagram, int32_t port, const char *address) {
+  int32_t ownPort;
+  const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
+  ask(fd, datagram, port);
   close(fd);
 }
 
 Server::Server(Manner manner, const char *address)
     : manner_(manner), listener_(openSocket(SOCK_STREAM, address, &port_)) {
-  EXPECT_EQ(listen(listener_, 1), 0);
-  thread_ = std::thread(&Server::serve, this);
+  if (manner_.ending == Manner::kRefuses) return;
+  if (manner_.ending == Manner::kNeverAccepts) {
+    fillQueue(address);
+  } else {
+    begin();
+  }
 }
 
 Server::~Server() {
   shutdown(listener_, SHUT_RDWR);  // wakes a thread that still waits for its client
   shutdown(connection_, SHUT_RDWR);
   if (thread_.joinable()) thread_.join();
+  close(queued_);
   close(listener_);
+}
+
+void Server::begin() {
+  if (manner_.readPauseMs != Manner::kNone || manner_.ending == Manner::kStopsReading) {
+    // Small buffers, the client's too, which goes by the segments: what is not read soon holds it up.
+    const int bytes = 1, segment = 536;
+    setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    setsockopt(listener_, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
+  }
+  EXPECT_EQ(listen(listener_, 1), 0);
+  thread_ = std::thread(&Server::serve, this);
+}
+
+// With room for one, a connection that nobody takes keeps all others waiting.
+void Server::fillQueue(const char *address) {
+  EXPECT_EQ(listen(listener_, 0), 0);
+  const sockaddr_in name = addressOf(address, port_);
+  queued_ = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(queued_, reinterpret_cast<const sockaddr *>(&name), sizeof name), 0);
+  pollfd queue = {listener_, POLLIN, 0};
+  poll(&queue, 1, -1);
 }
 
 const std::vector<std::string> &Server::messages() {
@@ -146,35 +178,67 @@ bool Server::wasHurried() {
 
 void Server::serve() {
   connection_ = accept(listener_, nullptr, nullptr);
-  const std::string ack(manner_.ackSize, 'A');
-  while (readMessage() && !endsNow()) {
-    char next;
-    if (recv(connection_, &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0) hurried_ = true;
-    send(connection_, ack.data(), ack.size(), MSG_NOSIGNAL);
+  const int atOnce = 1;
+  setsockopt(connection_, IPPROTO_TCP, TCP_NODELAY, &atOnce, sizeof atOnce);
+  while (manner_.ending != Manner::kClosesAtOnce && readMessage() && answer()) {
   }
   close(connection_.exchange(-1));
 }
 
 bool Server::readMessage() {
   std::string bytes(12, '\0');
-  if (recv(connection_, bytes.data(), 12, MSG_WAITALL) != 12) return false;
+  if (receive(bytes.data(), 12) != 12) return false;
   const auto size = static_cast<size_t>(std::max(wire::wordAt(bytes, 0), 12));
   bytes.resize(std::min<size_t>(size, 100000));
-  if (bytes.size() > 12) {  // a receive of no bytes would wait for the next message
-    const ssize_t rest = recv(connection_, bytes.data() + 12, bytes.size() - 12, MSG_WAITALL);
-    bytes.resize(12 + static_cast<size_t>(std::max<ssize_t>(rest, 0)));
-  }
+  // A receive of no bytes would wait for the next message.
+  if (bytes.size() > 12) bytes.resize(12 + receive(bytes.data() + 12, bytes.size() - 12));
   messages_.push_back(bytes);
   return bytes.size() == size;
 }
 
-bool Server::endsNow() {
-  if (messages_.size() != manner_.endsAt) return false;
-  if (manner_.resets) {
-    const linger atOnce = {1, 0};
-    setsockopt(connection_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+size_t Server::receive(char *out, size_t size) {
+  if (manner_.readPauseMs == Manner::kNone) {
+    return static_cast<size_t>(std::max<ssize_t>(recv(connection_, out, size, MSG_WAITALL), 0));
   }
-  return true;
+  size_t got = 0;
+  while (got < size && recv(connection_, out + got, 1, 0) == 1) {
+    ++got;
+    awaitHangUp(manner_.readPauseMs);
+  }
+  return got;
+}
+
+// False when the connection is over.
+bool Server::answer() {
+  if (manner_.endsAt == 0 || messages_.size() < manner_.endsAt) return acknowledge(0), true;
+  const linger atOnce = {1, 0};
+  switch (manner_.ending) {
+    case Manner::kFallsSilent: return true;
+    case Manner::kShutsDown: shutdown(connection_, SHUT_WR); return true;
+    case Manner::kResets: setsockopt(connection_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce); return false;
+    case Manner::kAcksAndCloses: acknowledge(MSG_MORE); return false;
+    case Manner::kStopsReading:
+      acknowledge(0);
+      awaitHangUp(-1);
+      return false;
+    default: return false;
+  }
+}
+
+void Server::acknowledge(int flags) {
+  char next;
+  if (recv(connection_, &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0) hurried_ = true;
+  const std::string ack(manner_.ackSize, 'A');
+  const size_t step = manner_.acksBytewise ? 1 : ack.size();
+  for (size_t sent = 0; sent < ack.size(); sent += step) {
+    send(connection_, ack.data(), step, MSG_NOSIGNAL | flags);
+    if (manner_.acksBytewise) awaitHangUp(1);
+  }
+}
+
+void Server::awaitHangUp(int timeoutMs) {
+  pollfd client = {connection_, POLLRDHUP, 0};
+  poll(&client, 1, timeoutMs);
 }
 
 int32_t lastSequence() {

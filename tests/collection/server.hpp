@@ -47,11 +47,27 @@ class Stream {
 
 }  // namespace wire
 
-// What a server does with the messages of a run.
+// What a server does with a run.
 struct Manner {
-  size_t endsAt = 0;   // the message (1: the first) that is not acknowledged but ends the connection; 0: none
-  bool resets = true;  // ends it by a reset, not by closing
-  size_t ackSize = 4;  // bytes that acknowledge a message
+  enum Ending {
+    kResets,
+    kCloses,
+    kAcksAndCloses,  // in one packet
+    kShutsDown,      // sends no more, but reads on
+    kFallsSilent,    // reads on, but acknowledges no more
+    kStopsReading,   // acknowledges the message, and does no more until the client resets
+    // Nothing ends, because nothing begins:
+    kRefuses,
+    kNeverAccepts,
+    kClosesAtOnce,
+  };
+  size_t endsAt = 0;  // the message (1: the first) with which, in place of an acknowledgement, it ends; 0: none
+  Ending ending = kResets;
+  size_t ackSize = 4;         // bytes that acknowledge a message
+  bool acksBytewise = false;  // in as many packets
+  int readPauseMs = kNone;    // reads byte by byte, so long after one another
+
+  static constexpr int kNone = -1;
 };
 
 // Takes one connection and reads its messages on a thread of its own.
@@ -72,12 +88,18 @@ class Server {
   bool wasHurried();
 
  private:
+  void begin();
+  void fillQueue(const char *address);
   void serve();
   bool readMessage();
-  bool endsNow();
+  size_t receive(char *out, size_t size);
+  bool answer();
+  void acknowledge(int flags);
+  void awaitHangUp(int timeoutMs);
 
   const Manner manner_;
   int listener_;
+  int queued_ = -1;
   std::atomic<int> connection_{-1};
   int32_t port_;
   std::vector<std::string> messages_;
@@ -85,7 +107,8 @@ class Server {
   std::thread thread_;
 };
 
-// Sends a datagram to a port of 127.0.0.1 from this address.
+// Sends a datagram to a port of 127.0.0.1 from this socket or address.
+void ask(int fd, const std::string &datagram, int32_t port);
 void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1");
 
 // Opens a socket of this kind at an address of loopback.

@@ -150,7 +150,7 @@ TEST(Store, DoesNothingWithoutAHandle) {
   const int zeros = ZuInfo_ReSize(nullptr, 1) | ZuInfo_FreeSize_(nullptr, 1) | ZuInfo_PackPre(nullptr, "k", 0, 0) |
                     ZuInfo_Append2Message(nullptr, "k", 1, "v", 1, "w", 1) |
                     ZuInfo_Get(nullptr, nullptr, 0, &cursor, nullptr, nullptr, nullptr, nullptr) |
-                    ZuInfo_GetPack(nullptr, &cursor, nullptr, nullptr);
+                    ZuInfo_GetPack(nullptr, &cursor, nullptr, nullptr) | static_cast<int>(ZuInfo_GetEvicted(nullptr));
   const int append = ZuInfo_Append(nullptr, "k", 1, "v", 1), write = ZuInfo_Write(nullptr, "k", "v");
   EXPECT_EQ(capture.take(), "");
   EXPECT_EQ(zeros, 0);
@@ -178,6 +178,8 @@ TEST(Store, GrowsToItsLimitAndThenEvictsAndSaysSo) {
                             dump("2048", "500", "1548") + "size 900" + dump("2048", "1200", "848") +
                             "add size 1024, new size 3072 freesize 1872\n" + dump("3072", "1200", "1872") +
                             "size 1200size 1200"));
+  ZuInfo_Clear(s.info);
+  EXPECT_EQ(ZuInfo_GetEvicted(s.info), 2u) << "clearing is no eviction";
   platform::fillBlocksWith(0xA5);
 }
 

@@ -23,6 +23,7 @@ namespace {
 
 constexpr size_t kHeaderSize = 12;
 constexpr size_t kMaxMessageSize = kHeaderSize + 1024;
+constexpr uint64_t kMaxRunSize = 64 << 20;
 constexpr size_t kTypeOffset = 4;
 constexpr size_t kSequenceOffset = 8;
 constexpr size_t kIdentitySize = 4;
@@ -163,6 +164,7 @@ size_t StreamDecoder::readHeader() {
   if (size < static_cast<int32_t>(kHeaderSize) || size > static_cast<int32_t>(kMaxMessageSize)) {
     fail(start, "a message length of " + std::to_string(size) + " is not within 12 to 1036");
   }
+  if (start + static_cast<uint64_t>(size) > kMaxRunSize) fail(start, "the run goes on beyond 64 MiB");
   messageType_ = fields.signedWord();
   checkOrder(messageType_, start + kTypeOffset);
   checkSequence(fields.word(), start + kSequenceOffset);

@@ -62,6 +62,7 @@ struct Damage {
 class FieldReader;
 
 // Invariant: after the first damage nothing more is decoded, and run() keeps what was whole before it.
+// A run of more than 64 MiB is damaged there: a board that never ends shall not take all memory.
 class StreamDecoder {
  public:
   explicit StreamDecoder(const Expectation &expectation) : expectation_(expectation) {}
