@@ -41,13 +41,13 @@ inline std::vector<std::string> collection() {
   // beyond Unicode, and characters broken off.
   const std::string unprintable =
       "\x1B[2J\x7F\xC2\x9B\xE2\x80\xAE\xC1\xBA\xED\xA0\x80\xF4\x90\x80\x80\xE2\x82 b\xE2\x82";
-  const std::string mixed = head(0x84, 1, 2, 3) + counted(std::string("\x00\xFF\x10", 3)) + head(0x82, 1, 0, 1) +
+  const std::string mixed = head(0x84, 1, 2, 0) + counted(std::string("\x00\xFF\x10", 3)) + head(0x82, 1, 0, 1) +
                             number(0x8000000000000000, 8) + head(0x83, 0, 0, 4) +
-                            counted("second, \"quoted\"\n\r\t \xE2\x82\xAC\xF0\x9F\x98\x80");
+                            counted("second \"quoted\"\n\r\t \xE2\x82\xAC\xF0\x9F\x98\x80");
   return {
       message(0, 77, std::string("KB\0\0", 4)),
       message(1, 42, word(0) + counted("log") + word(1) + counted("caf\xC3\xA9")),
-      message(2, 43, head(0x03, 0, 0, 4) + counted("first ")),
+      message(2, 43, head(0x03, 0, 0, 4) + counted("first, ")),
       message(2, 44, head(0x03, 0, 0, 4) + counted("of ") + head(0x83, 0, 0, 4) + counted(unprintable + "\\")),
       message(2, 45, mixed),
       message(2, 46, ""),
@@ -60,7 +60,7 @@ inline std::vector<std::string> selfTest() {
   return {
       message(0, 77, std::string("KB\0\0", 4)),
       message(2, 1, head(0x83, 65535, 0, 0) + counted("fan") + head(0x81, 3, 0, 1) + word(0)),
-      message(2, 2, head(0x83, 65535, 0, 0) + counted("disk")),
+      message(2, 2, head(0x83, 65535, 0, 0) + counted("disk") + head(0x81, 1, 0, 1) + word(1)),
       message(2, 3, ""),
   };
 }

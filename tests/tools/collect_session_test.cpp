@@ -104,7 +104,7 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
       {"text", "", 0, 77, sendsPortions, 0, "", golden("collection.text")},
       {"csv", "", 0, 0, numbered(41), 0, "", golden("numbered.csv")},
       {"csv", "", 0, INT32_MIN, numbered(INT32_MIN), 0, "", golden("numbered.csv")},
-      {"text", "", 0, 77, waits(message(2, 50, "")), 1, "damaged at offset 56: sequence 50 instead of 43", begunText},
+      {"text", "", 0, 77, waits(message(2, 43, "\x55")), 1, "damaged at offset 60: unknown record type 85", begunText},
       {"text", "", 0, 77, sends({}), 1, "cut short at offset 0" + early, "0 messages, 0 records, 0 bytes, not whole\n"},
       {"text", "", 0, 77, sends(begun), 1, "cut short at offset 48" + early, begunText},
       {"text", "", 0, 77, sends(begun, all[2].substr(0, 12)), 1,

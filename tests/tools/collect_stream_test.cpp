@@ -98,4 +98,16 @@ TEST(Stream, NamesTheFirstDamageWithItsOffset) {
   }
 }
 
+TEST(Stream, BreaksOffARunThatDoesNotEnd) {
+  StreamDecoder decoder({});
+  std::string bytes = message(0, 77, "KB12") + message(1, 0, "");
+  for (int32_t sequence = 1; !decoder.damage() && sequence < 70'000; ++sequence) {
+    decoder.feed(bytes.data(), bytes.size());
+    bytes = message(2, sequence, head(0x84, 0, 0, 0) + counted(std::string(1009, 0)));
+  }
+  ASSERT_TRUE(decoder.damage());
+  EXPECT_EQ(decoder.damage()->reason, "the run goes on beyond 64 MiB");
+  EXPECT_EQ(decoder.run().byteCount, 28 + (64u << 20) / 1036 * 1036);
+}
+
 }  // namespace
