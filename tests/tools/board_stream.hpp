@@ -37,17 +37,21 @@ inline std::string joined(const std::vector<std::string> &parts) {
 // A collection answering request sequence 77 while the board's own count stands at 41. It has every kind of record, a
 // string in three pieces, values out of order, equal keys, an item that reports nothing and one that has no name.
 inline std::vector<std::string> collection() {
-  const std::string mixed = head(0x81, 1, 2, 9) + word(-5) + head(0x82, 1, 0, 1) + number(0x8000000000000000, 8) +
-                            head(0x84, 1, 2, 3) + counted(std::string("\x00\xFF\x10", 3)) + head(0x83, 0, 0, 4) +
-                            counted("second, \"quoted\"\n") + head(0x83, 0, 0, 4) + counted("");
+  // An escape sequence; in UTF-8, a control, a mark that turns text around, an overlong z, a surrogate, what lies
+  // beyond Unicode, and characters broken off.
+  const std::string unprintable =
+      "\x1B[2J\x7F\xC2\x9B\xE2\x80\xAE\xC1\xBA\xED\xA0\x80\xF4\x90\x80\x80\xE2\x82 b\xE2\x82";
+  const std::string mixed = head(0x84, 1, 2, 0) + counted(std::string("\x00\xFF\x10", 3)) + head(0x82, 1, 0, 1) +
+                            number(0x8000000000000000, 8) + head(0x83, 0, 0, 4) +
+                            counted("second \"quoted\"\n\r\t \xE2\x82\xAC\xF0\x9F\x98\x80");
   return {
       message(0, 77, std::string("KB\0\0", 4)),
       message(1, 42, word(0) + counted("log") + word(1) + counted("caf\xC3\xA9")),
-      message(2, 43, head(0x03, 0, 0, 4) + counted("first ")),
-      message(2, 44, head(0x03, 0, 0, 4) + counted("of \x1B[2J\xC2\x9B") + head(0x83, 0, 0, 4) + counted("\xFF\\")),
+      message(2, 43, head(0x03, 0, 0, 4) + counted("first, ")),
+      message(2, 44, head(0x03, 0, 0, 4) + counted("of ") + head(0x83, 0, 0, 4) + counted(unprintable + "\\")),
       message(2, 45, mixed),
       message(2, 46, ""),
-      message(2, 47, head(0x81, 65535, 0, 0) + word(1)),
+      message(2, 47, head(0x81, 65535, 0, 0) + word(-5)),
       message(2, 48, ""),
   };
 }
@@ -56,7 +60,7 @@ inline std::vector<std::string> selfTest() {
   return {
       message(0, 77, std::string("KB\0\0", 4)),
       message(2, 1, head(0x83, 65535, 0, 0) + counted("fan") + head(0x81, 3, 0, 1) + word(0)),
-      message(2, 2, head(0x83, 65535, 0, 0) + counted("disk")),
+      message(2, 2, head(0x83, 65535, 0, 0) + counted("disk") + head(0x81, 1, 0, 1) + word(1)),
       message(2, 3, ""),
   };
 }

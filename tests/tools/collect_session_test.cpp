@@ -1,152 +1,12 @@
 // collect_session_test.cpp: the command kep-collect against a board that the test plays, over loopback.
 
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <optional>
-#include <utility>
 
 #include "board_stream.hpp"
 #include "command.hpp"
 
 namespace {
-
-bool becomesReadable(int fd) {
-  pollfd entry = {fd, POLLIN, 0};
-  return poll(&entry, 1, kPatienceMs) == 1;
-}
-
-// The board's side of one run: what the request said, and the connection made back to where it came from.
-class Visit {
- public:
-  explicit Visit(int requestSocket) {
-    char bytes[64];
-    sockaddr_in from{};
-    socklen_t fromSize = sizeof from;
-    const ssize_t size = becomesReadable(requestSocket) ? recvfrom(requestSocket, bytes, sizeof bytes, 0,
-                                                                   reinterpret_cast<sockaddr *>(&from), &fromSize)
-                                                        : 0;
-    request_.assign(bytes, static_cast<size_t>(std::max<ssize_t>(size, 0)));
-    source_ = from;
-  }
-  ~Visit() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Visit(const Visit &) = delete;
-  Visit &operator=(const Visit &) = delete;
-
-  const std::string &request() const { return request_; }
-  std::string source() const { return inet_ntoa(source_.sin_addr); }
-
-  void connectBack() {
-    ASSERT_EQ(request_.size(), 16u);
-    sockaddr_in server = source_;
-    server.sin_port =
-        htons(static_cast<uint16_t>(static_cast<uint8_t>(request_[14]) << 8 | static_cast<uint8_t>(request_[15])));
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&server), sizeof server), 0);
-  }
-
-  void sendBytes(const std::string &bytes) {
-    EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-
-  // As a board does it: one receive call, whatever it yields. Returns its size; an overlong one shows as 17.
-  ssize_t takeAcknowledgement() {
-    char bytes[17];
-    return becomesReadable(fd_) ? recv(fd_, bytes, sizeof bytes, 0) : -1;
-  }
-
-  void sendAcknowledged(const std::vector<std::string> &messages) {
-    for (const std::string &message : messages) {
-      sendBytes(message);
-      const ssize_t size = takeAcknowledgement();
-      EXPECT_TRUE(size >= 1 && size <= 16) << size;
-    }
-  }
-
-  // Nothing may follow the last acknowledgement.
-  bool nothingMoreCame() {
-    char byte = 0;
-    return recv(fd_, &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
-  }
-
-  void serverCloses() { EXPECT_LE(takeAcknowledgement(), 0); }
-
-  void reset() {
-    const linger atOnce = {1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-    close(std::exchange(fd_, -1));
-  }
-
- private:
-  std::string request_;
-  sockaddr_in source_{};
-  int fd_ = -1;
-};
-
-class Collect : public ::testing::Test {
- protected:
-  void SetUp() override {
-    folder_ = ::testing::TempDir() + "kep-collect-XXXXXX";
-    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
-    outPath_ = path("out");
-    socket_ = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    ASSERT_EQ(bind(socket_, reinterpret_cast<sockaddr *>(&address), size), 0);
-    getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &size);
-    port_ = std::to_string(ntohs(address.sin_port));
-  }
-
-  void TearDown() override {
-    command_.reset();
-    close(socket_);
-    for (const char *name : {"out", "err", "raw"}) unlink(path(name).c_str());
-    rmdir(folder_.c_str());
-  }
-
-  std::string path(const std::string &name) const { return folder_ + "/" + name; }
-  std::string out() const { return contentOf(outPath_); }
-  std::string err() const { return contentOf(path("err")); }
-
-  void launch(std::vector<std::string> arguments) {
-    command_.emplace(KEP_COLLECT_PROGRAM, std::move(arguments), outPath_, path("err"));
-  }
-
-  int waitForStatus() { return command_->status(); }
-
-  int run(const std::vector<std::string> &arguments) {
-    launch(arguments);
-    return waitForStatus();
-  }
-
-  // Runs the command against a board that behaves as `visit` says.
-  int runAgainst(const std::function<void(Visit &)> &behave, std::vector<std::string> arguments = {}) {
-    arguments.insert(arguments.begin(), {"127.0.0.1", "--port", port_, "--sequence", "77"});
-    launch(arguments);
-    {
-      Visit visit(socket_);
-      visit.connectBack();
-      behave(visit);
-    }
-    return waitForStatus();
-  }
-
-  std::string folder_;
-  std::string outPath_;
-  std::string port_;
-  int socket_ = -1;
-  std::optional<Command> command_;
-};
 
 using board::collection;
 using board::joined;
@@ -154,236 +14,163 @@ using board::message;
 using board::selfTest;
 using board::word;
 
-TEST_F(Collect, BringsAWholeRunAndReplaysIt) {
-  struct Case {
-    std::vector<std::string> arguments;
-    int32_t requestType;
-    std::vector<std::string> messages;
+// The command's runs, and the board's side of one at a time: the request, and the connection made back for it.
+class Collect : public CommandTest {
+ protected:
+  static std::string golden(const std::string &name) { return contentOf(KEP_GOLDEN "/" + name); }
+
+  void launch(const std::string &arguments) { command_.emplace("127.0.0.1 --port " + requests_.port() + arguments); }
+
+  // Takes the request and connects back to where it came from; returns it without the port.
+  std::string beginVisit() {
+    const std::string request = requests_.receive();
+    if (request.size() != 16) return request;
+    sockaddr_in server = requests_.sender;
+    std::copy_n(request.end() - 2, 2, reinterpret_cast<char *>(&server.sin_port));
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&server), sizeof server), 0);
+    return request.substr(0, 12);
+  }
+
+  void sendBytes(const std::string &bytes) const {
+    EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+
+  // As a board does it: one receive call, whatever it yields. Returns its size; an overlong one shows as 17.
+  ssize_t takeAcknowledgement() const {
+    char bytes[17];
+    return recv(fd_, bytes, sizeof bytes, 0);
+  }
+
+  void sendAcknowledged(const Strings &messages) const {
+    for (const std::string &message : messages) {
+      sendBytes(message);
+      EXPECT_EQ(takeAcknowledgement(), 1);
+    }
+  }
+
+  Peer requests_;
+  std::optional<Command> command_;
+  int fd_ = -1;
+};
+
+// Each run is replayed from the bytes that it kept, too.
+TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
+  const Strings all = collection();
+  const Strings begun(all.begin(), all.begin() + 2);
+  const std::string stream = joined(all);
+  const auto sends = [this](const Strings &acknowledged, const std::string &rest = "") {
+    return [=] {
+      sendAcknowledged(acknowledged);
+      sendBytes(rest);
+    };
   };
+  const auto waits = [=](const std::string &rest, int signal = 0) {
+    return [=] {
+      sends(begun, rest)();
+      command_->signal(signal);
+      EXPECT_LE(takeAcknowledgement(), 0) << "the command closes the connection";
+    };
+  };
+  const auto resets = [=] {
+    sendAcknowledged(begun);
+    const linger atOnce = {1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  };
+  const auto sendsPortions = [=] {
+    for (size_t i = 0; i < 40; ++i) sendBytes(stream.substr(i, 1));
+    sendBytes(stream.substr(40));
+    auto left = static_cast<ssize_t>(all.size());
+    for (ssize_t size = 1; left > 0 && size > 0; left -= size) size = takeAcknowledgement();
+    EXPECT_EQ(left, 0);
+  };
+  // The first message's number is the request's; 0 leaves it to the board.
+  const auto numbered = [=](int32_t first) { return sends({message(0, first, "KB12"), begun[1], message(2, 43, "")}); };
+  struct Case {
+    std::string format, arguments;
+    int32_t type, sequence;
+    std::function<void()> behave;
+    int status;
+    std::string err, printed;
+  };
+  const std::string begunText = golden("begun.text");
+  const std::string early = ": the stream ends before the run's last message";
   const std::vector<Case> cases = {
-      {{}, 0, collection()},
-      {{"--type", "2", "--format", "json"}, 2, collection()},
-      {{"--selftest", "--format", "csv"}, 3, selfTest()},
+      {"text", "", 0, 77, sends(all), 0, "", golden("collection.text")},
+      {"json", "--type 2", 2, 77, sends(all), 0, "", golden("collection.json")},
+      {"csv", "--type 1", 1, 77, sends(all), 0, "", golden("collection.csv")},
+      {"text", "--selftest", 3, 77, sends(selfTest()), 0, "", golden("self-test.text")},
+      {"csv", "--selftest", 3, 77, sends(selfTest()), 0, "", golden("self-test.csv")},
+      {"text", "", 0, 77, sendsPortions, 0, "", golden("collection.text")},
+      {"csv", "", 0, 0, numbered(41), 0, "", golden("numbered.csv")},
+      {"csv", "", 0, INT32_MIN, numbered(INT32_MIN), 0, "", golden("numbered.csv")},
+      {"text", "", 0, 77, waits(message(2, 43, "\x55")), 1, "damaged at offset 60: unknown record type 85", begunText},
+      {"text", "", 0, 77, sends({}), 1, "cut short at offset 0" + early, "0 messages, 0 records, 0 bytes, not whole\n"},
+      {"text", "", 0, 77, sends(begun), 1, "cut short at offset 48" + early, begunText},
+      {"text", "", 0, 77, sends(begun, all[2].substr(0, 12)), 1,
+       "cut short at offset 60: the stream ends inside a message", begunText},
+      {"text", "", 0, 77, resets, 4, "the connection broke: Connection reset by peer", begunText},
+      {"text", "", 0, 77, waits("", SIGINT), 4, "interrupted", begunText},
+      {"text", "", 0, 77, waits("", SIGTERM), 4, "interrupted", begunText},
+      {"text", "--timeout 2", 0, 77, waits(""), 3, "timed out: no more data from the board", begunText},
   };
   for (const Case &c : cases) {
-    std::vector<std::string> arguments = c.arguments;
-    arguments.insert(arguments.end(), {"--raw", path("raw")});
-    const auto behave = [&c](Visit &visit) {
-      EXPECT_EQ(visit.request().substr(0, 12), word(16) + word(c.requestType) + word(77));
-      visit.sendAcknowledged(c.messages);
-      EXPECT_TRUE(visit.nothingMoreCame());
-    };
-    EXPECT_EQ(runAgainst(behave, arguments), 0) << err();
-    EXPECT_EQ(err(), "");
-    EXPECT_EQ(contentOf(path("raw")), joined(c.messages));
-    const std::string live = out();
-    EXPECT_FALSE(live.empty());
+    SCOPED_TRACE(c.arguments + c.err + c.printed);
+    const std::string format = " --format " + c.format;
+    launch(format + " --listen 127.0.0.2 --raw raw --sequence " + std::to_string(c.sequence) + " " + c.arguments);
+    EXPECT_EQ(beginVisit(), word(16) + word(c.type) + word(c.sequence));
+    EXPECT_STREQ(inet_ntoa(requests_.sender.sin_addr), "127.0.0.2");
+    c.behave();
+    close(fd_);
+    EXPECT_EQ(command_->status(), c.status);
+    EXPECT_EQ(err(), c.err.empty() ? "" : "kep-collect: " + c.err + "\n");
+    EXPECT_EQ(out(), c.printed);
 
-    const auto format = std::find(arguments.begin(), arguments.end(), "--format");
-    const std::string name = format == arguments.end() ? "text" : *(format + 1);
-    EXPECT_EQ(run({"--replay", path("raw"), "--format", name}), 0) << err();
-    EXPECT_EQ(out(), live);
+    EXPECT_EQ(run("--replay raw" + format), c.status == 0 ? 0 : 1);
+    EXPECT_EQ(out(), c.printed);
   }
 }
 
-TEST_F(Collect, TakesMessagesInAnyPortions) {
-  const auto behave = [](Visit &visit) {
-    const std::string stream = joined(collection());
-    visit.sendBytes(stream.substr(0, 5));
-    for (size_t i = 5; i < 40; ++i) visit.sendBytes(stream.substr(i, 1));
-    visit.sendBytes(stream.substr(40));
-    for (size_t taken = 0; taken < collection().size();) {
-      const ssize_t size = visit.takeAcknowledgement();
-      ASSERT_GT(size, 0);
-      taken += static_cast<size_t>(size);
-    }
-    EXPECT_TRUE(visit.nothingMoreCame());
-  };
-  EXPECT_EQ(runAgainst(behave), 0) << err();
-}
+TEST_F(Collect, TellsWhyThereIsNoRun) {
+  const std::string port = requests_.port(), closedPort = Peer().port();
+  EXPECT_EQ(run("127.0.0.1 --timeout 0.05 --port " + port), 3);
+  EXPECT_EQ(err(), "kep-collect: timed out: no connection from 127.0.0.1 port " + port + "\n");
+  EXPECT_EQ(run("127.0.0.1 --port " + closedPort), 3);
+  EXPECT_NE(err().find("Connection refused"), std::string::npos) << err();
+  EXPECT_EQ(run(std::string(64, 'a') + ".invalid"), 3) << "no such name can exist";
 
-TEST_F(Collect, IsAnsweredAtTheAddressItListensOn) {
-  const auto behave = [](Visit &visit) {
-    EXPECT_EQ(visit.source(), "127.0.0.2");
-    visit.sendAcknowledged(collection());
-  };
-  EXPECT_EQ(runAgainst(behave, {"--listen", "127.0.0.2"}), 0) << err();
-}
-
-TEST_F(Collect, PrintsWhatWasWholeBeforeDamage) {
-  const auto behave = [](Visit &visit) {
-    std::vector<std::string> messages = collection();
-    messages.resize(5);
-    visit.sendAcknowledged(messages);
-    visit.sendBytes(message(2, 50, ""));
-    visit.serverCloses();
-  };
-  EXPECT_EQ(runAgainst(behave, {"--raw", path("raw")}), 1);
-  EXPECT_EQ(err(), "kep-collect: damaged at offset 257: sequence 50 instead of 46\n");
-  EXPECT_NE(out().find("second, \"quoted\""), std::string::npos);
-  EXPECT_NE(out().find("5 messages, 8 records, 249 bytes, not whole\n"), std::string::npos);
-
-  const std::string live = out();
-  EXPECT_EQ(run({"--replay", path("raw")}), 1);
-  EXPECT_EQ(out(), live);
-}
-
-TEST_F(Collect, TellsACutFromABreak) {
-  const auto closed = [](size_t size) {
-    return [size](Visit &visit) {
-      const std::string stream = joined(collection());
-      visit.sendAcknowledged({stream.substr(0, 16), stream.substr(16, 32)});
-      visit.sendBytes(stream.substr(48, size - 48));
-    };
-  };
-  EXPECT_EQ(runAgainst(closed(48)), 1);
-  EXPECT_EQ(err(), "kep-collect: cut short at offset 48: the stream ends before the run's last message\n");
-  EXPECT_EQ(runAgainst(closed(60)), 1);
-  EXPECT_EQ(err(), "kep-collect: cut short at offset 60: the stream ends inside a message\n");
-  EXPECT_EQ(runAgainst([](Visit &) {}), 1);
-  EXPECT_EQ(err(), "kep-collect: cut short at offset 0: the stream ends before the run's last message\n");
-
-  const auto reset = [](Visit &visit) {
-    visit.sendAcknowledged({collection()[0], collection()[1]});
-    visit.reset();
-  };
-  EXPECT_EQ(runAgainst(reset), 4);
-  EXPECT_NE(out().find("item 0 log\n"), std::string::npos);
-}
-
-TEST_F(Collect, IsBrokenOffByASignal) {
-  for (const int signal : {SIGINT, SIGTERM}) {
-    const auto behave = [this, signal](Visit &visit) {
-      visit.sendAcknowledged({collection()[0], collection()[1]});
-      command_->signal(signal);
-      visit.serverCloses();
-    };
-    EXPECT_EQ(runAgainst(behave), 4);
-    EXPECT_EQ(err(), "kep-collect: interrupted\n");
-    EXPECT_NE(out().find("2 messages, 0 records, 48 bytes, not whole\n"), std::string::npos);
-  }
-}
-
-TEST_F(Collect, GivesUpWithoutAnAnswer) {
-  EXPECT_EQ(run({"127.0.0.1", "--port", port_, "--timeout", "0.05"}), 3) << "nobody connects";
-  EXPECT_EQ(err(), "kep-collect: timed out: no connection from 127.0.0.1 port " + port_ + "\n");
-  EXPECT_EQ(out(), "");
-  const Visit unanswered(socket_);
-
-  const auto silent = [](Visit &visit) {
-    visit.sendAcknowledged({collection()[0], collection()[1]});
-    visit.serverCloses();
-  };
-  EXPECT_EQ(runAgainst(silent, {"--timeout", "2"}), 3);
-  EXPECT_EQ(err(), "kep-collect: timed out: no more data from the board\n");
-  EXPECT_NE(out().find("item 1 caf"), std::string::npos);
-
-  close(std::exchange(socket_, -1));
-  EXPECT_EQ(run({"127.0.0.1", "--port", port_}), 3) << "nobody serves";
-  EXPECT_NE(err().find("refused"), std::string::npos) << err();
-  EXPECT_EQ(run({std::string(64, 'a') + ".invalid"}), 3) << "no such name can exist";
-}
-
-TEST_F(Collect, RefusesWrongUsage) {
-  const std::string program = KEP_COLLECT_PROGRAM;
-  const std::vector<std::vector<std::string>> cases = {
-      {},
-      {""},
-      {"localhost", "extra"},
-      {"localhost", "--unknown"},
-      {"localhost", "--port", "0"},
-      {"localhost", "--port", "65536"},
-      {"localhost", "--type", "3"},
-      {"localhost", "--type", "-1"},
-      {"localhost", "--type", "0", "--selftest"},
-      {"localhost", "--sequence", "-1"},
-      {"localhost", "--sequence", "2147483648"},
-      {"localhost", "--timeout", "0"},
-      {"localhost", "--timeout", "nan"},
-      {"localhost", "--watch", "-5"},
-      {"localhost", "--format", "xml"},
-      {"localhost", "--listen", "localhost"},
-      {"localhost", "--listen", "192.0.2.1"},
-      {"localhost", "--raw", path("no/such/folder")},
-      {"--replay", path("none")},
-      {"--replay", folder_},
-      {"localhost", "--replay", program},
-      {"--replay", program, "--raw", path("raw")},
-  };
-  for (const auto &arguments : cases) {
-    EXPECT_EQ(run(arguments), 2) << ::testing::PrintToString(arguments);
-    EXPECT_NE(err(), "");
-    EXPECT_EQ(out(), "");
-  }
-}
-
-TEST_F(Collect, TakesEverySequenceABoardAnswers) {
-  for (const std::string sequence : {"0", "-2", "-2147483648", "2147483647"}) {
-    launch({"127.0.0.1", "--port", port_, "--sequence", sequence});
-    {
-      Visit visit(socket_);
-      const int32_t first = sequence == "0" ? 41 : std::stoi(sequence);  // 0 leaves the number to the board
-      EXPECT_EQ(visit.request().substr(8, 4), word(std::stoi(sequence)));
-      visit.connectBack();
-      visit.sendAcknowledged({message(0, first, "KB12"), message(1, 42, ""), message(2, 43, "")});
-    }
-    EXPECT_EQ(waitForStatus(), 0) << err();
-  }
+  expectWrongUsage("", {"", "''", "--replay none", "--replay .", "--replay err --raw raw"});
+  expectWrongUsage("localhost ", {"extra", "--unknown", "--port 0", "--port 65536", "--type 3", "--type 0 --selftest",
+                                  "--sequence -1", "--sequence 2147483648", "--timeout 0", "--timeout nan",
+                                  "--watch -5", "--format xml", "--listen localhost", "--listen 192.0.2.1",
+                                  "--raw no/such/folder", "--replay err"});
 }
 
 TEST_F(Collect, ReportsOutputItCannotWrite) {
-  const auto behave = [](Visit &visit) { visit.sendAcknowledged(collection()); };
-  outPath_ = "/dev/full";
-  EXPECT_EQ(runAgainst(behave), 4);
-  EXPECT_NE(err().find("cannot write"), std::string::npos);
-  EXPECT_EQ(run({"--help"}), 4);
-  outPath_ = path("out");
-  const auto firstOnly = [](Visit &visit) {
-    visit.sendBytes(collection()[0]);
-    visit.serverCloses();
-  };
-  EXPECT_EQ(runAgainst(firstOnly, {"--raw", "/dev/full"}), 4);
-  EXPECT_NE(err().find("cannot write"), std::string::npos);
+  for (const std::string arguments : {" --raw /dev/full", " >/dev/full"}) {
+    launch(arguments + " --sequence 77");
+    beginVisit();
+    sendBytes(collection()[0]);
+    takeAcknowledgement();
+    close(fd_);
+    EXPECT_EQ(command_->status(), 4);
+    EXPECT_NE(err().find("cannot write"), std::string::npos);
+  }
 }
 
-TEST_F(Collect, WatchesUntilInterrupted) {
-  const auto serve = [this](const std::vector<std::string> &messages) {
-    Visit visit(socket_);
-    visit.connectBack();
-    visit.sendAcknowledged(messages);
-  };
-  const auto launchEvery = [this](const std::string &seconds) {
-    launch({"127.0.0.1", "--port", port_, "--sequence", "77", "--format", "csv", "--watch", seconds});
-  };
-  const auto countOf = [this](const std::string &line) {
-    const std::string text = out();
-    const std::regex regex(line);
-    return std::distance(std::sregex_iterator(text.begin(), text.end(), regex), std::sregex_iterator());
-  };
-
-  launchEvery("0.01");
-  serve(collection());
-  serve({collection()[0]});  // a run that fails does not end the watch
-  serve(collection());
-  const Visit unanswered(socket_);
+TEST_F(Collect, WatchesUntilInterruptedWhateverBecomesOfARun) {
+  launch(" --sequence 77 --format csv --watch 2");
+  for (const Strings &messages : {Strings{collection()[0]}, collection()}) {
+    beginVisit();
+    sendAcknowledged(messages);
+    close(fd_);
+  }
+  EXPECT_EQ(waitFor("out", "\nvalue,(65535)"), "65535");
   command_->signal(SIGINT);
-  EXPECT_EQ(waitForStatus(), 4);
-  EXPECT_EQ(countOf("row,item,"), 1);
-  EXPECT_EQ(countOf("value,65535,"), 2);
-
-  launchEvery("1000");
-  serve(collection());
-  for (int i = 0; i < kPatienceMs && countOf("value,65535,") == 0; ++i) usleep(1000);
-  command_->signal(SIGINT);
-  EXPECT_EQ(waitForStatus(), 0) << "the signal came between two runs";
+  EXPECT_EQ(command_->status(), 1) << "of the last run that was not whole";
+  EXPECT_EQ(out(), golden("collection.csv").insert(37, "identity,,,,,,4b420000\n")) << "the header comes once";
 }
 
-// The names in `text` that `pattern` captures, in order and each once.
-TEST_F(Collect, HelpsAsItsManPageDoes) {
-  ASSERT_EQ(run({"--help"}), 0);
-  const std::string page = contentOf(KEP_COLLECT_MAN_PAGE);
-  EXPECT_EQ(namesIn(out(), "--([a-z]+)"), namesIn(page, "Fl (?:h , )?-([a-z]+)"));
-  EXPECT_EQ(namesIn(out(), "\n  ([0-9])  "), namesIn(page, "\n\\.It ([0-9])\n"));
-}
+TEST_F(Collect, HelpsAsItsManPageDoes) { expectHelpAsInManPage(); }
 
 }  // namespace

@@ -1,13 +1,16 @@
-// command.hpp: a command run by a test, its files and its man page.
+// command.hpp: a command run by a test in a folder of its own, the peer that it talks to, its man page.
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -16,69 +19,126 @@
 #include <utility>
 #include <vector>
 
+using Strings = std::vector<std::string>;
+
 constexpr int kPatienceMs = 20'000;  // a test that waits this long has failed
 
 inline std::string contentOf(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
   std::ostringstream content;
-  content << file.rdbuf();
+  content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
 }
 
-inline sockaddr_in loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  return address;
-}
-
-// What the pattern's first group matches in a text.
-inline std::set<std::string> namesIn(const std::string &text, const std::string &pattern) {
-  const std::regex regex(pattern);
-  std::set<std::string> names;
-  for (std::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) names.insert((*it)[1]);
-  return names;
-}
-
-// One run of a command, its output and diagnostics in these files. It ends with the object at the latest.
+// One run of the program under test, its arguments as a shell takes them. It writes the files "out" and "err", unless
+// the arguments redirect it, and ends with the object at the latest.
 class Command {
  public:
-  Command(std::string program, std::vector<std::string> arguments, std::string outPath, std::string errPath)
-      : outPath_(std::move(outPath)), errPath_(std::move(errPath)) {
-    arguments.insert(arguments.begin(), std::move(program));
-    std::vector<char *> argv;
-    for (std::string &argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    unlink(errPath_.c_str());  // what an earlier run said is not ours
-    child_ = fork();
+  explicit Command(const std::string &arguments) : child_(fork()) {
     if (child_ != 0) return;
-    dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-    dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-    alarm(kPatienceMs / 1000);  // holds for the command, too
-    execv(argv[0], argv.data());
+    alarm(kPatienceMs / 1000);  // holds for the program, too
+    execl("/bin/sh", "sh", "-c", ("exec '" KEP_PROGRAM "' >out 2>err " + arguments).c_str(), nullptr);
     _exit(127);
   }
-  Command(const Command &) = delete;
-  Command &operator=(const Command &) = delete;
+  Command &operator=(Command &&) = delete;
   ~Command() {
     if (child_ > 0) kill(child_, SIGKILL);
     status();
   }
 
-  std::string out() const { return contentOf(outPath_); }
-  std::string err() const { return contentOf(errPath_); }
   void signal(int number) const { kill(child_, number); }
 
-  // Waits for the end: the exit status, or 1000 and the signal.
+  // Waits for the end: the exit status, or -1 when a signal was the end.
   int status() {
-    int status = 0;
-    if (child_ <= 0 || waitpid(std::exchange(child_, 0), &status, 0) <= 0) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+    int status = -1;
+    if (child_ > 0) waitpid(std::exchange(child_, 0), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
  private:
-  std::string outPath_;
-  std::string errPath_;
-  pid_t child_ = 0;
+  pid_t child_;
+};
+
+// A UDP socket of the test's own on loopback.
+struct Peer {
+  Peer() {
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), size), 0);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size);
+    const timeval patience = {kPatienceMs / 1000, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  }
+  Peer &operator=(Peer &&) = delete;
+  ~Peer() { close(fd); }
+
+  std::string port() const { return std::to_string(ntohs(address.sin_port)); }
+
+  void send(const std::string &bytes, const sockaddr_in &to) const {
+    EXPECT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+  std::string receive() {
+    char bytes[2000];
+    socklen_t size = sizeof sender;
+    const ssize_t received = recvfrom(fd, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&sender), &size);
+    return {bytes, static_cast<size_t>(std::max<ssize_t>(received, 0))};
+  }
+
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in address{};
+  sockaddr_in sender{};  // of the last datagram received
+};
+
+// Works in a folder of its own.
+class CommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = ::testing::TempDir() + "kep-XXXXXX";
+    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+    std::filesystem::current_path(folder_);
+  }
+  void TearDown() override {
+    std::filesystem::current_path("/");
+    std::filesystem::remove_all(folder_);
+  }
+
+  static int run(const std::string &arguments) { return Command(arguments).status(); }
+  static std::string out() { return contentOf("out"); }
+  static std::string err() { return contentOf("err"); }
+
+  // Waits until a file holds what the pattern says; returns what its first group matches.
+  static std::string waitFor(const std::string &path, const std::string &pattern) {
+    for (int i = 0; i < kPatienceMs; ++i, usleep(1000)) {
+      const std::set<std::string> found = namesIn(contentOf(path), pattern);
+      if (!found.empty()) return *found.begin();
+    }
+    return "";
+  }
+
+  static void expectWrongUsage(const std::string &start, const Strings &cases) {
+    for (const std::string &arguments : cases) {
+      EXPECT_EQ(run(start + arguments), 2) << arguments;
+      EXPECT_NE(err(), "");
+      EXPECT_EQ(out(), "");
+    }
+  }
+
+  static void expectHelpAsInManPage() {
+    ASSERT_EQ(run("--help"), 0);
+    const std::string page = contentOf(KEP_MAN_PAGE);
+    EXPECT_EQ(namesIn(out(), "[ ,]--([a-z-]+)"), namesIn(page, "Fl (?:h , )?-([a-z-]+)"));
+    EXPECT_EQ(namesIn(out(), "\n  ([0-9])  "), namesIn(page, "\n\\.It ([0-9])\n"));
+    EXPECT_EQ(run("--help >/dev/full"), 4) << "broken off";
+  }
+
+ private:
+  static std::set<std::string> namesIn(const std::string &text, const std::string &pattern) {
+    const std::regex regex(pattern);
+    const std::sregex_token_iterator found(text.begin(), text.end(), regex, 1);
+    return {found, std::sregex_token_iterator()};
+  }
+
+  std::string folder_;
 };
