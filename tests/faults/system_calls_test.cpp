@@ -72,7 +72,8 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
       {exchange, "poll", ENOMEM, 1, 0, 16},
       {exchange, "poll", EINTR, 3, 16, 16},
       {exchange, "recvfrom", ENOMEM, 1, -1, 16},
-      {outwait, "poll", EINTR, kOn, 0, 0},  // signals do not put off the end
+      {exchange, "recvfrom", EAGAIN, 3, 16, 16},  // there seemed to be a datagram
+      {outwait, "poll", EINTR, kOn, 0, 0},        // signals do not put off the end
       {waitFor, "recvfrom", ENOMEM, 1, -1, 77},
       {waitFor, "recvfrom", EINTR, 3, 77, 77},
       {clockRuns, "gettimeofday", EPERM, 1, 0, 1},
@@ -118,10 +119,12 @@ Fates fatesOf(const Fates &fates, size_t n) {
 class FailingRuns : public Runs {
  protected:
   // False when there was no call number `n`.
-  bool failsAndRecovers(int32_t type, const Fault &fault, int n) {
+  bool failsAndRecovers(int32_t type, const Fault &fault, int n, int32_t limitMs) {
     fault_ = &fault;
     n_ = n;
+    CollectClient_SetTimeout(limitMs, limitMs, limitMs);
     meet(type, {}, fatesOf(fault.fates, static_cast<size_t>(n)));
+    CollectClient_SetTimeout(0, 0, 0);
     recover(type);
     return isMet_;
   }
@@ -143,29 +146,66 @@ class FailingRuns : public Runs {
 
 TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
   const Fault faults[] = {
-      {false, "socket", EMFILE, 1, "c."},     {false, "connect", ECONNREFUSED, 1, "c."},
-      {false, "connect", EINTR, 1, "."},      {true, "fcntl", ENOMEM, 1, "cc."},
-      {true, "getsockopt", ENOBUFS, 1, "c."}, {true, "poll", ENOMEM, 1, "crs"},
-      {true, "poll", EINTR, 3, "."},          {false, "send", ENOBUFS, 1, "s."},
-      {false, "send", ECONNRESET, kOn, "s"},  {false, "send", EINTR, 3, "."},
-      {true, "send", EAGAIN, 3, "."},         {false, "send", 0, kOn, ".", 1},  // a byte at a time
+      {false, "socket", EMFILE, 1, "c."},
+      {false, "connect", ECONNREFUSED, 1, "c."},
+      {false, "connect", EINTR, 1, "."},
+      {true, "fcntl", ENOMEM, 1, "cc."},
+      {true, "getsockopt", ENOBUFS, 1, "c."},
+      {true, "poll", ENOMEM, 1, "crs"},
+      {true, "poll", EINTR, 3, "."},
+      {false, "send", ENOBUFS, 1, "s."},
+      {false, "send", ECONNRESET, kOn, "s"},
+      {false, "send", EINTR, 3, "."},
+      {true, "send", EAGAIN, 3, "."},
+      {false, "send", 0, kOn, ".", 1},      // a byte at a time
       {false, "send", ENOBUFS, 2, "s", 1},  // nothing may follow a message cut short
-      {false, "recv", ENOMEM, 1, "r."},       {false, "recv", ECONNRESET, kOn, "r"},
-      {false, "recv", EINTR, 3, "."},         {false, "localtime", EOVERFLOW, kOn, "."},
+      {false, "recv", ENOMEM, 1, "r."},
+      {false, "recv", ECONNRESET, kOn, "r"},
+      {false, "recv", EINTR, 3, "."},
+      {true, "recv", EAGAIN, 3, "."},
+      {false, "localtime", EOVERFLOW, kOn, "."},
   };
   for (const int32_t limitMs : {0, 60000}) {
-    CollectClient_SetTimeout(limitMs, limitMs, limitMs);
     for (const Fault &fault : faults) {
       for (const int32_t type : {2, host::kSelfTest}) {
         if (fault.needsLimits && limitMs == 0) continue;
         int n = 1;
-        while (failsAndRecovers(type, fault, n) && !HasFailure()) ++n;
+        while (failsAndRecovers(type, fault, n, limitMs) && !HasFailure()) ++n;
         EXPECT_GT(n, 1) << "not called";
         ASSERT_FALSE(HasFailure()) << fault.call << " " << n << ": " << std::strerror(fault.error) << ", limit "
                                    << limitMs << ", type " << type;
       }
     }
   }
+}
+
+TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
+  for (const Fault &fault : {Fault{true, "send", EAGAIN, kOn, "s"}, Fault{true, "recv", EAGAIN, kOn, "rs"}}) {
+    failsAndRecovers(0, fault, 1, 20);
+  }
+}
+
+// ---- the service
+
+TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
+  static std::atomic<bool> hasReturned{false};
+  Server server;
+  StdoutCapture output;
+  std::thread([] {
+    const Plan plan("recvfrom", ENOMEM, 1, 5);
+    Collect_Init(0);
+    hasReturned = true;
+  }).detach();
+  std::vector<uint32_t> pauses;
+  while (pauses.size() < 5 && !hasReturned) {
+    for (const uint32_t pause : platform::takeDelays()) pauses.push_back(pause);
+  }
+  ASSERT_FALSE(hasReturned) << "port 9099 is in use";
+  ask(wire::request(16, 0, 5, server.port()), 9099);
+  EXPECT_EQ(wire::wordAt(server.messages().at(0), 8), 5);
+  EXPECT_TRUE(platform::takeDelays().empty());
+  EXPECT_EQ(pauses, std::vector<uint32_t>(5, 1000));
+  EXPECT_EQ(output.take(), "size=16\n");
 }
 
 // ---- the configuration query
