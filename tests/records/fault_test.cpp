@@ -42,10 +42,7 @@ class Faults : public testing::Test {
     return file ? withoutTimes(std::string(std::istreambuf_iterator<char>(file), {})) : "none";
   }
 
-  static std::string printed() {
-    ZuPrint_ShowEx("", 0);
-    return withoutTimes(platform::takePrinted());
-  }
+  static std::string printed() { return withoutTimes(platform::takePrinted()); }
 };
 
 // Digits in pairs stand for bytes, 'text' for itself, T for a time.
@@ -75,9 +72,8 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   ZuFault_SetRunLog(disk, 2, 0, "run"), ZuFault_SetRunLog(disk, 0, 0, "");
   ZuFault_SetInitLog(net, 1, 0, "up"), ZuFault_SetInitLog(net, 0, 0, "shown");
   ZuFault_SetRunLog(net, 3, 0, "late");
-  EXPECT_EQ(printed(), "shown\n");
   ZuFault_ShowInitLog(net), ZuFault_ShowRunLog(net);
-  EXPECT_EQ(printed(), "MM/DD HH:MI:SS\nup\nMM/DD HH:MI:SS\nshown\nMM/DD HH:MI:SS\nlate\n");
+  EXPECT_EQ(printed(), "shown\nMM/DD HH:MI:SS\nup\nMM/DD HH:MI:SS\nshown\nMM/DD HH:MI:SS\nlate\n");
   EXPECT_EQ(g_ZuFault_Info, nullptr);
 
   ZuFault_Ignore(net, 2);  // log lines, not values

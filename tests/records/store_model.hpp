@@ -83,11 +83,8 @@ class StoreModel {
     if (static_cast<uint32_t>(id) >= 2000) return;
     uint8_t &byte = switches_[static_cast<size_t>(id / 8)];
     const int bit = 1 << id % 8;
-    if (mode == 2 || mode == 3) {
-      switches_.fill(mode == 2 ? 0xFF : 0);
-    } else {
-      byte = static_cast<uint8_t>(mode == 1 ? byte | bit : byte & ~bit);
-    }
+    byte = static_cast<uint8_t>(mode == 1 ? byte | bit : byte & ~bit);
+    if (mode == 2 || mode == 3) switches_.fill(mode == 2 ? 0xFF : 0);
   }
 
   // One step towards `need` free bytes: 1 there is room, 2 call again, 0 impossible.
@@ -121,7 +118,8 @@ class StoreModel {
     if (std::memcmp(data, image.data(), image.size()) != 0) {
       return "byte at" + describe({std::mismatch(image.begin(), image.end(), data).first - image.begin()});
     }
-    return walkDifference(store, {}, image) + walkDifference(store, key, image);
+    const std::string all = walkDifference(store, {}, image);
+    return key.empty() ? all : all + walkDifference(store, key, image);
   }
 
  private:

@@ -96,13 +96,13 @@ class StoreSteps {
 
   Results packInPlace() {
     const std::string key = makeKey() + "k", value = makeValue(key.size());
-    const int expected = model_.pack(key, value);
-    const int result = ZuInfo_PackPre(store_, key.c_str(), oneIn(2) ? 0 : length(key), length(value));
-    if (!result || !expected) return {result, expected};
+    const Results results(ZuInfo_PackPre(store_, key.c_str(), oneIn(2) ? 0 : length(key), length(value)),
+                          model_.pack(key, value));
+    if (results != Results(1, 1)) return results;
     if (!value.empty()) std::memcpy(ZuMem_Get(store_->block, store_->writeOffset), value.data(), value.size());
     store_->writeOffset += static_cast<uint32_t>(value.size());
     store_->freeSize -= length(value);
-    return {result, expected};
+    return results;
   }
 
   Results addInfo() {

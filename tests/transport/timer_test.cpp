@@ -71,8 +71,7 @@ class Timers : public testing::Test {
 
 TEST_F(Timers, AreCalledOneIntervalAfterTheirLastPass) {
   EXPECT_EQ(ZuTimer_Regist(onTime<0>, 1000), 1);
-  ZuTimer_Regist(onTime<1>, 250);
-  ZuTimer_Regist(onTime<2>, 0);
+  ZuTimer_Regist(onTime<1>, 250), ZuTimer_Regist(onTime<2>, 0);
   thirdAnswers = 0;
   EXPECT_EQ(callsIn(11), "c0@5000 b250@5300 b250@5600 b250@5900 a1000@6000 ");
   EXPECT_EQ(shown(),
@@ -89,8 +88,7 @@ TEST_F(Timers, ShareTheStampOfTheirPass) {
 
 TEST_F(Timers, MayBeRegisteredByACallback) {
   EXPECT_EQ(callsIn(2), "") << "nothing registered";
-  ZuTimer_Regist(registerAnother, 0);
-  ZuTimer_Regist(nullptr, 0);
+  ZuTimer_Regist(registerAnother, 0), ZuTimer_Regist(nullptr, 0);
   EXPECT_EQ(callsIn(1), "") << "not in the same pass, though at the list's end and due";
   EXPECT_EQ(callsIn(2), "b0@5300 b0@5400 ");
   EXPECT_EQ(shown(), "current tm=5500\nlast=5200,interval=0,status=0,times=1\nlast=5400,interval=0,status=1,times=2\n");
