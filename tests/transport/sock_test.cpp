@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "support/platform_double.hpp"
 #include "transport/own_network.hpp"
 
 namespace {
@@ -25,7 +26,10 @@ std::string arrived(int fd, int flags = MSG_DONTWAIT) {
 
 class Datagrams : public testing::Test {
  protected:
-  ~Datagrams() override { ZuSock_UDP_Close(device_), ZuSock_UDP_Close(server_); }
+  ~Datagrams() override {
+    ZuSock_UDP_Close(device_), ZuSock_UDP_Close(server_);
+    EXPECT_EQ(platform::takePrinted(), "");
+  }
 
   void reply(const std::string &text) const {
     ZuSock_UDP_SendMessage(server_, "127.0.0.1", portOf(device_), text.data(), static_cast<int>(text.size()));
