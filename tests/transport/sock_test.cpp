@@ -53,13 +53,11 @@ TEST_F(Datagrams, SocketsAreBoundWhereAskedOrNotAtAll) {
   const int port = portOf(device_), bound = ZuSock_UDP_Create("127.0.0.3", port);
   EXPECT_EQ(portOf(bound), port);
   EXPECT_EQ(ZuSock_UDP_Create("127.0.0.3", port), -1) << "taken";
-  for (const int fd : {ZuSock_UDP_Create("127.0.0.4", 0), ZuSock_UDP_Create(nullptr, port)}) {
-    EXPECT_GT(fd, bound);
-    EXPECT_LT(fd, bound + 3) << "the one that could not be bound was closed";
-    EXPECT_EQ(portOf(fd), 0);
-    ZuSock_UDP_Close(fd);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-  }
+  const int unbound = ZuSock_UDP_Create("127.0.0.4", 0), another = ZuSock_UDP_Create(nullptr, port);
+  EXPECT_EQ(unbound, bound + 1) << "the one that could not be bound was closed";
+  EXPECT_EQ(portOf(unbound) + portOf(another), 0);
+  ZuSock_UDP_Close(unbound), ZuSock_UDP_Close(another);
+  EXPECT_EQ(fcntl(unbound, F_GETFD), -1);
   ZuSock_UDP_Close(bound), ZuSock_UDP_Close(-1);
 }
 
