@@ -10,11 +10,12 @@
 
 namespace {
 
-const std::string kTime = "####/##/## ##:##:##|", kShortTime = "##/## ##:##:##|";
+const std::string kTime = "####/##/## ##:##:##\n", kShortTime = "##/## ##:##:##\n";
 
-std::string echoed() {
-  ZuPrint_ShowEx("", 0);  // what has no line end yet
-  return platform::takePrinted();
+// Digits masked: the lines of these tests have none.
+std::string masked(std::string text) {
+  for (char &c : text) c = c >= '0' && c <= '9' ? '#' : c;
+  return text;
 }
 
 class Logger : public testing::Test {
@@ -25,186 +26,122 @@ class Logger : public testing::Test {
   }
   ~Logger() override { ZuLogger_Release(logger_); }
 
-  void open(uint32_t flags) {
-    ZuLogger_Release(logger_);
-    logger_ = ZuLogger_New(flags);
+  int write(int level, const std::string &text) { return ZuLogger_Write(logger_, level, text.c_str()); }
+
+  static std::string echoed() {
+    ZuPrint_ShowEx("", 0);  // what has no line end yet
+    return platform::takePrinted();
   }
 
-  int write(int level, const std::string &text) {
-    const StdoutCapture quiet;
-    return ZuLogger_Write(logger_, level, text.c_str());
-  }
-
-  // Every record as key and value, digits masked: the lines of these tests have none.
+  // What is shown of the records kept, and their keys.
   std::string kept() {
-    std::string text;
+    ZuLogger_ShowInfo(logger_);
+    std::string text = echoed();
     int32_t cursor = -1;
-    const uint8_t *key = nullptr, *value = nullptr;
-    uint8_t keyLength = 0;
-    uint16_t length = 0;
-    while (ZuInfo_Get(logger_->store, nullptr, 0, &cursor, &key, &keyLength, &value, &length)) {
-      text.append(reinterpret_cast<const char *>(key), keyLength) += ' ';
-      text.append(reinterpret_cast<const char *>(value), length) += '|';
-    }
+    char format[256];
+    while (ZuInfo_GetPack(logger_->store, &cursor, format, nullptr)) text += format + 1;
     return masked(text);
   }
 
-  static std::string masked(std::string text) {
-    for (char &c : text) c = c >= '0' && c <= '9' ? '#' : c;
-    return text;
-  }
-
-  ZuLogger *logger_ = nullptr;
+  ZuLogger *logger_ = ZuLogger_New(255);
 };
 
-TEST_F(Logger, KeepsTimeAndLineUnderTheKeyOfTheLevel) {
-  open(255);
-  EXPECT_EQ(logger_->store, nullptr);
-  EXPECT_EQ(write(1, "abc"), 23 + 7);
-  EXPECT_EQ(logger_->store->limit, 0x100000U);
-  EXPECT_EQ(kept(), "l " + kTime + "l abc|");
-  for (const int level : {0, 2, 3, 4, -1}) EXPECT_EQ(write(level, ""), 23 + 4) << level;
-  const std::string l = "l " + kTime + "l |";
-  EXPECT_EQ(kept(), "l " + kTime + "l abc|" + l + "w " + kTime + "w |" + "e " + kTime + "e |" + l + l);
-  ZuLogger_ClearInfo(logger_);
-  EXPECT_EQ(kept(), "");
-  EXPECT_EQ(write(2, "a"), 23 + 5);
-}
-
-TEST_F(Logger, RefusesLevelsWithoutTheirFlag) {
-  for (uint32_t flags = 0; flags < 16; ++flags) {
-    open(0);
-    ZuLogger_SetFlag(logger_, 0x40 | 0x80 | flags);
-    for (int level = -1; level <= 5; ++level) {
-      const bool accepted = level < 0 || level > 3 || (flags & 1U << level) != 0;
-      EXPECT_EQ(write(level, "x"), accepted ? 28 : -1) << flags << " " << level;
-      EXPECT_EQ(!echoed().empty(), accepted) << flags << " " << level;
-    }
-  }
-}
-
-TEST_F(Logger, EchoesByLevelAndQuietly) {
-  const auto echoes = [this](uint32_t flags, const char *text) {
-    open(flags);
-    std::string all;
-    for (int level = 0; level <= 4; ++level) {
-      EXPECT_EQ(write(level, text), -1) << "echoed, not kept";
-      all += echoed() + "|";
-    }
-    return all;
+TEST_F(Logger, AcceptsEchoesAndAnswersByFlagsAndLevel) {
+  const struct {
+    uint32_t flags;
+    const char *text, *told;  // of the levels -1 to 4
+  } cases[] = {
+      {0x8F, "x%d", "-1x%d\n|-1x%d|-1x%d\n|-1x%d\n|-1x%d\n|-1x%d\n|"},
+      {0x9F, "x%d", "-1|-1x%d|-1|-1|-1x%d\n|-1|"},
+      {0x9F, "", "-1|-1|-1|-1|-1\n|-1|"},
+      {0x40, "x", "28|-1|-1|-1|-1|28|"},
+      {0x43, "", "27|27|27|-1|-1|27|"},
+      {0xC5, "x", "28x\n|28x|-1|28x\n|-1|28x\n|"},
+      {0xCF, "", "27|27|27|27|27|27|"},
   };
-  EXPECT_EQ(echoes(0x8F, "x%d"), "x%d|x%d\n|x%d\n|x%d\n|x%d\n|");
-  EXPECT_EQ(echoes(0x9F, "x%d"), "x%d|||x%d\n||");
-  EXPECT_EQ(echoes(0x8F, ""), "|||||");
-  EXPECT_EQ(echoes(0x9F, ""), "|||\n||");
-  EXPECT_EQ(echoes(0x0F, "x"), "|||||");
-  EXPECT_EQ(echoes(0x1F, "x"), "|||||");
-  EXPECT_EQ(logger_->store, nullptr);
+  for (const auto &c : cases) {
+    ZuLogger_SetFlag(logger_, c.flags);
+    ZuLogger_ClearInfo(logger_);
+    std::string told;
+    for (int level = -1; level <= 4; ++level) {
+      told += std::to_string(write(level, c.text));
+      told += echoed() + "|";
+    }
+    EXPECT_EQ(told, c.told) << c.flags;
+  }
+  const std::string line = kTime + "\n";
+  EXPECT_EQ(kept(), line + line + line + line + line + line + "llllllwweell");
+  EXPECT_EQ(logger_->store->limit, 0x100000U);
 }
 
 TEST_F(Logger, AppendsWhateverTheFlagsAndEchoesLevel0) {
-  open(0);
+  ZuLogger_SetFlag(logger_, 0), ZuLogger_SetFlag(nullptr, 0), ZuLogger_Append(logger_, 0, 0, nullptr);
   for (const int level : {0, 1, 3}) ZuLogger_Append(logger_, level, 7, level == 1 ? "" : "x");
   ZuLogger_Append(logger_, 0, 7, "");
   EXPECT_EQ(echoed(), "x\n");
-  const std::string empty = "l " + kShortTime + "l |";
-  EXPECT_EQ(kept(), "l " + kShortTime + "l x|" + empty + "e " + kShortTime + "e x|" + empty);
-  ZuLogger_Ignore(logger_, 1);
+  const std::string empty = kShortTime + "\n", x = kShortTime + "x\n", all = x + empty + x + empty + "lllleell";
+  EXPECT_EQ(kept(), all);
+  EXPECT_EQ(ZuLogger_Write(logger_, -1, nullptr), -1);
+  ZuLogger_Ignore(logger_, 1), ZuLogger_Ignore(nullptr, 1);
   ZuLogger_Append(logger_, 0, 0, "y");
   EXPECT_EQ(write(0, "y"), 0);
   EXPECT_EQ(echoed(), "");
-  EXPECT_EQ(masked(kept()).find('y'), std::string::npos);
+  EXPECT_EQ(kept(), all);
 }
 
 TEST_F(Logger, AddsUpWhatItsStoreAnswers) {
-  open(0xFF);
-  ZuLogger_SetInfoSize(logger_, 1024);
+  ZuLogger_ShowInfo(logger_), ZuLogger_ClearInfo(logger_);  // no store yet
+  ZuLogger_SetInfoSize(nullptr, 1), ZuLogger_SetInfoSize(logger_, 1024);
   EXPECT_EQ(write(1, std::string(1021, 'x')), 23 - 1) << "the line alone is too long";
   ZuLogger_SetInfoSize(logger_, 4096);
-  EXPECT_EQ(logger_->storeSize, 1024U) << "settled with the store";
   EXPECT_EQ(write(1, std::string(1020, 'x')), 23 + 1024);
-  EXPECT_EQ(kept(), "l " + std::string(1020, 'x') + "|") << "the line takes the place of its time";
+  EXPECT_EQ(kept(), std::string(1020, 'x') + "\nl") << "the line takes the place of its time";
   ZuInfo_Ignore(logger_->store, 1);
   EXPECT_EQ(write(1, "x"), 0);
 }
 
-TEST_F(Logger, ShowsRecordsLineByLine) {
-  open(0x4F);
+TEST_F(Logger, ShowsRecordsLineByLineAndPausesAtEveryHundredth) {
+  ZuLogger_SetFlag(logger_, 0x4F), ZuLogger_SetInfoSize(logger_, 0);
   for (const char *line : {"a", "", "b%s\n"}) write(1, line);
-  const std::string time = kTime.substr(0, kTime.size() - 1) + "\n",
-                    expected = time + "a\n" + time + "\n" + time + "b%s\n\n";
-  ZuLogger_ShowInfo(logger_);
-  EXPECT_EQ(masked(echoed()), expected);
+  const std::string expected = kTime + "a\n" + kTime + "\n" + kTime + "b%s\n\n";
+  EXPECT_EQ(kept(), expected + "llllll");
   ZuLogger_ShowToBuf(logger_, reinterpret_cast<ZuBuf *>(uintptr_t{100}));
   EXPECT_EQ(masked(echoed()), expected);
-
-  ZuBuf *buffer = ZuBuf_New(1, 16, 0);
+  ZuBuf *buffer = ZuBuf_New(1, 16, 1 << 20);
   ZuLogger_ShowToBuf(logger_, buffer);
+  EXPECT_EQ(echoed(), "");
+  EXPECT_EQ(platform::takeDelays(), (std::vector<uint32_t>{1000, 1000, 1000}));
   void *text = nullptr;
   ZuBuf_Get(buffer, 0, &text);
   EXPECT_EQ(masked({static_cast<char *>(text), ZuBuf_Length(buffer)}), expected);
-  EXPECT_EQ(echoed(), "");
-  ZuBuf_Release(buffer);
-}
 
-TEST_F(Logger, PausesAfterTheFirstOfEveryHundredRecords) {
-  ZuBuf *buffer = ZuBuf_New(1, 16, 1 << 20);
-  open(0x4F);
-  ZuLogger_SetInfoSize(logger_, 0);
-  write(1, "x");
-  const auto pauses = [&](int records) {
-    const StdoutCapture quiet;
+  for (const auto &[records, pauses] : {std::pair(100, 1U), {101, 2}, {65537, 657}}) {  // a counter of 16 bits
     ZuInfo_Clear(logger_->store);
     for (int i = 0; i < records; ++i) ZuInfo_Append(logger_->store, "l", 1, "x", 1);
     ZuLogger_ShowToBuf(logger_, buffer);
-    const std::vector<uint32_t> delays = platform::takeDelays();
-    for (const uint32_t ms : delays) EXPECT_EQ(ms, 1000U);
-    return delays.size();
-  };
-  EXPECT_EQ(pauses(0), 0U);
-  EXPECT_EQ(pauses(1), 1U);
-  EXPECT_EQ(pauses(100), 1U);
-  EXPECT_EQ(pauses(101), 2U);
-  EXPECT_EQ(pauses(201), 3U);
-  EXPECT_EQ(pauses(65536), 656U);
-  EXPECT_EQ(pauses(65537), 657U) << "the counter has 16 bits and starts again";
+    EXPECT_EQ(platform::takeDelays().size(), pauses);
+  }
   ZuBuf_Release(buffer);
 }
 
 TEST_F(Logger, StacksHeadersAndCutsTexts) {
-  open(0);
-  ZuLogger_Tail(logger_);
-  EXPECT_EQ(logger_->headerDepth, -1);
+  ZuLogger_SetFileName(nullptr, "x"), ZuLogger_SetUDP(nullptr, "x", 1), ZuLogger_Header(nullptr, "x");
+  ZuLogger_Header(logger_, nullptr), ZuLogger_Tail(nullptr), ZuLogger_Tail(logger_);
   for (int i = 0; i < 101; ++i) ZuLogger_Header(logger_, std::to_string(i).c_str());
-  EXPECT_EQ(logger_->headerDepth, 99);
-  EXPECT_STREQ(logger_->headers[98], "98");
-  EXPECT_STREQ(logger_->headers[99], "100");
+  EXPECT_EQ(logger_->headers[0] + std::string(" ") + logger_->headers[98] + " " + logger_->headers[99], "0 98 100");
   ZuLogger_Tail(logger_);
+  EXPECT_EQ(logger_->headerDepth, 98);
   const std::string text(600, 'x');
   ZuLogger_Header(logger_, text.c_str());
+  ZuLogger_SetFileName(logger_, text.c_str()), ZuLogger_SetFileName(logger_, nullptr);
+  ZuLogger_SetUDP(logger_, text.c_str(), 1), ZuLogger_SetUDP(logger_, nullptr, 4711);
   EXPECT_EQ(logger_->headers[99], text.substr(0, 49));
-  ZuLogger_SetFileName(logger_, text.c_str());
-  ZuLogger_SetUDP(logger_, text.c_str(), 4711);
   EXPECT_EQ(logger_->fileName, text.substr(0, 499));
-  EXPECT_EQ(logger_->udpHost, text.substr(0, 19));
-  EXPECT_EQ(logger_->udpPort, 4711);
+  EXPECT_EQ(logger_->udpHost + std::to_string(logger_->udpPort), text.substr(0, 19) + "4711");
 
   const int descriptor = logger_->descriptor = dup(STDOUT_FILENO);
-  open(0);
+  ZuLogger_Release(std::exchange(logger_, nullptr));
   EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "closed with its logger";
-}
-
-TEST_F(Logger, DoesNothingWithoutAHandle) {
-  ZuLogger_Release(nullptr), ZuLogger_Ignore(nullptr, 1), ZuLogger_SetInfoSize(nullptr, 1),
-      ZuLogger_SetFlag(nullptr, 1);
-  ZuLogger_SetFileName(nullptr, "x"), ZuLogger_SetUDP(nullptr, "x", 1), ZuLogger_Header(nullptr, "x");
-  ZuLogger_Tail(nullptr), ZuLogger_Append(nullptr, 0, 0, "x"), ZuLogger_ShowInfo(nullptr), ZuLogger_ClearInfo(nullptr);
-  EXPECT_EQ(ZuLogger_Write(nullptr, 0, "x"), -1);
-  EXPECT_EQ(echoed(), "");
-  EXPECT_EQ(g_kep_logger, nullptr);
-  open(255);
-  ZuLogger_ShowInfo(logger_), ZuLogger_ClearInfo(logger_);  // nor without a store
-  EXPECT_TRUE(platform::takeDelays().empty());
 }
 
 }  // namespace
