@@ -1,5 +1,5 @@
 /* ZuSock.h: datagram sockets (IPv4), with addresses as dotted text and ports as plain integers. No call is cut short by
- * a signal. */
+ * a signal. Nothing here keeps any state. */
 #ifndef KEP_ZUSOCK_H
 #define KEP_ZUSOCK_H
 

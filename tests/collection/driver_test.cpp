@@ -55,7 +55,8 @@ TEST_F(Runs, RunsAgainstEveryKindOfPeer) {
                                         << (limited ? ", limited" : ""));
         if (limited) setLimits(peer.limit);
         if (peer.limit == kSend) host::setContent(0, kFlood);
-        meet(type, peer.manner, peer.fates, peer.breaksLater);
+        const int32_t result = meet(type, peer.manner, peer.fates, peer.breaksLater);
+        EXPECT_FALSE(peer.limit == kSend && result == 1) << "nothing held it up";
         host::setContent(0);
         if (limited) setLimits(kNoLimit);
         recover(type);

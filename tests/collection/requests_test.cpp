@@ -79,9 +79,11 @@ TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
 
 constexpr int32_t kUnknownPort = 7;
 CollectStats statsAtRequest;  // as the serving thread has them when it decides on one
+std::string typesAsked;
 
-int32_t isKnown(const char *address, int32_t port, int32_t) {
+int32_t isKnown(const char *address, int32_t port, int32_t type) {
   Collect_GetStats(&statsAtRequest);
+  typesAsked += std::to_string(type);
   return port != kUnknownPort || address != std::string("127.0.0.1");
 }
 
@@ -116,7 +118,7 @@ TEST(Service, AnswersOneRequestAfterAnotherWhateverComesBetween) {
   ask("", 9099);                                     // type 0 for port 0
   ask(wire::request(17, 0, 1, last.port()), 9099);   // dropped
   ask(wire::request(16, 0, -1, last.port()), 9099);  // -1 stands for a bad request
-  ask(wire::request(16, 0, 1, kUnknownPort), 9099);
+  ask(wire::request(16, 2, 1, 0x10000 | kUnknownPort), 9099);
   ask(wire::request(16, 0, 1, breaking.port()), 9099);
   ask(wire::request(16, 3, 1, closedPort()), 9099);
   ask(wire::request(16, 1, -7, last.port()), 9099, "127.0.0.2");  // the answer goes where the request came from
@@ -125,6 +127,7 @@ TEST(Service, AnswersOneRequestAfterAnotherWhateverComesBetween) {
             "size=16\nsize=16\nsize=16\nsize=16\nsize=0\nconnect error.\nsize=16\nsize=16\nsize=16\n"
             "size=16\nrecv error.\nsize=16\nconnect error.\nsize=16\n");
   EXPECT_EQ(g_collect_param.logger, nullptr);
+  EXPECT_EQ(typesAsked, "012302031");
   EXPECT_EQ(statsAtRequest.refused, 1U);
   EXPECT_EQ(statsAtRequest.finishedRuns, 4U);
   EXPECT_EQ(statsAtRequest.failedRuns, 3U);

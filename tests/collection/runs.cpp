@@ -74,7 +74,7 @@ Runs::~Runs() {
 
 Runs::Holdings Runs::holdings() { return {openDescriptors(), platform::liveBlocks(), platform::liveBytes()}; }
 
-void Runs::meet(int32_t type, const Manner &manner, Fates fates, bool breaksLater) {
+int32_t Runs::meet(int32_t type, const Manner &manner, Fates fates, bool breaksLater) {
   const host::Run run(type, 77, lastNumber_);
   Counters expected = counters();
   std::vector<std::string> arrived;
@@ -113,4 +113,5 @@ void Runs::meet(int32_t type, const Manner &manner, Fates fates, bool breaksLate
   if (outcome.result == 0 && outcome.tried > 0) held = {flat_[0], flat_[1] + 1, flat_[2] + 1036 + 4};  // a send buffer
   EXPECT_EQ(holdings(), held);
   if (outcome.tried > 0) lastNumber_ += static_cast<int32_t>(outcome.tried) - 1;  // the first has the request's
+  return result;
 }

@@ -19,7 +19,8 @@ class Runs : public testing::Test {
 
   // Makes a run against this server: its result, texts, log and messages, what it counts and what it holds afterwards.
   // The fates of one that breaks off later than the server does are for the system to say, if not earlier than these.
-  void meet(int32_t type, const Manner &manner, Fates fates, bool breaksLater = false);
+  // Returns the run's result.
+  int32_t meet(int32_t type, const Manner &manner, Fates fates, bool breaksLater = false);
 
   // A good one, byte for byte, after which nothing is left of those before.
   void recover(int32_t type) { meet(type, {}, "."); }

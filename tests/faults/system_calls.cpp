@@ -10,8 +10,10 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 static thread_local Plan *plans;  // the latest first
+static thread_local int longestWait;
 
 Plan::Plan(const char *call, int error, int nth, int times, size_t count)
     : call_(call), error_(error), nth_(nth), times_(times), count_(count), next_(plans) {
@@ -41,6 +43,8 @@ bool Plan::fails(const char *call, size_t *count) {
   if (error != 0) errno = error;
   return error != 0;
 }
+
+int takeLongestWait() { return std::exchange(longestWait, 0); }
 
 // WRAP(result, name, (parameters), value of a failure, arguments...)
 #define WRAP(result, name, parameters, failure, ...) \
@@ -77,6 +81,7 @@ int __wrap_connect(int fd, const sockaddr *name, socklen_t size) {
 
 int __real_poll(pollfd *sockets, nfds_t count, int timeoutMs);
 int __wrap_poll(pollfd *sockets, nfds_t count, int timeoutMs) {
+  longestWait = std::max(longestWait, timeoutMs < 0 ? INT_MAX : timeoutMs);
   if (timeoutMs == 0 || !Plan::fails("poll")) return __real_poll(sockets, count, timeoutMs);
   const int error = errno;
   __real_poll(nullptr, 0, 1);  // an interruption comes after a while

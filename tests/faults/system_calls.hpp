@@ -30,3 +30,6 @@ class Plan {
   int calls_ = 0;
   bool isAsked_ = false;
 };
+
+// The longest time that a poll of this thread was given since the last call, in ms; INT_MAX: for ever.
+int takeLongestWait();
