@@ -112,6 +112,11 @@ void checkUse() {
 // Asks for a run and compares what the server gets with the first messages of a whole one.
 void run(int32_t type, const Manner &manner, size_t count) {
   const char *address = manner.ending == Manner::kFallsSilent ? kSilentServer : kServer;
+  static Server refusing({0, Manner::kRefuses}, kServer);  // keeps its port: the host may try it after the next request
+  if (manner.ending == Manner::kRefuses) {
+    ask(wire::request(16, type, runs, refusing.port()), kRequestPort, kServer);
+    return;
+  }
   Server server(manner, address);
   ask(wire::request(16, type, runs, server.port()), kRequestPort, address);
   const std::vector<std::string> messages = host::withoutTimes(server.messages());
