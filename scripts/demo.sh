@@ -4,7 +4,7 @@
 # --threads they are built with ThreadSanitizer, and with --memcheck run under valgrind, and the first report ends them
 # and the demo. Writes into build/ only.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
 kind=${1-}
@@ -30,6 +30,16 @@ case "$kind" in
   *) echo "usage: scripts/demo.sh [--board | --threads | --memcheck]" >&2; exit 2 ;;
 esac
 
+# isBound PORT: whether a UDP socket of this machine is bound to the port.
+isBound() {
+  awk -v port="$(printf '%04X' "$1")" '{ split($2, at, ":"); if (at[2] == port) found = 1 } END { exit !found }' /proc/net/udp
+}
+
+# Before anything is touched: another demo may be running, in this very checkout.
+for port in 9099 8999; do
+  ! isBound "$port" || { echo "demo.sh: UDP port $port is in use by another program" >&2; exit 1; }
+done
+
 need "${packages[@]}"
 
 say "building"
@@ -44,19 +54,27 @@ if [ -n "$kind" ]; then
   quietly "$host/build.log" cmake --build "$host" --target kep-board kep-station
 fi
 
+fail() {
+  echo "demo.sh: $*" >&2
+  exit 1
+}
+
 pids=()
+outputs=()
 endAll() {
   [ ${#pids[@]} -eq 0 ] && return
   kill "${pids[@]}" 2>/dev/null || true
   wait "${pids[@]}" 2>/dev/null || true
   pids=()
 }
-trap '[ $? -eq 0 ] || tail -n 100 "$host"/*.out >&2; endAll' EXIT
 
-fail() {
-  echo "demo.sh: $*" >&2
-  exit 1
+# The programs end first, whatever becomes of the rest.
+cleanUp() {
+  local status=$?
+  endAll
+  [ $status -eq 0 ] || [ ${#outputs[@]} -eq 0 ] || tail -n 100 "${outputs[@]}" >&2 || true
 }
+trap cleanUp EXIT
 
 # stop: ends the programs, all of which must have lived until now.
 stop() {
@@ -65,15 +83,12 @@ stop() {
   endAll
 }
 
-# isBound PORT: whether a UDP socket of this machine is bound to the port.
-isBound() { awk '{ print $2 }' /proc/net/udp | grep -q "$(printf ':%04X$' "$1")"; }
-
 # launch NAME PORT COMMAND...: starts a program and waits until it serves on its UDP port. The port was free before, so
-# who holds it then is the program, as long as that lives.
+# who holds it then is the program, as long as that lives: one that cannot have it ends.
 launch() {
   local name=$1 port=$2 tries=100
   shift 2
-  isBound "$port" && fail "UDP port $port is in use by another program"
+  outputs+=("$host/$name.out")
   "$@" >"$host/$name.out" 2>&1 &
   pids+=($!)
   until isBound "$port"; do

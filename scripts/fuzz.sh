@@ -3,7 +3,7 @@
 # fuzz/corpus. What they find in passing stays in build/fuzz/corpus; an input that breaks something is kept in
 # build/fuzz/artifacts, named on the way out, and ends the script with a failure.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
 seconds=${1:-60}

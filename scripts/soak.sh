@@ -2,7 +2,7 @@
 # soak.sh [SECONDS]: a host serves collection runs back to back for so long (60 by default), one in ten broken by its
 # server. Fails at a wrong byte, and when the host's memory or descriptors grow. Takes UDP port 9099 on loopback.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
 seconds=${1:-60}

@@ -3,7 +3,7 @@
 # the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and on the board (under
 # qemu). With --all also under valgrind, with their coverage, a while of fuzzing, and a soak.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
 case "${1-}" in
@@ -50,6 +50,7 @@ say "the demo: on the host, under ThreadSanitizer, on the board${all:+, under va
 for kind in '' --threads --board ${all:+--memcheck}; do
   quietly build/demo.log scripts/demo.sh $kind
 done
+quietly build/scripts.log tests/scripts/scripts_test.sh
 
 if [ -n "$all" ]; then
   scripts/fuzz.sh 10

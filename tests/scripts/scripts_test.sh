@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# scripts_test.sh: the scripts find their folder from anywhere, and a demo that fails leaves nothing behind.
+set -euo pipefail
+CDPATH='' cd "$(dirname "$0")/../.."
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failed=0
+check() { [ "$1" = "$2" ] || { echo "scripts_test.sh: $3: $1, not $2" >&2; failed=1; }; }
+
+# Wrong usage is found behind the way to the repository, which a CDPATH with a folder of the same name would mislead.
+mkdir "$work/scripts"
+for script in scripts/*.sh; do
+  [ "$script" != scripts/common.sh ] || continue
+  status=0
+  CDPATH=$work "$script" --no-such-option >"$work/usage" 2>&1 || status=$?
+  check "$status" 2 "exit status of $script for wrong usage, with a CDPATH"
+done
+
+# A demo fails while its host runs, at its wc, and not even tail works then. In its place a second one is tried.
+mkdir "$work/bin"
+cat >"$work/bin/wc" <<STUB
+#!/bin/sh
+scripts/demo.sh >"$work/second" 2>&1
+ls build/demo/kep-board.out build/demo/kep.log >"$work/kept"
+exit 1
+STUB
+printf '#!/bin/sh\nexit 1\n' >"$work/bin/tail"
+chmod +x "$work"/bin/*
+status=0
+PATH=$work/bin:$PATH scripts/demo.sh >"$work/first" 2>&1 || status=$?
+check "$status" 1 "exit status of a demo that fails"
+check "$(cat "$work/second")" "demo.sh: UDP port 9099 is in use by another program" "what a second demo says"
+check "$(grep -c . "$work/kept")" 2 "files of the first demo that the second left"
+check "$(awk '$2 ~ /:238B$/' /proc/net/udp)" "" "who is left on port 9099"
+exit $failed
