@@ -19,8 +19,7 @@ class PlainRing {
  public:
   PlainRing() : bytes_(kRingSize, 0xFF) {}
 
-  // A call, as the library's are; inlined with its sizes it would be folded into a few stores.
-  __attribute__((noinline)) void append(const unsigned char *record, size_t size) {
+  CALLED void append(const unsigned char *record, size_t size) {
     if (write_ + size > bytes_.size()) {
       write_ = 0;
       free_ = 0;
@@ -39,7 +38,8 @@ class PlainRing {
       return;
     }
     const size_t keyLength = bytes_[read_];
-    const size_t size = keyLength + 3 + (bytes_[read_ + keyLength + 1] << 8 | bytes_[read_ + keyLength + 2]);
+    const size_t valueLength = size_t(bytes_[read_ + keyLength + 1]) << 8 | bytes_[read_ + keyLength + 2];
+    const size_t size = keyLength + 3 + valueLength;
     std::memset(&bytes_[read_], 0xFF, size);
     read_ += size;
     free_ += size;
@@ -59,47 +59,48 @@ std::vector<unsigned char> makeRecord(size_t keyLength, size_t valueLength) {
   return record;
 }
 
-void appendToStore(benchmark::State &state, int32_t valueLength) {
+// ---- append at a full ring
+
+void kepAppend(Run &run, int32_t valueLength) {
   ZuInfo *info = ZuInfo_New(kRingSize);
   const char value[64] = "value";
   for (uint32_t i = 0; i < kRingSize; ++i) ZuInfo_Append(info, "k1", 2, value, valueLength);
-  for (auto _ : state) benchmark::DoNotOptimize(ZuInfo_Append(info, "k1", 2, value, valueLength));
+  run.time([&] { keep(ZuInfo_Append(info, "k1", 2, value, valueLength)); });
   ZuInfo_Release(info);
 }
 
-void copyToRing(benchmark::State &state, size_t valueLength) {
+void plainAppend(Run &run, size_t valueLength) {
   PlainRing ring;
   const std::vector<unsigned char> record = makeRecord(2, valueLength);
-  for (auto _ : state) ring.append(record.data(), record.size());
+  for (uint32_t i = 0; i < kRingSize; ++i) ring.append(record.data(), record.size());
+  run.time([&] { ring.append(record.data(), record.size()); });
 }
 
-void append8(benchmark::State &state) { appendToStore(state, 8); }
-void append64(benchmark::State &state) { appendToStore(state, 64); }
-void copy8(benchmark::State &state) { copyToRing(state, 8); }
-void copy64(benchmark::State &state) { copyToRing(state, 64); }
-BENCHMARK(append8);
-BENCHMARK(copy8);
-BENCHMARK(append64);
-BENCHMARK(copy64);
-const Ratio ratio8("append of 8 bytes at a full ring / plain copy", "append8", "copy8");
-const Ratio ratio64("append of 64 bytes at a full ring / plain copy", "append64", "copy64");
+void kepAppend8(Run &run) { kepAppend(run, 8); }
+void kepAppend64(Run &run) { kepAppend(run, 64); }
+void plainAppend8(Run &run) { plainAppend(run, 8); }
+void plainAppend64(Run &run) { plainAppend(run, 64); }
 
-void logLine(benchmark::State &state) {
+const Row append8("append of 8 bytes at a full ring of 64 KiB", 1, kepAppend8, plainAppend8, {2.0, 1.6});
+const Row append64("append of 64 bytes at a full ring of 64 KiB", 1, kepAppend64, plainAppend64, {});
+
+// ---- kept log line
+
+void kepLine(Run &run) {
   ZuLogger *logger = ZuLogger_New(0x42);  // level 1 kept, nothing echoed
   ZuLogger_SetInfoSize(logger, kRingSize);
   for (int i = 0; i < 2000; ++i) ZuLogger_Write(logger, 1, kLine);
-  for (auto _ : state) benchmark::DoNotOptimize(ZuLogger_Write(logger, 1, kLine));
+  run.time([&] { keep(ZuLogger_Write(logger, 1, kLine)); });
   ZuLogger_Release(logger);
 }
-BENCHMARK(logLine);
 
 // The time text of a second is made once; each line asks for the second and copies both.
-void copyLine(benchmark::State &state) {
+void plainLine(Run &run) {
   PlainRing ring;
   std::vector<unsigned char> timeRecord = makeRecord(1, 19);
   const std::vector<unsigned char> line = makeRecord(1, sizeof kLine - 1);
   time_t second = 0;
-  for (auto _ : state) {
+  run.time([&] {
     const time_t now = time(nullptr);
     if (now != second) {
       char text[32];
@@ -109,9 +110,9 @@ void copyLine(benchmark::State &state) {
     }
     ring.append(timeRecord.data(), timeRecord.size());
     ring.append(line.data(), line.size());
-  }
+  });
 }
-BENCHMARK(copyLine);
-const Ratio ratioLine("kept log line / two copies and a cached time", "logLine", "copyLine");
+
+const Row line("kept log line", 1, kepLine, plainLine, {1.7, 0.6});
 
 }  // namespace

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# bench.sh [--quick] [--instructions] [FILTER]: what calls cost beside the plainest code that does the same and beside
+# other libraries, as one table; of the cases whose names have FILTER, an expression, in them. With --instructions it
+# counts those instead of time: slow, but the same in every run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+
+need "${build_packages[@]}" pkg-config valgrind \
+  libsmartcols-dev libglib2.0-dev libfmt-dev libspdlog-dev libmsgpack-dev libzmq3-dev
+
+say "building the benchmarks"
+quietly build/bench.log cmake --preset bench
+quietly build/bench.log cmake --build --preset bench
+
+build/bench/bench/kep-bench "$@"
