@@ -40,7 +40,8 @@ struct Store {
 
 constexpr uint8_t kFree = 0xFF;
 constexpr int32_t kFirstBlockSize = 1024;
-constexpr uint32_t kSizeUnit = 1024;        // limits and grown blocks are multiples of it
+constexpr uint32_t kSizeUnit = 1024;  // limits and grown blocks are multiples of it
+constexpr uint32_t kLargestBlock = INT32_MAX / kSizeUnit * kSizeUnit;
 constexpr int64_t kLargestGrowth = 262144;  // 256 KiB a step, unless one record needs more
 constexpr uint32_t kIdCount = 8 * sizeof(ZuInfo::idSwitches);
 constexpr int32_t kLongestKey = 254;
@@ -102,6 +103,11 @@ void dropBlock(ZuInfo *info) {
 
 // ---- making room
 
+// The size from which on the block evicts instead of growing: its limit, or that of the largest block there can be.
+uint32_t largestSize(const ZuInfo *info) {
+  return info->limit == 0 || info->limit > kLargestBlock ? kLargestBlock : info->limit;
+}
+
 void readFromStart(ZuInfo *info) {
   info->readOffset = 0;
   info->freeSize = static_cast<int32_t>(blockSize(info) - info->writeOffset);
@@ -141,8 +147,9 @@ int64_t growthFor(const ZuInfo *info, int64_t need) {
 
 int32_t growBlock(ZuInfo *info, int32_t need) {
   const uint32_t oldSize = blockSize(info);
-  const int64_t growth = growthFor(info, need);
-  if (oldSize + growth > INT32_MAX) return 0;  // no block is that large: refused with the records intact
+  const int64_t wanted = growthFor(info, need);
+  const int64_t left = largestSize(info) - oldSize;
+  const int64_t growth = wanted < left ? wanted : left;
   const auto newSize = static_cast<int32_t>(oldSize + growth);
   if (kTrace) ZuLogger_Dump(info);
   ZuMem *larger = ZuMem_realloc(info->block, newSize);
@@ -376,9 +383,8 @@ int32_t ZuInfo_FreeSize_(ZuInfo *info, int32_t need) {
     std::fflush(stdout);
   }
   if (need <= info->freeSize) return 1;
-  if (info->limit > 0 && static_cast<uint32_t>(need) > info->limit) return 0;
-  if (info->limit > 0 && blockSize(info) >= info->limit) return evictOne(info, need);
-  return growBlock(info, need);
+  if (static_cast<uint32_t>(need) > largestSize(info)) return 0;
+  return blockSize(info) >= largestSize(info) ? evictOne(info, need) : growBlock(info, need);
 }
 
 int32_t ZuInfo_Append(ZuInfo *info, const void *key, int32_t keyLen, const void *value, int32_t valueLen) {

@@ -6,7 +6,8 @@
  *
  * Unless the library was built without the store's trace, every step of making room is printed to standard output, and
  * when the block grows its state before and behind. When memory for the larger block is short, the records are lost and
- * the store stays without a block, refusing writes, until ZuInfo_ReSize finds a new one.
+ * the store stays without a block, refusing writes, until ZuInfo_ReSize finds a new one. A block has 0x7FFFFC00 bytes
+ * at most; one that has them is at its limit, though the store has a higher one or none.
  *
  * Nothing locks: a store belongs to one thread at a time. */
 #ifndef KEP_ZUINFO_H

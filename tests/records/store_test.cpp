@@ -59,6 +59,39 @@ TEST(Store, AnswersByTheFirstCheckThatFails) {
   EXPECT_EQ(store->limit, 0xFFFFFC00U) << "rounded as far as 32 bits go";
 }
 
+// One step in a block that is only said to be so large: being static it stays where it is when it grows, and what it
+// really has is the oldest record, of 40 bytes.
+TEST(Store, EvictsWhereNoBlockIsLarger) {
+  constexpr int32_t kLargest = 0x7FFFFC00, kFree = 7;
+  const struct {
+    uint32_t limit;
+    int32_t size, need, result, freed;
+  } cases[] = {{0, kLargest, 40, 1, 33},
+               {0, kLargest, 41, 2, 33},
+               {0, kLargest - 1024, 1032, 2, 1024},
+               {0, 0x60000000, 8, 1, 0x40000},
+               {kLargest, 0x40000000, 8, 1, kLargest - 0x40000000},
+               {0x80000000, kLargest, 8, 1, 33},
+               {0xC0000000, 0x60000000, 8, 1, 0x40000},
+               {0xC0000000, 0x60000400, 8, 1, kLargest - 0x60000400},  // straight to the limit, as far as that goes
+               {0xC0000000, kLargest, kLargest + 1, 0, 0},
+               {0xFFFFFC00, kLargest, 8, 1, 33}};
+  for (const auto &c : cases) {
+    const Store store = makeStore(c.limit);
+    struct {
+      int32_t size, isStatic;
+      char oldest[40];
+    } block = {c.size, 1, "\0\0\x25"};
+    ZuMem_Release(std::exchange(store->block, reinterpret_cast<ZuMem *>(&block)));
+    store->freeSize = kFree;
+    store->writeOffset = static_cast<uint32_t>(c.size - kFree);
+    StdoutCapture trace;
+    const std::pair step{ZuInfo_FreeSize_(store.get(), c.need), store->freeSize - kFree};  // in this order
+    trace.take();
+    EXPECT_EQ(step, std::pair(c.result, c.freed)) << c.limit << ", a block of " << c.size << ", for " << c.need;
+  }
+}
+
 TEST(Store, SaysHowItMakesRoom) {
   const Store store = makeStore(2000);
   StdoutCapture capture;
