@@ -191,6 +191,7 @@ TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
 
 TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
   static std::atomic<bool> hasReturned{false};
+  platform::takeDelays();  // of the logs that were shown before
   Server server;
   StdoutCapture output;
   std::thread([] {
