@@ -14,6 +14,7 @@ namespace {
 
 constexpr char kBroadcast[] = "<BROADCAST>";
 constexpr char kBroadcastAddress[] = "255.255.255.255";
+constexpr int kLargestPort = UINT16_MAX;
 
 // False for a text that is no dotted address.
 bool makeAddress(const char *text, int port, sockaddr_in *out) {
@@ -49,7 +50,7 @@ int ZuSock_UDP_Create(const char *addressText, int port) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0 || !addressText || port < 1) return fd;
   sockaddr_in address;
-  if (!makeAddress(addressText, port, &address) ||
+  if (port > kLargestPort || !makeAddress(addressText, port, &address) ||
       bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     close(fd);
     return -1;
@@ -63,7 +64,8 @@ void ZuSock_UDP_Close(int fd) {
 
 int ZuSock_UDP_SendMessage(int fd, const char *addressText, int port, const void *data, int length) {
   if (!addressText) return 0;
-  if (!data || *static_cast<const char *>(data) == '\0' || port < 0 || length < 0) return -1;
+  if (!data || *static_cast<const char *>(data) == '\0' || length < 0) return -1;
+  if (port < 0 || port > kLargestPort) return -1;
   const int broadcast = std::strcmp(addressText, kBroadcast) == 0;
   setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &broadcast, sizeof broadcast);
   sockaddr_in address;

@@ -10,7 +10,7 @@ extern "C" {
 #endif
 
 /* Makes a socket and, when addressText is not NULL and port is 1 or more, binds it there. Returns its descriptor,
- * closed with ZuSock_UDP_Close, or -1. */
+ * closed with ZuSock_UDP_Close, or -1, also for a port above 65535 to bind to. */
 KEP_API int ZuSock_UDP_Create(const char *addressText, int port);
 
 /* Closes a descriptor; a negative one is ignored. */
@@ -18,8 +18,8 @@ KEP_API void ZuSock_UDP_Close(int fd);
 
 /* Sends one datagram of `length` bytes to a dotted address, or to the local network's broadcast address when
  * addressText is "<BROADCAST>"; the socket's permission to broadcast is switched accordingly. Returns the bytes sent,
- * or -1 on failure, and for NULL data, data that begin with a zero byte, and a negative port or length; 0 for a NULL
- * address. */
+ * or -1 on failure, and for NULL data, data that begin with a zero byte, a negative length, and a port below 0 or above
+ * 65535; 0 for a NULL address. */
 KEP_API int ZuSock_UDP_SendMessage(int fd, const char *addressText, int port, const void *data, int length);
 
 /* Waits for one datagram, of which it keeps `size` bytes at most and writes a 0 behind them: `buffer` has room for size

@@ -53,8 +53,9 @@ TEST_F(Datagrams, SocketsAreBoundWhereAskedOrNotAtAll) {
   const int port = portOf(device_), bound = ZuSock_UDP_Create("127.0.0.3", port);
   EXPECT_EQ(portOf(bound), port);
   EXPECT_EQ(ZuSock_UDP_Create("127.0.0.3", port), -1) << "taken";
+  EXPECT_EQ(ZuSock_UDP_Create("127.0.0.4", 0x10000 + port), -1) << "no port";
   const int unbound = ZuSock_UDP_Create("127.0.0.4", 0), another = ZuSock_UDP_Create(nullptr, port);
-  EXPECT_EQ(unbound, bound + 1) << "the one that could not be bound was closed";
+  EXPECT_EQ(unbound, bound + 1) << "those that could not be bound were closed";
   EXPECT_EQ(portOf(unbound) + portOf(another), 0);
   ZuSock_UDP_Close(unbound), ZuSock_UDP_Close(another);
   EXPECT_EQ(fcntl(unbound, F_GETFD), -1);
@@ -67,7 +68,8 @@ TEST_F(Datagrams, AreRefusedBeforeTheyAreSent) {
     return ZuSock_UDP_SendMessage(device_, "127.0.0.2", to, data, length);
   };
   EXPECT_EQ(ZuSock_UDP_SendMessage(device_, nullptr, -1, nullptr, 1), 0) << "no address comes first";
-  for (const int result : {send(port, nullptr, 1), send(port, "\0x", 2), send(-1, "x", 1), send(port, "x", -1)}) {
+  for (const int result : {send(port, nullptr, 1), send(port, "\0x", 2), send(-1, "x", 1), send(port, "x", -1),
+                           send(0x10000 + port, "x", 1)}) {
     EXPECT_EQ(result, -1);
   }
   EXPECT_EQ(arrived(server_), "-");
