@@ -1,6 +1,5 @@
-// request.cpp: request datagrams of any form and size over loopback. Which are taken, and what is read from them, is
-// found here a second time.
-#include <arpa/inet.h>
+// request.cpp: request datagrams of any form and size, in the name of any sender, over loopback. Which are taken, and
+// what is read from them, is found here a second time.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <kep/Collect.h>
 #include <kep/CollectClient.h>
@@ -8,6 +7,7 @@
 
 #include <cstring>
 
+#include "collection/forged_sender.hpp"
 #include "require.hpp"
 
 namespace {
@@ -18,15 +18,13 @@ sockaddr_in sg_board{};
 char sg_printed[64];  // for one datagram
 
 // Bound to a port of the system's choice.
-int openSocket(in_addr host, sockaddr_in *addressOut) {
+int openBoard() {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr = host;
-  auto *raw = reinterpret_cast<sockaddr *>(&address);
-  socklen_t size = sizeof address;
-  require(bind(fd, raw, size) == 0 && getsockname(fd, raw, &size) == 0 ? "" : "no loopback");
-  if (addressOut) *addressOut = address;
+  sg_board.sin_family = AF_INET;
+  sg_board.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  auto *address = reinterpret_cast<sockaddr *>(&sg_board);
+  socklen_t size = sizeof sg_board;
+  require(bind(fd, address, size) == 0 && getsockname(fd, address, &size) == 0 ? "" : "no loopback");
   return fd;
 }
 
@@ -56,8 +54,15 @@ std::string received(int board) {
          sg_printed;
 }
 
-std::string expected(const std::string &datagram, const char *sender) {
-  const bool taken = datagram.size() <= 16 && wordAt(datagram, 0) == datagram.size() && wordAt(datagram, 4) <= 3;
+// Whether some host can have an address: not "this network", a group, or all.
+bool isHosts(uint32_t address) {
+  const uint32_t net = address >> 24;
+  return net != 0 && (net < 224 || net > 239) && address != 0xFFFFFFFF;
+}
+
+std::string expected(const std::string &datagram, uint32_t address, const char *sender) {
+  const bool taken =
+      datagram.size() <= 16 && wordAt(datagram, 0) == datagram.size() && wordAt(datagram, 4) <= 3 && isHosts(address);
   return (taken ? describe(wordAt(datagram, 8), wordAt(datagram, 4), sender, wordAt(datagram, 12)) + "10"
                 : describe(0xFFFFFFFF, 99, "nobody", 99) + "11") +
          "size=" + std::to_string(datagram.size()) + "\n";
@@ -66,12 +71,12 @@ std::string expected(const std::string &datagram, const char *sender) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const int board = openSocket({htonl(INADDR_LOOPBACK)}, &sg_board);
+  static const int board = openBoard(), server = socket(AF_INET, SOCK_DGRAM, 0);
   static FILE *const output = fmemopen(sg_printed, sizeof sg_printed, "w");
   stdout = output;  // memory is faster than a file
   FuzzedDataProvider in(data, size);
-  const in_addr sender = {htonl(in.ConsumeIntegralInRange<uint32_t>(INADDR_LOOPBACK, 0x7FFFFFFE))};
-  const int server = openSocket(sender, nullptr);
+  const auto sender = in.ConsumeIntegral<uint32_t>();
+  forgedSender = inet_ntoa({htonl(sender)});
   while (in.remaining_bytes() > 0) {
     const size_t length = in.ConsumeIntegral<uint8_t>();
     std::string datagram = in.ConsumeBytesAsString(length);
@@ -79,8 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const ssize_t sent =
         sendto(server, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&sg_board), sizeof sg_board);
     require(sent == static_cast<ssize_t>(datagram.size()) ? "" : "loopback refuses a datagram");
-    requireEqual(received(board), expected(datagram, inet_ntoa(sender)));
+    requireEqual(received(board), expected(datagram, sender, forgedSender));
   }
-  close(server);
   return 0;
 }

@@ -208,6 +208,13 @@ ssize_t receiveRequest(int fd, uint8_t *request, sockaddr_in *sender) {
   return size;
 }
 
+// A datagram can claim any sender. What connects to 0.0.0.0 meets the board itself, past an access rule that refuses
+// its loopback addresses.
+bool canBeOneHost(in_addr address) {
+  const in_addr_t host = ntohl(address.s_addr);
+  return host >> 24 != 0 && !IN_MULTICAST(host) && host != INADDR_BROADCAST;
+}
+
 }  // namespace
 
 CollectStats &collectStats() { return l_stats; }
@@ -238,7 +245,8 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
 
   uint32_t length, type, sequence, port;
   ZuBuffer_UNPack("IIII", request, &length, &type, &sequence, &port);
-  if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount) {
+  if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount ||
+      !canBeOneHost(sender.sin_addr)) {
     ++l_stats.dropped;
     return -1;
   }

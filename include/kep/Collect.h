@@ -86,7 +86,7 @@ KEP_API void Collect_SetAccess(CollectAccess access);
 /* What the service has done since the process began; the counters wrap. */
 typedef struct CollectStats {
   uint32_t datagrams;    /* received */
-  uint32_t dropped;      /* of them, those that broke a rule */
+  uint32_t dropped;      /* of them, those that broke a rule of CollectClient_WaitFor */
   uint32_t refused;      /* by the access callback */
   uint32_t finishedRuns; /* collections and self-tests */
   uint32_t failedRuns;

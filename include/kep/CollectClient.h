@@ -34,9 +34,10 @@ extern "C" {
 KEP_API int CollectClient_Init(void);
 
 /* Waits for one request datagram on `fd` and prints its size as "size=%ld\n" to standard output. A datagram whose
- * length field is not its true length, or whose type is above 3, is dropped. id0 and id1 are not used. On success
- * stores the type, the sender's dotted address (16 bytes) and the port field, and returns the request's sequence.
- * Returns -1 for a dropped datagram or a negative `fd`; and, after a pause through VRK_Delay, when the socket fails. */
+ * length field is not its true length, whose type is above 3, or whose sender cannot be one host (0.x.x.x, a multicast
+ * address, 255.255.255.255), is dropped. id0 and id1 are not used. On success stores the type, the sender's dotted
+ * address (16 bytes) and the port field, and returns the request's sequence. Returns -1 for a dropped datagram or a
+ * negative `fd`; and, after a pause through VRK_Delay, when the socket fails. */
 KEP_API int32_t CollectClient_WaitFor(int fd, uint8_t id0, uint8_t id1, uint32_t *typeOut, char *addrTextOut,
                                       int32_t *portOut);
 

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "collection/forged_sender.hpp"
 #include "collection/host.hpp"
 #include "support/platform_double.hpp"
 
@@ -29,17 +30,17 @@ std::string waitOn(int fd) {
   return describe(sequence, type, address, port);
 }
 
-// By the rules: the true length, a known type, and 0 for what a shorter datagram does not bring.
+// By the rules for its bytes: the true length, a known type, and 0 for what a shorter datagram does not bring.
 std::string expectedFor(const std::string &datagram) {
   const std::string seen = (datagram + std::string(16, '\0')).substr(0, 16);
   const auto type = static_cast<uint32_t>(wire::wordAt(seen, 4));
   if (datagram.size() > 16 || wire::wordAt(seen, 0) != static_cast<int32_t>(datagram.size()) || type > 3) {
     return dropped;
   }
-  return describe(wire::wordAt(seen, 8), type, "127.0.0.3", wire::wordAt(seen, 12));
+  return describe(wire::wordAt(seen, 8), type, forgedSender ? forgedSender : "127.0.0.3", wire::wordAt(seen, 12));
 }
 
-TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
+TEST(Requests, AreTakenOnlyWithTheirTrueLengthAKnownTypeAndAHostsAddress) {
   int32_t port;
   const int board = openSocket(SOCK_DGRAM, "127.0.0.1", &port);
   CollectStats before, after;
@@ -47,9 +48,10 @@ TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
   std::string sizes;
   uint32_t cases = 0, drops = 0;
   StdoutCapture output;
-  const auto check = [&](size_t size, int64_t length, int64_t type, int64_t sequence, int64_t serverPort) {
+  const auto check = [&](size_t size, int64_t length, int64_t type, int64_t sequence, int64_t serverPort,
+                         bool isHosts = true) {
     const std::string whole = wire::request(length, type, sequence, serverPort) + std::string(kLongest, '\1');
-    const std::string datagram = whole.substr(0, size), expected = expectedFor(datagram);
+    const std::string datagram = whole.substr(0, size), expected = isHosts ? expectedFor(datagram) : dropped;
     ask(datagram, port, "127.0.0.3");
     ASSERT_EQ(waitOn(board), expected) << size << ", said to be " << length << ", type " << type;
     sizes += "size=" + std::to_string(size) + "\n";
@@ -65,6 +67,13 @@ TEST(Requests, AreTakenOnlyWithTheirTrueLengthAndAKnownType) {
       }
     }
   }
+  for (const char *host : {"1.0.0.0", "127.0.0.1", "223.255.255.255", "240.0.0.0", "255.255.255.254"}) {
+    forgedSender = host, check(16, 16, 2, 7, 8);
+  }
+  for (const char *none : {"0.0.0.0", "0.255.255.255", "224.0.0.0", "239.255.255.255", "255.255.255.255"}) {
+    forgedSender = none, check(16, 16, 2, 7, 8, false);
+  }
+  forgedSender = nullptr;
   EXPECT_TRUE(output.take() == sizes);  // too long to print
   EXPECT_GE(cases, 100000u);
   Collect_GetStats(&after);
