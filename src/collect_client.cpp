@@ -88,6 +88,17 @@ bool connectTo(int fd, const sockaddr_in &address) {
   return !deadline.isSet() || fcntl(fd, F_SETFL, 0) == 0;
 }
 
+// Where nobody listens, the system can give a connection of the board to itself the very port that it goes to, and the
+// board would acknowledge its own messages. A connection whose ends cannot be told is over already, as its first
+// message will find out.
+bool meetsItself(int fd) {
+  sockaddr_in own{}, peer{};
+  socklen_t ownSize = sizeof own, peerSize = sizeof peer;
+  if (getsockname(fd, reinterpret_cast<sockaddr *>(&own), &ownSize) != 0) return false;
+  if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &peerSize) != 0) return false;
+  return own.sin_addr.s_addr == peer.sin_addr.s_addr && own.sin_port == peer.sin_port;
+}
+
 // Closing with an acknowledgement unread, or part of one, resets the connection, and what the system still holds back
 // of the last messages is lost; the end of the data pushes out before that what the peer's window takes.
 void closeConnection() {
@@ -112,7 +123,7 @@ bool openConnection(const char *addrText, int32_t port) {
   const int fd = aboveStandard(socket(AF_INET, SOCK_STREAM, 0));
   if (fd < 0) return false;
   const in_addr_t host = inet_addr(addrText);
-  if (host == INADDR_NONE || !connectTo(fd, addressOf(host, port))) {
+  if (host == INADDR_NONE || !connectTo(fd, addressOf(host, port)) || meetsItself(fd)) {
     close(fd);
     return false;
   }

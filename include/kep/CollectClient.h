@@ -43,7 +43,7 @@ KEP_API int32_t CollectClient_WaitFor(int fd, uint8_t id0, uint8_t id1, uint32_t
 
 /* Begins a run: connects to the dotted address and the low 16 bits of `port`. A connection that an earlier run left
  * open is closed first. Returns 1; 0, with no connection left open, when memory is short, or, with "connect error." on
- * standard output, when the server cannot be reached. */
+ * standard output, when the server cannot be reached; also when the system connected the socket to itself. */
 KEP_API int32_t CollectClient_Start(const char *addrText, int32_t port);
 
 /* Sets the type of the messages that follow; 0 when a run begins. */

@@ -8,6 +8,7 @@
 
 #include "collection/server.hpp"
 #include "support/platform_double.hpp"
+#include "transport/own_network.hpp"
 
 namespace {
 
@@ -126,6 +127,24 @@ TEST(Client, KeepsOffTheStandardDescriptors) {
   char message[16];
   EXPECT_EQ(recv(peer, message, sizeof message, 0), 12);
   for (const int fd : {savedStdin, peer, listener}) close(fd);
+}
+
+// With nobody listening, and no other port left to connect from than the one to connect to.
+TEST(Client, DoesNotMeetItself) {
+  inOwnNetwork([] {
+    int port = 40000;
+    for (const char *board : {"10.0.0.1", "0.0.0.0"}) {
+      for (const int32_t limitMs : {0, 60000}) {
+        leaveOnePort(++port);
+        CollectClient_SetTimeout(limitMs, 0, 0);
+        const int descriptors = openDescriptors();
+        StdoutCapture output;
+        const int32_t result = CollectClient_Start(board, port);
+        EXPECT_EQ(std::to_string(result) + " " + output.take(), "0 connect error.\n") << board << ", " << limitMs;
+        EXPECT_EQ(openDescriptors(), descriptors);
+      }
+    }
+  });
 }
 
 }  // namespace

@@ -63,6 +63,8 @@ WRAP(ssize_t, recvfrom, (int fd, void *data, size_t size, int flags, sockaddr *f
 WRAP(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size), -1, fd, level, name, value,
      size)
 WRAP(int, getsockopt, (int fd, int level, int name, void *value, socklen_t *size), -1, fd, level, name, value, size)
+WRAP(int, getsockname, (int fd, sockaddr *name, socklen_t *size), -1, fd, name, size)
+WRAP(int, getpeername, (int fd, sockaddr *name, socklen_t *size), -1, fd, name, size)
 WRAP(int, fcntl, (int fd, int command, long argument), -1, fd, command, argument)
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, path, mode)
 WRAP(int, fclose, (FILE * file), (__real_fclose(file), EOF), file)  // closed all the same

@@ -153,6 +153,8 @@ TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
       {false, "connect", EINTR, 1, "."},
       {true, "fcntl", EPERM, 1, "cc."},
       {true, "getsockopt", ENOBUFS, 1, "c."},
+      {false, "getsockname", ENOBUFS, 1, "."},
+      {false, "getpeername", ENOTCONN, 1, "."},
       {true, "poll", ENOMEM, 1, "crs"},
       {true, "poll", EINTR, 3, "."},
       {false, "send", ENOBUFS, 1, "s."},

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 inline sockaddr_in socketAddress(const std::string &text, int port) {
@@ -61,9 +62,16 @@ inline bool enterOwnNetwork() {
   return made;
 }
 
+constexpr int kNoNetwork = 77;  // the status of a process that could not make its own
+
+// Leaves the system one port, for every socket of this network that is not bound to another.
+inline void leaveOnePort(int port) {
+  std::ofstream range("/proc/sys/net/ipv4/ip_local_port_range");
+  if (!(range << port << ' ' << port << std::flush)) std::_Exit(kNoNetwork);
+}
+
 // Runs a test's body in a process of its own, with a network of its own; its last statement.
 inline void inOwnNetwork(void (*body)()) {
-  constexpr int kNoNetwork = 77;
   std::fflush(nullptr);
   const pid_t child = fork();
   ASSERT_GE(child, 0);
