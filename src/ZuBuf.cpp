@@ -1,5 +1,5 @@
 // ZuBuf.cpp: a growable, zero-filled array of fixed-size elements.
-#include "kep/ZuBuf.h"
+#include "ZuBuf.hpp"
 
 #include <cstring>
 
@@ -18,10 +18,11 @@ namespace {
 
 uint64_t bytesFor(const ZuBuf *buf, uint64_t elements) { return elements * buf->elemSize; }
 
-uint8_t *makeZeroed(uint64_t size) {
+// A block whose first `used` bytes are left for the caller to write; the others are 0.
+uint8_t *makeBlock(uint64_t size, size_t used) {
   if (size > UINT32_MAX) return nullptr;
   auto *block = static_cast<uint8_t *>(ZuMem_LocalMalloc(static_cast<uint32_t>(size)));
-  if (block) std::memset(block, 0, static_cast<size_t>(size));
+  if (block) std::memset(block + used, 0, static_cast<size_t>(size) - used);
   return block;
 }
 
@@ -29,9 +30,10 @@ bool grow(ZuBuf *buf, uint64_t need) {
   uint64_t size = bytesFor(buf, need);
   const uint64_t step = buf->growStep;
   if (step > 0) size = (size + step - 1) / step * step;
-  uint8_t *block = makeZeroed(size);
+  const auto used = static_cast<size_t>(bytesFor(buf, buf->length));
+  uint8_t *block = makeBlock(size, used);
   if (!block) return false;
-  std::memcpy(block, buf->data, static_cast<size_t>(bytesFor(buf, buf->length)));
+  std::memcpy(block, buf->data, used);
   ZuMem_LocalFree(buf->data);
   buf->data = block;
   buf->capacity = static_cast<uint32_t>(size);
@@ -40,23 +42,39 @@ bool grow(ZuBuf *buf, uint64_t need) {
 
 // Makes sure that `need` elements may be written. Beside the capacity rule the block itself is asked, which is smaller
 // than the rule believes when elements are wider than a byte.
-bool reserve(ZuBuf *buf, uint64_t need) {
-  if (need > UINT32_MAX) return false;
-  if (buf->capacity >= need && bytesFor(buf, need) <= trackedSize(buf->data)) return true;
-  return grow(buf, need);
+inline bool reserve(ZuBuf *buf, uint64_t need) {
+  if (need <= buf->capacity && (buf->elemSize == 1 || bytesFor(buf, need) <= trackedSize(buf->data))) return true;
+  return need <= UINT32_MAX && grow(buf, need);
 }
 
 void put(ZuBuf *buf, uint32_t index, const void *src, uint32_t n) {
-  std::memcpy(buf->data + bytesFor(buf, index), src, static_cast<size_t>(bytesFor(buf, n)));
+  uint8_t *out = buf->data + bytesFor(buf, index);
+  const auto size = static_cast<size_t>(bytesFor(buf, n));
+  if (size == 1) {
+    *out = *static_cast<const uint8_t *>(src);  // a call for one byte would cost more than all the rest
+  } else {
+    std::memcpy(out, src, size);
+  }
 }
 
 }  // namespace
+
+void appendRun(ZuBuf *buf, char ch, uint32_t count) {
+  for (uint32_t n; count > 0; count -= n) {
+    n = 1;
+    if (!reserve(buf, uint64_t{buf->length} + 1)) continue;
+    const uint32_t room = buf->capacity - buf->length;
+    if (buf->elemSize == 1) n = count < room ? count : room;
+    std::memset(buf->data + bytesFor(buf, buf->length), ch, static_cast<size_t>(bytesFor(buf, n)));
+    buf->length += n;
+  }
+}
 
 ZuBuf *ZuBuf_New(uint32_t elemSize, uint32_t count, uint32_t growStep) {
   auto *buf = static_cast<ZuBuf *>(ZuMem_LocalMalloc(sizeof(ZuBuf)));
   if (!buf) return nullptr;
   *buf = {count, growStep ? growStep : count, elemSize, 0, nullptr};
-  buf->data = makeZeroed(bytesFor(buf, count));
+  buf->data = makeBlock(bytesFor(buf, count), 0);
   if (!buf->data) {
     ZuMem_LocalFree(buf);
     return nullptr;

@@ -20,9 +20,8 @@ namespace {
 
 constexpr uint32_t kSlack = 1;
 
-const uint8_t *byteOf(const ZuSet *set, uint32_t index) {
-  return reinterpret_cast<const uint8_t *>(set + 1) + (index / 8 + (index % 8 != 0));
-}
+// Of an index below the capacity: so large that 7 more would wrap it cannot be.
+uint8_t *byteOf(ZuSet *set, uint32_t index) { return reinterpret_cast<uint8_t *>(set + 1) + (index + 7) / 8; }
 
 uint8_t bitOf(uint32_t index) { return static_cast<uint8_t>(1U << index % 8); }
 
@@ -41,12 +40,22 @@ ZuSet *ZuSet_New(uint32_t capacity) {
 void ZuSet_Release(ZuSet *set) { ZuMem_LocalFree(set); }
 
 int32_t ZuSet_Get(const ZuSet *set, uint32_t index) {
-  return set && index < set->capacity && (*byteOf(set, index) & bitOf(index)) != 0;
+  if (!set || index >= set->capacity) return 0;
+  return *byteOf(const_cast<ZuSet *>(set), index) >> index % 8 & 1;
 }
 
 int32_t ZuSet_Set(ZuSet *set, uint32_t index, int32_t flag) {
-  if (!set || index >= set->capacity || ZuSet_Get(set, index) == (flag != 0)) return 0;
-  *const_cast<uint8_t *>(byteOf(set, index)) ^= bitOf(index);
-  set->members += flag ? 1 : -1;
+  if (!set || index >= set->capacity) return 0;
+  uint8_t *byte = byteOf(set, index);
+  const bool isMember = (*byte & bitOf(index)) != 0;
+  if (flag) {
+    if (isMember) return 0;
+    *byte |= bitOf(index);
+    ++set->members;
+  } else {
+    if (!isMember) return 0;
+    *byte &= static_cast<uint8_t>(~bitOf(index));
+    --set->members;
+  }
   return 1;
 }
