@@ -14,12 +14,15 @@ ZuListNode *makeNode(const ZuList *list, void *value) {
   return node;
 }
 
+ZuListNode *stepFrom(ZuListNode *node, int32_t steps) {
+  for (; steps > 0; --steps) node = node->next;
+  return node;
+}
+
 // The node at a position that the caller knows to lie in the list.
 ZuListNode *nodeAt(const ZuList *list, int32_t index) {
   assert(index >= 0 && index < list->count);
-  ZuListNode *node = list->head;
-  for (; index > 0; --index) node = node->next;
-  return node;
+  return stepFrom(list->head, index);
 }
 
 // Links a node behind another one; NULL: as the head.
@@ -45,18 +48,39 @@ void *unlinkBehind(ZuList *list, ZuListNode *previous) {
   return value;
 }
 
-// The first node for which `cmp` gives 0, and its position.
-ZuListNode *findNode(ZuList *list, ZuListCompare cmp, const void *key, int32_t *position) {
+// The first node for which `cmp` gives 0, and its position. The count is read afresh: `cmp` may reach the list.
+ZuListNode *findNode(const ZuList *list, ZuListCompare cmp, const void *key, int32_t *position) {
   if (!list || !cmp) return nullptr;
   ZuListNode *node = list->head;
   for (int32_t i = 0; i < list->count; ++i, node = node->next) {
+    if (cmp(node->data, key) != 0) continue;
     *position = i;
-    if (cmp(node->data, key) == 0) return node;
+    return node;
   }
   return nullptr;
 }
 
 }  // namespace
+
+ZuListNode *walkTo(const ZuList *list, ListPlace *place, int32_t index) {
+  if (index < 0 || index >= list->count) return nullptr;
+  const bool isBehind = place->node && place->index <= index;
+  place->node = isBehind ? stepFrom(place->node, index - place->index) : nodeAt(list, index);
+  place->index = index;
+  return place->node;
+}
+
+ZuListNode *extendTo(ZuList *list, ListPlace *place, int32_t index) {
+  if (index == INT32_MAX) return nullptr;
+  if (list->count > 0 && index >= list->count) walkTo(list, place, list->count - 1);
+  while (list->count <= index) {
+    ZuListNode *node = makeNode(list, nullptr);
+    if (!node) return nullptr;
+    linkBehind(list, place->node, node);
+    *place = {node, list->count - 1};
+  }
+  return walkTo(list, place, index);
+}
 
 ZuList *ZuList_New(int32_t maxLength, ZuListFree freeFunc) {
   auto *list = static_cast<ZuList *>(ZuMem_LocalMalloc(sizeof(ZuList)));
@@ -104,22 +128,13 @@ void *ZuList_Get(ZuList *list, int32_t index) {
 }
 
 void *ZuList_Set(ZuList *list, int32_t index, void *value) {
-  if (!list || index < 0 || index == INT32_MAX) return nullptr;
-  if (index < list->count) {
-    ZuListNode *node = nodeAt(list, index);
-    void *previous = node->data;
-    node->data = value;
-    return previous;
-  }
-  ZuListNode *last = list->count > 0 ? nodeAt(list, list->count - 1) : nullptr;
-  while (list->count <= index) {
-    ZuListNode *node = makeNode(list, nullptr);
-    if (!node) return nullptr;
-    linkBehind(list, last, node);
-    last = node;
-  }
-  last->data = value;
-  return nullptr;
+  if (!list) return nullptr;
+  ListPlace place = {nullptr, 0};
+  ZuListNode *node = extendTo(list, &place, index);
+  if (!node) return nullptr;
+  void *previous = node->data;  // NULL in a node that was added
+  node->data = value;
+  return previous;
 }
 
 void *ZuList_Remove(ZuList *list, int32_t index) {

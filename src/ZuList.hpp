@@ -18,6 +18,19 @@ struct ZuList {
 };
 static_assert(sizeof(void *) != 4 || sizeof(ZuList) == 16, "the board's record");
 
+// A node of a list and its position, from where walks to it and behind it begin. Without a node they begin at the head.
+struct ListPlace {
+  ZuListNode *node;
+  int32_t index;
+};
+
+// The node at a position from 0, to which the place moves; NULL when the list ends before it.
+ZuListNode *walkTo(const ZuList *list, ListPlace *place, int32_t index);
+
+// As walkTo, but a list that ends before is extended with NULL elements as far as the position. NULL when memory is
+// short on the way, and the elements already added stay; or for the index 2^31 - 1, which no count can hold.
+ZuListNode *extendTo(ZuList *list, ListPlace *place, int32_t index);
+
 // Hands out the elements of a list in order; NULL is an empty list. The list may grow at its tail meanwhile: the walk
 // ends with the element that was last when it began.
 template <typename Element>

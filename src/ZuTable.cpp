@@ -1,11 +1,13 @@
 // ZuTable.cpp: the model of a text table, its sums and widths, and its drawing.
 //
 // Columns, rows and the cells of a row are lists by index; a NULL element is a column without title, an empty row or a
-// missing cell. Passes over the table walk each list once: positions are found by walking, and rows may be many.
+// missing cell. Positions are found by walking, and rows may be many: passes over the table walk each list once, and
+// single cells are looked for from where the last one was.
 #include "kep/ZuTable.h"
 
 #include <cstring>
 
+#include "ZuBuf.hpp"
 #include "ZuList.hpp"
 #include "ZuPrint.hpp"
 #include "kep/ZuMem.h"
@@ -15,8 +17,11 @@ struct ZuTable {
   char caption[100];
   ZuList *columns;
   ZuList *rows;
+  // Where the last row was found, and the last cell in that row; forgotten when they go.
+  ListPlace lastRow;
+  ListPlace lastCell;
 };
-static_assert(sizeof(void *) != 4 || sizeof(ZuTable) == 108, "the board's record");
+static_assert(sizeof(void *) != 4 || sizeof(ZuTable) == 108 + 16, "the board's record, and what is remembered");
 
 namespace {
 
@@ -117,12 +122,6 @@ Element *elementAt(ZuList *list, int32_t index) {
   return static_cast<Element *>(index < 0 ? nullptr : ZuList_Get(list, index));
 }
 
-// Stores a new element at an index and tells whether it got there; NULL may not, and nothing is lost.
-bool keepAt(ZuList *list, int32_t index, void *element) {
-  ZuList_Set(list, index, element);
-  return ZuList_Get(list, index) == element;
-}
-
 template <typename Record>
 Record *makeRecord() {
   void *record = ZuMem_LocalMalloc(sizeof(Record));
@@ -132,21 +131,39 @@ Record *makeRecord() {
 
 // The element of a list at an index, made and stored there when there is none; NULL when that fails.
 template <typename Record>
-Record *obtain(ZuList *list, int32_t index, bool *isNew) {
-  auto *record = elementAt<Record>(list, index);
-  *isNew = !record;
-  if (record || index < 0) return record;
-  record = makeRecord<Record>();
-  if (!record || keepAt(list, index, record)) return record;
+Record *obtain(ZuList *list, ListPlace *place, int32_t index, bool *isNew) {
+  ZuListNode *node = walkTo(list, place, index);
+  *isNew = !node || !node->data;
+  if (!*isNew) return static_cast<Record *>(node->data);
+  if (index < 0) return nullptr;
+  auto *record = makeRecord<Record>();
+  node = record ? extendTo(list, place, index) : nullptr;
+  if (node) {
+    node->data = record;
+    return record;
+  }
   ZuMem_LocalFree(record);
   return nullptr;
 }
 
+void forgetPlaces(ZuTable *table) { table->lastRow = table->lastCell = {nullptr, 0}; }
+
+// The node of a row, which becomes the last one found; NULL when the table ends before it.
+ZuListNode *findRow(ZuTable *table, int32_t row) {
+  if (row != table->lastRow.index) table->lastCell = {nullptr, 0};  // it lies in another row
+  return walkTo(table->rows, &table->lastRow, row);
+}
+
 ZuList *obtainRow(ZuTable *table, int32_t row) {
-  auto *cells = elementAt<ZuList>(table->rows, row);
-  if (cells || row < 0) return cells;
-  cells = ZuList_New(0, ZuMem_LocalFree);
-  if (keepAt(table->rows, row, cells)) return cells;  // NULL too: the row then counts, and is empty
+  if (row < 0) return nullptr;
+  ZuListNode *node = findRow(table, row);
+  if (node && node->data) return static_cast<ZuList *>(node->data);
+  ZuList *cells = ZuList_New(0, ZuMem_LocalFree);
+  node = extendTo(table->rows, &table->lastRow, row);
+  if (node) {
+    node->data = cells;  // NULL too: the row then counts, and is empty
+    return cells;
+  }
   ZuList_Release(cells);
   return nullptr;
 }
@@ -183,12 +200,28 @@ void sumRow(const ZuList *columns, const ZuList *row) {
 
 // ---- drawing
 
-// Where a table is drawn to. Each line is flushed, so that a console shows it.
-class PrintCanvas {
+// Where a table is drawn to: a print object, which has each line flushed, so that a console shows it, or a buffer.
+class Canvas {
  public:
-  explicit PrintCanvas(ZuPrint *print) : print_(print) {}
-  void chars(char ch, int32_t count) { ZuPrint_PrintCh(print_, ch, count); }
-  void text(const char *text) { ZuPrint_Print(print_, text, 1); }
+  explicit Canvas(ZuPrint *print) : print_(print), buf_(nullptr) {}
+  explicit Canvas(ZuBuf *buf) : print_(nullptr), buf_(buf) {}
+
+  void chars(char ch, int32_t count) {
+    if (print_) {
+      ZuPrint_PrintCh(print_, ch, count);
+    } else if (count > 0) {
+      appendRun(buf_, ch, static_cast<uint32_t>(count));
+    }
+  }
+
+  void text(const char *text) {
+    if (print_) {
+      ZuPrint_Print(print_, text, 1);
+    } else {
+      ZuBuf_Append(buf_, text, 0);
+    }
+  }
+
   void newline() {
     chars('\n', 1);
     ZuPrint_Flush(print_);
@@ -196,18 +229,6 @@ class PrintCanvas {
 
  private:
   ZuPrint *print_;
-};
-
-class BufCanvas {
- public:
-  explicit BufCanvas(ZuBuf *buf) : buf_(buf) {}
-  void chars(char ch, int32_t count) {
-    for (; count > 0; --count) ZuBuf_Append(buf_, &ch, 1);
-  }
-  void text(const char *text) { ZuBuf_Append(buf_, text, 0); }
-  void newline() { chars('\n', 1); }
-
- private:
   ZuBuf *buf_;
 };
 
@@ -222,14 +243,12 @@ bool totalWidth(const ZuTable *table, int32_t *out) {
   return true;
 }
 
-template <typename Canvas>
 void drawCentred(Canvas &canvas, const char *text, int32_t length, int32_t width) {
   canvas.chars(' ', (width - length) / 2);
   canvas.text(text);
   canvas.chars(' ', (width + 1 - length) / 2);
 }
 
-template <typename Canvas>
 void drawCaption(Canvas &canvas, const ZuTable *table, int32_t width) {
   if (!*table->caption) return;
   canvas.chars('*', width);
@@ -241,7 +260,6 @@ void drawCaption(Canvas &canvas, const ZuTable *table, int32_t width) {
   canvas.newline();
 }
 
-template <typename Canvas>
 void drawTitles(Canvas &canvas, const ZuTable *table) {
   ZuTableColumn *column;
   for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
@@ -256,7 +274,6 @@ void drawTitles(Canvas &canvas, const ZuTable *table) {
   canvas.newline();
 }
 
-template <typename Canvas>
 void drawCell(Canvas &canvas, const ZuTableColumn *column, const ZuTableCell *cell) {
   if (!cell) return canvas.chars(' ', column->width);
   const int32_t margin = column->width - cell->textLen;
@@ -275,7 +292,6 @@ void drawCell(Canvas &canvas, const ZuTableColumn *column, const ZuTableCell *ce
   }
 }
 
-template <typename Canvas>
 void drawRows(Canvas &canvas, const ZuTable *table) {
   ZuList *row;
   for (ListWalk<ZuList> rows(table->rows); rows.next(&row);) {
@@ -289,14 +305,12 @@ void drawRows(Canvas &canvas, const ZuTable *table) {
   }
 }
 
-template <typename Canvas>
 void drawBody(Canvas &canvas, const ZuTable *table, int32_t width) {
   drawCaption(canvas, table, width);
   drawTitles(canvas, table);
   drawRows(canvas, table);
 }
 
-template <typename Canvas>
 void drawFooter(Canvas &canvas, const ZuTable *table, int32_t width) {
   char count[100];
   PLM_snprintf(count, sizeof count, "total count = %d", static_cast<int>(ZuTable_GetRowNum(table)));
@@ -324,6 +338,7 @@ void ZuTable_Clear(ZuTable *table) {
   if (!table) return;
   ZuList_RemoveAll(table->rows);
   ZuList_RemoveAll(table->columns);
+  forgetPlaces(table);
 }
 
 void ZuTable_Release(ZuTable *table) {
@@ -335,6 +350,7 @@ void ZuTable_Release(ZuTable *table) {
 
 void ZuTable_ClearLines(ZuTable *table) {
   if (!table) return;
+  forgetPlaces(table);
   ZuListNode *node = table->rows->head;
   for (int32_t i = 0; i < table->rows->count; ++i, node = node->next) {
     releaseRow(node->data);
@@ -353,8 +369,9 @@ void ZuTable_SetCaption(ZuTable *table, const char *text) {
 void *ZuTable_SetTitle(ZuTable *table, int32_t col, const char *name, int32_t type, const char *format, char align) {
   // A format that does not fit is refused: cut in the middle of a conversion it would ask for another value.
   if (!table || !name || !format || std::strlen(format) >= sizeof(ZuTableColumn::format)) return nullptr;
+  ListPlace place = {nullptr, 0};
   bool isNew;
-  auto *column = obtain<ZuTableColumn>(table->columns, col, &isNew);
+  auto *column = obtain<ZuTableColumn>(table->columns, &place, col, &isNew);
   if (!column) return nullptr;
   column->nameLen = copyCut(column->name, name);
   column->type = type;
@@ -371,7 +388,7 @@ void *ZuTable_Set(ZuTable *table, int32_t row, int32_t col, const void *arg) {
   ZuList *cells = column ? obtainRow(table, row) : nullptr;
   if (!cells) return nullptr;
   bool isNew;
-  auto *cell = obtain<ZuTableCell>(cells, col, &isNew);
+  auto *cell = obtain<ZuTableCell>(cells, &table->lastCell, col, &isNew);
   if (!cell) return nullptr;
   setCell(cell, column, arg);
   return isNew ? nullptr : cell;
@@ -380,8 +397,11 @@ void *ZuTable_Set(ZuTable *table, int32_t row, int32_t col, const void *arg) {
 void *ZuTable_Get(ZuTable *table, int32_t row, int32_t col) {
   if (!table) return nullptr;
   const auto *column = elementAt<ZuTableColumn>(table->columns, col);
-  auto *cell = elementAt<ZuTableCell>(elementAt<ZuList>(table->rows, row), col);
-  if (!column || !cell) return nullptr;
+  const ZuListNode *rowNode = findRow(table, row);
+  if (!column || !rowNode || !rowNode->data) return nullptr;
+  const ZuListNode *cellNode = walkTo(static_cast<ZuList *>(rowNode->data), &table->lastCell, col);
+  auto *cell = cellNode ? static_cast<ZuTableCell *>(cellNode->data) : nullptr;
+  if (!cell) return nullptr;
   return column->type == kText ? static_cast<void *>(cell->text) : cell->value;
 }
 
@@ -413,7 +433,7 @@ int32_t ZuTable_ShowToBuffer(ZuTable *table, char *buf, int32_t size) {
     ZuPrint_Release(print);
     return 0;
   }
-  PrintCanvas canvas(print);
+  Canvas canvas(print);
   drawBody(canvas, table, width);
   if (!toBuffer) drawFooter(canvas, table, width);
   const int32_t held = printLength(print);  // nothing, when every line has been printed
@@ -432,7 +452,7 @@ void ZuTable_ShowToBuf(ZuTable *table, ZuBuf *buf) {
   ZuTable_Sum(table);
   int32_t width;
   if (!totalWidth(table, &width)) return;
-  BufCanvas canvas(buf);
+  Canvas canvas(buf);
   drawBody(canvas, table, width);
   drawFooter(canvas, table, width);
 }

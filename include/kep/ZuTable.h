@@ -9,9 +9,9 @@
  *
  * Other type codes store nothing and draw empty cells. Formats are printf formats for one value of the column's type;
  * the caller keeps the two in step. Texts of cells are cut at 99 bytes, but count for the widths as long as they would
- * have been, up to 1 MiB. Rows and columns count from 0 and may be set in
- * any order; a negative one does nothing. Every function accepts a NULL table. A table belongs to one thread at a time.
- */
+ * have been, up to 1 MiB. Rows and columns count from 0 and may be set in any order; a negative one does nothing. A row
+ * is looked for from the last one on: row by row or column by column each is a step away, in any other order a walk.
+ * Every function accepts a NULL table. A table belongs to one thread at a time. */
 #ifndef KEP_ZUTABLE_H
 #define KEP_ZUTABLE_H
 

@@ -1,7 +1,11 @@
-// table_test.cpp: text tables, drawn whole, and what their setters answer.
+// table_test.cpp: text tables, drawn whole, what their setters answer.
 #include <gtest/gtest.h>
 #include <kep/ZuTable.h>
 
+#include <map>
+#include <random>
+
+#include "ZuList.hpp"
 #include "support/platform_double.hpp"
 
 namespace {
@@ -31,14 +35,20 @@ class TextTable : public testing::Test {
     return buffer.substr(0, static_cast<size_t>(count));
   }
 
-  // The drawn table without its footer; whole it is the same in a byte buffer and on the console.
-  std::string drawn() {
+  // What is appended to a byte buffer, which takes two blocks to make.
+  std::string appended() {
     ZuBuf *buffer = ZuBuf_New(1, 16, 0);
     ZuTable_ShowToBuf(table_, buffer);
     void *text = nullptr;
     ZuBuf_Get(buffer, 0, &text);
-    const std::string all(static_cast<char *>(text), ZuBuf_Length(buffer));
+    std::string all(static_cast<char *>(text), ZuBuf_Length(buffer));
     ZuBuf_Release(buffer);
+    return all;
+  }
+
+  // The drawn table without its footer; whole it is the same in a byte buffer and on the console.
+  std::string drawn() {
+    const std::string all = appended();
     EXPECT_EQ(ZuTable_Show(table_), 0);
     EXPECT_EQ(platform::takePrinted(), all);
     const std::string body = held(all.size()), line = of(body.find('\n'), '-') + "\n";
@@ -92,6 +102,17 @@ TEST_F(TextTable, FillsACallersBufferAsFarAsItGoes) {
   for (const uintptr_t handle : {0U, 100U}) ZuTable_ShowToBuf(table_, reinterpret_cast<ZuBuf *>(handle));
   const std::string whole = body + line + "total count = 1\n" + line;
   EXPECT_EQ(platform::takePrinted(), whole + whole + whole);
+}
+
+TEST_F(TextTable, LosesOnlyTheCharactersThatFindNoMemory) {
+  column(0, of(40, 'n'), kText, "%s");
+  ZuTable_SetCaption(table_, "x");  // 42 stars above it
+  const std::string whole = appended();
+  platform::failAllocation(2);
+  EXPECT_EQ(appended(), whole.substr(1)) << "the 17th star";
+  platform::failAllocation(2, true);
+  EXPECT_EQ(appended(), of(16, '*'));
+  platform::failAllocation(platform::kNever);
 }
 
 TEST_F(TextTable, IsTwoWiderThanTitleCellAndSum) {
@@ -155,6 +176,57 @@ TEST_F(TextTable, IsNotDrawnWithoutATitleAndAcceptsNull) {
   EXPECT_TRUE(!ZuTable_SetTitle(nullptr, 0, "a", kText, "%s", 'c') && !ZuTable_Set(nullptr, 0, 0, "a"));
   EXPECT_TRUE(!ZuTable_Get(nullptr, 0, 0) && !ZuTable_GetRowNum(nullptr) && !ZuTable_GetColNum(nullptr));
   ZuTable_Clear(nullptr), ZuTable_ClearLines(nullptr), ZuTable_Sum(nullptr), ZuTable_Release(nullptr);
+}
+
+TEST_F(TextTable, FindsCellsInAnyOrder) {
+  std::mt19937 random(9);
+  const auto below = [&random](int32_t limit) { return static_cast<int32_t>(random() % static_cast<uint32_t>(limit)); };
+  std::map<std::pair<int32_t, int32_t>, int> model;
+  for (int32_t i = 0, row = 0; i < 20000; ++i) {
+    if (below(100) == 0) ZuTable_ClearLines(table_), model.clear();
+    if (below(100) == 0) ZuTable_Clear(table_), model.clear();
+    for (int32_t col = ZuTable_GetColNum(table_); col < 3; ++col) column(col, "", kInt32, "%d");
+    row = below(4) == 0 ? below(12) : row + below(2);  // anywhere, or here, or the next one
+    const int32_t col = below(3);
+    const int failures = platform::failedAllocations();
+    if (below(4) == 0) platform::failAllocation(below(5), below(2) != 0);
+    ASSERT_EQ(cell(row, col, i) != nullptr, model.count({row, col}) != 0) << i;
+    platform::failAllocation(platform::kNever);
+    if (platform::failedAllocations() == failures) model[{row, col}] = i;
+    const std::pair<int32_t, int32_t> other = {below(12), below(3)}, asked = below(2) ? other : std::pair{row, col};
+    const auto *value = static_cast<int *>(ZuTable_Get(table_, asked.first, asked.second));
+    ASSERT_EQ(value ? *value : -1, model.count(asked) ? model[asked] : -1) << i;
+  }
+}
+
+// Passes that would begin at the first row or cell go round and round there.
+TEST_F(TextTable, StepsFromRowToRowAndFromCellToCell) {
+  struct Record {
+    char caption[100];
+    ZuList *columns, *rows;
+  };
+  constexpr int32_t kLast = 9;
+  for (int32_t col = 0; col <= kLast; ++col) column(col, "", kInt32, "%d");
+  const auto inCircles = [](ZuList *list, const auto &touch) {
+    touch(0), touch(1);
+    ZuListNode *second = list->head->next;
+    list->head->next = list->head;
+    for (int32_t i = 2; i <= kLast; ++i) touch(i);
+    list->head->next = second;
+  };
+  ZuList *rows = reinterpret_cast<Record *>(table_)->rows;
+  const auto set = [this](int32_t row, int32_t col) { cell(row, col, 10 * row + col); };
+  const auto expect = [this](int32_t row, int32_t col) {
+    EXPECT_EQ(*static_cast<int32_t *>(ZuTable_Get(table_, row, col)), 10 * row + col);
+  };
+  const auto passOver = [&](const auto &touch) {
+    for (const int32_t col : {0, 1}) inCircles(rows, [&](int32_t row) { touch(row, col); });
+    for (const int32_t row : {0, 1}) {
+      touch(row, 0);
+      inCircles(static_cast<ZuList *>(ZuList_Get(rows, row)), [&](int32_t col) { touch(row, col); });
+    }
+  };
+  passOver(set), passOver(expect);
 }
 
 }  // namespace
