@@ -1,12 +1,22 @@
-// table_test.cpp: text tables, drawn whole, what their setters answer.
+// table_test.cpp: text tables, drawn whole, what their setters answer, and numbers beside printf's.
 #include <gtest/gtest.h>
 #include <kep/ZuTable.h>
+#include <langinfo.h>
 
+#include <cfenv>
+#include <cfloat>
+#include <cmath>
+#include <cstring>
 #include <map>
 #include <random>
+#include <sstream>
 
 #include "ZuList.hpp"
 #include "support/platform_double.hpp"
+
+// Stands in for a locale with another decimal point, which the machine may not have. printf does not see it.
+static bool pointIsForeign = false;
+extern "C" char *nl_langinfo(nl_item) noexcept { return const_cast<char *>(pointIsForeign ? "," : "."); }
 
 namespace {
 
@@ -227,6 +237,101 @@ TEST_F(TextTable, StepsFromRowToRowAndFromCellToCell) {
     }
   };
   passOver(set), passOver(expect);
+}
+
+// ---- numbers
+
+std::vector<double> doubles() {
+  std::vector<double> values = {0,      1,       1e9,     1e15,    0x1p53,       0x1p63,   0x1p64,
+                                0x1p-9, 0x1p-11, 0x1p-12, DBL_MIN, DBL_TRUE_MIN, INFINITY, NAN};
+  std::mt19937_64 random(1729);
+  const auto below = [&random](uint64_t limit) { return static_cast<double>(random() % limit); };
+  for (int i = 0; i < 60; ++i) {
+    const uint64_t bits = random();
+    double anyDouble;
+    std::memcpy(&anyDouble, &bits, sizeof bits);
+    values.push_back(anyDouble);
+    values.push_back(std::ldexp(below(1ULL << 53), -static_cast<int>(below(80))));
+    values.push_back(below(1000000) / 1000);
+    values.push_back(below(100000) / 1024);                              // halfway, often
+    values.push_back((below(20000) + 0.5) / std::pow(10.0, below(10)));  // nearly so
+  }
+  for (size_t i = 0, count = values.size(); i < count; ++i) {
+    for (const double to : {-INFINITY, INFINITY}) values.push_back(std::nextafter(values[i], to));
+  }
+  for (size_t i = 0, count = values.size(); i < count; ++i) values.push_back(-values[i]);
+  return values;
+}
+
+std::vector<int64_t> integers() {
+  std::vector<int64_t> values = {0, INT32_MIN, INT32_MAX, UINT32_MAX, INT64_MIN, INT64_MAX};
+  std::mt19937_64 random(17);
+  for (int i = 0; i < 64; ++i) {
+    for (const uint64_t bits : {random() >> i, ~(random() >> i)}) values.push_back(static_cast<int64_t>(bits));
+  }
+  for (int64_t power = 1; power < INT64_MAX / 10; power *= 10) values.push_back(power), values.push_back(power - 1);
+  return values;
+}
+
+std::string trimmed(const std::string &text) { return text.substr(std::min(text.find_first_not_of(' '), text.size())); }
+
+// Draws numbers as a column, expects in each line what printf prints, and returns how many were left to printf.
+template <typename Value, typename Number>
+size_t leftToPrintf(int32_t type, const std::string &format, const std::vector<Number> &numbers) {
+  ZuTable *table = ZuTable_New();
+  ZuTable_SetTitle(table, 0, "", type, format.c_str(), 'R');
+  std::vector<std::string> expected;
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    const auto value = static_cast<Value>(numbers[i]);
+    ZuTable_Set(table, static_cast<int32_t>(i), 0, &value);
+    char text[400];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    std::snprintf(text, sizeof text, format.c_str(), value);
+#pragma GCC diagnostic pop
+    expected.push_back(trimmed(std::string(text).substr(0, 99)));
+  }
+  std::string drawn(numbers.size() * 400 + 1000, ' ');
+  const int before = platform::boundedPrints();
+  drawn.resize(static_cast<size_t>(ZuTable_ShowToBuffer(table, drawn.data(), static_cast<int32_t>(drawn.size()))));
+  const int asked = platform::boundedPrints() - before;
+  ZuTable_Release(table);
+  std::istringstream lines(drawn.substr(drawn.find("- \n") + 3));
+  std::string line;
+  for (const std::string &text : expected) {
+    std::getline(lines, line);
+    EXPECT_EQ(trimmed(line), text) << format;
+  }
+  return static_cast<size_t>(asked);
+}
+
+TEST(TableNumbers, AreThoseOfPrintf) {
+  const std::vector<int64_t> whole = integers();
+  const std::vector<double> real = doubles();
+  const size_t all = whole.size() + 1;  // and their sum
+  for (const char *format : {"%d", "%u"}) EXPECT_EQ(leftToPrintf<int32_t>(kInt32, format, whole), 0U);
+  for (const char *format : {"%i", "%5d", "%d.", "%+d", "%x"})
+    EXPECT_EQ(leftToPrintf<int32_t>(kInt32, format, whole), all);
+  EXPECT_EQ(leftToPrintf<int64_t>(kInt64, "%lld", whole), 0U);
+  for (const char *format : {"%llu", "%'lld", "%-30lld"}) EXPECT_EQ(leftToPrintf<int64_t>(kInt64, format, whole), all);
+
+  for (int decimals = 0; decimals < 10; ++decimals) {
+    const std::string format = "%." + std::to_string(decimals) + "f";
+    EXPECT_LT(leftToPrintf<double>(kDouble, format, real), real.size() / 2);
+    EXPECT_LT(leftToPrintf<float>(kFloat, format, real), real.size() / 2);
+  }
+  for (const char *format : {"%f", "%.f", "%.10f", "%.02f", "%9.2f", "%.2e", "%.2fs"}) {
+    EXPECT_EQ(leftToPrintf<double>(kDouble, format, real), real.size() + 1);
+  }
+  for (const int mode : {FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO}) {
+    std::fesetround(mode);
+    leftToPrintf<double>(kDouble, "%.1f", real), leftToPrintf<double>(kDouble, "%.0f", real);
+    std::fesetround(FE_TONEAREST);
+  }
+  pointIsForeign = true;
+  EXPECT_EQ(leftToPrintf<double>(kDouble, "%.1f", real), real.size() + 1);
+  EXPECT_LT(leftToPrintf<double>(kDouble, "%.0f", real), real.size() / 2) << "has no point";
+  pointIsForeign = false;
 }
 
 }  // namespace
