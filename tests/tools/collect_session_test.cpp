@@ -9,6 +9,8 @@
 namespace {
 
 using board::collection;
+using board::counted;
+using board::head;
 using board::joined;
 using board::message;
 using board::selfTest;
@@ -133,29 +135,78 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
 
 TEST_F(Collect, TellsWhyThereIsNoRun) {
   const std::string port = requests_.port(), closedPort = Peer().port();
-  EXPECT_EQ(run("127.0.0.1 --timeout 0.05 --port " + port), 3);
+  EXPECT_EQ(run("127.0.0.1 --timeout 0.05 --port 0" + port), 3) << "in decimal";
   EXPECT_EQ(err(), "kep-collect: timed out: no connection from 127.0.0.1 port " + port + "\n");
   EXPECT_EQ(run("127.0.0.1 --port " + closedPort), 3);
   EXPECT_NE(err().find("Connection refused"), std::string::npos) << err();
   EXPECT_EQ(run(std::string(64, 'a') + ".invalid"), 3) << "no such name can exist";
 
-  expectWrongUsage("", {"", "''", "--replay none", "--replay .", "--replay err --raw raw"});
-  expectWrongUsage("localhost ", {"extra", "--unknown", "--port 0", "--port 65536", "--type 3", "--type 0 --selftest",
-                                  "--sequence -1", "--sequence 2147483648", "--timeout 0", "--timeout nan",
-                                  "--watch -5", "--format xml", "--listen localhost", "--listen 192.0.2.1",
-                                  "--raw no/such/folder", "--replay err"});
+  expectWrongUsage("",
+                   "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|--replay none|--replay .|"
+                   "--replay err --raw raw");
+  expectWrongUsage("localhost ",
+                   "extra|--unknown|--port 0|--port 65536|--port 0x10|--type 3|--type 010|"
+                   "--type 0 --selftest|--sequence -1|--sequence 2147483648|--sequence 0x1|--timeout 0|"
+                   "--timeout nan|--timeout 0x10|--watch -5|--format xml|--listen localhost|"
+                   "--listen 1.2.3|--listen 0x7f.0.0.01|--listen 192.0.2.1|--raw no/such/folder|"
+                   "--replay err");
 }
 
-TEST_F(Collect, ReportsOutputItCannotWrite) {
-  for (const std::string arguments : {" --raw /dev/full", " >/dev/full"}) {
-    launch(arguments + " --sequence 77");
+TEST_F(Collect, EndsWhenItCannotWriteOrNobodyReads) {
+  const FullFifo full("full");
+  const Strings messages = {message(0, 77, "KB12"), message(1, 1, ""),
+                            message(2, 2, head(0x84, 0, 0, 0) + counted(std::string(1009, 0))), message(2, 3, "")};
+  struct Case {
+    std::string before, arguments, reason;
+    int signal = 0;
+  };
+  const std::vector<Case> cases = {
+      {"", "--raw /dev/full", "cannot write the raw file: No space left on device"},
+      {"ulimit -f 1;", "--raw raw", "cannot write the raw file: File too large"},
+      {"", "--raw full", "", SIGTERM},  // it may not even have come to the file
+      {"", ">/dev/full", "cannot write the output"},
+      {"ulimit -f 1;", "", "cannot write the output"},
+      {"", "--raw closed >&-", "cannot write the output"},
+      {"", ">full", "cannot write the output", SIGINT},
+      {"", ">full 2>full", "", SIGTERM},
+  };
+  for (const auto &[before, arguments, reason, signal] : cases) {
+    SCOPED_TRACE(before + arguments);
+    command_.emplace("127.0.0.1 --sequence 77 --port " + requests_.port() + " " + arguments, before);
     beginVisit();
-    sendBytes(collection()[0]);
-    takeAcknowledgement();
-    close(fd_);
+    sendBytes(joined(messages));
+    shutdown(fd_, SHUT_WR);
+    char acknowledgements[4];
+    if (arguments[0] == '>') recv(fd_, acknowledgements, sizeof acknowledgements, MSG_WAITALL);
+    if (signal != 0) command_->signal(signal);
     EXPECT_EQ(command_->status(), 4);
-    EXPECT_NE(err().find("cannot write"), std::string::npos);
+    EXPECT_NE(err().find(reason), std::string::npos) << err();
+    if (arguments.find("2>") == std::string::npos) expectComplaint();
+    close(fd_);
   }
+  EXPECT_EQ(contentOf("closed"), joined(messages)) << "and nothing of what was printed";
+
+  mkfifo("unread", 0600);
+  Command unread("127.0.0.1 --raw unread");
+  unread.signal(SIGINT);
+  EXPECT_EQ(unread.status(), 4);
+}
+
+TEST_F(Collect, ReplaysUntilDamageOrASignal) {
+  EXPECT_EQ(run("--replay /dev/zero"), 1);
+  EXPECT_EQ(err(), "kep-collect: damaged at offset 0: a message length of 0 is not within 12 to 1036\n");
+
+  mkfifo("fifo", 0600);
+  Command replay("--replay fifo");
+  const int fd = open("fifo", O_WRONLY);
+  const std::string begun = collection()[0] + collection()[1];
+  EXPECT_EQ(write(fd, begun.data(), begun.size()), static_cast<ssize_t>(begun.size()));
+  for (int unread = 1; unread > 0; usleep(1000)) ioctl(fd, FIONREAD, &unread);
+  replay.signal(SIGTERM);
+  EXPECT_EQ(replay.status(), 4);
+  EXPECT_EQ(out(), golden("begun.text"));
+  EXPECT_EQ(err(), "kep-collect: interrupted\n");
+  close(fd);
 }
 
 TEST_F(Collect, WatchesUntilInterruptedWhateverBecomesOfARun) {

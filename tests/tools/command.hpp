@@ -2,10 +2,13 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,10 +36,10 @@ inline std::string contentOf(const std::string &path) {
 // the arguments redirect it, and ends with the object at the latest.
 class Command {
  public:
-  explicit Command(const std::string &arguments) : child_(fork()) {
+  explicit Command(const std::string &arguments, const std::string &before = "") : child_(fork()) {
     if (child_ != 0) return;
     alarm(kPatienceMs / 1000);  // holds for the program, too
-    execl("/bin/sh", "sh", "-c", ("exec '" KEP_PROGRAM "' >out 2>err " + arguments).c_str(), nullptr);
+    execl("/bin/sh", "sh", "-c", (before + " exec '" KEP_PROGRAM "' >out 2>err " + arguments).c_str(), nullptr);
     _exit(127);
   }
   Command &operator=(Command &&) = delete;
@@ -45,7 +48,13 @@ class Command {
     status();
   }
 
-  void signal(int number) const { kill(child_, number); }
+  // Sends the signal as soon as the program catches SIGTERM.
+  void signal(int number) const {
+    const std::regex caught("SigCgt:\\s*[0-9a-f]{12}[4-7c-f]");
+    const std::string status = "/proc/" + std::to_string(child_) + "/status";
+    for (int i = 0; i < kPatienceMs && !std::regex_search(contentOf(status), caught); ++i) usleep(1000);
+    kill(child_, number);
+  }
 
   // Waits for the end: the exit status, or -1 when a signal was the end.
   int status() {
@@ -56,6 +65,22 @@ class Command {
 
  private:
   pid_t child_;
+};
+
+// A FIFO that is read, but not now: whoever opens it for writing finds it open, and full.
+class FullFifo {
+ public:
+  explicit FullFifo(const std::string &path) {
+    EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+    fd_ = open(path.c_str(), O_RDWR | O_NONBLOCK);
+    const std::string page(4096, 'x');
+    while (write(fd_, page.data(), page.size()) > 0) continue;
+  }
+  FullFifo &operator=(FullFifo &&) = delete;
+  ~FullFifo() { close(fd_); }
+
+ private:
+  int fd_;
 };
 
 // A UDP socket of the test's own on loopback.
@@ -104,7 +129,9 @@ class CommandTest : public ::testing::Test {
     std::filesystem::remove_all(folder_);
   }
 
-  static int run(const std::string &arguments) { return Command(arguments).status(); }
+  static int run(const std::string &arguments, const std::string &before = "") {
+    return Command(arguments, before).status();
+  }
   static std::string out() { return contentOf("out"); }
   static std::string err() { return contentOf("err"); }
 
@@ -117,12 +144,20 @@ class CommandTest : public ::testing::Test {
     return "";
   }
 
-  static void expectWrongUsage(const std::string &start, const Strings &cases) {
-    for (const std::string &arguments : cases) {
+  // The cases stand one behind the other, with a bar between two.
+  static void expectWrongUsage(const std::string &start, const std::string &cases) {
+    std::istringstream in(cases);
+    for (std::string arguments; std::getline(in, arguments, '|');) {
       EXPECT_EQ(run(start + arguments), 2) << arguments;
-      EXPECT_NE(err(), "");
+      expectComplaint();
       EXPECT_EQ(out(), "");
     }
+  }
+
+  // That there is one, and who complains.
+  static void expectComplaint(const std::string &path = "err") {
+    const std::string name = std::filesystem::path(KEP_PROGRAM).filename();
+    EXPECT_TRUE(std::regex_match(contentOf(path), std::regex("(" + name + ": .+\n)+"))) << contentOf(path);
   }
 
   static void expectHelpAsInManPage() {

@@ -117,16 +117,30 @@ TEST_F(ConfigCommand, TellsWhatWentWrong) {
   EXPECT_EQ(run("--query a b c --server 127.0.0.1 --timeout 0.05 --port " + silent.port()), 3);
   EXPECT_EQ(out(), "c\n");
   EXPECT_EQ(err(), "kep-config: no answer from 127.0.0.1 port " + silent.port() + "\n");
-  expectWrongUsage(
-      "", {"", ".", "ini --listen 127.0.0.1 --port " + silent.port(), "ini --listen 203.0.113.1",
-           "ini --listen 0x7f.0.0.1", "ini --server 127.0.0.1", "ini --query a b c", "--query a b c --server localhost",
-           "--query a b c --port 0", "--query a b c --timeout nan", "--query a b", "--query '' b c",
-           "--query a 'b b' c", "--query 'a b' b c", "--query a b " + kLongest});
+  expectWrongUsage("", "|.|--query a b|--query '' b c|--query a 'b b' c|--query 'a b' b c|--query a b " + kLongest);
+  expectWrongUsage("ini ", "--listen 127.0.0.1 --port 0" + silent.port() +
+                               "|--listen 203.0.113.1|--listen 0x7f.0.0.1|--port 0x10|--server 127.0.0.1|"
+                               "--query a b c");
+  expectWrongUsage("--query a b c ", "--server localhost|--server 300.1.1.1|--port 0|--timeout nan|--timeout 0x1");
+}
 
-  Command full = server("--listen 127.0.0.1 >/dev/full");
-  EXPECT_EQ(askMtu("--server 127.0.0.1 --timeout 20"), "0: 1400\n");
-  EXPECT_EQ(full.status(), 4);
-  EXPECT_NE(contentOf("server.err").find("cannot write"), std::string::npos);
+TEST_F(ConfigCommand, EndsWhenItCannotWriteOrNobodyReads) {
+  const FullFifo full("full");
+  // The answer goes out in front of the line that tells of it.
+  for (const auto &[output, signal] : {std::pair{">/dev/full", 0}, {">&-", 0}, {">full", SIGTERM}, {">full", SIGINT}}) {
+    Command command = server(std::string("--listen 127.0.0.1 ") + output);
+    EXPECT_EQ(askMtu("--server 127.0.0.1 --timeout 20"), "0: 1400\n");
+    if (signal != 0) command.signal(signal);
+    EXPECT_EQ(command.status(), 4) << output;
+    EXPECT_NE(contentOf("server.err").find("cannot write"), std::string::npos);
+    expectComplaint("server.err");
+  }
+
+  mkfifo("unwritten", 0600);
+  Command unwritten("unwritten");
+  unwritten.signal(SIGTERM);
+  EXPECT_EQ(unwritten.status(), 4);
+  EXPECT_EQ(err(), "kep-config: interrupted\n");
 }
 
 TEST_F(ConfigCommand, TellsTheLineThatIsWrong) {
@@ -148,8 +162,10 @@ TEST_F(ConfigCommand, TellsTheLineThatIsWrong) {
   for (const auto &[text, expected] : cases) {
     write(text);
     EXPECT_EQ(run("ini --port 0 --listen 127.0.0.1"), 1) << text;
-    EXPECT_EQ(err(), "ini:" + expected + "\n");
+    EXPECT_EQ(err(), "kep-config: ini:" + expected + "\n");
   }
+  EXPECT_EQ(run("/dev/zero"), 1);
+  EXPECT_EQ(err(), "kep-config: /dev/zero: more than 16 MiB\n");
 }
 
 TEST_F(ConfigCommand, HelpsAsItsManPageDoes) { expectHelpAsInManPage(); }

@@ -1,22 +1,23 @@
 // main.cpp: the command line of kep-collect.
 
+#include <fcntl.h>
+
 #include <CLI/CLI.hpp>
 #include <array>
 #include <chrono>
-#include <csignal>
-#include <fstream>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <string>
 
-#include "common/command.hpp"
+#include "common/command_line.hpp"
+#include "common/process.hpp"
 #include "report.hpp"
 #include "session.hpp"
 
 namespace {
 
 using namespace kepcollect;
+using namespace kepcommand;
 
 constexpr char kUsageText[] =
     "Usage: kep-collect HOST [OPTIONS]\n"
@@ -36,8 +37,11 @@ constexpr const char *kExitStatuses =
     "  3  no answer: HOST is unknown, cannot be reached or refuses, or a wait timed\n"
     "     out, be it for the connection or for data in the middle of a run\n"
     "  4  broken off: by SIGINT or SIGTERM, by a connection that was reset, or because\n"
-    "     the output could not be written or the file not be read\n"
+    "     the output or the raw file could not be written or the file not be read\n"
     "With --watch, the status of the last run that was not 0.\n";
+
+// A board cannot tell a request with this sequence from a damaged datagram.
+constexpr int32_t kNeverAnswered = -1;
 
 struct Options {
   Request request;
@@ -50,45 +54,29 @@ struct Options {
   std::string format = "text";
 };
 
-void complain(const std::string &text) { std::cerr << "kep-collect: " << text << std::endl; }
-
-// CLI::Range would let "nan" through.
-std::string checkSeconds(const std::string &text) {
-  double seconds = 0;
-  const bool good = CLI::detail::lexical_cast(text, seconds) && seconds >= 0.001 && seconds <= 1e6;
-  return good ? "" : "not a number of seconds from 0.001 to 1000000: " + text;
-}
-
-// A board cannot tell a request with sequence -1 from a damaged datagram and never answers it.
-std::string checkSequence(const std::string &text) {
-  int32_t sequence = 0;
-  const bool good = CLI::detail::lexical_cast(text, sequence) && sequence != -1;
-  return good ? "" : "not a 32-bit number other than -1: " + text;
-}
-
 void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   Request &request = options.request;
-  const auto add = [&](const std::string &name, auto &variable, const std::string &type, const std::string &help) {
-    return app.add_option(name, variable, help)->type_name(type)->excludes(replay);
+  const auto live = [replay](CLI::Option *option, const std::string &type) {
+    return option->type_name(type)->excludes(replay);
   };
-  add("HOST", request.host, "", "Name or IPv4 address of the board");
-  add("--port", request.port, "PORT", "UDP port at which the board takes requests [9099]")->check(CLI::Range(1, 65535));
-  CLI::Option *type = add("--type", request.type, "0|1|2", "What to collect; the board says what each means [0]");
-  type->check(CLI::Range(0, 2));
-  app.add_flag("--selftest", options.selfTest, "Ask for a self-test run")->excludes(type)->excludes(replay);
-  add("--listen", request.listenAddress, "ADDR", "Local IPv4 address that the board connects to [any]")
-      ->check(CLI::ValidIPV4);
-  add("--sequence", options.sequence, "N", "Number of the first message, not -1; 0: the board's next [by the clock]")
-      ->check(checkSequence);
-  add("--timeout", options.timeout, "SECONDS", "Longest wait for the connection, and for data each time [10]")
-      ->check(checkSeconds);
-  add("--watch", options.watch, "SECONDS", "Start a run every so many seconds until interrupted")->check(checkSeconds);
-  add("--raw", options.rawFile, "FILE", "Keep the bytes received; every run overwrites FILE");
+  live(app.add_option("HOST", request.host, "Name or IPv4 address of the board"), "")->check(checkHost);
+  live(addNumber(app, "--port", request.port, 1, 65535, "UDP port at which the board takes requests [9099]"), "PORT");
+  CLI::Option *type = live(
+      addNumber(app, "--type", request.type, 0, 2, "What to collect; the board says what each means [0]"), "0|1|2");
+  live(app.add_flag("--selftest", options.selfTest, "Ask for a self-test run"), "")->excludes(type);
+  live(app.add_option("--listen", request.listenAddress, "Local IPv4 address that the board connects to [any]"), "ADDR")
+      ->check(checkAddress);
+  live(addNumber(app, "--sequence", options.sequence, INT32_MIN, INT32_MAX,
+                 "Number of the first message, not -1; 0: the board's next [by the clock]"),
+       "N");
+  live(addSeconds(app, "--timeout", options.timeout, "Longest wait for the connection, and for data each time [10]"),
+       "SECONDS");
+  live(addSeconds(app, "--watch", options.watch, "Start a run every so many seconds until interrupted"), "SECONDS");
+  live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run overwrites FILE"), "FILE");
 }
 
 void addOptions(CLI::App &app, Options &options) {
-  app.formatter(std::make_shared<HelpFormatter>(kUsageText));
-  app.footer(kExitStatuses);
+  describe(app, kUsageText, kExitStatuses);
   CLI::Option *replay = app.add_option("--replay", options.replayFile, "Decode FILE, kept by --raw, and ask no board");
   replay->type_name("FILE")->check(CLI::ExistingFile);
   addLiveOptions(app, options, replay);
@@ -115,69 +103,65 @@ ExitStatus report(const Outcome &outcome, Reporter &reporter) {
   return outcome.status;
 }
 
-ExitStatus replayFile(const Options &options, Reporter &reporter) {
-  std::ifstream file(options.replayFile, std::ios::binary);
-  if (!file) {
-    complain("cannot open " + options.replayFile);
-    return kUsage;
-  }
+ExitStatus replayFile(const std::string &path, Reporter &reporter) {
+  const Descriptor file = openFile(path, O_RDONLY);
   StreamDecoder decoder({});
   std::array<char, 4096> buffer;
-  do {
-    file.read(buffer.data(), buffer.size());
-    decoder.feed(buffer.data(), static_cast<size_t>(file.gcount()));
-  } while (file);
-  if (!file.bad()) decoder.finish();
-  Outcome outcome = outcomeOf(decoder);
+  Outcome outcome;
+  try {
+    size_t size = 1;
+    while (size > 0 && !decoder.damage()) {
+      size = readSome(file.get(), buffer.data(), buffer.size(), path);
+      decoder.feed(buffer.data(), size);
+    }
+    decoder.finish();
+    outcome = outcomeOf(decoder);
+  } catch (const Failure &failure) {
+    outcome = {failure.status, failure.text, false, decoder.takeRun()};
+  }
   outcome.connected = true;
-  if (file.bad()) outcome = {kBrokenOff, "cannot read " + options.replayFile, true, decoder.run()};
   return report(outcome, reporter);
 }
 
 ExitStatus runOnce(const Options &options, Reporter &reporter) {
-  std::ofstream raw;
-  if (!options.rawFile.empty()) {
-    raw.open(options.rawFile, std::ios::binary);
-    if (!raw) {
-      complain("cannot open " + options.rawFile);
-      return kUsage;
-    }
-  }
-  return report(collect(options.request, options.rawFile.empty() ? nullptr : &raw), reporter);
+  if (options.rawFile.empty()) return report(collect(options.request, -1), reporter);
+  const Descriptor raw = openFile(options.rawFile, O_WRONLY | O_CREAT | O_TRUNC);
+  return report(collect(options.request, raw.get()), reporter);
 }
 
 // One run, or with a period to watch runs until a signal comes or the command itself cannot go on.
 ExitStatus runAll(Options options, Reporter &reporter) {
   using std::chrono::duration;
   const auto period = std::chrono::duration_cast<Clock::duration>(duration<double>(options.watch));
-  catchSignals();
-  ExitStatus status = kWhole;
+  ExitStatus status = kGood;
   for (;;) {
     const Clock::time_point start = Clock::now();
     options.request.sequence = options.sequence ? *options.sequence : sequenceByClock();
     const ExitStatus last = runOnce(options, reporter);
-    if (last != kWhole) status = last;
-    if (options.watch == 0 || last == kUsage || !std::cout || !sleepUntil(start + period)) return status;
+    if (last != kGood) status = last;
+    if (options.watch == 0 || last == kUsage || !std::cout) return status;
+    if (waitUntil(nullptr, 0, start + period) == Wake::kSignal) return status;
   }
 }
 
-int runCommand(int argc, char **argv) {
+ExitStatus runCommand(int argc, char **argv) {
   Options options;
   CLI::App app(kDescription, "kep-collect");
   addOptions(app, options);
   try {
     app.parse(argc, argv);
     if (options.request.host.empty() && options.replayFile.empty()) throw CLI::RequiredError("HOST or --replay");
+    if (options.sequence == kNeverAnswered) throw CLI::ValidationError("--sequence", "no board answers -1");
   } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? kWhole : kUsage;
+    return app.exit(error) == 0 ? kGood : kUsage;
   }
   options.request.timeout =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(options.timeout));
   if (options.selfTest) options.request.type = kSelfTestRequest;
   Reporter reporter(std::cout, formatOf(options.format));
-  return options.replayFile.empty() ? runAll(options, reporter) : replayFile(options, reporter);
+  return options.replayFile.empty() ? runAll(options, reporter) : replayFile(options.replayFile, reporter);
 }
 
 }  // namespace
 
-int main(int argc, char **argv) { return runMain(argc, argv, runCommand, complain, kBrokenOff); }
+int main(int argc, char **argv) { return runMain("kep-collect", argc, argv, runCommand); }

@@ -12,86 +12,21 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <memory>
-#include <utility>
 
 namespace kepcollect {
 
 namespace {
 
+using namespace kepcommand;
+
 constexpr size_t kRequestSize = 16;
 constexpr char kAcknowledgement = '\x06';
-
-volatile std::sig_atomic_t sg_signalled = 0;
-
-// How a run ends that is not decided by its data.
-struct Failure {
-  ExitStatus status;
-  std::string text;
-};
-
-[[noreturn]] void failWithErrno(ExitStatus status, const std::string &what) {
-  throw Failure{status, what + ": " + std::strerror(errno)};
-}
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor &operator=(Descriptor &&) = delete;
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-// Holds the signals back, so that none can slip in between the look at the flag and the wait.
-class SignalBlock {
- public:
-  SignalBlock() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, &before_);
-  }
-  SignalBlock(const SignalBlock &) = delete;
-  SignalBlock &operator=(const SignalBlock &) = delete;
-  ~SignalBlock() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  const sigset_t *before() const { return &before_; }
-
- private:
-  sigset_t before_;
-};
-
-enum class Wake { kReady, kTimeout, kSignal };
-
-Wake waitUntil(pollfd *entries, nfds_t count, Clock::time_point deadline) {
-  using std::chrono::nanoseconds;
-  constexpr int64_t kSecond = 1'000'000'000;
-  const SignalBlock block;
-  while (sg_signalled == 0) {
-    const nanoseconds left = std::max(nanoseconds(deadline - Clock::now()), nanoseconds(0));
-    const timespec time = {left.count() / kSecond, left.count() % kSecond};
-    const int ready = ppoll(entries, count, &time, block.before());
-    if (ready > 0) return Wake::kReady;
-    if (ready == 0) return Wake::kTimeout;
-    if (errno != EINTR) failWithErrno(kBrokenOff, "cannot wait");
-  }
-  return Wake::kSignal;
-}
 
 void waitOrFail(pollfd *entries, nfds_t count, Clock::time_point deadline, const std::string &what) {
   const Wake wake = waitUntil(entries, count, deadline);
@@ -184,7 +119,7 @@ void acknowledge(int fd, std::chrono::milliseconds timeout) {
 }
 
 // Returns when the board has closed the connection or the data is damaged.
-void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decoder, std::ostream *raw) {
+void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decoder, int raw) {
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // acknowledgements are small and waited for
   std::array<char, 4096> buffer;
@@ -198,30 +133,19 @@ void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decode
       decoder.finish();
       return;
     }
-    if (raw != nullptr) raw->write(buffer.data(), size).flush();
-    if (raw != nullptr && !*raw) throw Failure{kBrokenOff, "cannot write the raw file"};
+    if (raw >= 0 && !writeAll(raw, buffer.data(), static_cast<size_t>(size))) {
+      failWithErrno(kBrokenOff, "cannot write the raw file");
+    }
     const size_t completed = decoder.feed(buffer.data(), static_cast<size_t>(size));
     for (size_t i = 0; i < completed; ++i) acknowledge(fd, timeout);
   }
 }
 
-extern "C" void noteSignal(int) { sg_signalled = 1; }
-
 }  // namespace
 
-void catchSignals() {
-  struct sigaction action {};
-  action.sa_handler = noteSignal;
-  action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
-
-bool sleepUntil(Clock::time_point time) { return waitUntil(nullptr, 0, time) != Wake::kSignal; }
-
-Outcome outcomeOf(const StreamDecoder &decoder) {
+Outcome outcomeOf(StreamDecoder &decoder) {
   Outcome outcome;
-  outcome.run = decoder.run();
+  outcome.run = decoder.takeRun();
   if (const std::optional<Damage> &damage = decoder.damage()) {
     outcome.status = kDamaged;
     outcome.diagnostic = (damage->cutShort ? "cut short at offset " : "damaged at offset ") +
@@ -230,7 +154,7 @@ Outcome outcomeOf(const StreamDecoder &decoder) {
   return outcome;
 }
 
-Outcome collect(const Request &request, std::ostream *raw) {
+Outcome collect(const Request &request, int raw) {
   const RunKind kind = request.type == kSelfTestRequest ? RunKind::kSelfTest : RunKind::kCollection;
   StreamDecoder decoder({kind, request.sequence});
   bool connected = false;
@@ -241,7 +165,7 @@ Outcome collect(const Request &request, std::ostream *raw) {
     receiveRun(connection.get(), request.timeout, decoder, raw);
     outcome = outcomeOf(decoder);
   } catch (const Failure &failure) {
-    outcome = {failure.status, failure.text, false, decoder.run()};
+    outcome = {failure.status, failure.text, false, decoder.takeRun()};
   }
   outcome.connected = connected;
   return outcome;

@@ -5,17 +5,14 @@
 
 #include <chrono>
 #include <cstdint>
-#include <ostream>
 #include <string>
 
+#include "common/process.hpp"
 #include "stream.hpp"
 
 namespace kepcollect {
 
-// The statuses of the command, and so of its runs.
-enum ExitStatus { kWhole = 0, kDamaged = 1, kUsage = 2, kNoAnswer = 3, kBrokenOff = 4 };
-
-using Clock = std::chrono::steady_clock;
+using kepcommand::ExitStatus;
 
 struct Request {
   std::string host;
@@ -27,7 +24,7 @@ struct Request {
 };
 
 struct Outcome {
-  ExitStatus status = kWhole;
+  ExitStatus status = kepcommand::kGood;
   std::string diagnostic;  // empty when all is whole
   bool connected = false;  // otherwise there is no run to print
   Run run;
@@ -35,17 +32,11 @@ struct Outcome {
 
 constexpr uint32_t kSelfTestRequest = 3;  // the smaller types ask for a collection
 
-// From now on SIGINT and SIGTERM end the waits below instead of the process; a second one of the same kind ends it.
-void catchSignals();
+// Asks the board once and takes its run to the end. The bytes received go to the file `raw` as well, unless it is -1.
+Outcome collect(const Request &request, int raw);
 
-// False as soon as a signal has come.
-bool sleepUntil(Clock::time_point time);
-
-// Asks the board once and takes its run to the end. The bytes received go to `raw` as well, unless that is null.
-Outcome collect(const Request &request, std::ostream *raw);
-
-// Turns what the decoder found, after the stream's end, into an outcome.
-Outcome outcomeOf(const StreamDecoder &decoder);
+// Turns what the decoder found, after the stream's end, into an outcome, and takes its run.
+Outcome outcomeOf(StreamDecoder &decoder);
 
 }  // namespace kepcollect
 

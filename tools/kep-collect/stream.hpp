@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kepcollect {
@@ -74,6 +75,7 @@ class StreamDecoder {
   void finish();
 
   const Run &run() const { return run_; }
+  Run takeRun() { return std::move(run_); }  // the last thing to be done with a decoder
   const std::optional<Damage> &damage() const { return damage_; }
 
  private:

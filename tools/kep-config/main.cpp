@@ -1,23 +1,26 @@
 // main.cpp: the command line of kep-config.
 
-#include <arpa/inet.h>
+#include <fcntl.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <chrono>
-#include <csignal>
-#include <fstream>
 #include <iostream>
-#include <memory>
+#include <sstream>
 #include <string>
 
-#include "common/command.hpp"
+#include "common/command_line.hpp"
+#include "common/process.hpp"
 #include "ini.hpp"
 #include "query.hpp"
 #include "server.hpp"
 
 namespace {
 
+using namespace kepcommand;
 using namespace kepconfig;
+
+constexpr size_t kMaxFileSize = 16 << 20;
 
 constexpr char kUsageText[] =
     "Usage: kep-config FILE [--listen ADDR] [--port PORT] [--echo-default]\n"
@@ -38,8 +41,8 @@ constexpr const char *kExitStatuses =
     "  2  wrong usage, a file that cannot be opened, an ADDR that is not local, or a\n"
     "     PORT that is taken or not permitted\n"
     "  3  no answer, or the query could not be sent; the default is printed\n"
-    "  4  broken off: by SIGINT or SIGTERM while asking, or because the output could\n"
-    "     not be written, the file not be read or the network not be used\n";
+    "  4  broken off: by SIGINT or SIGTERM while asking or reading FILE, or because the\n"
+    "     output could not be written, the file not be read or the network not be used\n";
 
 struct Options {
   std::string file;
@@ -52,25 +55,9 @@ struct Options {
   double timeout = 1;
 };
 
-void complain(const std::string &text) { std::cerr << "kep-config: " << text << std::endl; }
-
-// CLI::Range would let "nan" through.
-std::string checkSeconds(const std::string &text) {
-  double seconds = 0;
-  const bool good = CLI::detail::lexical_cast(text, seconds) && seconds >= 0.001 && seconds <= 1e6;
-  return good ? "" : "not a number of seconds from 0.001 to 1000000: " + text;
-}
-
-// CLI::ValidIPV4 would let "0x7f.0.0.01" through, which no system call takes.
-std::string checkAddress(const std::string &text) {
-  in_addr address{};
-  return inet_pton(AF_INET, text.c_str(), &address) == 1 ? "" : "not an IPv4 address: " + text;
-}
-
 // Returns the option whose three texts are the query.
 CLI::Option *addOptions(CLI::App &app, Options &options) {
-  app.formatter(std::make_shared<HelpFormatter>(kUsageText));
-  app.footer(kExitStatuses);
+  describe(app, kUsageText, kExitStatuses);
   // Bound to no variable and read as it was typed: a default may look like an option, a list or nothing at all.
   CLI::Option *query = app.add_option("--query", CLI::callback_t{}, "Ask for a value as a board does, and print it");
   query->type_size(3)->type_name("SECTION KEY DEFAULT");
@@ -83,8 +70,7 @@ CLI::Option *addOptions(CLI::App &app, Options &options) {
       ->check(checkAddress)
       ->type_name("ADDR")
       ->excludes(query);
-  app.add_option("--port", options.port, "UDP port of the server; 0: any that is free, which is told [8999]")
-      ->check(CLI::Range(0, 65535))
+  addNumber(app, "--port", options.port, 0, 65535, "UDP port of the server; 0: any that is free, which is told [8999]")
       ->type_name("PORT");
   app.add_flag("--echo-default", options.echoDefault, "Answer a query for an unknown key with its own default")
       ->excludes(query);
@@ -92,10 +78,7 @@ CLI::Option *addOptions(CLI::App &app, Options &options) {
       ->check(checkAddress)
       ->type_name("ADDR")
       ->needs(query);
-  app.add_option("--timeout", options.timeout, "Longest wait for the answer [1]")
-      ->check(checkSeconds)
-      ->type_name("SECONDS")
-      ->needs(query);
+  addSeconds(app, "--timeout", options.timeout, "Longest wait for the answer [1]")->type_name("SECONDS")->needs(query);
   return query;
 }
 
@@ -114,21 +97,28 @@ void settle(Options &options, const CLI::Option &query) {
   if (options.port == 0) throw CLI::ValidationError("--port", "nobody can be asked at port 0");
 }
 
-ExitStatus runServer(const Options &options) {
-  std::ifstream file(options.file, std::ios::binary);
-  if (!file) {
-    complain("cannot open " + options.file);
-    return kUsage;
+std::string contentOf(const std::string &path) {
+  const Descriptor file = openFile(path, O_RDONLY);
+  std::string content;
+  std::array<char, 4096> buffer;
+  while (const size_t size = readSome(file.get(), buffer.data(), buffer.size(), path)) {
+    content.append(buffer.data(), size);
+    if (content.size() > kMaxFileSize) throw Failure{kDamaged, path + ": more than 16 MiB"};
   }
-  Settings settings;
+  return content;
+}
+
+Settings settingsIn(const std::string &path) {
+  std::istringstream text(contentOf(path));
   try {
-    settings = parseIni(file);
+    return parseIni(text);
   } catch (const IniError &error) {
-    // Without the command's name in front, so that editors find the line.
-    std::cerr << options.file << ':' << error.line() << ": " << error.what() << std::endl;
-    return kDamaged;
+    throw Failure{kDamaged, path + ":" + std::to_string(error.line()) + ": " + error.what()};
   }
-  if (file.bad()) throw Failure{kBrokenOff, "cannot read " + options.file};
+}
+
+ExitStatus runServer(const Options &options) {
+  const Settings settings = settingsIn(options.file);
   const Socket socket(options.listen);
   complain("serving " + options.file + " at " + nameOf(socket.local()));
   serve(socket, settings, options.echoDefault, std::cout);
@@ -150,7 +140,7 @@ ExitStatus runQuery(const Options &options) {
   }
 }
 
-int runCommand(int argc, char **argv) {
+ExitStatus runCommand(int argc, char **argv) {
   Options options;
   CLI::App app(kDescription, "kep-config");
   const CLI::Option *query = addOptions(app, options);
@@ -160,15 +150,9 @@ int runCommand(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? kGood : kUsage;
   }
-  try {
-    catchSignals();
-    return options.asks ? runQuery(options) : runServer(options);
-  } catch (const Failure &failure) {
-    complain(failure.text);
-    return failure.status;
-  }
+  return options.asks ? runQuery(options) : runServer(options);
 }
 
 }  // namespace
 
-int main(int argc, char **argv) { return runMain(argc, argv, runCommand, complain, kBrokenOff); }
+int main(int argc, char **argv) { return runMain("kep-config", argc, argv, runCommand); }

@@ -6,30 +6,22 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <optional>
 #include <string_view>
+
+#include "common/process.hpp"
 
 namespace kepconfig {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-int sg_signalFd = -1;  // becomes readable, and stays so, when a signal comes
-
-[[noreturn]] void failWithErrno(ExitStatus status, const std::string &what) {
-  throw Failure{status, what + ": " + std::strerror(errno)};
-}
+using namespace kepcommand;
 
 sockaddr_in addressOf(const Endpoint &endpoint) {
   sockaddr_in address{};
@@ -47,20 +39,9 @@ Endpoint endpointOf(const sockaddr_in &address) {
   return {text.data(), ntohs(address.sin_port)};
 }
 
-enum class Wake { kReady, kTimeout, kSignal };
-
-Wake waitUntil(int fd, std::optional<Clock::time_point> deadline) {
-  using std::chrono::milliseconds;
-  std::array<pollfd, 2> entries = {pollfd{fd, POLLIN, 0}, pollfd{sg_signalFd, POLLIN, 0}};
-  for (;;) {
-    int64_t left = -1;
-    if (deadline) left = std::max<int64_t>(std::chrono::ceil<milliseconds>(*deadline - Clock::now()).count(), 0);
-    const int ready = poll(entries.data(), entries.size(), static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) failWithErrno(kBrokenOff, "cannot wait");
-    if (entries[1].revents != 0) return Wake::kSignal;
-    if (ready > 0) return Wake::kReady;
-    if (ready == 0) return Wake::kTimeout;
-  }
+Wake waitForDatagram(int fd, std::optional<Clock::time_point> deadline) {
+  pollfd entry = {fd, POLLIN, 0};
+  return waitUntil(&entry, 1, deadline);
 }
 
 // Answers one datagram, and returns what became of it, as the log has it.
@@ -76,12 +57,6 @@ std::string answer(int fd, const sockaddr_in &from, std::string_view datagram, c
     return "unsent " + name + " " + std::strerror(errno);
   }
   return (known == settings.end() ? "default " : "value ") + name + " " + escaped(value);
-}
-
-extern "C" void noteSignal(int) {
-  const int before = errno;
-  eventfd_write(sg_signalFd, 1);
-  errno = before;
 }
 
 }  // namespace
@@ -107,19 +82,9 @@ Endpoint Socket::local() const {
   return endpointOf(address);
 }
 
-void catchSignals() {
-  sg_signalFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (sg_signalFd < 0) failWithErrno(kBrokenOff, "cannot wait for signals");
-  struct sigaction action {};
-  action.sa_handler = noteSignal;
-  action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
-
 void serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log) {
   std::array<char, kMaxSize + 1> datagram{};  // one byte more than a query, so that a longer one is told
-  while (log && waitUntil(socket.fd(), std::nullopt) != Wake::kSignal) {
+  while (log && waitForDatagram(socket.fd(), std::nullopt) != Wake::kSignal) {
     sockaddr_in from{};
     socklen_t fromSize = sizeof from;
     const ssize_t size =
@@ -145,7 +110,7 @@ std::string ask(const Endpoint &server, const Query &query, std::chrono::millise
     failWithErrno(kNoAnswer, "cannot send to " + nameOf(server));
   }
   for (;;) {
-    const Wake wake = waitUntil(socket.fd(), deadline);
+    const Wake wake = waitForDatagram(socket.fd(), deadline);
     if (wake == Wake::kTimeout) throw Failure{kNoAnswer, "no answer from " + nameOf(server)};
     if (wake == Wake::kSignal) throw Failure{kBrokenOff, "interrupted"};
     std::array<char, kMaxSize> reply{};

@@ -13,14 +13,6 @@
 
 namespace kepconfig {
 
-// The statuses of the command.
-enum ExitStatus { kGood = 0, kDamaged = 1, kUsage = 2, kNoAnswer = 3, kBrokenOff = 4 };
-
-struct Failure {
-  ExitStatus status;
-  std::string text;
-};
-
 struct Endpoint {
   std::string address;  // dotted
   uint16_t port = 0;
@@ -42,9 +34,6 @@ class Socket {
  private:
   int fd_;
 };
-
-// From now on SIGINT and SIGTERM end the waits below instead of the process; a second one of the same kind ends it.
-void catchSignals();
 
 // Answers queries, and tells each in a line of the log, until a signal comes or the log cannot be written. Throws
 // Failure when the socket fails.

@@ -1,0 +1,83 @@
+// command_line.cpp: CLI11, without what it makes of numbers and addresses.
+
+#include "common/command_line.hpp"
+
+#include <arpa/inet.h>
+
+#include <charconv>
+#include <memory>
+#include <optional>
+#include <utility>
+
+namespace kepcommand {
+
+namespace {
+
+// The generated help would not show that there are two ways to call a command, and would tell each option's checks.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  explicit HelpFormatter(std::string usage) : usage_(std::move(usage)) {}
+
+  std::string make_usage(const CLI::App * /*app*/, std::string /*name*/) const override { return usage_; }
+
+  std::string make_option_opts(const CLI::Option *option) const override {
+    const std::string type = option->get_type_name();  // with the checks behind a colon
+    return type.empty() ? "" : " " + type.substr(0, type.find(':'));
+  }
+
+ private:
+  std::string usage_;
+};
+
+std::string complaint(const CLI::App *app, const CLI::Error &error) {
+  return app->get_name() + ": " + error.what() + "; see --help\n";
+}
+
+// CLI11 would read 010 as eight and 0x10 as sixteen.
+template <class Number>
+std::optional<Number> decimal(const std::string &text) {
+  Number number = 0;
+  const char *const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || rest != end) return std::nullopt;
+  return number;
+}
+
+}  // namespace
+
+void describe(CLI::App &app, const std::string &usage, const std::string &exitStatuses) {
+  app.formatter(std::make_shared<HelpFormatter>(usage));
+  app.footer(exitStatuses);
+  app.failure_message(complaint);
+}
+
+int64_t wholeNumber(const std::string &option, const std::string &text, int64_t smallest, int64_t largest) {
+  const std::optional<int64_t> number = decimal<int64_t>(text);
+  if (number && *number >= smallest && *number <= largest) return *number;
+  throw CLI::ValidationError(
+      option, "not a number from " + std::to_string(smallest) + " to " + std::to_string(largest) + ": " + text);
+}
+
+CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable, const std::string &help) {
+  const auto read = [name, &variable](const std::string &text) {
+    const std::optional<double> seconds = decimal<double>(text);
+    if (!seconds || !(*seconds >= 0.001 && *seconds <= 1e6)) {  // in this form: "nan" is a number, too
+      throw CLI::ValidationError(name, "not a number of seconds from 0.001 to 1000000: " + text);
+    }
+    variable = *seconds;
+  };
+  return app.add_option_function<std::string>(name, read, help);
+}
+
+std::string checkAddress(const std::string &text) {
+  in_addr address{};
+  return inet_pton(AF_INET, text.c_str(), &address) == 1 ? "" : "not an IPv4 address: " + text;
+}
+
+std::string checkHost(const std::string &text) {
+  in_addr address{};
+  const bool isNumeric = text.find_first_not_of("0123456789.") == std::string::npos;
+  return isNumeric || inet_aton(text.c_str(), &address) != 0 ? checkAddress(text) : "";
+}
+
+}  // namespace kepcommand

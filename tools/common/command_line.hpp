@@ -1,0 +1,35 @@
+// command_line.hpp: what the commands' lines have in common: the form of --help and of complaints, and what an address
+// and a number are.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <string>
+
+namespace kepcommand {
+
+// Gives a command its help, and its complaints the command's name in front.
+void describe(CLI::App &app, const std::string &usage, const std::string &exitStatuses);
+
+// Throws a CLI::ParseError unless `text` is a whole number of that range, all decimal: a zero in front means nothing.
+int64_t wholeNumber(const std::string &option, const std::string &text, int64_t smallest, int64_t largest);
+
+// Adds an option whose value is such a number.
+template <class Number>
+CLI::Option *addNumber(CLI::App &app, const std::string &name, Number &variable, int64_t smallest, int64_t largest,
+                       const std::string &help) {
+  const auto read = [=, &variable](const std::string &text) {
+    variable = static_cast<Number>(wholeNumber(name, text, smallest, largest));
+  };
+  return app.add_option_function<std::string>(name, read, help);
+}
+
+// Adds an option whose value is a time in seconds, from a millisecond to eleven days.
+CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable, const std::string &help);
+
+// Checks for options, empty when all is well. An address is four decimal numbers and nothing else; a host is one, or a
+// name that no system call would take for some other form of one, such as 127.1 or 0x7f000001.
+std::string checkAddress(const std::string &text);
+std::string checkHost(const std::string &text);
+
+}  // namespace kepcommand

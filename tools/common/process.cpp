@@ -1,0 +1,183 @@
+// process.cpp: output, and the signals.
+//
+// A signal interrupts the call that waits, and is noted. As it may come just before the call, a timer goes on
+// interrupting from then on, so that no wait lasts longer than a tick without a look at what was noted.
+
+#include "common/process.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <iostream>
+#include <streambuf>
+
+namespace kepcommand {
+
+namespace {
+
+constexpr long kTickNs = 200'000'000;
+constexpr int kPatience = 2;  // ticks: so long output that is begun may find nobody to take it, after a signal
+
+const char *sg_name = "";
+timer_t sg_timer{};
+volatile std::sig_atomic_t sg_signalled = 0;
+volatile std::sig_atomic_t sg_ticks = 0;  // after the signal, since output was taken
+
+extern "C" void noteSignal(int /*number*/) {
+  const int before = errno;
+  sg_signalled = 1;
+  const itimerspec tick = {{0, kTickNs}, {0, kTickNs}};
+  timer_settime(sg_timer, 0, &tick, nullptr);
+  errno = before;
+}
+
+extern "C" void noteTick(int /*number*/) { sg_ticks = sg_ticks + 1; }
+
+void handle(int number, void (*handler)(int), int flags) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = flags;  // without SA_RESTART: the call that waits ends
+  sigaction(number, &action, nullptr);
+}
+
+void catchSignals() {
+  sigevent event{};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGRTMIN;
+  if (timer_create(CLOCK_MONOTONIC, &event, &sg_timer) != 0) failWithErrno(kBrokenOff, "cannot make a timer");
+  handle(SIGRTMIN, noteTick, 0);
+  handle(SIGINT, noteSignal, static_cast<int>(SA_RESETHAND));
+  handle(SIGTERM, noteSignal, static_cast<int>(SA_RESETHAND));
+  handle(SIGPIPE, SIG_IGN, 0);  // a reader that goes away is a write error like any other,
+  handle(SIGXFSZ, SIG_IGN, 0);  // as is a file that becomes too large
+}
+
+// Otherwise a file or a socket could become one of these, and get what is meant for them. In place of one that is
+// closed stands one that can only be read: printing to it fails, as it would have.
+bool openStandardDescriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDONLY) != fd) return false;
+  }
+  return true;
+}
+
+// Sends a stream's output to a descriptor. The C library's streams lose what they hold when a signal comes.
+class Output : public std::streambuf {
+ public:
+  Output(std::ostream &stream, int fd) : stream_(stream), before_(stream.rdbuf(this)), fd_(fd) {
+    setp(buffer_.data(), buffer_.data() + buffer_.size());
+  }
+  Output(const Output &) = delete;
+  Output &operator=(const Output &) = delete;
+  ~Output() override { stream_.rdbuf(before_); }
+
+ protected:
+  int_type overflow(int_type character) override {
+    if (sync() != 0) return traits_type::eof();
+    if (!traits_type::eq_int_type(character, traits_type::eof())) sputc(traits_type::to_char_type(character));
+    return traits_type::not_eof(character);
+  }
+
+  int sync() override {
+    const bool written = writeAll(fd_, pbase(), static_cast<size_t>(pptr() - pbase()));
+    setp(buffer_.data(), buffer_.data() + buffer_.size());
+    return written ? 0 : -1;
+  }
+
+ private:
+  std::array<char, 16384> buffer_;
+  std::ostream &stream_;
+  std::streambuf *before_;
+  int fd_;
+};
+
+}  // namespace
+
+void failWithErrno(ExitStatus status, const std::string &what) {
+  throw Failure{status, what + ": " + std::strerror(errno)};
+}
+
+int runMain(const char *name, int argc, char **argv, ExitStatus (*run)(int, char **)) {
+  if (!openStandardDescriptors()) return kBrokenOff;
+  sg_name = name;
+  const Output out(std::cout, STDOUT_FILENO);
+  const Output err(std::cerr, STDERR_FILENO);
+  ExitStatus status = kBrokenOff;
+  try {
+    catchSignals();
+    status = run(argc, argv);
+  } catch (const Failure &failure) {
+    complain(failure.text);
+    status = failure.status;
+  } catch (const std::exception &error) {
+    complain(error.what());
+  }
+  if (std::cout.flush()) return status;
+  complain("cannot write the output");
+  return kBrokenOff;
+}
+
+void complain(const std::string &text) { std::cerr << sg_name + (": " + text + '\n'); }
+
+bool signalled() { return sg_signalled != 0; }
+
+Wake waitUntil(pollfd *entries, nfds_t count, std::optional<Clock::time_point> deadline) {
+  using std::chrono::milliseconds;
+  while (!signalled()) {
+    int64_t left = -1;
+    if (deadline) left = std::max<int64_t>(std::chrono::ceil<milliseconds>(*deadline - Clock::now()).count(), 0);
+    const int ready = poll(entries, count, static_cast<int>(std::min<int64_t>(left, INT_MAX)));
+    if (ready > 0) return Wake::kReady;
+    if (ready == 0) return Wake::kTimeout;
+    if (errno != EINTR) failWithErrno(kBrokenOff, "cannot wait");
+  }
+  return Wake::kSignal;
+}
+
+Descriptor::~Descriptor() {
+  if (fd_ >= 0) close(fd_);
+}
+
+Descriptor openFile(const std::string &path, int flags) {
+  constexpr mode_t kReadWrite = 0666;  // as far as the umask lets it
+  while (!signalled()) {
+    Descriptor file(open(path.c_str(), flags | O_CLOEXEC, kReadWrite));
+    if (file.get() >= 0) return file;
+    if (errno != EINTR) failWithErrno(kUsage, "cannot open " + path);
+  }
+  throw Failure{kBrokenOff, "interrupted"};
+}
+
+size_t readSome(int fd, void *buffer, size_t size, const std::string &path) {
+  while (!signalled()) {
+    const ssize_t count = read(fd, buffer, size);
+    if (count >= 0) return static_cast<size_t>(count);
+    if (errno != EINTR) failWithErrno(kBrokenOff, "cannot read " + path);
+  }
+  throw Failure{kBrokenOff, "interrupted"};
+}
+
+bool writeAll(int fd, const char *bytes, size_t size) {
+  while (size > 0) {
+    const ssize_t count = write(fd, bytes, size);
+    if (count > 0) {
+      bytes += count;
+      size -= static_cast<size_t>(count);
+      sg_ticks = 0;
+    } else if (count == 0 || errno != EINTR || sg_ticks >= kPatience) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace kepcommand
