@@ -23,15 +23,28 @@ class Collect : public CommandTest {
 
   void launch(const std::string &arguments) { command_.emplace("127.0.0.1 --port " + requests_.port() + arguments); }
 
-  // Takes the request and connects back to where it came from; returns it without the port.
-  std::string beginVisit() {
+  // Takes the request; returns it without the port.
+  std::string takeRequest() {
     const std::string request = requests_.receive();
-    if (request.size() != 16) return request;
-    sockaddr_in server = requests_.sender;
-    std::copy_n(request.end() - 2, 2, reinterpret_cast<char *>(&server.sin_port));
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&server), sizeof server), 0);
+    server_ = requests_.sender;
+    if (request.size() == 16) std::copy_n(request.end() - 2, 2, reinterpret_cast<char *>(&server_.sin_port));
     return request.substr(0, 12);
+  }
+
+  // Connects back to where the request came from.
+  void connectFrom(const std::string &address) {
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = inet_addr(address.c_str());
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&own), sizeof own), 0);
+    EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&server_), sizeof server_), 0);
+  }
+
+  std::string beginVisit() {
+    const std::string request = takeRequest();
+    connectFrom("127.0.0.1");
+    return request;
   }
 
   void sendBytes(const std::string &bytes) const {
@@ -53,6 +66,7 @@ class Collect : public CommandTest {
 
   Peer requests_;
   std::optional<Command> command_;
+  sockaddr_in server_{};  // where the last request asks to be called back
   int fd_ = -1;
 };
 
@@ -143,13 +157,39 @@ TEST_F(Collect, TellsWhyThereIsNoRun) {
 
   expectWrongUsage("",
                    "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|--replay none|--replay .|"
-                   "--replay err --raw raw");
+                   "--replay err --raw raw|--replay err --any-source");
   expectWrongUsage("localhost ",
                    "extra|--unknown|--port 0|--port 65536|--port 0x10|--type 3|--type 010|"
                    "--type 0 --selftest|--sequence -1|--sequence 2147483648|--sequence 0x1|--timeout 0|"
                    "--timeout nan|--timeout 0x10|--watch -5|--format xml|--listen localhost|"
                    "--listen 1.2.3|--listen 0x7f.0.0.01|--listen 192.0.2.1|--raw no/such/folder|"
                    "--replay err");
+}
+
+TEST_F(Collect, TakesNobodyElseForTheBoardUnlessToldTo) {
+  std::set<int64_t> numbers;
+  for (const std::string arguments : {"", " --any-source", " --timeout 2"}) {
+    SCOPED_TRACE(arguments);
+    launch(arguments);
+    const std::string request = takeRequest();
+    ASSERT_EQ(request.size(), 12u);
+    uint32_t number = 0;
+    for (const char c : request.substr(8)) number = number << 8 | static_cast<uint8_t>(c);
+    numbers.insert(number);
+    connectFrom("127.0.0.3");
+    if (arguments != " --any-source") {
+      EXPECT_LE(takeAcknowledgement(), 0) << "turned away";
+      close(fd_);
+    }
+    if (arguments.empty()) connectFrom("127.0.0.1");
+    if (arguments != " --timeout 2") {
+      sendAcknowledged({message(0, static_cast<int32_t>(number), "KB12"), message(1, 1, ""), message(2, 2, "")});
+      close(fd_);
+    }
+    EXPECT_EQ(command_->status(), arguments == " --timeout 2" ? 3 : 0);
+  }
+  EXPECT_NE(err().find(", but one from 127.0.0.3: see --any-source\n"), std::string::npos) << err();
+  EXPECT_GT(*numbers.rbegin() - *numbers.begin(), 100'000) << "by the clock, or counted, they would be close together";
 }
 
 TEST_F(Collect, EndsWhenItCannotWriteOrNobodyReads) {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <iostream>
 #include <optional>
+#include <random>
 #include <string>
 
 #include "common/command_line.hpp"
@@ -66,8 +67,10 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   live(app.add_flag("--selftest", options.selfTest, "Ask for a self-test run"), "")->excludes(type);
   live(app.add_option("--listen", request.listenAddress, "Local IPv4 address that the board connects to [any]"), "ADDR")
       ->check(checkAddress);
+  live(app.add_flag("--any-source", request.anySource, "Let the board connect from any address, not only from HOST's"),
+       "");
   live(addNumber(app, "--sequence", options.sequence, INT32_MIN, INT32_MAX,
-                 "Number of the first message, not -1; 0: the board's next [by the clock]"),
+                 "Number of the first message, not -1; 0: the board's next [random]"),
        "N");
   live(addSeconds(app, "--timeout", options.timeout, "Longest wait for the connection, and for data each time [10]"),
        "SECONDS");
@@ -90,11 +93,14 @@ Format formatOf(const std::string &name) {
   return name == "csv" ? Format::kCsv : Format::kText;
 }
 
-// Differs from one millisecond to the next, so that a late answer to an earlier request is told apart; never 0 or -1.
-int32_t sequenceByClock() {
-  const auto now =
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch());
-  return static_cast<int32_t>(1 + now.count() % 1'000'000'000);
+// A number that nobody can guess, so that neither a stranger nor a late answer to an earlier request is taken for the
+// answer to this one. 0 and -1 mean something else.
+int32_t randomSequence() {
+  std::random_device random;
+  for (;;) {
+    const auto sequence = static_cast<int32_t>(random());
+    if (sequence != 0 && sequence != kNeverAnswered) return sequence;
+  }
 }
 
 ExitStatus report(const Outcome &outcome, Reporter &reporter) {
@@ -136,7 +142,7 @@ ExitStatus runAll(Options options, Reporter &reporter) {
   ExitStatus status = kGood;
   for (;;) {
     const Clock::time_point start = Clock::now();
-    options.request.sequence = options.sequence ? *options.sequence : sequenceByClock();
+    options.request.sequence = options.sequence ? *options.sequence : randomSequence();
     const ExitStatus last = runOnce(options, reporter);
     if (last != kGood) status = last;
     if (options.watch == 0 || last == kUsage || !std::cout) return status;

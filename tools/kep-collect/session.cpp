@@ -9,6 +9,7 @@
 
 #include "session.hpp"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -27,6 +28,7 @@ using namespace kepcommand;
 
 constexpr size_t kRequestSize = 16;
 constexpr char kAcknowledgement = '\x06';
+constexpr int kBacklog = 8;  // others may knock, too
 
 void waitOrFail(pollfd *entries, nfds_t count, Clock::time_point deadline, const std::string &what) {
   const Wake wake = waitUntil(entries, count, deadline);
@@ -60,11 +62,12 @@ Descriptor openSocket(int type, const std::string &listenAddress) {
   return fd;
 }
 
-uint16_t portOf(int fd) {
+// The socket's own address, or with getpeername that of its other end.
+sockaddr_in addressOf(int fd, int (*end)(int, sockaddr *, socklen_t *)) {
   sockaddr_in address{};
   socklen_t size = sizeof address;
-  if (getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) < 0) failWithErrno(kNoAnswer, "getsockname");
-  return ntohs(address.sin_port);
+  if (end(fd, reinterpret_cast<sockaddr *>(&address), &size) < 0) failWithErrno(kNoAnswer, "cannot tell an address");
+  return address;
 }
 
 // The UDP socket is connected, so that a board that does not serve shows itself at once as a refusal.
@@ -85,26 +88,37 @@ void throwOnRefusal(int requestSocket, const Request &request) {
   failWithErrno(kNoAnswer, request.host + " port " + std::to_string(request.port));
 }
 
-// Any peer may be the board, which can have several addresses; whoever comes first is it, and nobody comes second.
+// The first to come from the board's address is the board, and nobody comes second. Anybody else is turned away, and
+// named should the board not come: it may be the board at another of its addresses.
 Descriptor takeConnection(int listener, int requestSocket, const Request &request) {
   const Clock::time_point deadline = Clock::now() + request.timeout;
+  const in_addr board = addressOf(requestSocket, getpeername).sin_addr;
   const std::string what = "no connection from " + request.host + " port " + std::to_string(request.port);
-  for (;;) {
+  std::string stranger;
+  do {
     std::array<pollfd, 2> entries = {pollfd{listener, POLLIN, 0}, pollfd{requestSocket, POLLIN, 0}};
-    waitOrFail(entries.data(), entries.size(), deadline, what);
-    Descriptor connection(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (connection.get() >= 0) return connection;
-    if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) failWithErrno(kNoAnswer, "cannot accept");
-    throwOnRefusal(requestSocket, request);
-  }
+    waitOrFail(entries.data(), entries.size(), deadline, what + stranger);
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    Descriptor connection(accept4(listener, reinterpret_cast<sockaddr *>(&peer), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (connection.get() < 0) {
+      if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) failWithErrno(kNoAnswer, "cannot accept");
+      throwOnRefusal(requestSocket, request);
+    } else if (request.anySource || peer.sin_addr.s_addr == board.s_addr) {
+      return connection;
+    } else {
+      stranger = std::string(", but one from ") + inet_ntoa(peer.sin_addr) + ": see --any-source";
+    }
+  } while (Clock::now() < deadline);
+  throw Failure{kNoAnswer, "timed out: " + what + stranger};
 }
 
 Descriptor connectionFrom(const Request &request) {
   const sockaddr_in board = resolve(request.host, request.port, 0);
   const Descriptor listener = openSocket(SOCK_STREAM, request.listenAddress);
   const Descriptor requestSocket = openSocket(SOCK_DGRAM, request.listenAddress);
-  if (listen(listener.get(), 1) < 0) failWithErrno(kNoAnswer, "cannot listen");
-  sendRequest(requestSocket.get(), board, request, portOf(listener.get()));
+  if (listen(listener.get(), kBacklog) < 0) failWithErrno(kNoAnswer, "cannot listen");
+  sendRequest(requestSocket.get(), board, request, ntohs(addressOf(listener.get(), getsockname).sin_port));
   return takeConnection(listener.get(), requestSocket.get(), request);
 }
 

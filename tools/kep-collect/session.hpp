@@ -20,6 +20,7 @@ struct Request {
   uint32_t type = 0;
   int32_t sequence = 0;
   std::string listenAddress = "0.0.0.0";  // the board connects back to it
+  bool anySource = false;                 // takes a connection also from another address than the request went to
   std::chrono::milliseconds timeout{10'000};
 };
 
