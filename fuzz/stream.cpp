@@ -148,7 +148,7 @@ class Board {
   void writeCatalogue() {
     int32_t index = pickNumber();
     for (unsigned left = in_.ConsumeIntegralInRange(0u, 5u); left > 0 && index < INT32_MAX; --left, ++index) {
-      run.catalogue[index] = in_.ConsumeBytesAsString(in_.ConsumeIntegralInRange(0u, 150u));
+      run.catalogue[index] = in_.ConsumeBytesAsString(in_.ConsumeIntegralInRange(0u, 19u));
       payload_ += board::word(index) + board::counted(run.catalogue[index]);
     }
     flush(1);
@@ -173,12 +173,16 @@ class Board {
     } else {
       const std::string part = in_.ConsumeBytesAsString(in_.ConsumeIntegral<uint8_t>());
       for (unsigned left = in_.ConsumeIntegralInRange(1u, 8u); left > 0; --left) value.bytes += part;
+      if (announces(value)) value.bytes.resize(std::min<size_t>(value.bytes.size(), 19));
       putPieces(value.kind == ValueKind::kString ? 3 : 4, value);
     }
-    const bool announces = run.selfTest && value.kind == ValueKind::kString && value.item == 0xFFFF &&
-                           value.section == 0 && value.key == 0;
-    announces ? run.tested.push_back(value.bytes) : run.values.push_back(value);
+    announces(value) ? run.tested.push_back(value.bytes) : run.values.push_back(value);
     if (in_.ConsumeBool()) flush(2);
+  }
+
+  bool announces(const Value &value) const {
+    return run.selfTest && value.kind == ValueKind::kString && value.item == 0xFFFF && value.section == 0 &&
+           value.key == 0;
   }
 
   void putPieces(int type, const Value &value) {

@@ -249,6 +249,33 @@ TEST_F(Collect, ReplaysUntilDamageOrASignal) {
   close(fd);
 }
 
+// Empty strings make the most values of the fewest bytes; a value of control characters in pieces, sized so that its
+// memory has just been doubled at the end, makes most of a single one.
+TEST_F(Collect, StaysWithinItsMemory) {
+#ifdef KEP_SANITIZED
+  GTEST_SKIP() << "a sanitizer takes more";
+#endif
+  constexpr size_t kMost = 64 << 20;
+  const auto keep = [](const std::string &path, const std::string &first, const std::string &record, int perMessage) {
+    std::string records;
+    for (int i = 0; i < perMessage; ++i) records += record;
+    std::string stream = message(0, 77, "KB12") + message(2, 1, first);
+    int32_t sequence = 2;
+    while (stream.size() + 2000 < kMost) stream += message(2, sequence++, records);
+    std::ofstream(path, std::ios::binary)
+        << stream << message(2, sequence, head(0x83, 0, 0, 0) + counted("")) << message(2, sequence + 1, "");
+  };
+  keep("many", "", head(0x83, 0, 0, 0) + counted(""), 68);
+  keep("long", head(0x03, 0, 0, 0) + counted(std::string(959, 1)), head(0x03, 0, 0, 0) + counted(std::string(1009, 1)),
+       1);
+  const std::string limit = "ulimit -v 262144;";
+  EXPECT_EQ(run("--replay many >/dev/null", limit), 1);
+  EXPECT_EQ(err(), "kep-collect: damaged at offset 15913720: the run goes on beyond 1048576 records\n");
+  for (const std::string format : {"json", "csv"}) {
+    EXPECT_EQ(run("--replay long >/dev/null --format " + format, limit), 0) << err();
+  }
+}
+
 TEST_F(Collect, WatchesUntilInterruptedWhateverBecomesOfARun) {
   launch(" --sequence 77 --format csv --watch 2");
   for (const Strings &messages : {Strings{collection()[0]}, collection()}) {

@@ -52,6 +52,7 @@ TEST(Stream, NamesTheFirstDamageWithItsOffset) {
   const std::string start = identity + message(1, 5, "");  // 28 bytes, so records begin at offset 40
   const std::string piece = head(0x03, 1, 2, 3) + counted("ab");
   const std::string value = head(0x83, 0xFFFF, 0, 0) + counted("a");  // a self-test's announcement and nothing else's
+  const std::string longName = " an item's name of more than 19 bytes";
   const std::string lost = "damaged 57 a record of item ";
   const std::string open = " before the last piece of item 1, section 2, key 3";
   const auto data = [&start](const std::string &records) { return start + message(2, 6, records); };
@@ -72,6 +73,9 @@ TEST(Stream, NamesTheFirstDamageWithItsOffset) {
       {message(0, 77, "KB1"), "damaged 12 an identity of 3 bytes instead of 4"},
       {identity + message(1, 5, word(1) + counted("a") + word(1) + counted("b")),
        "damaged 35 catalogue index 1 does not ascend"},
+      {identity + message(1, 5, word(1) + counted(std::string(20, 'n'))), "damaged 32" + longName},
+      {identity + message(2, 78, head(0x03, 0xFFFF, 0, 0) + counted(std::string(19, 'n')) + value),
+       "damaged 62" + longName, selfTest},
       {data(head(0x01, 0, 0, 0) + word(0)), "damaged 40 unknown record type 1"},
       {data(head(0x85, 0, 0, 0) + counted("")), "damaged 40 unknown record type 133"},
       {data(head(0x82, 0, 0, 0) + number(0, 7)), "damaged 53 a field runs past its message"},
@@ -99,15 +103,27 @@ TEST(Stream, NamesTheFirstDamageWithItsOffset) {
 }
 
 TEST(Stream, BreaksOffARunThatDoesNotEnd) {
-  StreamDecoder decoder({});
-  std::string bytes = message(0, 77, "KB12") + message(1, 0, "");
-  for (int32_t sequence = 1; !decoder.damage() && sequence < 70'000; ++sequence) {
-    decoder.feed(bytes.data(), bytes.size());
-    bytes = message(2, sequence, head(0x84, 0, 0, 0) + counted(std::string(1009, 0)));
+  const std::string empty = head(0x83, 0, 0, 0) + counted("");
+  struct Case {
+    std::string payload, reason;
+    uint64_t messages, records;
+  };
+  const std::vector<Case> cases = {
+      {head(0x84, 0, 0, 0) + counted(std::string(1009, 0)), "the run goes on beyond 64 MiB", (64 << 20) / 1036, 64776},
+      {joined(std::vector(64, empty)), "the run goes on beyond 1048576 records", (1 << 20) / 64, 1 << 20},
+  };
+  for (const auto &[payload, reason, messages, records] : cases) {
+    StreamDecoder decoder({});
+    std::string bytes = message(0, 77, "KB12") + message(1, 0, "");
+    for (int32_t sequence = 1; !decoder.damage() && sequence < 70'000; ++sequence) {
+      decoder.feed(bytes.data(), bytes.size());
+      bytes = message(2, sequence, payload);
+    }
+    ASSERT_TRUE(decoder.damage());
+    EXPECT_EQ(decoder.damage()->reason, reason);
+    EXPECT_EQ(decoder.run().messageCount, 2 + messages);
+    EXPECT_EQ(decoder.run().recordCount, records);
   }
-  ASSERT_TRUE(decoder.damage());
-  EXPECT_EQ(decoder.damage()->reason, "the run goes on beyond 64 MiB");
-  EXPECT_EQ(decoder.run().byteCount, 28 + (64u << 20) / 1036 * 1036);
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <nlohmann/json.hpp>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -18,7 +18,10 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char *kHexDigits = "0123456789abcdef";
 
-std::string hex(const std::string &bytes) {
+// A value can have as much as a whole run: what is made of it is put in portions of so many bytes.
+constexpr size_t kPortion = 65536;
+
+std::string hex(std::string_view bytes) {
   std::string text;
   for (const char c : bytes) {
     const auto byte = static_cast<uint8_t>(c);
@@ -34,7 +37,7 @@ struct CodePoint {
 };
 
 // Decodes the character at `position`. Overlong forms, surrogates and what lies beyond Unicode are not UTF-8.
-CodePoint decodeUtf8(const std::string &bytes, size_t position) {
+CodePoint decodeUtf8(std::string_view bytes, size_t position) {
   constexpr std::array<uint32_t, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
   const auto lead = static_cast<uint8_t>(bytes[position]);
   if (lead < 0x80) return {lead, 1};
@@ -51,7 +54,7 @@ CodePoint decodeUtf8(const std::string &bytes, size_t position) {
   return {value, size};
 }
 
-bool isUtf8(const std::string &bytes) {
+bool isUtf8(std::string_view bytes) {
   for (size_t i = 0; i < bytes.size();) {
     const size_t size = decodeUtf8(bytes, i).size;
     if (size == 0) return false;
@@ -66,13 +69,41 @@ bool isUnsafe(uint32_t c) {
          (c >= 0x2028 && c <= 0x202E) || (c >= 0x2060 && c <= 0x206F) || c == 0xFEFF;
 }
 
-std::string escaped(const std::string &bytes) {
-  if (bytes == "\\") return "\\\\";
-  if (bytes == "\n") return "\\n";
-  if (bytes == "\r") return "\\r";
-  if (bytes == "\t") return "\\t";
+void appendEscaped(std::string &text, std::string_view character) {
+  constexpr std::string_view kShort = "\\\n\r\t", kLetters = "\\nrt";
+  const size_t found = kShort.find(character[0]);
+  if (found != std::string_view::npos) {
+    text += {'\\', kLetters[found]};
+    return;
+  }
+  for (const char c : character) text += {'\\', 'x', kHexDigits[c >> 4 & 0xF], kHexDigits[c & 0xF]};
+}
+
+// Makes bytes fit to be shown, and puts them in portions: printable UTF-8 stays as it is, a backslash becomes \\, a
+// line feed \n, a carriage return \r, a tab \t, and every other byte \xHH, so that nothing a board sends can steer a
+// terminal and every byte can be told.
+template <class Put>
+void putPrintable(std::string_view bytes, const Put &put) {
   std::string text;
-  for (const char c : bytes) text += "\\x" + hex(std::string(1, c));
+  for (size_t i = 0; i < bytes.size();) {
+    const CodePoint c = decodeUtf8(bytes, i);
+    const std::string_view character = bytes.substr(i, std::max<size_t>(c.size, 1));
+    if (c.size == 0 || c.value == '\\' || isUnsafe(c.value)) {
+      appendEscaped(text, character);
+    } else {
+      text += character;
+    }
+    i += character.size();
+    if (text.size() < kPortion) continue;
+    put(text);
+    text.clear();
+  }
+  put(text);
+}
+
+std::string printable(std::string_view bytes) {
+  std::string text;
+  putPrintable(bytes, [&text](std::string_view piece) { text += piece; });
   return text;
 }
 
@@ -86,10 +117,20 @@ const char *kindName(ValueKind kind) {
   return "";
 }
 
-std::string valueText(const Value &value) {
-  if (value.kind == ValueKind::kString) return printable(value.bytes);
-  if (value.kind == ValueKind::kBuffer) return hex(value.bytes);
-  return std::to_string(value.number);
+void putHex(std::ostream &out, std::string_view bytes) {
+  for (size_t i = 0; i < bytes.size(); i += kPortion) out << hex(bytes.substr(i, kPortion));
+}
+
+// A string's text is the caller's to put, each format having its own form.
+template <class PutText>
+void putValue(std::ostream &out, const Value &value, const PutText &putText) {
+  if (value.kind == ValueKind::kString) {
+    putText(out, value.bytes);
+  } else if (value.kind == ValueKind::kBuffer) {
+    putHex(out, value.bytes);
+  } else {
+    out << value.number;
+  }
 }
 
 // A self-test announces its items by name and sends no catalogue. An index that the catalogue lacks has no name.
@@ -110,9 +151,10 @@ std::vector<const Value *> sortedValues(const Run &run) {
 
 // Text.
 
-using Row = std::array<std::string, 6>;
-constexpr Row::size_type kLastColumn = 5;
-constexpr std::array<bool, 6> kRightAligned = {true, false, true, true, false, false};
+constexpr size_t kColumnCount = 5;  // and the value, which ends the line and is as long as it likes
+using Row = std::array<std::string, kColumnCount>;
+using Widths = std::array<size_t, kColumnCount>;
+constexpr std::array<bool, kColumnCount> kRightAligned = {true, false, true, true, false};
 
 // In characters; `text` is valid UTF-8.
 size_t widthOf(const std::string &text) {
@@ -120,17 +162,40 @@ size_t widthOf(const std::string &text) {
       std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<uint8_t>(c) & 0xC0) != 0x80; }));
 }
 
-void printTable(std::ostream &out, const std::vector<Row> &rows) {
-  std::array<size_t, kLastColumn> widths{};
-  for (const Row &row : rows) {
-    for (size_t i = 0; i < kLastColumn; ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
+Row rowOf(const Run &run, const Value &value) {
+  return {std::to_string(value.item), printable(itemName(run, value)), std::to_string(value.section),
+          std::to_string(value.key), kindName(value.kind)};
+}
+
+void widen(Widths &widths, const Row &row) {
+  for (size_t i = 0; i < kColumnCount; ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
+}
+
+void printRow(std::ostream &out, const Widths &widths, const Row &row) {
+  for (size_t i = 0; i < kColumnCount; ++i) {
+    const std::string padding(widths[i] - widthOf(row[i]), ' ');
+    out << (kRightAligned[i] ? padding + row[i] : row[i] + padding) << "  ";
   }
-  for (const Row &row : rows) {
-    for (size_t i = 0; i < kLastColumn; ++i) {
-      const std::string padding(widths[i] - widthOf(row[i]), ' ');
-      out << (kRightAligned[i] ? padding + row[i] : row[i] + padding) << "  ";
-    }
-    out << row[kLastColumn] << '\n';
+}
+
+void printText(std::ostream &out, std::string_view bytes) {
+  putPrintable(bytes, [&out](std::string_view piece) { out << piece; });
+}
+
+// Rows are made twice, for their widths and to be printed, rather than all kept.
+void printTable(std::ostream &out, const Run &run) {
+  const std::vector<const Value *> values = sortedValues(run);
+  if (values.empty()) return;
+  const Row head = {"item", "name", "section", "key", "kind"};
+  Widths widths{};
+  widen(widths, head);
+  for (const Value *value : values) widen(widths, rowOf(run, *value));
+  printRow(out, widths, head);
+  out << "value\n";
+  for (const Value *value : values) {
+    printRow(out, widths, rowOf(run, *value));
+    putValue(out, *value, printText);
+    out << '\n';
   }
 }
 
@@ -138,12 +203,7 @@ void writeText(std::ostream &out, const Run &run) {
   if (run.identity) out << "identity " << hex(run.identity->bytes) << ", sequence " << run.identity->sequence << '\n';
   for (const auto &[index, name] : run.catalogue) out << "item " << index << ' ' << printable(name) << '\n';
   for (const std::string &name : run.tested) out << "self-test of " << printable(name) << '\n';
-  std::vector<Row> rows = {{"item", "name", "section", "key", "kind", "value"}};
-  for (const Value *value : sortedValues(run)) {
-    rows.push_back({std::to_string(value->item), printable(itemName(run, *value)), std::to_string(value->section),
-                    std::to_string(value->key), kindName(value->kind), valueText(*value)});
-  }
-  if (rows.size() > 1) printTable(out, rows);
+  printTable(out, run);
   out << run.messageCount << " messages, " << run.recordCount << " records, " << run.byteCount << " bytes"
       << (run.whole ? "" : ", not whole") << '\n';
 }
@@ -156,23 +216,49 @@ void putBytes(Json &object, const std::string &key, const std::string &bytes) {
   if (!isUtf8(bytes)) object[key + "_hex"] = hex(bytes);
 }
 
-void writeLine(std::ostream &out, const Json &object) {
-  // ASCII only: whatever could steer a terminal leaves as \uXXXX.
-  out << object.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n';
+// ASCII only: whatever could steer a terminal leaves as \uXXXX.
+std::string dump(const Json &json) { return json.dump(-1, ' ', true, Json::error_handler_t::replace); }
+
+void writeLine(std::ostream &out, const Json &object) { out << dump(object) << '\n'; }
+
+// The size of the first portion of `bytes`, which cuts no character: behind it stands none of the bytes that go on with
+// one, unless there are more of them than a character has.
+size_t portionOf(std::string_view bytes) {
+  if (bytes.size() <= kPortion) return bytes.size();
+  for (size_t size = kPortion; size > kPortion - 4; --size) {
+    if ((static_cast<uint8_t>(bytes[size]) & 0xC0) != 0x80) return size;
+  }
+  return kPortion;
 }
 
-Json valueObject(const Run &run, const Value &value) {
+void putJsonText(std::ostream &out, std::string_view bytes) {
+  out << '"';
+  while (!bytes.empty()) {
+    const size_t size = portionOf(bytes);
+    const std::string text = dump(std::string(bytes.substr(0, size)));
+    out << std::string_view(text).substr(1, text.size() - 2);
+    bytes.remove_prefix(size);
+  }
+  out << '"';
+}
+
+void writeValue(std::ostream &out, const Run &run, const Value &value) {
   Json object = {{"row", "value"}, {"item", value.item}};
   putBytes(object, "name", itemName(run, value));
   object.update({{"section", value.section}, {"key", value.key}, {"kind", kindName(value.kind)}});
-  if (value.kind == ValueKind::kString) {
-    putBytes(object, "value", value.bytes);
-  } else if (value.kind == ValueKind::kBuffer) {
-    object["value"] = hex(value.bytes);
-  } else {
-    object["value"] = value.number;
+  std::string start = dump(object);
+  start.pop_back();
+  out << start << ",\"value\":";
+  const char *const quote = value.kind == ValueKind::kBuffer ? "\"" : "";
+  out << quote;
+  putValue(out, value, putJsonText);
+  out << quote;
+  if (value.kind == ValueKind::kString && !isUtf8(value.bytes)) {
+    out << ",\"value_hex\":\"";
+    putHex(out, value.bytes);
+    out << '"';
   }
-  return object;
+  out << "}\n";
 }
 
 void writeJson(std::ostream &out, const Run &run) {
@@ -189,7 +275,7 @@ void writeJson(std::ostream &out, const Run &run) {
     putBytes(object, "name", name);
     writeLine(out, object);
   }
-  for (const Value *value : sortedValues(run)) writeLine(out, valueObject(run, *value));
+  for (const Value *value : sortedValues(run)) writeValue(out, run, *value);
   writeLine(out, {{"row", "summary"},
                   {"messages", run.messageCount},
                   {"records", run.recordCount},
@@ -201,35 +287,37 @@ void writeJson(std::ostream &out, const Run &run) {
 
 constexpr const char *kCsvHeader = "row,item,name,section,key,kind,value\n";
 
-std::string quoted(const std::string &field) {
-  if (field.find_first_of(",\"") == std::string::npos) return field;
-  std::string text = "\"";
-  for (const char c : field) text += c == '"' ? std::string("\"\"") : std::string(1, c);
-  return text + '"';
+void putField(std::ostream &out, std::string_view bytes) {
+  if (bytes.find_first_of(",\"") == std::string_view::npos) return printText(out, bytes);
+  out << '"';
+  putPrintable(bytes, [&out](std::string_view text) {
+    for (const char c : text) out << c << (c == '"' ? "\"" : "");
+  });
+  out << '"';
 }
 
 void writeCsv(std::ostream &out, const Run &run) {
   if (run.identity) out << "identity,,,,,," << hex(run.identity->bytes) << '\n';
-  for (const auto &[index, name] : run.catalogue) out << "item," << index << ',' << quoted(printable(name)) << ",,,,\n";
-  for (const std::string &name : run.tested) out << "tested,," << quoted(printable(name)) << ",,,,\n";
+  for (const auto &[index, name] : run.catalogue) {
+    out << "item," << index << ',';
+    putField(out, name);
+    out << ",,,,\n";
+  }
+  for (const std::string &name : run.tested) {
+    out << "tested,,";
+    putField(out, name);
+    out << ",,,,\n";
+  }
   for (const Value *value : sortedValues(run)) {
-    out << "value," << value->item << ',' << quoted(printable(itemName(run, *value))) << ',' << value->section << ','
-        << value->key << ',' << kindName(value->kind) << ',' << quoted(valueText(*value)) << '\n';
+    out << "value," << value->item << ',';
+    putField(out, itemName(run, *value));
+    out << ',' << value->section << ',' << value->key << ',' << kindName(value->kind) << ',';
+    putValue(out, *value, putField);
+    out << '\n';
   }
 }
 
 }  // namespace
-
-std::string printable(const std::string &bytes) {
-  std::string text;
-  for (size_t i = 0; i < bytes.size();) {
-    const CodePoint c = decodeUtf8(bytes, i);
-    const std::string character = bytes.substr(i, std::max<size_t>(c.size, 1));
-    text += c.size == 0 || c.value == '\\' || isUnsafe(c.value) ? escaped(character) : character;
-    i += character.size();
-  }
-  return text;
-}
 
 void Reporter::write(const Run &run) {
   switch (format_) {

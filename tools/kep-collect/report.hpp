@@ -12,12 +12,8 @@ namespace kepcollect {
 
 enum class Format { kText, kJson, kCsv };
 
-// Makes bytes fit to be shown: printable UTF-8 stays as it is, a backslash becomes \\, a line feed \n, a carriage
-// return \r, a tab \t, and every other byte \xHH, so that nothing a board sends can steer a terminal and every byte
-// can be told.
-std::string printable(const std::string &bytes);
-
-// Prints one run after the other to the same stream; the caller looks at the stream's state.
+// Prints one run after the other to the same stream; the caller looks at the stream's state. Needs little memory beside
+// the run, whatever is in it. Nothing that a board sends can steer a terminal.
 class Reporter {
  public:
   Reporter(std::ostream &out, Format format) : out_(out), format_(format) {}

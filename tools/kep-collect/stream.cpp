@@ -24,6 +24,8 @@ namespace {
 constexpr size_t kHeaderSize = 12;
 constexpr size_t kMaxMessageSize = kHeaderSize + 1024;
 constexpr uint64_t kMaxRunSize = 64 << 20;
+constexpr uint64_t kMaxRecordCount = 1 << 20;
+constexpr size_t kMaxNameSize = 19;
 constexpr size_t kTypeOffset = 4;
 constexpr size_t kSequenceOffset = 8;
 constexpr size_t kIdentitySize = 4;
@@ -110,13 +112,20 @@ Identity readIdentity(FieldReader &fields, uint32_t sequence) {
   return identity;
 }
 
+void checkName(const std::string &name, uint64_t offset) {
+  if (name.size() > kMaxNameSize) fail(offset, "an item's name of more than 19 bytes");
+}
+
 void readCatalogueEntry(FieldReader &fields, std::map<int32_t, std::string> &catalogue) {
   const uint64_t offset = fields.offset();
   const int32_t index = fields.signedWord();
   if (!catalogue.empty() && index <= catalogue.rbegin()->first) {
     fail(offset, "catalogue index " + std::to_string(index) + " does not ascend");
   }
-  catalogue.emplace(index, fields.countedBytes());
+  const uint64_t nameOffset = fields.offset();
+  std::string name = fields.countedBytes();
+  checkName(name, nameOffset);
+  catalogue.emplace(index, std::move(name));
 }
 
 }  // namespace
@@ -220,6 +229,7 @@ void StreamDecoder::readMessage() {
 
 void StreamDecoder::readRecord(FieldReader &fields) {
   const uint64_t offset = fields.offset();
+  if (run_.recordCount == kMaxRecordCount) fail(offset, "the run goes on beyond 1048576 records");
   const uint8_t type = fields.byte();
   Value value;
   value.kind = kindOf(type, offset);
@@ -248,6 +258,7 @@ void StreamDecoder::joinPiece(Value piece, bool last, uint64_t offset) {
   } else {
     openValue_ = std::move(piece);
   }
+  if (run_.selfTest && isTestedName(*openValue_)) checkName(openValue_->bytes, offset);
   if (last) keep(*std::exchange(openValue_, std::nullopt));
 }
 

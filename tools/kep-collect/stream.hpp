@@ -63,7 +63,7 @@ struct Damage {
 class FieldReader;
 
 // Invariant: after the first damage nothing more is decoded, and run() keeps what was whole before it.
-// A run of more than 64 MiB is damaged there: a board that never ends shall not take all memory.
+// A run of more than 64 MiB or 1,048,576 records is damaged there: a board that never ends shall not take all memory.
 class StreamDecoder {
  public:
   explicit StreamDecoder(const Expectation &expectation) : expectation_(expectation) {}
