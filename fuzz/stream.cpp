@@ -127,7 +127,7 @@ class Board {
     send(0, run.identity->sequence, run.identity->bytes);
     if (!run.selfTest) writeCatalogue();
     for (unsigned left = in_.ConsumeIntegralInRange(0u, 12u); left > 0; --left) writeValue();
-    if (!payload_.empty()) flush(2);
+    if (!payload_.empty() || (!run.catalogue.empty() && run.messageCount == 2)) flush(2);
     flush(2);
     run.byteCount = stream.size();
   }

@@ -101,7 +101,9 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
     EXPECT_EQ(left, 0);
   };
   // The first message's number is the request's; 0 leaves it to the board.
-  const auto numbered = [=](int32_t first) { return sends({message(0, first, "KB12"), begun[1], message(2, 43, "")}); };
+  const auto numbered = [=](int32_t first) {
+    return sends({message(0, first, "KB12"), message(1, 42, ""), message(2, 43, "")});
+  };
   struct Case {
     std::string format, arguments;
     int32_t type, sequence;

@@ -52,6 +52,7 @@ TEST(Stream, NamesTheFirstDamageWithItsOffset) {
   const std::string start = identity + message(1, 5, "");  // 28 bytes, so records begin at offset 40
   const std::string piece = head(0x03, 1, 2, 3) + counted("ab");
   const std::string value = head(0x83, 0xFFFF, 0, 0) + counted("a");  // a self-test's announcement and nothing else's
+  const std::string quiet = identity + message(1, 5, word(0) + counted("a")) + message(2, 6, "");
   const std::string longName = " an item's name of more than 19 bytes";
   const std::string lost = "damaged 57 a record of item ";
   const std::string open = " before the last piece of item 1, section 2, key 3";
@@ -76,6 +77,8 @@ TEST(Stream, NamesTheFirstDamageWithItsOffset) {
       {identity + message(1, 5, word(1) + counted(std::string(20, 'n'))), "damaged 32" + longName},
       {identity + message(2, 78, head(0x03, 0xFFFF, 0, 0) + counted(std::string(19, 'n')) + value),
        "damaged 62" + longName, selfTest},
+      {quiet, "cut 47 the stream ends before the run's last message"},
+      {quiet + message(2, 7, ""), "whole"},
       {data(head(0x01, 0, 0, 0) + word(0)), "damaged 40 unknown record type 1"},
       {data(head(0x85, 0, 0, 0) + counted("")), "damaged 40 unknown record type 133"},
       {data(head(0x82, 0, 0, 0) + number(0, 7)), "damaged 53 a field runs past its message"},

@@ -10,7 +10,8 @@
 //              0x84 | item (4) | section (4) | key (4) | length (2) | bytes     buffer
 //
 // A string or buffer record without the 0x80 bit is a piece: the next record, perhaps in a later message, continues
-// the same value. A run ends with a data message without records.
+// the same value. A run ends with a data message without records. In a collection an item that reports nothing sends
+// such a message, too; every item that the board asks sends at least one message.
 
 #include "stream.hpp"
 
@@ -159,10 +160,17 @@ void StreamDecoder::finish() {
     damage_ = Damage{end, "the stream ends inside a message", true};
   } else if (openValue_) {
     damage_ = Damage{end, "the last piece is missing of " + describe(*openValue_), true};
-  } else if (!atEnd_) {
+  } else if (!isOver()) {
     damage_ = Damage{end, "the stream ends before the run's last message", true};
   }
   run_.whole = !damage_;
+}
+
+// Items without a callback send no message and stand in the catalogue all the same: all that can be asked for is that
+// one item sent a message, and the end another.
+bool StreamDecoder::isOver() const {
+  constexpr uint64_t kFewest = 4;  // the identity, the catalogue, an item's, the end's
+  return isEmpty_ && (run_.catalogue.empty() || run_.messageCount >= kFewest);
 }
 
 // Checks the header that has just become complete; returns the message's size, header included.
@@ -213,7 +221,7 @@ void StreamDecoder::checkSequence(uint32_t sequence, uint64_t offset) {
 
 void StreamDecoder::readMessage() {
   FieldReader fields(message_, run_.byteCount, kHeaderSize);
-  atEnd_ = messageType_ == kDataMessage && fields.atEnd();
+  isEmpty_ = messageType_ == kDataMessage && fields.atEnd();
   if (messageType_ == kIdentityMessage) run_.identity = readIdentity(fields, lastSequence_);
   while (!fields.atEnd()) {
     if (messageType_ == kCatalogueMessage) {

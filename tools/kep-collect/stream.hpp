@@ -71,7 +71,8 @@ class StreamDecoder {
   // Decodes the next `size` bytes of the stream; returns how many messages became complete and were found good.
   size_t feed(const void *data, size_t size);
 
-  // Tells that the stream has ended. A run that is not over then is damaged, too.
+  // Tells that the stream has ended. A run that is not over then is damaged, too, as far as can be told: what ends
+  // behind the message of an item that reported nothing looks like one that is over.
   void finish();
 
   const Run &run() const { return run_; }
@@ -79,6 +80,7 @@ class StreamDecoder {
   const std::optional<Damage> &damage() const { return damage_; }
 
  private:
+  bool isOver() const;
   size_t readHeader();
   void checkOrder(int32_t type, uint64_t offset);
   void checkSequence(uint32_t sequence, uint64_t offset);
@@ -95,7 +97,7 @@ class StreamDecoder {
   int32_t messageType_ = 0;         // likewise
   uint32_t lastSequence_ = 0;       // of the message before
   std::optional<Value> openValue_;  // pieces so far of a value whose last piece has not come
-  bool atEnd_ = false;              // the last message was one that can end a run
+  bool isEmpty_ = false;            // the last message was a data message without records
 };
 
 }  // namespace kepcollect
