@@ -59,6 +59,9 @@ Lines printed(const Run &run, Format format) {
   for (std::string line; std::getline(out, line);) {
     const bool steers = std::any_of(line.begin(), line.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7F; });
     if (steers) require("a control is printed");
+    for (const char *hidden : {"\xC2\xAD", "\xE3\x85\xA4", "\xEF\xB8\x8F", "\xF3\xA0\x81\x81"}) {
+      require(line.find(hidden) == std::string::npos ? "" : "a character is printed that does not show");
+    }
     lines.push_back(line);
   }
   return lines;

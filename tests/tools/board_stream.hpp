@@ -37,10 +37,12 @@ inline std::string joined(const std::vector<std::string> &parts) {
 // A collection answering request sequence 77 while the board's own count stands at 41. It has every kind of record, a
 // string in three pieces, values out of order, equal keys, an item that reports nothing and one that has no name.
 inline std::vector<std::string> collection() {
-  // An escape sequence; in UTF-8, a control, a mark that turns text around, an overlong z, a surrogate, what lies
-  // beyond Unicode, and characters broken off.
+  // An escape sequence; in UTF-8, a control, a mark that turns text around, six characters that do not show, an
+  // overlong z, a surrogate, what lies beyond Unicode, and characters broken off.
   const std::string unprintable =
-      "\x1B[2J\x7F\xC2\x9B\xE2\x80\xAE\xC1\xBA\xED\xA0\x80\xF4\x90\x80\x80\xE2\x82 b\xE2\x82";
+      "\x1B[2J\x7F\xC2\x9B\xE2\x80\xAE"
+      "\xC2\xAD\xE1\x85\x9F\xEF\xB8\x8F\xEF\xBF\xB9\xF0\x9D\x85\xB3\xF3\xA0\x81\x81"
+      "\xC1\xBA\xED\xA0\x80\xF4\x90\x80\x80\xE2\x82 b\xE2\x82";
   const std::string mixed = head(0x84, 1, 2, 0) + counted(std::string("\x00\xFF\x10", 3)) + head(0x82, 1, 0, 1) +
                             number(0x8000000000000000, 8) + head(0x83, 0, 0, 4) +
                             counted("second \"quoted\"\n\r\t \xE2\x82\xAC\xF0\x9F\x98\x80");

@@ -63,10 +63,26 @@ bool isUtf8(std::string_view bytes) {
   return true;
 }
 
-// Controls, and the marks that break lines or reorder text: a value could use them to look like something else.
+struct Range {
+  uint32_t first = 0, last = 0;
+};
+
+// Controls, what breaks lines or turns text around, and what does not show: a value could use them to look like
+// something else. From Unicode 15: the general categories Cc, Cf, Zl and Zp of UnicodeData.txt, and
+// Default_Ignorable_Code_Point of DerivedCoreProperties.txt.
+constexpr std::array<Range, 27> kUnsafe = {{
+    {0x0, 0x1F},        {0x7F, 0x9F},       {0xAD, 0xAD},       {0x34F, 0x34F},     {0x600, 0x605},
+    {0x61C, 0x61C},     {0x6DD, 0x6DD},     {0x70F, 0x70F},     {0x890, 0x891},     {0x8E2, 0x8E2},
+    {0x115F, 0x1160},   {0x17B4, 0x17B5},   {0x180B, 0x180F},   {0x200B, 0x200F},   {0x2028, 0x202E},
+    {0x2060, 0x206F},   {0x3164, 0x3164},   {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0},
+    {0xFFF0, 0xFFFB},   {0x110BD, 0x110BD}, {0x110CD, 0x110CD}, {0x13430, 0x1343F}, {0x1BCA0, 0x1BCA3},
+    {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF},
+}};
+
 bool isUnsafe(uint32_t c) {
-  return c < 0x20 || (c >= 0x7F && c <= 0x9F) || c == 0x061C || (c >= 0x200B && c <= 0x200F) ||
-         (c >= 0x2028 && c <= 0x202E) || (c >= 0x2060 && c <= 0x206F) || c == 0xFEFF;
+  const auto range = std::lower_bound(kUnsafe.begin(), kUnsafe.end(), c,
+                                      [](const Range &r, uint32_t character) { return r.last < character; });
+  return range != kUnsafe.end() && range->first <= c;
 }
 
 void appendEscaped(std::string &text, std::string_view character) {
