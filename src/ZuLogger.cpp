@@ -3,11 +3,10 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "ZuMem.hpp"
-#include "kep/ZuPrint.h"
+#include "ZuPrint.hpp"
 #include "kep/ZuTime.h"
 #include "kep/platform.h"
 
@@ -177,12 +176,15 @@ void ZuLogger_ClearInfo(ZuLogger *logger) {
 
 void ZuLogger_Dump(ZuInfo *store) {
   if (!store) return;
-  std::printf("logger info addr: 0x%x\n", lowBits(store));
-  std::printf("memory addr: 0x%x\n", lowBits(store->block));
-  std::printf("memory size: %d\n", static_cast<int>(store->block ? store->block->capacity : 0));
-  std::printf("free addr:   %d\n", static_cast<int>(store->writeOffset));
-  std::printf("use  addr:   %d\n", static_cast<int>(store->readOffset));
-  std::printf("maxsize: %d\n", static_cast<int>(store->limit));
-  std::printf("freesize: %d\n", static_cast<int>(store->freeSize));
-  std::fflush(stdout);
+  printPastSink(
+      "logger info addr: 0x%x\n"
+      "memory addr: 0x%x\n"
+      "memory size: %d\n"
+      "free addr:   %d\n"
+      "use  addr:   %d\n"
+      "maxsize: %d\n"
+      "freesize: %d\n",
+      lowBits(store), lowBits(store->block), static_cast<int>(store->block ? store->block->capacity : 0),
+      static_cast<int>(store->writeOffset), static_cast<int>(store->readOffset), static_cast<int>(store->limit),
+      static_cast<int>(store->freeSize));
 }
