@@ -27,18 +27,20 @@ constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no 
 // converts only when the second is another one; a changed zone shows by the next.
 struct TimeText {
   const char *pattern;
+  bool isSet;  // not before the first line: a clock may begin at any second
   time_t second;
   char text[64];
 };
 
-TimeText l_longTime = {"YYYY/MM/DD HH:MI:SS", -1, ""};
-TimeText l_shortTime = {"MM/DD HH:MI:SS", -1, ""};
+TimeText l_longTime = {"YYYY/MM/DD HH:MI:SS", false, 0, ""};
+TimeText l_shortTime = {"MM/DD HH:MI:SS", false, 0, ""};
 
 const char *nowAsText(TimeText *time) {
   const time_t now = ZuTime_Now();
-  if (now != time->second) {
+  if (!time->isSet || now != time->second) {
     ZuTime_Format(time->text, time->pattern, now);
     time->second = now;
+    time->isSet = true;
   }
   return time->text;
 }

@@ -67,6 +67,7 @@ WRAP(int, getpeername, (int fd, sockaddr *name, socklen_t *size), -1, fd, name, 
 WRAP(int, fcntl, (int fd, int command, long argument), -1, fd, command, argument)
 WRAP(int, open, (const char *path, int flags, mode_t mode), -1, path, flags, mode)
 WRAP(int, close, (int fd), (__real_close(fd), -1), fd)  // closed all the same
+WRAP(time_t, time, (time_t * now), -1, now)
 WRAP(int, gettimeofday, (timeval * now, void *zone), -1, now, zone)
 WRAP(tm *, localtime, (const time_t *t), nullptr, t)
 WRAP(int, usleep, (useconds_t micros), -1, micros)

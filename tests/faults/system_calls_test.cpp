@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "ZuFault.hpp"
+#include "ZuLogger.hpp"
 #include "collection/runs.hpp"
 #include "support/platform_double.hpp"
 #include "transport/own_network.hpp"
@@ -45,6 +46,13 @@ int outwait() {
 }
 int waitFor() { return CollectClient_WaitFor(board, 0, 0, nullptr, address, &boardPort); }
 int refused() { return CollectClient_Start("nowhere", 1); }
+int datedLine() {
+  ZuLogger *logger = ZuLogger_New(0x42);
+  ZuLogger_Append(logger, 1, 0, "");
+  const int sizes = ZuLogger_Write(logger, 1, "") + static_cast<int>(logger->store->writeOffset);
+  ZuLogger_Release(logger);
+  return sizes;
+}
 int clockRuns() { return ZuTime_GetUTime() != 0; }
 int yearOf2024() { return std::atoi(ZuTime_Format(data, "YYYY/MM", 1709622489)); }
 int sleepsEnough() {
@@ -61,6 +69,7 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
     int fails, works;
     const char *printed = "";  // when it works
   } cases[] = {
+      {datedLine, "time", EOVERFLOW, kOn, 27 + 49, 27 + 49},  // first, when no second is known: a clock at -1 is one
       {service, "socket", EMFILE, 2, -1, 1},
       {service, "bind", EADDRINUSE, 2, -1, 1},
       {create, "socket", EMFILE, 1, -1, 1},
