@@ -3,11 +3,18 @@
 //   recorded value  key: item type (1) | fault index (1)    value: id (4) | .. as ZuFault.h says, big endian
 #include "ZuFault.hpp"
 
-#include <cstdio>
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <initializer_list>
 
 #include "ZuBuffer.hpp"
 #include "ZuLogger.hpp"
+#include "ZuWrite.hpp"
 #include "kep/ZuMem.h"
 #include "kep/ZuPrint.h"
 #include "kep/ZuString.h"
@@ -57,11 +64,62 @@ int32_t recordBytes(const ZuFault *fault, ItemType type, uint32_t id, const void
 
 // ---- the file
 
-void writeBytes(FILE *file, const void *data, size_t length) {
-  (void)!std::fwrite(data, 1, length, file);  // short writes are not checked: there is nobody to tell
+// While one lives, the signals wait that a write raises beyond the host's file size limit and into a FIFO whose reader
+// went away: by default they end the process. In the end those that came are taken back, and the calling thread has its
+// mask again, and pending what then was.
+class HeldSignals {
+ public:
+  HeldSignals() {
+    sigset_t pending, held;
+    sigpending(&pending);
+    sigemptyset(&held);
+    sigemptyset(&own_);
+    for (const int signal : {SIGXFSZ, SIGPIPE}) {
+      sigaddset(&held, signal);
+      if (!sigismember(&pending, signal)) sigaddset(&own_, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &held, &mask_);
+  }
+
+  ~HeldSignals() {
+    const timespec atOnce = {};
+    while (sigtimedwait(&own_, nullptr, &atOnce) > 0 || errno == EINTR) {
+    }
+    pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+  }
+
+  HeldSignals(const HeldSignals &) = delete;
+  HeldSignals &operator=(const HeldSignals &) = delete;
+
+ private:
+  sigset_t mask_;
+  sigset_t own_;  // were not pending before
+};
+
+// The file, small pieces gathered. Nothing follows a write that failed: what is there is the beginning of the whole.
+struct File {
+  int fd;
+  bool hasFailed;
+  size_t length;  // of what is gathered
+  uint8_t gathered[1024];
+};
+
+void flush(File *file) {
+  if (!file->hasFailed) file->hasFailed = !kep::writeWhole(file->fd, file->gathered, file->length);
+  file->length = 0;
 }
 
-void writeLength(FILE *file, size_t length) {
+void writeBytes(File *file, const void *data, size_t length) {
+  if (length > sizeof file->gathered - file->length) flush(file);
+  if (length <= sizeof file->gathered) {
+    std::memcpy(file->gathered + file->length, data, length);
+    file->length += length;
+  } else if (!file->hasFailed) {
+    file->hasFailed = !kep::writeWhole(file->fd, data, length);
+  }
+}
+
+void writeLength(File *file, size_t length) {
   uint8_t bytes[2];
   storeBig(bytes, static_cast<uint16_t>(length));
   writeBytes(file, bytes, sizeof bytes);
@@ -72,7 +130,7 @@ size_t cutToFit(size_t valueLength, size_t otherSize) {
   return valueLength < kLongestRecord - otherSize ? valueLength : kLongestRecord - otherSize;
 }
 
-void writeLog(FILE *file, const ZuFault *fault, const ZuLogger *log, const char *tag) {
+void writeLog(File *file, const ZuFault *fault, const ZuLogger *log, const char *tag) {
   const size_t nameLength = std::strlen(fault->name);
   const size_t headSize = std::strlen(tag) + 1 + nameLength + 1;
   int32_t cursor = -1;
@@ -89,7 +147,7 @@ void writeLog(FILE *file, const ZuFault *fault, const ZuLogger *log, const char 
   }
 }
 
-void writeValue(FILE *file, const ZuFault *fault, uint8_t itemType, const uint8_t *value, size_t length) {
+void writeValue(File *file, const ZuFault *fault, uint8_t itemType, const uint8_t *value, size_t length) {
   const size_t nameLength = std::strlen(fault->name);
   const size_t valueLength = cutToFit(length, nameLength + 2);
   const uint8_t head[2] = {static_cast<uint8_t>(nameLength + 1), itemType};
@@ -99,7 +157,7 @@ void writeValue(FILE *file, const ZuFault *fault, uint8_t itemType, const uint8_
   writeBytes(file, value, valueLength);
 }
 
-void writeLogs(FILE *file) {
+void writeLogs(File *file) {
   const int32_t count = ZuList_Length(g_ZuFault_List);
   for (int32_t i = 0; i < count; ++i) {
     const auto *fault = static_cast<const ZuFault *>(ZuList_Get(g_ZuFault_List, i));
@@ -109,7 +167,7 @@ void writeLogs(FILE *file) {
   }
 }
 
-void writeValues(FILE *file) {
+void writeValues(File *file) {
   int32_t cursor = -1;
   const uint8_t *key;
   const uint8_t *value;
@@ -120,6 +178,29 @@ void writeValues(FILE *file) {
     const auto *fault = static_cast<const ZuFault *>(ZuList_Get(g_ZuFault_List, key[1]));
     if (fault) writeValue(file, fault, key[0], value, length);
   }
+}
+
+// A FIFO without a reader cannot be opened; an open that waits might do so for ever. The writes wait as usual.
+int openFile() {
+  int fd;
+  do {
+    fd = open(KEP_FAULT_LOG_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd >= 0) fcntl(fd, F_SETFL, 0);
+  return fd;
+}
+
+// False when the file cannot be opened; there is nobody to tell of a write that fails.
+bool writeFile() {
+  const HeldSignals held;
+  File file = {openFile(), false, 0, {}};
+  if (file.fd < 0) return false;
+  writeLogs(&file);
+  writeLength(&file, 0);  // the end of the logs
+  writeValues(&file);
+  flush(&file);
+  close(file.fd);
+  return true;
 }
 
 void runCallbacks() {
@@ -225,12 +306,7 @@ void ZuFault_Start(void) {
   if (ZuList_Length(g_ZuFault_List) == 0 || bRunning) return;
   bRunning = true;
   runCallbacks();
-  FILE *file = std::fopen(KEP_FAULT_LOG_PATH, "wb");
-  if (!file) return;
-  writeLogs(file);
-  writeLength(file, 0);  // the end of the logs
-  writeValues(file);
-  std::fclose(file);
+  if (!writeFile()) return;
   ZuInfo_Release(g_ZuFault_Info);
   g_ZuFault_Info = nullptr;
   bRunning = false;

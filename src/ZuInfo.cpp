@@ -12,14 +12,13 @@
 // here trusts them further than the block reaches.
 #include "kep/ZuInfo.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "ZuBuffer.hpp"
 #include "ZuMem.hpp"
+#include "ZuPrint.hpp"
 #include "kep/ZuLogger.h"
-#include "kep/ZuPrint.h"
 #include "kep/ZuString.h"
 #include "kep/ZuTime.h"
 #include "kep/platform.h"
@@ -161,9 +160,9 @@ int32_t growBlock(ZuInfo *info, int32_t need) {
   ZuMem_memset(larger, oldSize, kFree, static_cast<uint32_t>(growth));
   info->freeSize += static_cast<int32_t>(growth);
   if (kTrace) {
-    std::printf("add size %d, new size %d freesize %d\n", static_cast<int>(growth), static_cast<int>(newSize),
-                static_cast<int>(info->freeSize));
-    ZuLogger_Dump(info);  // flushes both
+    printPastSink("add size %d, new size %d freesize %d\n", static_cast<int>(growth), static_cast<int>(newSize),
+                  static_cast<int>(info->freeSize));
+    ZuLogger_Dump(info);
   }
   return info->freeSize < need ? 2 : 1;
 }
@@ -378,10 +377,7 @@ int32_t ZuInfo_ReSize(ZuInfo *info, uint32_t limit) {
 
 int32_t ZuInfo_FreeSize_(ZuInfo *info, int32_t need) {
   if (!info || !info->block) return 0;
-  if (kTrace) {
-    std::printf("size %d", static_cast<int>(need));
-    std::fflush(stdout);
-  }
+  if (kTrace) printPastSink("size %d", static_cast<int>(need));
   if (need <= info->freeSize) return 1;
   if (static_cast<uint32_t>(need) > largestSize(info)) return 0;
   return blockSize(info) >= largestSize(info) ? evictOne(info, need) : growBlock(info, need);

@@ -3,11 +3,10 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "ZuMem.hpp"
-#include "kep/ZuPrint.h"
+#include "ZuPrint.hpp"
 #include "kep/ZuTime.h"
 #include "kep/platform.h"
 
@@ -28,18 +27,20 @@ constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no 
 // converts only when the second is another one; a changed zone shows by the next.
 struct TimeText {
   const char *pattern;
+  bool isSet;  // not before the first line: a clock may begin at any second
   time_t second;
   char text[64];
 };
 
-TimeText l_longTime = {"YYYY/MM/DD HH:MI:SS", -1, ""};
-TimeText l_shortTime = {"MM/DD HH:MI:SS", -1, ""};
+TimeText l_longTime = {"YYYY/MM/DD HH:MI:SS", false, 0, ""};
+TimeText l_shortTime = {"MM/DD HH:MI:SS", false, 0, ""};
 
 const char *nowAsText(TimeText *time) {
   const time_t now = ZuTime_Now();
-  if (now != time->second) {
+  if (!time->isSet || now != time->second) {
     ZuTime_Format(time->text, time->pattern, now);
     time->second = now;
+    time->isSet = true;
   }
   return time->text;
 }
@@ -177,12 +178,15 @@ void ZuLogger_ClearInfo(ZuLogger *logger) {
 
 void ZuLogger_Dump(ZuInfo *store) {
   if (!store) return;
-  std::printf("logger info addr: 0x%x\n", lowBits(store));
-  std::printf("memory addr: 0x%x\n", lowBits(store->block));
-  std::printf("memory size: %d\n", static_cast<int>(store->block ? store->block->capacity : 0));
-  std::printf("free addr:   %d\n", static_cast<int>(store->writeOffset));
-  std::printf("use  addr:   %d\n", static_cast<int>(store->readOffset));
-  std::printf("maxsize: %d\n", static_cast<int>(store->limit));
-  std::printf("freesize: %d\n", static_cast<int>(store->freeSize));
-  std::fflush(stdout);
+  printPastSink(
+      "logger info addr: 0x%x\n"
+      "memory addr: 0x%x\n"
+      "memory size: %d\n"
+      "free addr:   %d\n"
+      "use  addr:   %d\n"
+      "maxsize: %d\n"
+      "freesize: %d\n",
+      lowBits(store), lowBits(store->block), static_cast<int>(store->block ? store->block->capacity : 0),
+      static_cast<int>(store->writeOffset), static_cast<int>(store->readOffset), static_cast<int>(store->limit),
+      static_cast<int>(store->freeSize));
 }

@@ -2,8 +2,10 @@
 #include "ZuPrint.hpp"
 
 #include <cassert>
+#include <cstdarg>
 #include <cstring>
 
+#include "ZuWrite.hpp"
 #include "kep/ZuMem.h"
 #include "kep/platform.h"
 
@@ -38,6 +40,15 @@ bool makeSharedObject() {
 }  // namespace
 
 int32_t printLength(const ZuPrint *obj) { return obj->length; }
+
+void printPastSink(const char *format, ...) {
+  char text[256];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  kep::putToStdout(text, std::strlen(text));
+}
 
 ZuPrint *ZuPrint_New(char *buffer, int32_t capacity) {
   if (!buffer || capacity < 2) return nullptr;

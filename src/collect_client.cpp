@@ -13,10 +13,10 @@
 
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "ZuBuffer.hpp"
+#include "ZuPrint.hpp"
 #include "ZuSock.hpp"
 #include "kep/ZuMem.h"
 #include "kep/platform.h"
@@ -56,12 +56,6 @@ int32_t l_sendMs;
 int32_t l_ackMs;
 
 CollectStats l_stats;
-
-// Flushed, so that the text keeps its place among the print sink's lines when standard output is a pipe.
-void putLine(const char *text) {
-  std::puts(text);
-  std::fflush(stdout);
-}
 
 // ---- sockets
 
@@ -250,8 +244,7 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
     VRK_Delay(kFailurePauseMs);  // a socket that keeps failing must not make its server spin
     return -1;
   }
-  std::printf("size=%ld\n", static_cast<long>(size));
-  std::fflush(stdout);
+  printPastSink("size=%ld\n", static_cast<long>(size));
   ++l_stats.datagrams;
 
   uint32_t length, type, sequence, port;
@@ -269,7 +262,7 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
 
 int32_t CollectClient_Start(const char *addrText, int32_t port) {
   if (!addrText || !openConnection(addrText, port)) {
-    putLine("connect error.");
+    printPastSink("connect error.\n");
     return 0;
   }
   if (!makeBuffer()) {
@@ -339,11 +332,11 @@ int32_t CollectClient_Flush(int32_t sequence) {
   storeBig(l_buffer + 8, static_cast<uint32_t>(sequence));
   l_bufPos = 0;  // before the send: a message that fails to go out is dropped, never sent twice
   if (!sendAll(l_buffer, static_cast<size_t>(size))) {
-    putLine("send error.");
+    printPastSink("send error.\n");
     return 0;
   }
   if (!receiveAck()) {
-    putLine("recv error.");
+    printPastSink("recv error.\n");
     return 0;
   }
   ++l_stats.messages;

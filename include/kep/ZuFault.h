@@ -12,7 +12,8 @@
  *   for each value, oldest first:
  *     length of what follows (2) | length of the name + 1 (1) | item type (1) | name | value
  * Item types and values: 0 register and 3 counter: id (4), value (4); 1 register and 4 counter: id (4), value (8);
- * 2 register, 5 counter and 6 value: id (4), length (4), bytes. A record too long for its length field is cut. */
+ * 2 register, 5 counter and 6 value: id (4), length (4), bytes. A record too long for its length field is cut at its
+ * end, and a cut value keeps its own, uncut length: a reader goes by the outer one. */
 #ifndef KEP_ZUFAULT_H
 #define KEP_ZUFAULT_H
 
@@ -66,7 +67,11 @@ KEP_API int32_t ZuFault_ShowRunLog(ZuFault *fault);
 
 /* Runs every fault's callback, writes the file and drops the recorded values; logs are kept. Does nothing before the
  * first registration or while a run is under way. When the file cannot be opened the values are kept, and no later call
- * does anything. Short writes are not noticed. */
+ * does anything. A failed write goes unnoticed; nothing follows it.
+ *
+ * The file is replaced or made with the mode 0666 less the umask; of a symbolic link, what it leads to. A device or a
+ * FIFO is written to; a FIFO without a reader cannot be opened, and one whose reader is slow is waited for. SIGXFSZ
+ * (the limit of a file's size) and SIGPIPE of these writes do not reach the host. */
 KEP_API void ZuFault_Start(void);
 
 #ifdef __cplusplus

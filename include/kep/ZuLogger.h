@@ -51,9 +51,10 @@ KEP_API void ZuLogger_Header(ZuLogger *logger, const char *text);
 KEP_API void ZuLogger_Tail(ZuLogger *logger);
 
 /* Writes one line as the flags say. Level 0 lines carry their own line end; to the echo of others one is added. An
- * empty line is kept, not echoed (but for the line end of a quiet logger's level 3). Returns the sum of the two store
- * results (ZuInfo_Append's) when the line is kept, 0 when the logger ignores lines, -1 when it is refused by its level,
- * is NULL, or is echoed only. */
+ * empty line is kept, not echoed (but for the line end of a quiet logger's level 3). Returns 0 when the logger ignores
+ * lines, -1 when the line is refused by its level, is NULL, or is echoed only; else the sum of what the store answers
+ * for the two records, each its size or -1: 23 for the time and the line's length + 4. So 22 says that the line was not
+ * kept, as it is too long for the store or memory is short, and -2 that nothing was. */
 KEP_API int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text);
 
 /* Keeps one line with a short time stamp, whatever the flags; echoes it, with a line end, only at level 0 and when it

@@ -27,9 +27,12 @@ KEP_API void *VRK_Malloc(uint32_t size);
 KEP_API void VRK_Free(void *block);
 
 /* Writes the formatted text to the diagnostic console: no newline added, nothing held back. Its result is not used.
- * The library writes a few texts to stdout directly and flushes each; a layer whose console is the process's standard
- * output must keep their order, which it does by writing through stdio and flushing, or by writing to the descriptor.
- */
+ * The library calls it with "%s" only, and writes a few texts to standard output itself, behind what stdio holds: a
+ * layer with the same console must keep their order, and hand out what stdio holds before it writes to the descriptor.
+ *
+ * kep::platform_posix does so, in one piece among what other threads print, and whatever signals come. A standard
+ * output that must not block (O_NONBLOCK) and has no room drops the rest of the text. Returns the number of bytes, or
+ * below 0 when not all could be written. */
 KEP_API int VRK_RawPrint(const char *format, ...) KEP_PRINTF(1, 2);
 
 /* Blocks the calling thread for `ms` milliseconds. */

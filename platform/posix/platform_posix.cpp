@@ -4,8 +4,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
+#include "ZuWrite.hpp"
 #include "kep/platform.h"
 
 namespace {
@@ -13,6 +15,28 @@ namespace {
 // The library hands out the address 4 bytes behind a block, so the block begins 4 bytes short of maximal alignment.
 constexpr size_t kHeaderSize = 4;
 constexpr size_t kOffset = alignof(std::max_align_t) - kHeaderSize;
+
+// As it is, which takes no memory however long it is: the library asks for nothing else.
+int putText(const char *text) {
+  const size_t length = std::strlen(text);
+  return kep::putToStdout(text, length) ? static_cast<int>(length) : -1;
+}
+
+KEP_PRINTF(1, 0) int putFormatted(const char *format, va_list args) {
+  va_list again;
+  va_copy(again, args);
+  char *text;
+  int length = vasprintf(&text, format, args);
+  if (length < 0) {  // no memory: a stream formats as it prints
+    length = std::vprintf(format, again);
+    std::fflush(stdout);
+  } else {
+    if (!kep::putToStdout(text, static_cast<size_t>(length))) length = -1;
+    std::free(text);
+  }
+  va_end(again);
+  return length;
+}
 
 }  // namespace
 
@@ -27,13 +51,17 @@ void VRK_Free(void *block) {
   if (block) std::free(static_cast<char *>(block) - kOffset);
 }
 
-// Through stdio and flushed at once: nothing waits, and texts that others put to stdout keep their place.
 int VRK_RawPrint(const char *format, ...) {
   va_list args;
   va_start(args, format);
-  const int printed = std::vprintf(format, args);
+  int printed;
+  if (std::strcmp(format, "%s") == 0) {
+    const char *text = va_arg(args, const char *);
+    printed = putText(text ? text : "(null)");
+  } else {
+    printed = putFormatted(format, args);
+  }
   va_end(args);
-  std::fflush(stdout);
   return printed;
 }
 

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -66,8 +65,9 @@ WRAP(int, getsockopt, (int fd, int level, int name, void *value, socklen_t *size
 WRAP(int, getsockname, (int fd, sockaddr *name, socklen_t *size), -1, fd, name, size)
 WRAP(int, getpeername, (int fd, sockaddr *name, socklen_t *size), -1, fd, name, size)
 WRAP(int, fcntl, (int fd, int command, long argument), -1, fd, command, argument)
-WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, path, mode)
-WRAP(int, fclose, (FILE * file), (__real_fclose(file), EOF), file)  // closed all the same
+WRAP(int, open, (const char *path, int flags, mode_t mode), -1, path, flags, mode)
+WRAP(int, close, (int fd), (__real_close(fd), -1), fd)  // closed all the same
+WRAP(time_t, time, (time_t * now), -1, now)
 WRAP(int, gettimeofday, (timeval * now, void *zone), -1, now, zone)
 WRAP(tm *, localtime, (const time_t *t), nullptr, t)
 WRAP(int, usleep, (useconds_t micros), -1, micros)
@@ -96,8 +96,8 @@ ssize_t __wrap_send(int fd, const void *data, size_t size, int flags) {
   return Plan::fails("send", &size) ? -1 : __real_send(fd, data, size, flags);
 }
 
-size_t __real_fwrite(const void *data, size_t size, size_t count, FILE *file);
-size_t __wrap_fwrite(const void *data, size_t size, size_t count, FILE *file) {
-  return Plan::fails("fwrite", &count) ? 0 : __real_fwrite(data, size, count, file);
+ssize_t __real_write(int fd, const void *data, size_t size);
+ssize_t __wrap_write(int fd, const void *data, size_t size) {
+  return Plan::fails("write", &size) ? -1 : __real_write(fd, data, size);
 }
 }

@@ -1,12 +1,19 @@
 // The fault registry and the file that a collection run writes, byte by byte.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kep/ZuPrint.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "ZuFault.hpp"
 #include "support/platform_double.hpp"
@@ -105,6 +112,88 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
 
   ZuFault_SetCounter(disk, 5, 6);  // the logs come again, of the values only the new one
   EXPECT_EQ(collect(), logs + bytes("000E 05 03 'disk' 00000005 00000006 000D 04 00 'net' 00000001 00000002"));
+}
+
+// ---- whatever the file is
+
+constexpr int64_t kWholeSize = 2 + 10 * (2 + 2 + 3 + 8 + 60000), kNotOpened = -1;
+
+std::thread reader;
+int64_t bytesRead;
+
+// Makes the file a FIFO of which so many bytes are read.
+void makeFifo(int64_t limit) {
+  mkfifo(KEP_FAULT_LOG_PATH, 0666);
+  const int fifo = open(KEP_FAULT_LOG_PATH, O_RDONLY | O_NONBLOCK);  // which a writer then finds
+  reader = std::thread([=] {
+    char part[1000];
+    for (ssize_t n = -1; bytesRead < limit && (n != 0 || bytesRead == 0); bytesRead += n > 0 ? n : 0) {
+      n = read(fifo, part, static_cast<size_t>(std::min<int64_t>(sizeof part, limit - bytesRead)));
+    }
+    close(fifo);
+  });
+}
+
+// Of the signals that a write may raise, which are blocked and which pending.
+std::string signals() {
+  sigset_t sets[2];
+  pthread_sigmask(SIG_BLOCK, nullptr, &sets[0]), sigpending(&sets[1]);
+  std::string state;
+  for (const sigset_t &set : sets) {
+    for (const int signal : {SIGXFSZ, SIGPIPE}) state += sigismember(&set, signal) ? 'y' : 'n';
+  }
+  return state;
+}
+
+std::string duringCallback;
+
+// In a process of its own: collects into the file that is made, and exits with 0 if all is well.
+void collectInto(void (*makeFile)(), int64_t expectedSize, bool arePending) {
+  alarm(20), umask(027);
+  ZuFault *fault = ZuFault_Regist("net", [] { duringCallback += signals(); });
+  const std::string value(60000, 'v');
+  for (int i = 0; i < 10; ++i) ZuFault_SetValue(fault, 1, value.data(), 60000);
+  sigset_t held;
+  sigemptyset(&held), sigaddset(&held, SIGXFSZ), sigaddset(&held, SIGPIPE);
+  if (arePending) pthread_sigmask(SIG_BLOCK, &held, nullptr), raise(SIGXFSZ), raise(SIGPIPE);
+  makeFile();
+  ZuFault_Start();
+  if (reader.joinable()) reader.join();
+  struct stat file = {};
+  stat(KEP_FAULT_LOG_PATH, &file);
+  int64_t size = S_ISREG(file.st_mode) ? file.st_size : bytesRead;
+  if (g_ZuFault_Info) size = kNotOpened, ZuFault_Start();  // no more: there is one callback
+  const std::string told = std::to_string(size) + duringCallback + signals();
+  std::fputs(told.c_str(), stderr);
+  const std::string expected = std::to_string(expectedSize) + (arePending ? "yyyyyyyy" : "nnnnnnnn");
+  _exit(told != expected || (size > 0 && (file.st_mode & 0777) != 0640));
+}
+
+TEST_F(Faults, LetTheHostLiveWhateverTheirFileIs) {
+  const struct {
+    const char *name;
+    void (*makeFile)();
+    int64_t size;
+  } cases[] = {
+      {"none yet", [] {}, kWholeSize},
+      {"limited",
+       [] {
+         const rlimit limit = {4096, 4096};
+         setrlimit(RLIMIT_FSIZE, &limit);
+       },
+       4096},
+      {"FIFO without a reader", [] { mkfifo(KEP_FAULT_LOG_PATH, 0600); }, kNotOpened},
+      {"FIFO", [] { makeFifo(INT64_MAX); }, kWholeSize},
+      {"FIFO whose reader goes away", [] { makeFifo(9000); }, 9000},
+      {"link to a full device", [] { (void)!symlink("/dev/full", KEP_FAULT_LOG_PATH); }, 0},
+      {"folder", [] { mkdir(KEP_FAULT_LOG_PATH, 0700); }, kNotOpened},
+  };
+  for (const auto &c : cases) {
+    for (const bool arePending : {false, true}) {
+      EXPECT_EXIT(collectInto(c.makeFile, c.size, arePending), testing::ExitedWithCode(0), "") << c.name << arePending;
+      std::remove(KEP_FAULT_LOG_PATH);
+    }
+  }
 }
 
 TEST_F(Faults, CutsWhatALengthFieldCannotSay) {
