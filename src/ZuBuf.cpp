@@ -42,7 +42,7 @@ bool grow(ZuBuf *buf, uint64_t need) {
 
 // Makes sure that `need` elements may be written. Beside the capacity rule the block itself is asked, which is smaller
 // than the rule believes when elements are wider than a byte.
-inline bool reserve(ZuBuf *buf, uint64_t need) {
+bool reserve(ZuBuf *buf, uint64_t need) {
   if (need <= buf->capacity && (buf->elemSize == 1 || bytesFor(buf, need) <= trackedSize(buf->data))) return true;
   return need <= UINT32_MAX && grow(buf, need);
 }
@@ -59,14 +59,19 @@ void put(ZuBuf *buf, uint32_t index, const void *src, uint32_t n) {
 
 }  // namespace
 
+bool holdsBytes(const ZuBuf *buf) { return buf->elemSize == 1; }
+
+// Room is made for one character at a time and then filled, so that the block grows as under single appends.
 void appendRun(ZuBuf *buf, char ch, uint32_t count) {
-  for (uint32_t n; count > 0; count -= n) {
-    n = 1;
-    if (!reserve(buf, uint64_t{buf->length} + 1)) continue;
-    const uint32_t room = buf->capacity - buf->length;
-    if (buf->elemSize == 1) n = count < room ? count : room;
-    std::memset(buf->data + bytesFor(buf, buf->length), ch, static_cast<size_t>(bytesFor(buf, n)));
-    buf->length += n;
+  while (count > 0) {
+    uint32_t n = 1;
+    if (reserve(buf, uint64_t{buf->length} + 1)) {
+      const uint32_t room = buf->capacity - buf->length;
+      n = count < room ? count : room;
+      std::memset(buf->data + buf->length, ch, n);
+      buf->length += n;
+    }
+    count -= n;
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "ZuBuf.hpp"
 #include "ZuMem.hpp"
 #include "ZuPrint.hpp"
 #include "kep/ZuTime.h"
@@ -161,6 +162,7 @@ void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t, const char *text)
 void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer) {
   if (!logger) return;
   if (reinterpret_cast<uintptr_t>(buffer) < kLowestAddress) buffer = nullptr;
+  if (buffer && !holdsBytes(buffer)) return;
   int32_t cursor = -1;
   const uint8_t *value;
   uint16_t length;

@@ -20,8 +20,10 @@ namespace {
 
 constexpr uint32_t kSlack = 1;
 
-// Of an index below the capacity: so large that 7 more would wrap it cannot be.
-uint8_t *byteOf(ZuSet *set, uint32_t index) { return reinterpret_cast<uint8_t *>(set + 1) + (index + 7) / 8; }
+// A capacity is 2^32 - 8 at most, so 7 more than an index below it do not wrap.
+const uint8_t *byteOf(const ZuSet *set, uint32_t index) {
+  return reinterpret_cast<const uint8_t *>(set + 1) + (index + 7) / 8;
+}
 
 uint8_t bitOf(uint32_t index) { return static_cast<uint8_t>(1U << index % 8); }
 
@@ -41,12 +43,12 @@ void ZuSet_Release(ZuSet *set) { ZuMem_LocalFree(set); }
 
 int32_t ZuSet_Get(const ZuSet *set, uint32_t index) {
   if (!set || index >= set->capacity) return 0;
-  return *byteOf(const_cast<ZuSet *>(set), index) >> index % 8 & 1;
+  return *byteOf(set, index) >> index % 8 & 1;
 }
 
 int32_t ZuSet_Set(ZuSet *set, uint32_t index, int32_t flag) {
   if (!set || index >= set->capacity) return 0;
-  uint8_t *byte = byteOf(set, index);
+  auto *byte = const_cast<uint8_t *>(byteOf(set, index));
   const bool isMember = (*byte & bitOf(index)) != 0;
   if (flag) {
     if (isMember) return 0;

@@ -2,7 +2,7 @@
 //
 // Columns, rows and the cells of a row are lists by index; a NULL element is a column without title, an empty row or a
 // missing cell. Positions are found by walking, and rows may be many: passes over the table walk each list once, and
-// single cells are looked for from where the last one was.
+// a row is looked for from where the last one was, a cell of that row likewise. Columns are few.
 #include "kep/ZuTable.h"
 
 #include <cstring>
@@ -85,18 +85,18 @@ int32_t print(char (&text)[100], const char *format, Value value) {
 }
 
 // Most columns of numbers have a plain format, for which printf takes many times as long.
-template <typename Number>
-int32_t printNumeric(char (&text)[100], const char *format, Number number) {
+template <typename Number, typename... Rounding>
+int32_t printNumeric(char (&text)[100], const char *format, Number number, Rounding... rounding) {
   static_assert(sizeof text >= kLongestNumber, "no plain number is cut");
-  const int32_t length = printNumber(text, format, number);
+  const int32_t length = printNumber(text, format, number, rounding...);
   return length != kNotPrinted ? length : print(text, format, number);
 }
 
 // Formats a value of 8 bytes as its type says. A number is passed as what the format of its type expects.
-int32_t printValue(char (&text)[100], const ZuTableColumn *column, const uint32_t (&value)[2]) {
+int32_t printValue(char (&text)[100], const ZuTableColumn *column, const uint32_t (&value)[2], bool toNearest) {
   switch (column->type) {
-    case kDouble: return printNumeric(text, column->format, load<double>(value));
-    case kFloat: return printNumeric(text, column->format, static_cast<double>(load<float>(value)));
+    case kDouble: return printNumeric(text, column->format, load<double>(value), toNearest);
+    case kFloat: return printNumeric(text, column->format, static_cast<double>(load<float>(value)), toNearest);
     case kInt32: return printNumeric(text, column->format, load<int32_t>(value));
     case kInt64: return printNumeric(text, column->format, load<int64_t>(value));
     default: text[0] = '\0'; return 0;
@@ -168,9 +168,9 @@ ZuList *obtainRow(ZuTable *table, int32_t row) {
   ZuListNode *node = findRow(table, row);
   if (node && node->data) return static_cast<ZuList *>(node->data);
   ZuList *cells = ZuList_New(0, ZuMem_LocalFree);
-  node = extendTo(table->rows, &table->lastRow, row);
+  node = extendTo(table->rows, &table->lastRow, row);  // without a list too: the row then counts, and is empty
   if (node) {
-    node->data = cells;  // NULL too: the row then counts, and is empty
+    node->data = cells;
     return cells;
   }
   ZuList_Release(cells);
@@ -191,19 +191,19 @@ void widen(ZuTableColumn *column, int32_t textLength) {
   if (textLength + 2 > column->width) column->width = textLength + 2;
 }
 
-void sumCell(ZuTableColumn *column, ZuTableCell *cell) {
-  if (column->type != kText) cell->textLen = printValue(cell->text, column, cell->value);
+void sumCell(ZuTableColumn *column, ZuTableCell *cell, bool toNearest) {
+  if (column->type != kText) cell->textLen = printValue(cell->text, column, cell->value, toNearest);
   addToSum(column, cell);
   widen(column, cell->textLen);
 }
 
-void sumRow(const ZuList *columns, const ZuList *row) {
+void sumRow(const ZuList *columns, const ZuList *row, bool toNearest) {
   ListWalk<ZuTableColumn> columnWalk(columns);
   ListWalk<ZuTableCell> cellWalk(row);
   ZuTableColumn *column;
   ZuTableCell *cell;
   while (columnWalk.next(&column) && cellWalk.next(&cell)) {
-    if (column && cell) sumCell(column, cell);
+    if (column && cell) sumCell(column, cell, toNearest);
   }
 }
 
@@ -345,9 +345,9 @@ ZuTable *ZuTable_New(void) {
 
 void ZuTable_Clear(ZuTable *table) {
   if (!table) return;
+  forgetPlaces(table);
   ZuList_RemoveAll(table->rows);
   ZuList_RemoveAll(table->columns);
-  forgetPlaces(table);
 }
 
 void ZuTable_Release(ZuTable *table) {
@@ -422,10 +422,11 @@ void ZuTable_Sum(ZuTable *table) {
     std::memset(column->sum, 0, sizeof column->sum);
     column->width = column->nameLen + 2;
   }
+  const bool toNearest = printfRoundsToNearest();
   ZuList *row;
-  for (ListWalk<ZuList> rows(table->rows); rows.next(&row);) sumRow(table->columns, row);
+  for (ListWalk<ZuList> rows(table->rows); rows.next(&row);) sumRow(table->columns, row, toNearest);
   for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
-    if (column) widen(column, printValue(column->sumText, column, column->sum));
+    if (column) widen(column, printValue(column->sumText, column, column->sum, toNearest));
   }
 }
 
@@ -458,6 +459,7 @@ void ZuTable_ShowToBuf(ZuTable *table, ZuBuf *buf) {
     ZuTable_Show(table);
     return;
   }
+  if (!holdsBytes(buf)) return;
   ZuTable_Sum(table);
   int32_t width;
   if (!totalWidth(table, &width)) return;

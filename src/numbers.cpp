@@ -9,6 +9,7 @@
 
 #include <langinfo.h>
 
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -56,19 +57,13 @@ int32_t printSigned(char *text, int64_t value) {
   return printDigits(text, value < 0, value < 0 ? 0 - bits : bits, 0);
 }
 
-// printf rounds as the process has asked for, which only fegetround tells, outside of libc; a conversion shows it too.
-bool roundsToNearest() {
-  static const volatile double above = 1 + 0x1p-40, below = 1 - 0x1p-40;
-  return static_cast<float>(above) == 1 && static_cast<float>(below) == 1;
-}
-
 bool pointIsPlain() {
   const char *point = nl_langinfo(RADIXCHAR);
   return point[0] == '.' && point[1] == '\0';
 }
 
 // value * 10^decimals, rounded to an integer; false where that cannot be said for certain.
-bool scale(uint64_t bits, int decimals, uint64_t *out) {
+bool scale(uint64_t bits, int decimals, bool roundsToNearest, uint64_t *out) {
   const int exponent = static_cast<int>(bits >> kMantissaBits & 0x7FF);
   uint64_t rest = bits & ((uint64_t{1} << kMantissaBits) - 1);
   if (exponent > 0) rest |= uint64_t{1} << kMantissaBits;
@@ -87,7 +82,7 @@ bool scale(uint64_t bits, int decimals, uint64_t *out) {
     scaled += digit;
   }
   if (rest > 0) {
-    if (!roundsToNearest()) return false;
+    if (!roundsToNearest) return false;
     const uint64_t half = uint64_t{1} << (shift - 1);
     if (rest > half || (rest == half && scaled % 2 != 0)) ++scaled;
   }
@@ -104,6 +99,16 @@ int decimalsOf(const char *format) {
 
 }  // namespace
 
+// The process may have asked for another direction, which only fegetround tells, outside of libc. A conversion would
+// show it too, but for a host that has inexact results end it.
+bool printfRoundsToNearest() {
+  static const volatile double kLess = 0.25, kMore = 0.75;
+  char less[8], more[8];
+  std::snprintf(less, sizeof less, "%.0f", kLess);
+  std::snprintf(more, sizeof more, "%.0f", kMore);
+  return less[0] == '0' && more[0] == '1';
+}
+
 int32_t printNumber(char *text, const char *format, int32_t value) {
   if (isFormat(format, "%d")) return printSigned(text, value);
   if (isFormat(format, "%u")) return printDigits(text, false, static_cast<uint32_t>(value), 0);
@@ -114,10 +119,11 @@ int32_t printNumber(char *text, const char *format, int64_t value) {
   return isFormat(format, "%lld") ? printSigned(text, value) : kNotPrinted;
 }
 
-int32_t printNumber(char *text, const char *format, double value) {
+int32_t printNumber(char *text, const char *format, double value, bool roundsToNearest) {
   const int decimals = decimalsOf(format);
   if (decimals < 0 || (decimals > 0 && !pointIsPlain())) return kNotPrinted;
   uint64_t bits, scaled;
   std::memcpy(&bits, &value, sizeof bits);
-  return scale(bits, decimals, &scaled) ? printDigits(text, bits >> 63 != 0, scaled, decimals) : kNotPrinted;
+  if (!scale(bits, decimals, roundsToNearest, &scaled)) return kNotPrinted;
+  return printDigits(text, bits >> 63 != 0, scaled, decimals);
 }

@@ -62,8 +62,8 @@ KEP_API int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text
 KEP_API void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t unused, const char *text);
 
 /* Appends every kept record and a newline to `buffer`, oldest first, times and lines in turn; a buffer whose address is
- * below 101, such as NULL, prints them instead. Pauses for a second through VRK_Delay behind the 1st, 101st, 201st ...
- * record, so that a console can follow. */
+ * below 101, such as NULL, prints them instead, and one whose elements are not bytes gets nothing. Pauses for a second
+ * through VRK_Delay behind the 1st, 101st, 201st ... record, so that a console can follow. */
 KEP_API void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer);
 
 /* Prints every kept record: ZuLogger_ShowToBuf without a buffer. */

@@ -10,7 +10,8 @@
  * Other type codes store nothing and draw empty cells. Formats are printf formats for one value of the column's type;
  * the caller keeps the two in step. Texts of cells are cut at 99 bytes, but count for the widths as long as they would
  * have been, up to 1 MiB. Rows and columns count from 0 and may be set in any order; a negative one does nothing. A row
- * is looked for from the last one on: row by row or column by column each is a step away, in any other order a walk.
+ * is looked for from the last one on: row by row, or column by column, each row is a step away, in any other order a
+ * walk, and so is a column. Getting remembers too: two threads that only read a table are one too many.
  * Every function accepts a NULL table. A table belongs to one thread at a time. */
 #ifndef KEP_ZUTABLE_H
 #define KEP_ZUTABLE_H
@@ -71,9 +72,9 @@ KEP_API int32_t ZuTable_ShowToBuffer(ZuTable *table, char *buf, int32_t size);
 /* Prints the table. */
 KEP_API int32_t ZuTable_Show(ZuTable *table);
 
-/* Appends the table, footer included, to `buf`, a buffer of 1-byte elements; a buffer whose address is below 101, such
- * as NULL, prints it instead. Does nothing when a column has no title. What finds no memory in `buf` is missing there.
- */
+/* Appends the table, footer included, to `buf`; a buffer whose address is below 101, such as NULL, prints it instead.
+ * Does nothing when a column has no title, or when the elements of `buf` are not bytes. What finds no memory in `buf`
+ * is missing there. */
 KEP_API void ZuTable_ShowToBuf(ZuTable *table, ZuBuf *buf);
 
 #ifdef __cplusplus

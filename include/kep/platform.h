@@ -38,9 +38,9 @@ KEP_API int VRK_RawPrint(const char *format, ...) KEP_PRINTF(1, 2);
 /* Blocks the calling thread for `ms` milliseconds. */
 KEP_API void VRK_Delay(uint32_t ms);
 
-/* As snprintf: writes at most `size` bytes, terminator included, and returns the length the whole text would have. It
- * is not asked for numbers under plain formats ("%d", "%u", "%lld", "%.2f" and its like), where the library itself
- * prints what snprintf would: a layer cannot count on seeing them. */
+/* As snprintf: writes at most `size` bytes, terminator included, and returns the length the whole text would have.
+ * Cells of text tables under "%d", "%u", "%lld" and "%.0f" to "%.9f" may be printed without it, where what snprintf
+ * would print is certain; it is still asked for all others, such as very large doubles. */
 KEP_API int PLM_snprintf(char *buffer, size_t size, const char *format, ...) KEP_PRINTF(3, 4);
 
 #ifdef __cplusplus

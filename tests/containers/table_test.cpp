@@ -16,7 +16,9 @@
 
 // Stands in for a locale with another decimal point, which the machine may not have. printf does not see it.
 static bool pointIsForeign = false;
-extern "C" char *nl_langinfo(nl_item) noexcept { return const_cast<char *>(pointIsForeign ? "," : "."); }
+extern "C" char *nl_langinfo(nl_item item) noexcept {
+  return const_cast<char *>(item != RADIXCHAR ? "" : pointIsForeign ? "," : ".");
+}
 
 namespace {
 
@@ -123,6 +125,11 @@ TEST_F(TextTable, LosesOnlyTheCharactersThatFindNoMemory) {
   platform::failAllocation(2, true);
   EXPECT_EQ(appended(), of(16, '*'));
   platform::failAllocation(platform::kNever);
+  ZuBuf *wide = ZuBuf_New(8, 16, 0), *narrow = ZuBuf_New(1, 16, 64);
+  ZuTable_ShowToBuf(table_, wide), ZuTable_ShowToBuf(table_, narrow);
+  EXPECT_EQ(ZuBuf_Length(wide), 0U) << "no text fits elements wider than a byte";
+  EXPECT_EQ(ZuBuf_Length(narrow), whole.size());
+  ZuBuf_Release(wide), ZuBuf_Release(narrow);
 }
 
 TEST_F(TextTable, IsTwoWiderThanTitleCellAndSum) {
@@ -242,8 +249,8 @@ TEST_F(TextTable, StepsFromRowToRowAndFromCellToCell) {
 // ---- numbers
 
 std::vector<double> doubles() {
-  std::vector<double> values = {0,      1,       1e9,     1e15,    0x1p53,       0x1p63,   0x1p64,
-                                0x1p-9, 0x1p-11, 0x1p-12, DBL_MIN, DBL_TRUE_MIN, INFINITY, NAN};
+  std::vector<double> values = {0,      1,      1e9,     0x1p32,  1e15,    0x1p53,       0x1p63,   0x1p64,
+                                0x1p-3, 0x1p-9, 0x1p-11, 0x1p-12, DBL_MIN, DBL_TRUE_MIN, INFINITY, NAN};
   std::mt19937_64 random(1729);
   const auto below = [&random](uint64_t limit) { return static_cast<double>(random() % limit); };
   for (int i = 0; i < 60; ++i) {
@@ -264,7 +271,7 @@ std::vector<double> doubles() {
 }
 
 std::vector<int64_t> integers() {
-  std::vector<int64_t> values = {0, INT32_MIN, INT32_MAX, UINT32_MAX, INT64_MIN, INT64_MAX};
+  std::vector<int64_t> values = {0, INT32_MIN, INT32_MAX, UINT32_MAX, 0x100000000, INT64_MIN, INT64_MAX};
   std::mt19937_64 random(17);
   for (int i = 0; i < 64; ++i) {
     for (const uint64_t bits : {random() >> i, ~(random() >> i)}) values.push_back(static_cast<int64_t>(bits));
@@ -320,6 +327,8 @@ TEST(TableNumbers, AreThoseOfPrintf) {
     EXPECT_LT(leftToPrintf<double>(kDouble, format, real), real.size() / 2);
     EXPECT_LT(leftToPrintf<float>(kFloat, format, real), real.size() / 2);
   }
+  const std::vector<double> usual = {0, -0.0, 1, 0.5, 0.25, 0.126, 0x1p-8, 99.95, 1e9};
+  for (const char *format : {"%.0f", "%.2f"}) EXPECT_EQ(leftToPrintf<double>(kDouble, format, usual), 0U);
   for (const char *format : {"%f", "%.f", "%.10f", "%.02f", "%9.2f", "%.2e", "%.2fs"}) {
     EXPECT_EQ(leftToPrintf<double>(kDouble, format, real), real.size() + 1);
   }

@@ -115,6 +115,11 @@ TEST_F(Logger, ShowsRecordsLineByLineAndPausesAtEveryHundredth) {
   ZuBuf_Get(buffer, 0, &text);
   EXPECT_EQ(masked({static_cast<char *>(text), ZuBuf_Length(buffer)}), expected);
 
+  ZuBuf *wide = ZuBuf_New(8, 16, 0);  // records would be read beyond their ends
+  ZuLogger_ShowToBuf(logger_, wide);
+  EXPECT_EQ(ZuBuf_Length(wide), 0U);
+  ZuBuf_Release(wide);
+
   for (const auto &[records, pauses] : {std::pair(100, 1U), {101, 2}, {65537, 657}}) {  // a counter of 16 bits
     ZuInfo_Clear(logger_->store);
     for (int i = 0; i < records; ++i) ZuInfo_Append(logger_->store, "l", 1, "x", 1);
