@@ -1,8 +1,12 @@
-// codec.cpp: the layout of an integer record, by format and by hand.
+// codec.cpp: the layouts of an integer record and of a stored text, by format and by hand.
 #include <arpa/inet.h>
 #include <kep/ZuBuffer.h>
 
 #include <cstring>
+
+#ifdef KEP_BENCH_HAVE_MSGPACK
+#include <msgpack.h>
+#endif
 
 #include "bench.hpp"
 
@@ -20,7 +24,7 @@ uint32_t get32(const uint8_t *in) {
   return ntohl(value);
 }
 
-uint32_t values[4] = {1, 2, 3, 4};
+uint32_t values[4] = {100000, 200000, 300000, 400000};  // a peer would write small ones in fewer bytes
 uint8_t record[17] = {0x81};
 
 void kepPack(Run &run) {
@@ -60,5 +64,94 @@ void plainUnpack(Run &run) {
 }
 
 const Row unpack("unpack of BIIII", 1, kepUnpack, plainUnpack, {6, 0.2});
+
+const char text[] = "a line of a log, as long as such lines often are: 64 characters.";
+uint8_t stored[4 + 1 + sizeof text];
+
+void kepPackText(Run &run) {
+  run.time([] { keep(ZuBuffer_Pack(stored, "B1sH64s", 1, "k", 64, text)); });
+}
+
+// Of any key and value, as the format is.
+CALLED void packText(uint8_t *out, const char *key, uint8_t keyLength, const char *value, uint16_t valueLength) {
+  *out++ = keyLength;
+  std::memcpy(out, key, keyLength);
+  out += keyLength;
+  *out++ = static_cast<uint8_t>(valueLength >> 8);
+  *out++ = static_cast<uint8_t>(valueLength);
+  std::memcpy(out, value, valueLength);
+}
+
+void plainPackText(Run &run) {
+  run.time([] { packText(stored, "k", 1, text, 64); });
+}
+
+const Row packTextRow("pack of B1sH64s", 1, kepPackText, plainPackText, {2.4, 0.9});
+
+#ifdef KEP_BENCH_HAVE_MSGPACK
+
+// A buffer that is filled again and again; it has grown to what it needs.
+class Message {
+ public:
+  Message() {
+    msgpack_sbuffer_init(&buffer);
+    msgpack_packer_init(&packer, &buffer, msgpack_sbuffer_write);
+  }
+  ~Message() { msgpack_sbuffer_destroy(&buffer); }
+  Message(const Message &) = delete;
+
+  void packRecord() {
+    msgpack_sbuffer_clear(&buffer);
+    msgpack_pack_uint8(&packer, 0x81);
+    for (const uint32_t value : values) msgpack_pack_uint32(&packer, value);
+  }
+
+  void packText() {
+    msgpack_sbuffer_clear(&buffer);
+    msgpack_pack_str(&packer, 1);
+    msgpack_pack_str_body(&packer, "k", 1);
+    msgpack_pack_str(&packer, 64);
+    msgpack_pack_str_body(&packer, text, 64);
+  }
+
+  msgpack_sbuffer buffer;
+  msgpack_packer packer;
+};
+
+void msgpackPack(Run &run) {
+  Message message;
+  run.time([&] {
+    message.packRecord();
+    keep(message.buffer.size);
+  });
+}
+
+void msgpackUnpack(Run &run) {
+  Message message;
+  message.packRecord();
+  msgpack_unpacked field;
+  msgpack_unpacked_init(&field);
+  run.time([&] {
+    size_t offset = 0;
+    while (msgpack_unpack_next(&field, message.buffer.data, message.buffer.size, &offset) == MSGPACK_UNPACK_SUCCESS) {
+      keep(field.data.via.u64);
+    }
+  });
+  msgpack_unpacked_destroy(&field);
+}
+
+void msgpackPackText(Run &run) {
+  Message message;
+  run.time([&] {
+    message.packText();
+    keep(message.buffer.size);
+  });
+}
+
+const Peer packMsgpack(pack, "msgpack-c", msgpackPack);
+const Peer unpackMsgpack(unpack, "msgpack-c", msgpackUnpack);
+const Peer packTextMsgpack(packTextRow, "msgpack-c", msgpackPackText);
+
+#endif
 
 }  // namespace

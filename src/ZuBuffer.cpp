@@ -24,15 +24,11 @@ void forEachField(const char *format, Sink &sink) {
   int32_t count = 0;
   for (; *format; ++format) {
     const char letter = *format;
-    switch (letter) {
-      case 'B':
+    // By small letters, and T as I: four cases become comparisons, which are faster here than a table of jumps.
+    switch (letter == 'T' ? 'i' : letter | 0x20) {
       case 'b': sink.byte(letter); break;
-      case 'H':
       case 'h': sink.half(letter); break;
-      case 'I':
-      case 'i':
-      case 'T': sink.word(letter); break;
-      case 'S':
+      case 'i': sink.word(letter); break;
       case 's': sink.string(letter, count); break;
       default:
         if (letter >= '0' && letter <= '9') {

@@ -3,18 +3,28 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "kep/ZuBuffer.h"
 
+// Byte by byte without a loop, which compilers make one load or store of.
+template <typename Unsigned, size_t... kBytes>
+inline void storeBytes(uint8_t *out, Unsigned value, std::index_sequence<kBytes...>) {
+  ((out[kBytes] = static_cast<uint8_t>(value >> 8 * (sizeof(Unsigned) - 1 - kBytes))), ...);
+}
+
+template <typename Unsigned, size_t... kBytes>
+inline Unsigned loadBytes(const uint8_t *in, std::index_sequence<kBytes...>) {
+  return static_cast<Unsigned>(((Unsigned{in[kBytes]} << 8 * (sizeof(Unsigned) - 1 - kBytes)) | ...));
+}
+
 template <typename Unsigned>
 inline uint8_t *storeBig(uint8_t *out, Unsigned value) {
-  for (size_t i = 0; i < sizeof(Unsigned); ++i) out[i] = static_cast<uint8_t>(value >> 8 * (sizeof(Unsigned) - 1 - i));
+  storeBytes(out, value, std::make_index_sequence<sizeof(Unsigned)>{});
   return out + sizeof(Unsigned);
 }
 
 template <typename Unsigned>
 inline Unsigned loadBig(const uint8_t *in) {
-  Unsigned value = 0;
-  for (size_t i = 0; i < sizeof(Unsigned); ++i) value = static_cast<Unsigned>(uint64_t{value} << 8 | in[i]);
-  return value;
+  return loadBytes<Unsigned>(in, std::make_index_sequence<sizeof(Unsigned)>{});
 }

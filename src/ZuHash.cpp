@@ -5,8 +5,8 @@
 
 #include <cstring>
 
+#include "ZuList.hpp"
 #include "kep/ZuBuffer.h"
-#include "kep/ZuList.h"
 #include "kep/ZuMD5.h"
 #include "kep/ZuMem.h"
 #include "kep/ZuPrint.h"
@@ -43,19 +43,44 @@ size_t valueBytes(const ZuHash *table) { return static_cast<size_t>(table->value
 uint8_t *valueOf(const ZuHash *table, void *entry) { return static_cast<uint8_t *>(entry) + keyBytes(table); }
 
 // Where the list of a key's bucket is kept; NULL without a table, a key or any bucket.
-ZuList **bucketOf(const ZuHash *table, const void *key) {
+inline ZuList **bucketOf(const ZuHash *table, const void *key) {
   if (!table || !key || table->bucketCount == 0) return nullptr;
   const uint32_t hash = table->hashFunc(key, static_cast<uint32_t>(table->keySize), table->bucketCount);
-  return &table->buckets[hash % table->bucketCount];
+  // ZuMD5_Hash has divided already, and a division takes longer than all that follows.
+  return &table->buckets[hash < table->bucketCount ? hash : hash % table->bucketCount];
 }
 
-void *findEntry(const ZuHash *table, ZuList *bucket, const void *key) {
-  const KeyProbe probe = {table->keySize, key};
-  return ZuList_Find(bucket, ZuHash_Cmp, &probe);
+// By words first, which for the sizes that keys have takes less than a call.
+inline bool areEqual(const void *a, const void *b, size_t size) {
+  const auto *left = static_cast<const uint8_t *>(a), *right = static_cast<const uint8_t *>(b);
+  for (; size >= sizeof(uint64_t); size -= sizeof(uint64_t)) {
+    uint64_t leftWord, rightWord;
+    std::memcpy(&leftWord, left, sizeof leftWord);
+    std::memcpy(&rightWord, right, sizeof rightWord);
+    if (leftWord != rightWord) return false;
+    left += sizeof leftWord;
+    right += sizeof rightWord;
+  }
+  return size == 0 || std::memcmp(left, right, size) == 0;
+}
+
+// What ZuList_Find gives with ZuHash_Cmp, without a call for every entry.
+inline uint8_t *findEntry(const ZuHash *table, const ZuList *bucket, const void *key) {
+  if (!bucket) return nullptr;
+  const ZuListNode *node = bucket->head;
+  for (int32_t remaining = bucket->count; remaining > 0; --remaining, node = node->next) {
+    if (areEqual(node->data, key, keyBytes(table))) return static_cast<uint8_t *>(node->data);
+  }
+  return nullptr;
 }
 
 void putValue(const ZuHash *table, void *entry, const void *value) {
-  if (table->valueSize > 0) std::memcpy(valueOf(table, entry), value, valueBytes(table));
+  if (!value) return;  // of no bytes
+  if (table->valueSize == sizeof(uint64_t)) {
+    std::memcpy(valueOf(table, entry), value, sizeof(uint64_t));  // a number or a pointer: no call
+  } else {
+    std::memcpy(valueOf(table, entry), value, valueBytes(table));
+  }
 }
 
 void *makeEntry(const ZuHash *table, const void *key, const void *value) {

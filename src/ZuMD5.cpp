@@ -5,6 +5,7 @@
 #include "kep/ZuMD5.h"
 
 #include <cstring>
+#include <utility>
 
 #include "ZuBuffer.hpp"
 
@@ -14,6 +15,7 @@ constexpr uint32_t kWordCount = 10;
 constexpr uint32_t kWordSize = 4;
 constexpr uint32_t kRoundCount = 4;
 constexpr uint32_t kInitialState[4] = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476};
+constexpr uint32_t kInitialSum = kInitialState[0] + kInitialState[1] + kInitialState[2] + kInitialState[3];
 
 constexpr uint8_t kShift[kRoundCount][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
 
@@ -31,6 +33,8 @@ constexpr uint32_t kSine[kRoundCount][kWordCount] = {{0xD76AA478, 0xE8C7B756, 0x
                                                      {0xF4292244, 0x432AFF97, 0xAB9423A7, 0xFC93A039, 0x655B59C3,
                                                       0x8F0CCC92, 0xFFEFF47D, 0x85845DD1, 0x6FA87E4F, 0xFE2CE6E0}};
 
+using Steps = std::make_index_sequence<kWordCount>;
+
 uint32_t rotateLeft(uint32_t value, uint32_t bits) { return value << bits | value >> (32 - bits); }
 
 template <uint32_t kRound>
@@ -43,20 +47,39 @@ uint32_t mix(uint32_t x, uint32_t y, uint32_t z) {
   }
 }
 
-// The steps of a round update a, d, c, b in turn, each from the three registers behind it. A template, so that the
-// compiler unrolls it with its constants.
-template <uint32_t kRound>
-void runRound(const uint32_t *words, uint32_t (&registers)[4]) {
-#pragma GCC unroll 10
-  for (uint32_t step = 0; step < kWordCount; ++step) {
-    const bool departs = kRound == 1 && step == kWordCount - 1;
-    const uint32_t position = departs ? 2 : step % 4;
-    const uint32_t x = (4 - position) % 4;
-    const uint32_t y = registers[(x + 1) % 4];
-    const uint32_t mixed = mix<kRound>(y, registers[(x + 2) % 4], registers[(x + 3) % 4]);
-    const uint32_t sum = registers[x] + mixed + words[kWord[kRound][step]] + kSine[kRound][step];
-    registers[x] = y + rotateLeft(sum, kShift[kRound][position]);
-  }
+// The steps of a round update a, d, c, b in turn, each from the three registers behind it.
+template <uint32_t kRound, size_t kStep>
+void runStep(const uint32_t *words, uint32_t (&registers)[4]) {
+  constexpr bool kDeparts = kRound == 1 && kStep == kWordCount - 1;
+  constexpr size_t kPosition = kDeparts ? 2 : kStep % 4;
+  constexpr size_t kTarget = (4 - kPosition) % 4;
+  const uint32_t y = registers[(kTarget + 1) % 4];
+  const uint32_t mixed = mix<kRound>(y, registers[(kTarget + 2) % 4], registers[(kTarget + 3) % 4]);
+  const uint32_t sum = registers[kTarget] + mixed + words[kWord[kRound][kStep]] + kSine[kRound][kStep];
+  registers[kTarget] = y + rotateLeft(sum, kShift[kRound][kPosition]);
+}
+
+// Expanded, not looped: the compiler then has constants for all but the words before it orders the sums.
+template <uint32_t kRound, size_t... kSteps>
+void runRound(const uint32_t *words, uint32_t (&registers)[4], std::index_sequence<kSteps...>) {
+  (runStep<kRound, kSteps>(words, registers), ...);
+}
+
+// Words behind the data stay as they are.
+void takeWords(uint32_t (&words)[kWordCount], const void *data, uint32_t len) {
+  const uint32_t used = len < kWordCount * kWordSize ? len : kWordCount * kWordSize;
+  const auto *in = static_cast<const uint8_t *>(data);
+  for (size_t i = 0; i < (used + kWordSize - 1) / kWordSize; ++i) words[i] = loadBig<uint32_t>(in + i * kWordSize);
+}
+
+// Gives what is to be added to the state.
+void compress(const uint32_t *words, const uint32_t *state, uint32_t *out) {
+  uint32_t registers[4] = {state[0], state[1], state[2], state[3]};
+  runRound<0>(words, registers, Steps{});
+  runRound<1>(words, registers, Steps{});
+  runRound<2>(words, registers, Steps{});
+  runRound<3>(words, registers, Steps{});
+  std::memcpy(out, registers, sizeof registers);
 }
 
 }  // namespace
@@ -70,23 +93,17 @@ void ZuMD5_Init(ZuMD5 *ctx) {
 void ZuMD5_Encode(uint32_t *state, const void *data, uint32_t len) {
   if (!state || !data) return;
   uint32_t words[kWordCount] = {};
-  const uint32_t used = len < kWordCount * kWordSize ? len : kWordCount * kWordSize;
-  const auto *in = static_cast<const uint8_t *>(data);
-  for (size_t i = 0; i < (used + kWordSize - 1) / kWordSize; ++i) words[i] = loadBig<uint32_t>(in + i * kWordSize);
-
-  uint32_t registers[4];
-  std::memcpy(registers, state, sizeof registers);
-  runRound<0>(words, registers);
-  runRound<1>(words, registers);
-  runRound<2>(words, registers);
-  runRound<3>(words, registers);
-  for (int i = 0; i < 4; ++i) state[i] += registers[i];
+  takeWords(words, data, len);
+  uint32_t more[4];
+  compress(words, state, more);
+  for (int i = 0; i < 4; ++i) state[i] += more[i];
 }
 
 uint32_t ZuMD5_Hash(const void *data, uint32_t len, uint32_t modulus) {
   if (!data || modulus == 0) return 0;
-  ZuMD5 context;
-  ZuMD5_Init(&context);
-  ZuMD5_Encode(context.state, data, len);
-  return (context.state[0] + context.state[1] + context.state[2] + context.state[3]) % modulus;
+  uint32_t words[kWordCount] = {};
+  takeWords(words, data, len);
+  uint32_t more[4];
+  compress(words, kInitialState, more);
+  return (kInitialSum + more[0] + more[1] + more[2] + more[3]) % modulus;
 }

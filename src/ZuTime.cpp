@@ -5,81 +5,123 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 #include "kep/ZuString.h"
 
 namespace {
 
-// Where a token takes its value from; the year comes in full and modulo 100.
-enum class Field { kYear, kShortYear, kMonth, kDay, kHour, kMinute, kSecond };
-
 struct Token {
-  char text[5];
-  bool padded;
-  uint8_t length;
-  Field field;
+  int length;  // 0: none
+  int value;
 };
 
-// In the order of their tests: the long year comes before the short one that it begins with.
-constexpr Token kTokens[] = {
-    {"YYYY", true, 4, Field::kYear},  {"YY", true, 2, Field::kShortYear}, {"yy", false, 2, Field::kShortYear},
-    {"MM", true, 2, Field::kMonth},   {"mm", false, 2, Field::kMonth},    {"DD", true, 2, Field::kDay},
-    {"dd", false, 2, Field::kDay},    {"HH", true, 2, Field::kHour},      {"hh", false, 2, Field::kHour},
-    {"MI", true, 2, Field::kMinute},  {"mi", false, 2, Field::kMinute},   {"SS", true, 2, Field::kSecond},
-    {"ss", false, 2, Field::kSecond},
-};
-
-bool beginsWith(const char *pattern, const Token &token) {
-  for (int i = 0; i < token.length; ++i) {
-    if (pattern[i] != token.text[i]) return false;  // a NUL differs too, so nothing behind the pattern is read
+// The token that a pattern, not an empty one, begins with: a letter twice, but for the long year and the minute.
+Token readToken(const char *pattern, const tm &time) {
+  const char first = pattern[0];
+  const char second = pattern[1];
+  if (first != second) {
+    const bool isMinute = (first == 'M' && second == 'I') || (first == 'm' && second == 'i');
+    return isMinute ? Token{2, time.tm_min} : Token{0, 0};
   }
-  return true;
+  switch (first) {
+    case 'Y':
+      // Added unsigned: the year of a far time may be the largest int.
+      if (pattern[2] == 'Y' && pattern[3] == 'Y')
+        return {4, static_cast<int>(static_cast<unsigned>(time.tm_year) + 1900)};
+      return {2, time.tm_year % 100};
+    case 'y': return {2, time.tm_year % 100};
+    case 'M':
+    case 'm': return {2, time.tm_mon + 1};
+    case 'D':
+    case 'd': return {2, time.tm_mday};
+    case 'H':
+    case 'h': return {2, time.tm_hour};
+    case 'S':
+    case 's': return {2, time.tm_sec};
+    default: return {0, 0};
+  }
 }
 
-const Token *findToken(const char *pattern) {
-  if (*pattern < 'A') return nullptr;  // most of what stands between tokens
-  for (const Token &token : kTokens) {
-    if (beginsWith(pattern, token)) return &token;
-  }
-  return nullptr;
+void putPair(char *out, int value) {
+  out[0] = static_cast<char>('0' + value / 10);
+  out[1] = static_cast<char>('0' + value % 10);
 }
 
-int valueOf(const tm &time, Field field) {
-  switch (field) {
-    // Added unsigned: the year of a far time may be the largest int.
-    case Field::kYear: return static_cast<int>(static_cast<unsigned>(time.tm_year) + 1900U);
-    case Field::kShortYear: return time.tm_year % 100;
-    case Field::kMonth: return time.tm_mon + 1;
-    case Field::kDay: return time.tm_mday;
-    case Field::kHour: return time.tm_hour;
-    case Field::kMinute: return time.tm_min;
-    case Field::kSecond: break;
-  }
-  return time.tm_sec;
-}
-
-// Writes the token's value and a terminator, and returns where the next one goes. That is a fixed step: digits beyond
-// it, as a year of five has, are overwritten by what follows.
-char *putToken(char *out, const Token &token, int value) {
-  const bool isShort = !token.padded && value < 10;
-  if (value < 0 || value > (token.length == 4 ? 9999 : 99)) {
-    if (!token.padded) {
-      ZuString_Format(out, "%d", value);
+// Writes a token's value and a terminator, and returns where the next one goes. That is a fixed step: digits beyond it,
+// as a year of five has, are overwritten by what follows.
+char *putToken(char *out, Token token, bool isPadded) {
+  const auto [length, value] = token;
+  const int step = !isPadded && value < 10 ? 1 : length;
+  if (value < 0 || value > (length == 4 ? 9999 : 99)) {
+    if (isPadded) {
+      ZuString_Format(out, "%0*d", length, value);
     } else {
-      ZuString_Format(out, "%0*d", token.length, value);
+      ZuString_Format(out, "%d", value);
     }
-    return out + (isShort ? 1 : token.length);
+    return out + step;
   }
-  const int digits = isShort ? 1 : token.length;
-  for (int i = digits - 1; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
-  out[digits] = '\0';
-  return out + digits;
+  if (length == 4) putPair(out, value / 100);
+  if (step == 1) {
+    out[0] = static_cast<char>('0' + value);
+  } else {
+    putPair(out + step - 2, value % 100);
+  }
+  out[step] = '\0';
+  return out + step;
+}
+
+// ---- conversions
+
+// The last conversion, and the zone that it was made in.
+struct {
+  bool isKept;    // the rest holds
+  bool isNamed;   // TZ was set,
+  char name[32];  // to this; with a longer one nothing is kept
+  time_t moment;  // the wall clock's second
+  long offset;    // the C library's zone
+  const char *names[2];
+  bool isConverted;
+  time_t second;
+  tm fields;
+} l_last;
+
+// As far as can be told without asking the file system. The host may have had the C library go to another zone and back
+// in TZ alone.
+bool isZoneOfLast(const char *name, time_t now) {
+  if (!l_last.isKept || l_last.moment != now || l_last.isNamed != (name != nullptr)) return false;
+  if (name && std::strcmp(l_last.name, name) != 0) return false;
+  return l_last.offset == timezone && l_last.names[0] == tzname[0] && l_last.names[1] == tzname[1];
+}
+
+void keepZone(const char *name, time_t now) {
+  const size_t length = name ? strnlen(name, sizeof l_last.name) : 0;
+  l_last.isKept = length < sizeof l_last.name;
+  if (!l_last.isKept) return;
+  l_last.isNamed = name != nullptr;
+  if (name) std::memcpy(l_last.name, name, length + 1);
+  l_last.moment = now;
+  l_last.offset = timezone;
+  l_last.names[0] = tzname[0];
+  l_last.names[1] = tzname[1];
 }
 
 // Gives all zeros for a time that the C library cannot convert.
-tm convert(time_t t) {
-  const tm *local = localtime(&t);
-  return local ? *local : tm{};
+//
+// localtime would have the C library look at the zone each time. That is cheap while TZ names it; but without TZ it
+// asks the file system, which takes longer than all the rest, so it is done once a second of the wall clock.
+const tm &convert(time_t t) {
+  const char *name = getenv("TZ");
+  const time_t now = time(nullptr);
+  const bool isSame = isZoneOfLast(name, now);
+  if (isSame && l_last.isConverted && t == l_last.second) return l_last.fields;
+  if (name || !isSame) tzset();
+  l_last.second = t;
+  l_last.isConverted = localtime_r(&t, &l_last.fields) != nullptr;
+  if (!l_last.isConverted) l_last.fields = tm{};
+  keepZone(name, now);  // behind the conversion, which may change the names to those of its time
+  return l_last.fields;
 }
 
 int64_t uptimeMicros() {
@@ -119,13 +161,14 @@ time_t ZuTime_Now(void) { return ZuTime_GetTime(0); }
 
 char *ZuTime_Format(char *dst, const char *pattern, time_t t) {
   if (!dst || !pattern) return dst;
-  const tm time = convert(t == 0 ? ZuTime_Now() : t);
+  const tm &time = convert(t == 0 ? ZuTime_Now() : t);
   char *out = dst;
   *out = '\0';
   while (*pattern) {
-    if (const Token *token = findToken(pattern)) {
-      out = putToken(out, *token, valueOf(time, token->field));
-      pattern += token->length;
+    const Token token = readToken(pattern, time);
+    if (token.length > 0) {
+      out = putToken(out, token, *pattern < 'a');  // capitals pad with zeros
+      pattern += token.length;
     } else {
       *out++ = *pattern++;
       *out = '\0';

@@ -1,5 +1,5 @@
-/* ZuTime.h: clocks, a sleep, and the one formatter of dates, which uses libc's static time record and so belongs to one
- * thread at a time. */
+/* ZuTime.h: clocks, a sleep, and the one formatter of dates, which remembers its last time and zone and so belongs to
+ * one thread at a time. */
 #ifndef KEP_ZUTIME_H
 #define KEP_ZUTIME_H
 
@@ -32,7 +32,8 @@ KEP_API time_t ZuTime_Now(void);
  *   HH hh      hour, 0 to 23             MI mi   minute              SS ss   second
  *
  * Upper case pads with zeros to two digits, lower case does not pad, everything else is copied. A time that the C
- * library cannot convert prints as the year 1900, month 1, day 0, 0:0:0. NULL for `dst` or `pattern` writes nothing. */
+ * library cannot convert prints as the year 1900, month 1, day 0, 0:0:0. A change of TZ shows in the next call, one of
+ * the zone's file within a second of the wall clock. NULL for `dst` or `pattern` writes nothing. */
 KEP_API char *ZuTime_Format(char *dst, const char *pattern, time_t t);
 
 #ifdef __cplusplus

@@ -11,23 +11,28 @@
 
 namespace {
 
-uint32_t farAboveTheCount(const void *key, uint32_t keySize, uint32_t bucketCount) {
-  EXPECT_EQ(keySize, 5U);
+int32_t keySize = 5, valueSize = 3;
+
+uint32_t farAboveTheCount(const void *key, uint32_t size, uint32_t bucketCount) {
+  EXPECT_EQ(static_cast<int32_t>(size), keySize);
   return 0xFFFF0000U / bucketCount * bucketCount + *static_cast<const uint8_t *>(key);
 }
 
 using Map = std::map<std::string, std::string>;
 
+std::string bytesAt(const void *address, int32_t size) {
+  return {static_cast<const char *>(address), static_cast<size_t>(size)};
+}
+
 int32_t note(const void *key, void *value, void *found) {
-  const std::string bytes(static_cast<const char *>(key), 5);
-  static_cast<Map *>(found)->emplace(bytes.c_str(), std::string(static_cast<char *>(value), 3).c_str());
+  static_cast<Map *>(found)->emplace(bytesAt(key, keySize), bytesAt(value, valueSize));
   return 1;
 }
 
 int32_t acceptAny(const void *, void *, void *) { return 0; }
 
 // Deleted entries are unlinked, not freed: a host may still hold a value's address.
-void freeEntryOf(void *value) { ZuMem_LocalFree(static_cast<char *>(value) - 5); }
+void freeEntryOf(void *value) { ZuMem_LocalFree(static_cast<char *>(value) - keySize); }
 
 std::string shown(ZuHash *table, void (*show)(ZuHash *)) {
   platform::takePrinted();
@@ -35,28 +40,36 @@ std::string shown(ZuHash *table, void (*show)(ZuHash *)) {
   return platform::takePrinted();
 }
 
-// Keys and values have odd sizes, so that entries lie anyhow.
+// As many decimal digits.
+std::string digitsOf(size_t number, int32_t count) {
+  const std::string digits = std::to_string(number);
+  return std::string(static_cast<size_t>(count) - digits.size(), '0') + digits;
+}
+
+// Sizes are odd, so that entries lie anyhow.
 void compareWithAMap(uint32_t buckets, ZuHashFunc hash, bool isStatic) {
   std::mt19937 random(20240607);
   static auto *kept = new std::vector<ZuHash *>;  // static tables are never released: held for the leak checker
-  ZuHash *table = kept->emplace_back(ZuHash_NewEx(5, 3, buckets, hash, isStatic));
+  ZuHash *table = kept->emplace_back(ZuHash_NewEx(keySize, valueSize, buckets, hash, isStatic));
   Map model, found;
   for (int i = 0; i < 1500; ++i) {
-    const std::string key = std::to_string(random() % 150) + std::string(5, '\0'), name = key.c_str();
-    const std::string text = std::to_string(random() % 1000) + std::string(2, '\0');
+    const size_t number = random() % 150;
+    const std::string key = digitsOf(number % 10, 1) + digitsOf(number, keySize - 1);  // the first tells the bucket
+    const std::string text = digitsOf(random() % 1000, valueSize);
+    const std::string readable = key + "000";  // by the hash, up to a whole word
     const auto operation = random() % 8;
     void *value = nullptr;
     if (operation < 3) {
-      ASSERT_EQ(ZuHash_Set(table, key.data(), text.data()), 1);
-      model[name] = text.c_str();
+      ASSERT_EQ(ZuHash_Set(table, readable.data(), text.data()), 1);
+      model[key] = text;
     } else if (operation == 3) {
-      ZuHash_Get(table, key.data(), &value);
-      ZuHash_Delete(table, key.data());
-      if (value && !isStatic) freeEntryOf(value), model.erase(name);
+      ZuHash_Get(table, readable.data(), &value);
+      ZuHash_Delete(table, readable.data());
+      if (value && !isStatic) freeEntryOf(value), model.erase(key);
     }
     value = table;
-    ASSERT_EQ(ZuHash_Get(table, key.data(), &value), model.count(name)) << buckets << " " << i;
-    ASSERT_EQ(value ? std::string(static_cast<char *>(value), 3).c_str() : "", model.count(name) ? model[name] : "");
+    ASSERT_EQ(ZuHash_Get(table, readable.data(), &value), model.count(key)) << buckets << " " << i;
+    ASSERT_EQ(value ? bytesAt(value, valueSize) : "", model.count(key) ? model[key] : "");
   }
   EXPECT_EQ(ZuHash_Find(table, note, &found), nullptr);
   EXPECT_EQ(found, model);
@@ -64,9 +77,13 @@ void compareWithAMap(uint32_t buckets, ZuHashFunc hash, bool isStatic) {
 }
 
 TEST(Hash, HoldsWhatAMapHolds) {
-  for (const uint32_t buckets : {1U, 7U, 300U}) {
-    compareWithAMap(buckets, nullptr, false), compareWithAMap(buckets, nullptr, true);
-    compareWithAMap(buckets, farAboveTheCount, false), compareWithAMap(buckets, farAboveTheCount, true);
+  // Keys differ in the last bytes: of 9 in a word's and in the one behind it.
+  for (const auto &[key, value] : {std::pair(9, 8), std::pair(5, 3)}) {
+    keySize = key, valueSize = value;
+    for (const uint32_t buckets : {1U, 7U, 300U}) {
+      compareWithAMap(buckets, nullptr, false), compareWithAMap(buckets, nullptr, true);
+      compareWithAMap(buckets, farAboveTheCount, false), compareWithAMap(buckets, farAboveTheCount, true);
+    }
   }
 }
 

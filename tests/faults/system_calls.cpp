@@ -67,10 +67,21 @@ WRAP(int, getpeername, (int fd, sockaddr *name, socklen_t *size), -1, fd, name, 
 WRAP(int, fcntl, (int fd, int command, long argument), -1, fd, command, argument)
 WRAP(int, open, (const char *path, int flags, mode_t mode), -1, path, flags, mode)
 WRAP(int, close, (int fd), (__real_close(fd), -1), fd)  // closed all the same
-WRAP(time_t, time, (time_t * now), -1, now)
 WRAP(int, gettimeofday, (timeval * now, void *zone), -1, now, zone)
-WRAP(tm *, localtime, (const time_t *t), nullptr, t)
+WRAP(tm *, localtime_r, (const time_t *t, tm *out), nullptr, t, out)
 WRAP(int, usleep, (useconds_t micros), -1, micros)
+
+void __real_tzset();
+void __wrap_tzset() {
+  Plan::fails("tzset");
+  __real_tzset();
+}
+
+time_t __real_time(time_t *now);
+time_t __wrap_time(time_t *now) {
+  auto seconds = static_cast<size_t>(__real_time(now));
+  return Plan::fails("time", &seconds) ? -1 : static_cast<time_t>(seconds);
+}
 
 int __real_connect(int fd, const sockaddr *name, socklen_t size);
 int __wrap_connect(int fd, const sockaddr *name, socklen_t size) {

@@ -12,7 +12,7 @@ class Plan {
   static constexpr int kOn = INT_MAX;  // as `times`: from the n-th call on
 
   // The n-th call and so many in all fail with `error`; but with a `count` the first of them, or without an error all,
-  // write so much at most.
+  // write so much at most, or give this time.
   Plan(const char *call, int error, int nth = 1, int times = 1, size_t count = SIZE_MAX);
   ~Plan();
   Plan(const Plan &) = delete;
