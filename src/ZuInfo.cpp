@@ -71,10 +71,11 @@ Block blockOf(const ZuInfo *info) { return {memData(info->block), blockSize(info
 
 struct Record {
   const uint8_t *key;
-  const uint8_t *value;
   uint32_t keyLength;
   uint32_t valueLength;
   uint32_t end;  // offset behind the record
+
+  const uint8_t *value() const { return key + keyLength + 2; }
 };
 
 // Reads the record at an offset; false when it does not lie in the block whole.
@@ -84,8 +85,7 @@ inline bool readRecord(Block block, uint32_t offset, Record *out) {
   out->key = block.data + offset + 1;
   const uint32_t valueOffset = offset + kHeadSize + out->keyLength;
   if (valueOffset > block.size) return false;
-  out->value = block.data + valueOffset;
-  out->valueLength = loadBig<uint16_t>(out->value - 2);
+  out->valueLength = loadBig<uint16_t>(block.data + valueOffset - 2);
   out->end = valueOffset + out->valueLength;
   return out->end <= block.size;
 }
@@ -476,7 +476,7 @@ int32_t ZuInfo_Get(ZuInfo *info, const void *key, int32_t keyLen, int32_t *curso
   } while (!keyMatches(block, record, wanted));
   if (keyOut) *keyOut = record.key;
   if (keyLenOut) *keyLenOut = static_cast<uint8_t>(record.keyLength);
-  if (valueOut) *valueOut = record.value;
+  if (valueOut) *valueOut = record.value();
   if (valueLenOut) *valueLenOut = static_cast<uint16_t>(record.valueLength);
   return 1;
 }
