@@ -3,9 +3,11 @@
 // A loop of our own instead of a framework's: what is wanted is the ratio of two sides that ran right after each other,
 // many times, and the median of those ratios. On a machine whose speed changes under other tenants that is steadier
 // than the ratio of two medians, and frameworks report their benchmarks one by one.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -199,6 +201,10 @@ Peer::Peer(const Row &row, const char *name, Side side, double items) {
 }
 
 int main(int argc, char **argv) {
+  // Memory given back stays with the process: which side of a row met fresh pages would depend on what ran before, and
+  // a page may cost more than all that is measured.
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, INT_MAX);
   if (argc == 4 && !std::strcmp(argv[1], "--run")) {  // what countInstructions runs
     const NamedSide &side = cases().at(std::stoul(argv[2])).sides.at(std::stoul(argv[3]));
     timeOf(side, Clock::cpu, countedPasses(side.items));

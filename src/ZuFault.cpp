@@ -57,8 +57,8 @@ int32_t recordBytes(const ZuFault *fault, ItemType type, uint32_t id, const void
   if (!fault || !makeValueStore()) return 0;
   const uint8_t key[2] = {type, fault->index};
   uint8_t head[8];
-  const int32_t headSize = ZuBuffer_Pack(head, "II", id, static_cast<uint32_t>(len));
-  ZuInfo_Append2Message(g_ZuFault_Info, key, sizeof key, head, headSize, data, len);
+  storeBig(storeBig(head, id), static_cast<uint32_t>(len));
+  ZuInfo_Append2Message(g_ZuFault_Info, key, sizeof key, head, sizeof head, data, len);
   return 0;
 }
 

@@ -21,7 +21,6 @@
 #include "kep/ZuLogger.h"
 #include "kep/ZuString.h"
 #include "kep/ZuTime.h"
-#include "kep/platform.h"
 
 #ifndef KEP_STORE_TRACE
 #define KEP_STORE_TRACE 1
@@ -45,43 +44,49 @@ constexpr int64_t kLargestGrowth = 262144;  // 256 KiB a step, unless one record
 constexpr uint32_t kIdCount = 8 * sizeof(ZuInfo::idSwitches);
 constexpr int32_t kLongestKey = 254;
 constexpr int32_t kLongestValue = UINT16_MAX;
-constexpr uint32_t kHeadSize = 3;                   // key length and value length
+constexpr uint32_t kHeadSize = 3;  // key length and value length
+
+// The key of a structured record begins so; three times a count and 'S' follow.
+constexpr char kStructuredStart[] = {'T', 'B', 'h', 'I'};
+constexpr size_t kLongestStructuredKey = sizeof kStructuredStart + 3 * (sizeof "65535S" - 1);
 constexpr int32_t kStructuredSize = 4 + 1 + 2 + 4;  // time, type, id and code, in front of the three strings
 
 constexpr bool kTrace = KEP_STORE_TRACE;  // print every step of making room
 
 // ---- the block
 
-uint32_t blockSize(const ZuInfo *info) { return info->block ? static_cast<uint32_t>(info->block->capacity) : 0; }
+// The bytes of a store that has a block. Looked up once a call: whatever is then written through a byte pointer might,
+// for all the compiler knows, be the store itself.
+struct Block {
+  uint8_t *data;
+  uint32_t size;
 
-uint8_t *at(const ZuInfo *info, uint32_t offset) { return memData(info->block) + offset; }
+  bool isFree(uint32_t offset) const { return offset >= size || data[offset] == kFree; }
+};
 
-bool isFree(const ZuInfo *info, uint32_t offset) { return offset >= blockSize(info) || *at(info, offset) == kFree; }
+uint32_t blockSize(const ZuInfo *info) { return static_cast<uint32_t>(info->block->capacity); }
 
-// Where the oldest record really begins: a read offset that rests on a free byte stands for the start of the block.
-uint32_t oldestOffset(const ZuInfo *info) { return isFree(info, info->readOffset) ? 0 : info->readOffset; }
+Block blockOf(const ZuInfo *info) { return {memData(info->block), blockSize(info)}; }
 
 struct Record {
   const uint8_t *key;
-  const uint8_t *value;
   uint32_t keyLength;
   uint32_t valueLength;
   uint32_t end;  // offset behind the record
+
+  const uint8_t *value() const { return key + keyLength + 2; }
 };
 
 // Reads the record at an offset; false when it does not lie in the block whole.
-bool readRecord(const ZuInfo *info, uint32_t offset, Record *out) {
-  if (isFree(info, offset)) return false;
-  const uint32_t size = blockSize(info);
-  out->keyLength = *at(info, offset);
-  const uint32_t keyEnd = offset + 1 + out->keyLength;
-  if (keyEnd + 2 > size) return false;
-  out->valueLength = loadBig<uint16_t>(at(info, keyEnd));
-  out->end = keyEnd + 2 + out->valueLength;
-  if (out->end > size) return false;
-  out->key = at(info, offset + 1);
-  out->value = at(info, keyEnd + 2);
-  return true;
+inline bool readRecord(Block block, uint32_t offset, Record *out) {
+  if (block.isFree(offset)) return false;
+  out->keyLength = block.data[offset];
+  out->key = block.data + offset + 1;
+  const uint32_t valueOffset = offset + kHeadSize + out->keyLength;
+  if (valueOffset > block.size) return false;
+  out->valueLength = loadBig<uint16_t>(block.data + valueOffset - 2);
+  out->end = valueOffset + out->valueLength;
+  return out->end <= block.size;
 }
 
 uint32_t roundLimit(uint32_t limit) {
@@ -117,17 +122,18 @@ int32_t evictOne(ZuInfo *info, int32_t need) {
     info->writeOffset = 0;
     info->freeSize = 0;
   }
+  const Block block = blockOf(info);
   Record oldest;
-  if (!readRecord(info, info->readOffset, &oldest)) {  // a free byte: the oldest record lies at the start
+  if (!readRecord(block, info->readOffset, &oldest)) {  // a free byte: the oldest record lies at the start
     readFromStart(info);
     return 2;
   }
   // Wiped, not just skipped: readers know free space by its 0xFF.
   const uint32_t size = oldest.end - info->readOffset;
-  std::memset(at(info, info->readOffset), kFree, size);
+  std::memset(block.data + info->readOffset, kFree, size);
   ++reinterpret_cast<Store *>(info)->evicted;
   info->readOffset = oldest.end;
-  if (info->readOffset < blockSize(info)) {
+  if (oldest.end < block.size) {
     info->freeSize += static_cast<int32_t>(size);
   } else {
     readFromStart(info);
@@ -167,10 +173,18 @@ int32_t growBlock(ZuInfo *info, int32_t need) {
   return info->freeSize < need ? 2 : 1;
 }
 
+// ZuInfo_FreeSize_ of a store that has a block.
+int32_t makeOneStep(ZuInfo *info, int32_t need) {
+  if (kTrace) printPastSink("size %d", static_cast<int>(need));
+  if (need <= info->freeSize) return 1;
+  if (static_cast<uint32_t>(need) > largestSize(info)) return 0;
+  return blockSize(info) >= largestSize(info) ? evictOne(info, need) : growBlock(info, need);
+}
+
 // The one loop that evicts and grows; every writer passes it. Afterwards `need` bytes at the write offset are free.
 bool makeRoom(ZuInfo *info, int32_t need) {
   while (info->freeSize < need) {
-    if (!ZuInfo_FreeSize_(info, need)) return false;
+    if (!makeOneStep(info, need)) return false;
   }
   return uint64_t{info->writeOffset} + static_cast<uint32_t>(need) <= blockSize(info);
 }
@@ -201,23 +215,22 @@ void advance(ZuInfo *info, int32_t size) {
   info->freeSize -= size;
 }
 
+int32_t headSize(Bytes key) { return key.length + static_cast<int32_t>(kHeadSize); }
+
 // Makes room for a whole record and writes all but its value. Returns where the value goes, or NULL.
-uint8_t *beginRecord(ZuInfo *info, Bytes key, int32_t valueLength) {
+uint8_t *putHead(ZuInfo *info, Bytes key, int32_t valueLength) {
   if (!isKey(key) || valueLength < 0 || valueLength > kLongestValue) return nullptr;
-  const int32_t headSize = key.length + static_cast<int32_t>(kHeadSize);
-  if (!makeRoom(info, headSize + valueLength)) return nullptr;
-  uint8_t *out = storeBig(at(info, info->writeOffset), static_cast<uint8_t>(key.length));
-  out = storeBig(putBytes(out, key), static_cast<uint16_t>(valueLength));
-  advance(info, headSize);
-  return out;
+  if (!makeRoom(info, headSize(key) + valueLength)) return nullptr;
+  uint8_t *out = storeBig(memData(info->block) + info->writeOffset, static_cast<uint8_t>(key.length));
+  return storeBig(putBytes(out, key), static_cast<uint16_t>(valueLength));
 }
 
 bool putRecord(ZuInfo *info, Bytes key, Bytes value1, Bytes value2) {
   if (!isWhole(value1) || !isWhole(value2) || value2.length > kLongestValue - value1.length) return false;
-  uint8_t *out = beginRecord(info, key, value1.length + value2.length);
+  uint8_t *out = putHead(info, key, value1.length + value2.length);
   if (!out) return false;
   putBytes(putBytes(out, value1), value2);
-  advance(info, value1.length + value2.length);
+  advance(info, headSize(key) + value1.length + value2.length);
   return true;
 }
 
@@ -225,68 +238,81 @@ bool putRecord(ZuInfo *info, Bytes key, Bytes value1, Bytes value2) {
 
 // keyLength - 1 on purpose: a one-byte key selects every record, and readers depend on it. The record's own key length
 // is not asked, so the comparison may run into what follows the key, but not out of the block.
-bool keyMatches(const ZuInfo *info, const Record &record, Bytes key) {
+bool keyMatches(Block block, const Record &record, Bytes key) {
   if (!key.data || key.length == 0) return true;
   const size_t compared = static_cast<size_t>(key.length - 1);
-  const auto room = static_cast<size_t>(at(info, blockSize(info)) - record.key);
+  const auto room = static_cast<size_t>(block.data + block.size - record.key);
   return compared <= room && std::memcmp(record.key, key.data, compared) == 0;
 }
 
-// Finds where the walk goes on behind position `pos`; false at its end. -1 starts at the oldest record.
-bool nextOffset(const ZuInfo *info, int32_t pos, uint32_t *offsetOut) {
-  const uint32_t oldest = oldestOffset(info);
-  if (pos == -1) {
-    *offsetOut = oldest;
-    return true;
-  }
+// Reads the record behind position `pos`, -1 for the oldest; false at the end of the walk.
+inline bool readNext(const ZuInfo *info, Block block, int32_t pos, Record *out) {
+  // A read offset that rests on a free byte stands for the start of the block.
+  const uint32_t oldest = block.isFree(info->readOffset) ? 0 : info->readOffset;
+  if (oldest == info->writeOffset && info->freeSize != 0) return false;
+  if (pos == -1) return readRecord(block, oldest, out);
   auto offset = static_cast<uint32_t>(pos);
   if (offset >= info->writeOffset && (oldest < info->writeOffset || offset < oldest)) return false;
-  if (isFree(info, offset)) {
+  if (block.isFree(offset)) {
     if (offset < oldest) return false;  // been at the start already: once round is enough, whatever lies there
     offset = 0;
   }
-  *offsetOut = offset;
-  return offset != oldest;  // round again
+  return offset != oldest && readRecord(block, offset, out);  // the oldest: round again
 }
 
 // ---- structured records
 
 struct Structured {
-  int32_t time;
   uint8_t type;
   uint16_t id;
   uint32_t code;
   Bytes data[3];
 };
 
+// Writes the key of a structured record so that it ends at `end`, and returns where it begins.
+char *putStructuredKey(char *end, const Bytes (&strings)[3]) {
+  for (int i = 2; i >= 0; --i) {
+    *--end = 'S';
+    for (auto count = static_cast<uint32_t>(strings[i].length);; count /= 10) {
+      *--end = static_cast<char>('0' + count % 10);
+      if (count < 10) break;
+    }
+  }
+  end -= sizeof kStructuredStart;
+  std::memcpy(end, kStructuredStart, sizeof kStructuredStart);
+  return end;
+}
+
 // Takes "<digits>S" off a text; false when something else stands there.
-bool takeCount(const char *&text, int32_t *out) {
-  const char *begin = text;
+bool takeCount(const uint8_t *&text, const uint8_t *end, int32_t *out) {
+  const uint8_t *begin = text;
   int32_t count = 0;
-  for (; *text >= '0' && *text <= '9'; ++text) {
+  for (; text != end && *text >= '0' && *text <= '9'; ++text) {
     count = count * 10 + (*text - '0');
     if (count > kLongestValue) return false;
   }
   *out = count;
-  return text != begin && *text++ == 'S';
+  return text != begin && text != end && *text++ == 'S';
 }
 
-// Reads a value by its dump format; false when that is not a structured record's, "*TBhI%dS%dS%dS" to its last
-// character, or describes another length than the value's.
-bool readStructured(const char *format, size_t formatLength, const uint8_t *value, int32_t valueLength,
-                    Structured *out) {
-  constexpr char kStart[] = "*TBhI";
-  const char *text = format;
-  if (std::strncmp(text, kStart, sizeof kStart - 1) != 0) return false;
-  text += sizeof kStart - 1;
+// Reads a value by its key; false when that is not a structured record's, "TBhI%dS%dS%dS" to its last character, or
+// describes another length than the value's.
+bool readStructured(const uint8_t *key, uint8_t keyLength, const uint8_t *value, int32_t valueLength, Structured *out) {
+  if (keyLength < sizeof kStructuredStart || std::memcmp(key, kStructuredStart, sizeof kStructuredStart) != 0) {
+    return false;
+  }
+  const uint8_t *text = key + sizeof kStructuredStart;
   int32_t size = kStructuredSize;
   for (Bytes &data : out->data) {
-    if (!takeCount(text, &data.length)) return false;
+    if (!takeCount(text, key + keyLength, &data.length)) return false;
     data.data = value + size;  // compared with the value's length below, before anyone reads there
     size += data.length;
   }
-  if (text != format + formatLength || size != valueLength) return false;
-  return ZuBuffer_UNPack("TBhI", value, &out->time, &out->type, &out->id, &out->code) == 4;
+  if (text != key + keyLength || size != valueLength) return false;
+  out->type = value[4];
+  out->id = loadBig<uint16_t>(value + 5);
+  out->code = loadBig<uint32_t>(value + 7);
+  return true;
 }
 
 // Whether data begins with the bytes that the pairs of hex digits stand for; a missing byte counts as 0.
@@ -317,12 +343,11 @@ bool passes(const Structured &record, const Filter &filter) {
   return codePasses && (filter.type == 0 || static_cast<uint8_t>(filter.type) == record.type);
 }
 
-// Makes the dump format of a key: '*', the key and a terminator. Returns its length.
-size_t putDumpFormat(char *out, const uint8_t *key, uint8_t keyLength) {
+// Makes the dump format of a key: '*', the key and a terminator.
+void putDumpFormat(char *out, const uint8_t *key, uint8_t keyLength) {
   *out = '*';
   std::memcpy(out + 1, key, keyLength);
   out[1 + keyLength] = '\0';
-  return 1U + keyLength;
 }
 
 bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kIdCount; }
@@ -375,13 +400,7 @@ int32_t ZuInfo_ReSize(ZuInfo *info, uint32_t limit) {
   return 1;
 }
 
-int32_t ZuInfo_FreeSize_(ZuInfo *info, int32_t need) {
-  if (!info || !info->block) return 0;
-  if (kTrace) printPastSink("size %d", static_cast<int>(need));
-  if (need <= info->freeSize) return 1;
-  if (static_cast<uint32_t>(need) > largestSize(info)) return 0;
-  return blockSize(info) >= largestSize(info) ? evictOne(info, need) : growBlock(info, need);
-}
+int32_t ZuInfo_FreeSize_(ZuInfo *info, int32_t need) { return info && info->block ? makeOneStep(info, need) : 0; }
 
 int32_t ZuInfo_Append(ZuInfo *info, const void *key, int32_t keyLen, const void *value, int32_t valueLen) {
   if (!info || !info->block) return -1;
@@ -411,25 +430,33 @@ int32_t ZuInfo_Append2Message(ZuInfo *info, const void *key, int32_t keyLen, con
 int32_t ZuInfo_PackPre(ZuInfo *info, const void *key, int32_t keyLen, int32_t valueLen) {
   if (!info || !key || info->ignore || !info->block) return 0;
   const size_t textLength = keyLen == 0 ? strnlen(static_cast<const char *>(key), kLongestKey + 1) : 0;
-  return beginRecord(info, {key, keyLen ? keyLen : static_cast<int32_t>(textLength)}, valueLen) != nullptr;
+  const Bytes bytes = {key, keyLen ? keyLen : static_cast<int32_t>(textLength)};
+  if (!putHead(info, bytes, valueLen)) return 0;
+  advance(info, headSize(bytes));
+  return 1;
 }
 
 void ZuInfo_AddInfo(ZuInfo *info, int32_t type, int32_t id, const void *data1, int32_t len1, const void *data2,
                     int32_t len2, const void *data3, int32_t len3, uint32_t code) {
   if (!info || info->ignore || !info->block) return;
   const Bytes strings[3] = {{data1, len1}, {data2, len2}, {data3, ZuInfo_GetFlag(info, id) ? len3 : 0}};
+  int32_t size = kStructuredSize;
   for (const Bytes &bytes : strings) {
-    if (!isWhole(bytes)) return;
+    if (!isWhole(bytes) || bytes.length > kLongestValue - size) return;
+    size += bytes.length;
   }
-  char format[100];
-  PLM_snprintf(format, sizeof format, "TBhI%dS%dS%dS", static_cast<int>(strings[0].length),
-               static_cast<int>(strings[1].length), static_cast<int>(strings[2].length));
-  const int32_t size = ZuBuffer_GetPackSize(format, nullptr);
-  if (!ZuInfo_PackPre(info, format, 0, size)) return;
-  uint8_t *out = at(info, info->writeOffset);
-  out += ZuBuffer_Pack(out, "TBhI", static_cast<uint32_t>(ZuTime_Now()), type, id, code);
+  char buffer[kLongestStructuredKey];
+  char *end = buffer + sizeof buffer;
+  const char *begin = putStructuredKey(end, strings);
+  const Bytes key = {begin, static_cast<int32_t>(end - begin)};
+  uint8_t *out = putHead(info, key, size);
+  if (!out) return;
+  out = storeBig(out, static_cast<uint32_t>(ZuTime_Now()));
+  out = storeBig(out, static_cast<uint8_t>(type));
+  out = storeBig(out, static_cast<uint16_t>(id));
+  out = storeBig(out, code);
   for (const Bytes &bytes : strings) out = putBytes(out, bytes);
-  advance(info, size);
+  advance(info, headSize(key) + size);
 }
 
 int32_t ZuInfo_Get(ZuInfo *info, const void *key, int32_t keyLen, int32_t *cursor, const uint8_t **keyOut,
@@ -437,17 +464,15 @@ int32_t ZuInfo_Get(ZuInfo *info, const void *key, int32_t keyLen, int32_t *curso
   if (!info || !info->block || !cursor || keyLen < 0) return 0;
   const Bytes wanted = {
       key, key && keyLen == 0 ? static_cast<int32_t>(std::strlen(static_cast<const char *>(key))) : keyLen};
-  if (oldestOffset(info) == info->writeOffset && info->freeSize != 0) return 0;
-
-  uint32_t offset;
+  const Block block = blockOf(info);
   Record record;
   do {
-    if (!nextOffset(info, *cursor, &offset) || !readRecord(info, offset, &record)) return 0;
+    if (!readNext(info, block, *cursor, &record)) return 0;
     *cursor = static_cast<int32_t>(record.end);
-  } while (!keyMatches(info, record, wanted));
+  } while (!keyMatches(block, record, wanted));
   if (keyOut) *keyOut = record.key;
   if (keyLenOut) *keyLenOut = static_cast<uint8_t>(record.keyLength);
-  if (valueOut) *valueOut = record.value;
+  if (valueOut) *valueOut = record.value();
   if (valueLenOut) *valueLenOut = static_cast<uint16_t>(record.valueLength);
   return 1;
 }
@@ -488,13 +513,13 @@ void ZuInfo_ShowInfo(ZuInfo *info, int32_t id, const char *hex1, const char *hex
   uint8_t keyLength;
   uint16_t valueLength;
   while (ZuInfo_Get(info, nullptr, 0, &cursor, &key, &keyLength, &value, &valueLength)) {
-    char format[1 + kLongestKey + 1];
-    const size_t formatLength = putDumpFormat(format, key, keyLength);
     Structured record;
-    if (!readStructured(format, formatLength, value, valueLength, &record) || !passes(record, filter)) continue;
+    if (!readStructured(key, keyLength, value, valueLength, &record) || !passes(record, filter)) continue;
     ++counter;
     if (counter <= skip || (limit != 0 && counter > limit)) continue;
     ZuPrint_Show(ZuString_SFormat("index=%d,", static_cast<int>(counter)), 0);
+    char format[1 + kLongestKey + 1];
+    putDumpFormat(format, key, keyLength);
     ZuBuffer_UNPack(format, value);
   }
   ZuPrint_Show(ZuString_SFormat("Total count %d", static_cast<int>(counter)), 0);

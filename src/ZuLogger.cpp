@@ -53,7 +53,7 @@ void copyCut(char (&field)[N], const char *text) {
   field[length] = '\0';
 }
 
-const char *keyOf(int32_t level) { return level == 2 ? "w" : level == 3 ? "e" : "l"; }
+char keyOf(int32_t level) { return level == 2 ? 'w' : level == 3 ? 'e' : 'l'; }
 
 bool accepts(const ZuLogger *logger, int32_t level) {
   return level < 0 || level > 3 || (logger->flags >> level & 1) != 0;
@@ -70,11 +70,16 @@ void echo(const ZuLogger *logger, int32_t level, const char *text) {
   }
 }
 
+// As ZuInfo_Write, which would measure the key.
+int32_t keepText(ZuInfo *store, char key, const char *text) {
+  return ZuInfo_Append(store, &key, 1, text, static_cast<int32_t>(std::strlen(text) & 0xFFFF));
+}
+
 int32_t keep(ZuLogger *logger, int32_t level, TimeText *time, const char *text) {
   if (!logger->store) logger->store = ZuInfo_New(logger->storeSize);
-  const char *key = keyOf(level);
-  const int32_t timeResult = ZuInfo_Write(logger->store, key, nowAsText(time));
-  return timeResult + ZuInfo_Write(logger->store, key, text);
+  const char key = keyOf(level);
+  const int32_t timeResult = keepText(logger->store, key, nowAsText(time));
+  return timeResult + keepText(logger->store, key, text);
 }
 
 // A value of length 0 is an empty line, where both sinks would take the length as "measure the text".

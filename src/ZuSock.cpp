@@ -3,17 +3,25 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
 constexpr char kBroadcast[] = "<BROADCAST>";
 constexpr char kBroadcastAddress[] = "255.255.255.255";
+
+int64_t nowMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
 constexpr int kLargestPort = UINT16_MAX;
 
 // False for a text that is no dotted address.
@@ -45,6 +53,26 @@ int receive(int fd, char *addressTextOut, int *portOut, void *buffer, int size, 
 }
 
 }  // namespace
+
+Deadline::Deadline(int32_t limitMs) : isSet_(limitMs >= 0), end_(isSet_ ? nowMs() + limitMs : 0) {}
+
+bool Deadline::isOver() const { return isSet_ && leftMs() == 0; }
+
+bool Deadline::waitFor(int fd, short events) const {
+  if (fd < 0) return false;  // poll would pass it over
+  pollfd wait = {fd, events, 0};
+  int ready;
+  do {
+    ready = poll(&wait, 1, leftMs());
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0 && (wait.revents & POLLNVAL) == 0;
+}
+
+int Deadline::leftMs() const {
+  if (!isSet_) return kNoLimit;
+  const int64_t left = end_ - nowMs();
+  return left > 0 ? static_cast<int>(left) : 0;
+}
 
 int ZuSock_UDP_Create(const char *addressText, int port) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);

@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -188,15 +189,22 @@ void flushUnlessRoomFor(int32_t size) {
   if (room() < size) CollectClient_Flush(0);
 }
 
+// The fields that every record begins with. Returns where the next one goes.
+uint8_t *putHead(uint8_t *out, unsigned type, int32_t index, int32_t section, int32_t key) {
+  out = storeBig(out, static_cast<uint8_t>(type));
+  out = storeBig(out, static_cast<uint32_t>(index));
+  out = storeBig(out, static_cast<uint32_t>(section));
+  return storeBig(out, static_cast<uint32_t>(key));
+}
+
 // Writes one string or buffer record of as many bytes as fit and returns their number.
 int32_t putPiece(uint8_t pieceType, int32_t index, int32_t section, int32_t key, const void *data, int32_t length) {
   flushUnlessRoomFor(kSmallestPieceRoom);
   const bool isLast = length <= room() - kPieceHeadSize;
   const int32_t taken = isLast ? length : room() - kPieceHeadSize;
   const unsigned type = isLast ? pieceType | kLastPiece : pieceType;
-  uint8_t *out = take(kPieceHeadSize + taken);
-  out += ZuBuffer_Pack(out, "BIIIH", type, index, section, key, taken);
-  std::memcpy(out, data, static_cast<size_t>(taken));
+  uint8_t *out = putHead(take(kPieceHeadSize + taken), type, index, section, key);
+  std::memcpy(storeBig(out, static_cast<uint16_t>(taken)), data, static_cast<size_t>(taken));
   return taken;
 }
 
@@ -247,8 +255,8 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
   printPastSink("size=%ld\n", static_cast<long>(size));
   ++l_stats.datagrams;
 
-  uint32_t length, type, sequence, port;
-  ZuBuffer_UNPack("IIII", request, &length, &type, &sequence, &port);
+  const auto length = loadBig<uint32_t>(request), type = loadBig<uint32_t>(request + 4);
+  const auto sequence = loadBig<uint32_t>(request + 8), port = loadBig<uint32_t>(request + 12);
   if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount ||
       !canBeOneHost(sender.sin_addr)) {
     ++l_stats.dropped;
@@ -302,15 +310,13 @@ void CollectClient_AppendBuffer(const void *data, int32_t length) {
 void CollectClient_CollectInt(int32_t index, int32_t section, int32_t key, int32_t value) {
   if (!l_buffer) return;
   flushUnlessRoomFor(kIntSize);
-  ZuBuffer_Pack(take(kIntSize), "BIIII", kIntRecord, index, section, key, value);
+  storeBig(putHead(take(kIntSize), kIntRecord, index, section, key), static_cast<uint32_t>(value));
 }
 
 void CollectClient_CollectLong(int32_t index, int32_t section, int32_t key, int64_t value) {
   if (!l_buffer) return;
   flushUnlessRoomFor(kLongSize);
-  uint8_t *out = take(kLongSize);
-  out += ZuBuffer_Pack(out, "BIII", kLongRecord, index, section, key);
-  storeBig(out, static_cast<uint64_t>(value));
+  storeBig(putHead(take(kLongSize), kLongRecord, index, section, key), static_cast<uint64_t>(value));
 }
 
 int32_t CollectClient_CollectString(int32_t index, int32_t section, int32_t key, const char *text, int32_t length) {
