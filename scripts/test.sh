@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# test.sh [--all]: everything that must hold before a change lands: formatting, static analysis, the examples' run, and
-# the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and on the board (under
+# test.sh [--all]: everything that must hold before a change lands: formatting, static analysis, what the library weighs,
+# the examples' run, and the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and on the board (under
 # qemu). With --all also under valgrind, with their coverage, a while of fuzzing, and a soak.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
@@ -45,6 +45,8 @@ for preset in "${compiled[@]}"; do
   say "building: $preset"
   cmake --build --preset "$preset" -- --quiet
 done
+
+scripts/size.sh
 
 say "the demo: on the host, under ThreadSanitizer, on the board${all:+, under valgrind}"
 for kind in '' --threads --board ${all:+--memcheck}; do

@@ -16,13 +16,13 @@ namespace {
 
 constexpr char kBroadcast[] = "<BROADCAST>";
 constexpr char kBroadcastAddress[] = "255.255.255.255";
+constexpr int kLargestPort = UINT16_MAX;
 
 int64_t nowMs() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
-constexpr int kLargestPort = UINT16_MAX;
 
 // False for a text that is no dotted address.
 bool makeAddress(const char *text, int port, sockaddr_in *out) {
