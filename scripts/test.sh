@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # test.sh [--all]: everything that must hold before a change lands: formatting, static analysis, what the library weighs,
-# the examples' run, and the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and on the board (under
-# qemu). With --all also under valgrind, with their coverage, a while of fuzzing, and a soak.
+# the examples' run, and the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and
+# on the board (under qemu). With --all also under valgrind, with their coverage, a while of fuzzing, and a soak.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
