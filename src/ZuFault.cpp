@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <initializer_list>
 
 #include "ZuBuffer.hpp"
 #include "ZuLogger.hpp"
@@ -65,47 +64,56 @@ int32_t recordBytes(const ZuFault *fault, ItemType type, uint32_t id, const void
 // ---- the file
 
 // While one lives, the signals wait that a write raises beyond the host's file size limit and into a FIFO whose reader
-// went away: by default they end the process. In the end those that came are taken back, and the calling thread has its
-// mask again, and pending what then was.
+// went away: by default they end the process.
 class HeldSignals {
  public:
   HeldSignals() {
-    sigset_t pending, held;
-    sigpending(&pending);
+    sigpending(&pending_);
+    sigset_t held;
     sigemptyset(&held);
-    sigemptyset(&own_);
-    for (const int signal : {SIGXFSZ, SIGPIPE}) {
-      sigaddset(&held, signal);
-      if (!sigismember(&pending, signal)) sigaddset(&own_, signal);
-    }
+    sigaddset(&held, SIGXFSZ);
+    sigaddset(&held, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &held, &mask_);
   }
 
-  ~HeldSignals() {
-    const timespec atOnce = {};
-    while (sigtimedwait(&own_, nullptr, &atOnce) > 0 || errno == EINTR) {
-    }
-    pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
-  }
+  ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &mask_, nullptr); }
 
   HeldSignals(const HeldSignals &) = delete;
   HeldSignals &operator=(const HeldSignals &) = delete;
 
+  // Takes back what a failed write raised. The system merges it with one of the host's that this thread has waiting,
+  // which then waits again; one that waits for the whole process is another.
+  void takeBack(int error) const {
+    const int signal = error == EFBIG ? SIGXFSZ : error == EPIPE ? SIGPIPE : 0;
+    if (signal == 0) return;
+    sigset_t taken, left;
+    sigemptyset(&taken);
+    sigaddset(&taken, signal);
+    const timespec atOnce = {};
+    sigtimedwait(&taken, nullptr, &atOnce);
+    sigpending(&left);
+    if (sigismember(&pending_, signal) && !sigismember(&left, signal)) raise(signal);
+  }
+
  private:
   sigset_t mask_;
-  sigset_t own_;  // were not pending before
+  sigset_t pending_;
 };
 
 // The file, small pieces gathered. Nothing follows a write that failed: what is there is the beginning of the whole.
 struct File {
   int fd;
-  bool hasFailed;
+  int error;      // of the write that failed; 0: none
   size_t length;  // of what is gathered
   uint8_t gathered[1024];
 };
 
+void writeOut(File *file, const void *data, size_t length) {
+  if (file->error == 0 && !kep::writeWhole(file->fd, data, length)) file->error = errno;
+}
+
 void flush(File *file) {
-  if (!file->hasFailed) file->hasFailed = !kep::writeWhole(file->fd, file->gathered, file->length);
+  writeOut(file, file->gathered, file->length);
   file->length = 0;
 }
 
@@ -114,8 +122,8 @@ void writeBytes(File *file, const void *data, size_t length) {
   if (length <= sizeof file->gathered) {
     std::memcpy(file->gathered + file->length, data, length);
     file->length += length;
-  } else if (!file->hasFailed) {
-    file->hasFailed = !kep::writeWhole(file->fd, data, length);
+  } else {
+    writeOut(file, data, length);
   }
 }
 
@@ -180,12 +188,19 @@ void writeValues(File *file) {
   }
 }
 
-// A FIFO without a reader cannot be opened; an open that waits might do so for ever. The writes wait as usual.
-int openFile() {
+int openFor(int flags) {
   int fd;
   do {
-    fd = open(KEP_FAULT_LOG_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
+    fd = open(KEP_FAULT_LOG_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | flags, 0666);
   } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// A FIFO without a reader cannot be opened; an open that waits might do so for ever. Another process's lease on a file
+// is waited for: it ends. Writes then wait as usual.
+int openFile() {
+  int fd = openFor(O_NONBLOCK);
+  if (fd < 0 && errno == EAGAIN) fd = openFor(0);
   if (fd >= 0) fcntl(fd, F_SETFL, 0);
   return fd;
 }
@@ -193,12 +208,13 @@ int openFile() {
 // False when the file cannot be opened; there is nobody to tell of a write that fails.
 bool writeFile() {
   const HeldSignals held;
-  File file = {openFile(), false, 0, {}};
+  File file = {openFile(), 0, 0, {}};
   if (file.fd < 0) return false;
   writeLogs(&file);
   writeLength(&file, 0);  // the end of the logs
   writeValues(&file);
   flush(&file);
+  held.takeBack(file.error);
   close(file.fd);
   return true;
 }

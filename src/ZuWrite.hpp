@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <ctime>
 
 namespace kep {
 
@@ -24,6 +25,7 @@ inline bool writeWhole(int fd, const void *data, size_t size) {
   while (size > 0) {
     const ssize_t written = write(fd, next, size);
     if (written < 0 && errno == EINTR) continue;
+    if (written == 0) errno = EIO;
     if (written <= 0) return false;
     next += written;
     size -= static_cast<size_t>(written);
@@ -31,15 +33,20 @@ inline bool writeWhole(int fd, const void *data, size_t size) {
   return true;
 }
 
-// What the host has in the stream goes out first. A pipe with room takes a page of it without a wait in which a signal
-// could end it; a console that must not block is not waited for.
+// Waits for two seconds at most: not every descriptor ever tells that it has room.
+inline void waitForRoom(int fd) {
+  pollfd console = {fd, POLLOUT, 0};
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const time_t end = now.tv_sec + 2;
+  while (poll(&console, 1, 1000) < 0 && errno == EINTR && now.tv_sec < end) clock_gettime(CLOCK_MONOTONIC, &now);
+}
+
+// What the host has in the stream goes out first. A pipe with room, to which nobody else writes, takes a page of it
+// without a wait in which a signal could end it; a console that must not block is not waited for.
 inline void flushHostText(int fd) {
   if (__fpending(stdout) == 0) return;
-  pollfd console = {fd, POLLOUT, 0};
-  if ((fcntl(fd, F_GETFL) & O_NONBLOCK) == 0) {
-    while (poll(&console, 1, -1) < 0 && errno == EINTR) {
-    }
-  }
+  if ((fcntl(fd, F_GETFL) & O_NONBLOCK) == 0) waitForRoom(fd);
   std::fflush(stdout);
 }
 

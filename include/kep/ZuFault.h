@@ -70,8 +70,8 @@ KEP_API int32_t ZuFault_ShowRunLog(ZuFault *fault);
  * does anything. A failed write goes unnoticed; nothing follows it.
  *
  * The file is replaced or made with the mode 0666 less the umask; of a symbolic link, what it leads to. A device or a
- * FIFO is written to; a FIFO without a reader cannot be opened, and one whose reader is slow is waited for. SIGXFSZ
- * (the limit of a file's size) and SIGPIPE of these writes do not reach the host. */
+ * FIFO is written to, and waited for while it takes nothing; a FIFO without a reader cannot be opened. SIGXFSZ (the
+ * limit of a file's size) and SIGPIPE of these writes do not reach the host. */
 KEP_API void ZuFault_Start(void);
 
 #ifdef __cplusplus

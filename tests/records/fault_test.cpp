@@ -145,17 +145,31 @@ std::string signals() {
   return state;
 }
 
+// Takes those that are pending, and tells how many they were.
+int takePending() {
+  sigset_t both;
+  sigemptyset(&both), sigaddset(&both, SIGXFSZ), sigaddset(&both, SIGPIPE);
+  const timespec atOnce = {};
+  int count = 0;
+  while (sigtimedwait(&both, nullptr, &atOnce) > 0) ++count;
+  return count;
+}
+
+enum class Pending { kNone, kForThread, kForProcess };
 std::string duringCallback;
 
 // In a process of its own: collects into the file that is made, and exits with 0 if all is well.
-void collectInto(void (*makeFile)(), int64_t expectedSize, bool arePending) {
+void collectInto(void (*makeFile)(), int64_t expectedSize, Pending pending) {
   alarm(20), umask(027);
   ZuFault *fault = ZuFault_Regist("net", [] { duringCallback += signals(); });
   const std::string value(60000, 'v');
   for (int i = 0; i < 10; ++i) ZuFault_SetValue(fault, 1, value.data(), 60000);
   sigset_t held;
   sigemptyset(&held), sigaddset(&held, SIGXFSZ), sigaddset(&held, SIGPIPE);
-  if (arePending) pthread_sigmask(SIG_BLOCK, &held, nullptr), raise(SIGXFSZ), raise(SIGPIPE);
+  const bool arePending = pending != Pending::kNone;
+  if (arePending) pthread_sigmask(SIG_BLOCK, &held, nullptr);
+  if (pending == Pending::kForThread) raise(SIGXFSZ), raise(SIGPIPE);
+  if (pending == Pending::kForProcess) kill(getpid(), SIGXFSZ), kill(getpid(), SIGPIPE);
   makeFile();
   ZuFault_Start();
   if (reader.joinable()) reader.join();
@@ -163,9 +177,10 @@ void collectInto(void (*makeFile)(), int64_t expectedSize, bool arePending) {
   stat(KEP_FAULT_LOG_PATH, &file);
   int64_t size = S_ISREG(file.st_mode) ? file.st_size : bytesRead;
   if (g_ZuFault_Info) size = kNotOpened, ZuFault_Start();  // no more: there is one callback
-  const std::string told = std::to_string(size) + duringCallback + signals();
+  std::string told = std::to_string(size) + duringCallback + signals();
+  told += std::to_string(takePending());
   std::fputs(told.c_str(), stderr);
-  const std::string expected = std::to_string(expectedSize) + (arePending ? "yyyyyyyy" : "nnnnnnnn");
+  const std::string expected = std::to_string(expectedSize) + (arePending ? "yyyyyyyy2" : "nnnnnnnn0");
   _exit(told != expected || (size > 0 && (file.st_mode & 0777) != 0640));
 }
 
@@ -189,8 +204,9 @@ TEST_F(Faults, LetTheHostLiveWhateverTheirFileIs) {
       {"folder", [] { mkdir(KEP_FAULT_LOG_PATH, 0700); }, kNotOpened},
   };
   for (const auto &c : cases) {
-    for (const bool arePending : {false, true}) {
-      EXPECT_EXIT(collectInto(c.makeFile, c.size, arePending), testing::ExitedWithCode(0), "") << c.name << arePending;
+    for (const Pending pending : {Pending::kNone, Pending::kForThread, Pending::kForProcess}) {
+      EXPECT_EXIT(collectInto(c.makeFile, c.size, pending), testing::ExitedWithCode(0), "")
+          << c.name << static_cast<int>(pending);
       std::remove(KEP_FAULT_LOG_PATH);
     }
   }
