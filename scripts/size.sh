@@ -2,6 +2,8 @@
 # size.sh: what the library weighs on the board: its code and static data, the deepest stack of its calls, what a host of
 # a part of it links, and the memory that things take. In bytes; fails above the limits below, and when an exported
 # function is not among those whose stack is measured. Takes UDP ports 8997 to 8999 and 9099 on loopback.
+#
+# The preset leaves out unwind tables and the store's trace, and two steps that -Os takes although they cost room.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh

@@ -28,8 +28,9 @@ uint8_t *makeBlock(uint64_t size, size_t used) {
 
 bool grow(ZuBuf *buf, uint64_t need) {
   uint64_t size = bytesFor(buf, need);
-  const uint64_t step = buf->growStep;
-  if (step > 0) size = (size + step - 1) / step * step;
+  if (size > UINT32_MAX) return false;
+  const uint32_t rest = buf->growStep > 0 ? static_cast<uint32_t>(size) % buf->growStep : 0;
+  if (rest > 0) size += buf->growStep - rest;
   const auto used = static_cast<size_t>(bytesFor(buf, buf->length));
   uint8_t *block = makeBlock(size, used);
   if (!block) return false;

@@ -13,8 +13,9 @@ namespace {
 constexpr int32_t kLargest = INT32_MAX;  // counts and sums saturate here
 
 int32_t appendDigit(int32_t count, char digit) {
-  const int64_t longer = int64_t{count} * 10 + (digit - '0');
-  return static_cast<int32_t>(longer < kLargest ? longer : kLargest);
+  if (count > kLargest / 10) return kLargest;
+  const uint32_t longer = static_cast<uint32_t>(count) * 10 + static_cast<uint32_t>(digit - '0');
+  return longer < kLargest ? static_cast<int32_t>(longer) : kLargest;
 }
 
 // Walks a format and hands each field to the sink, strings with their count. A count belongs to the letter directly

@@ -42,13 +42,14 @@ bool makeValueStore() {
   return g_ZuFault_Info != nullptr;
 }
 
-template <typename Unsigned>
-int32_t recordNumber(const ZuFault *fault, ItemType type, uint32_t id, Unsigned value) {
+int32_t recordNumber(const ZuFault *fault, ItemType type, uint32_t id, uint64_t value) {
   if (!fault || !makeValueStore()) return 0;
   const uint8_t key[2] = {type, fault->index};
+  const bool isLong = type == kRegist64 || type == kCounter64;
   uint8_t record[sizeof id + sizeof value];
-  storeBig(storeBig(record, id), value);
-  ZuInfo_Append(g_ZuFault_Info, key, sizeof key, record, sizeof record);
+  uint8_t *end = storeBig(record, id);
+  end = isLong ? storeBig(end, value) : storeBig(end, static_cast<uint32_t>(value));
+  ZuInfo_Append(g_ZuFault_Info, key, sizeof key, record, static_cast<int32_t>(end - record));
   return 0;
 }
 

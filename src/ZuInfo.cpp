@@ -40,7 +40,7 @@ constexpr uint8_t kFree = 0xFF;
 constexpr int32_t kFirstBlockSize = 1024;
 constexpr uint32_t kSizeUnit = 1024;  // limits and grown blocks are multiples of it
 constexpr uint32_t kLargestBlock = INT32_MAX / kSizeUnit * kSizeUnit;
-constexpr int64_t kLargestGrowth = 262144;  // 256 KiB a step, unless one record needs more
+constexpr uint32_t kLargestGrowth = 262144;  // 256 KiB a step, unless one record needs more
 constexpr uint32_t kIdCount = 8 * sizeof(ZuInfo::idSwitches);
 constexpr int32_t kLongestKey = 254;
 constexpr int32_t kLongestValue = UINT16_MAX;
@@ -78,7 +78,7 @@ struct Record {
 };
 
 // Reads the record at an offset; false when it does not lie in the block whole.
-inline bool readRecord(Block block, uint32_t offset, Record *out) {
+inline bool readRecord(const Block &block, uint32_t offset, Record *out) {
   if (block.isFree(offset)) return false;
   out->keyLength = block.data[offset];
   out->key = block.data + offset + 1;
@@ -92,11 +92,6 @@ inline bool readRecord(Block block, uint32_t offset, Record *out) {
 uint32_t roundLimit(uint32_t limit) {
   constexpr uint32_t kLargestLimit = UINT32_MAX / kSizeUnit * kSizeUnit;
   return limit > kLargestLimit ? kLargestLimit : (limit + kSizeUnit - 1) / kSizeUnit * kSizeUnit;
-}
-
-void startEmpty(ZuInfo *info, uint32_t limit) {
-  info->limit = limit;
-  ZuInfo_Clear(info);
 }
 
 void dropBlock(ZuInfo *info) {
@@ -141,20 +136,20 @@ int32_t evictOne(ZuInfo *info, int32_t need) {
   return info->freeSize < need ? 2 : 1;
 }
 
-int64_t growthFor(const ZuInfo *info, int64_t need) {
-  const int64_t size = blockSize(info);
-  const int64_t limit = info->limit;
-  const int64_t missing = need - info->freeSize;
-  if (limit > 0 && (limit < 2 * size || limit + info->freeSize - size <= need)) return limit - size;
-  const int64_t growth = size < kLargestGrowth ? size : kLargestGrowth;
-  return growth < missing ? (missing + kSizeUnit - 1) / kSizeUnit * kSizeUnit : growth;
+// How much a block below its largest size grows for so many missing bytes.
+uint32_t growthFor(const ZuInfo *info, uint32_t missing) {
+  const uint32_t size = blockSize(info);
+  const uint32_t left = largestSize(info) - size;
+  const uint32_t toLimit = info->limit - size;
+  if (info->limit > 0 && (toLimit < size || toLimit <= missing)) return left;
+  uint32_t growth = size < kLargestGrowth ? size : kLargestGrowth;
+  if (growth < missing) growth = missing < left ? (missing + kSizeUnit - 1) / kSizeUnit * kSizeUnit : left;
+  return growth < left ? growth : left;
 }
 
 int32_t growBlock(ZuInfo *info, int32_t need) {
   const uint32_t oldSize = blockSize(info);
-  const int64_t wanted = growthFor(info, need);
-  const int64_t left = largestSize(info) - oldSize;
-  const int64_t growth = wanted < left ? wanted : left;
+  const uint32_t growth = growthFor(info, static_cast<uint32_t>(need) - static_cast<uint32_t>(info->freeSize));
   const auto newSize = static_cast<int32_t>(oldSize + growth);
   if (kTrace) ZuLogger_Dump(info);
   ZuMem *larger = ZuMem_realloc(info->block, newSize);
@@ -163,7 +158,7 @@ int32_t growBlock(ZuInfo *info, int32_t need) {
     return 0;
   }
   info->block = larger;
-  ZuMem_memset(larger, oldSize, kFree, static_cast<uint32_t>(growth));
+  ZuMem_memset(larger, oldSize, kFree, growth);
   info->freeSize += static_cast<int32_t>(growth);
   if (kTrace) {
     printPastSink("add size %d, new size %d freesize %d\n", static_cast<int>(growth), static_cast<int>(newSize),
@@ -196,11 +191,11 @@ struct Bytes {
   int32_t length;
 };
 
-bool isWhole(Bytes bytes) { return bytes.length >= 0 && (bytes.data || bytes.length == 0); }
+bool isWhole(const Bytes &bytes) { return bytes.length >= 0 && (bytes.data || bytes.length == 0); }
 
-bool isKey(Bytes bytes) { return isWhole(bytes) && bytes.length <= kLongestKey; }
+bool isKey(const Bytes &bytes) { return isWhole(bytes) && bytes.length <= kLongestKey; }
 
-uint8_t *putBytes(uint8_t *out, Bytes bytes) {
+uint8_t *putBytes(uint8_t *out, const Bytes &bytes) {
   constexpr int32_t kShort = 4;  // keys mostly are, and a loop then beats a call
   if (bytes.length > kShort) {
     std::memcpy(out, bytes.data, static_cast<size_t>(bytes.length));
@@ -215,17 +210,17 @@ void advance(ZuInfo *info, int32_t size) {
   info->freeSize -= size;
 }
 
-int32_t headSize(Bytes key) { return key.length + static_cast<int32_t>(kHeadSize); }
+int32_t headSize(const Bytes &key) { return key.length + static_cast<int32_t>(kHeadSize); }
 
 // Makes room for a whole record and writes all but its value. Returns where the value goes, or NULL.
-uint8_t *putHead(ZuInfo *info, Bytes key, int32_t valueLength) {
+uint8_t *putHead(ZuInfo *info, const Bytes &key, int32_t valueLength) {
   if (!isKey(key) || valueLength < 0 || valueLength > kLongestValue) return nullptr;
   if (!makeRoom(info, headSize(key) + valueLength)) return nullptr;
   uint8_t *out = storeBig(memData(info->block) + info->writeOffset, static_cast<uint8_t>(key.length));
   return storeBig(putBytes(out, key), static_cast<uint16_t>(valueLength));
 }
 
-bool putRecord(ZuInfo *info, Bytes key, Bytes value1, Bytes value2) {
+bool putRecord(ZuInfo *info, const Bytes &key, const Bytes &value1, const Bytes &value2) {
   if (!isWhole(value1) || !isWhole(value2) || value2.length > kLongestValue - value1.length) return false;
   uint8_t *out = putHead(info, key, value1.length + value2.length);
   if (!out) return false;
@@ -238,7 +233,7 @@ bool putRecord(ZuInfo *info, Bytes key, Bytes value1, Bytes value2) {
 
 // keyLength - 1 on purpose: a one-byte key selects every record, and readers depend on it. The record's own key length
 // is not asked, so the comparison may run into what follows the key, but not out of the block.
-bool keyMatches(Block block, const Record &record, Bytes key) {
+bool keyMatches(const Block &block, const Record &record, Bytes key) {
   if (!key.data || key.length == 0) return true;
   const size_t compared = static_cast<size_t>(key.length - 1);
   const auto room = static_cast<size_t>(block.data + block.size - record.key);
@@ -246,7 +241,7 @@ bool keyMatches(Block block, const Record &record, Bytes key) {
 }
 
 // Reads the record behind position `pos`, -1 for the oldest; false at the end of the walk.
-inline bool readNext(const ZuInfo *info, Block block, int32_t pos, Record *out) {
+inline bool readNext(const ZuInfo *info, const Block &block, int32_t pos, Record *out) {
   // A read offset that rests on a free byte stands for the start of the block.
   const uint32_t oldest = block.isFree(info->readOffset) ? 0 : info->readOffset;
   if (oldest == info->writeOffset && info->freeSize != 0) return false;
@@ -316,7 +311,7 @@ bool readStructured(const uint8_t *key, uint8_t keyLength, const uint8_t *value,
 }
 
 // Whether data begins with the bytes that the pairs of hex digits stand for; a missing byte counts as 0.
-bool beginsWith(Bytes data, const char *hex) {
+bool beginsWith(const Bytes &data, const char *hex) {
   const size_t count = hex ? std::strlen(hex) / 2 : 0;
   for (size_t i = 0; i < count; ++i) {
     const char pair[3] = {hex[2 * i], hex[2 * i + 1], '\0'};
@@ -388,15 +383,12 @@ int32_t ZuInfo_ReSize(ZuInfo *info, uint32_t limit) {
   const uint32_t rounded = roundLimit(limit);
   if (info->block) {
     if (rounded == info->limit) return 1;
-    if (rounded == 0 || blockSize(info) < rounded) {
-      startEmpty(info, rounded);
-      return 1;
-    }
-    dropBlock(info);
+    if (rounded != 0 && blockSize(info) >= rounded) dropBlock(info);
   }
-  info->block = ZuMem_New(kFirstBlockSize, 0);
+  if (!info->block) info->block = ZuMem_New(kFirstBlockSize, 0);
   if (!info->block) return 0;
-  startEmpty(info, rounded);
+  info->limit = rounded;
+  ZuInfo_Clear(info);
   return 1;
 }
 
@@ -494,11 +486,12 @@ int32_t ZuInfo_GetFlag(ZuInfo *info, int32_t id) {
 void ZuInfo_SetFlag(ZuInfo *info, int32_t id, int32_t mode) {
   if (!info || !isSwitchable(id)) return;
   const auto bit = static_cast<uint8_t>(1U << id % 8);
+  uint8_t *byte = &info->idSwitches[id / 8];
   switch (mode) {
-    case 1: info->idSwitches[id / 8] |= bit; break;
-    case 2: std::memset(info->idSwitches, 0xFF, sizeof info->idSwitches); break;
-    case 3: std::memset(info->idSwitches, 0, sizeof info->idSwitches); break;
-    default: info->idSwitches[id / 8] &= static_cast<uint8_t>(~bit); break;
+    case 1: *byte |= bit; break;
+    case 2:
+    case 3: std::memset(info->idSwitches, mode == 2 ? 0xFF : 0, sizeof info->idSwitches); break;
+    default: *byte &= static_cast<uint8_t>(~bit); break;
   }
 }
 

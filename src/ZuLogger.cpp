@@ -46,9 +46,8 @@ const char *nowAsText(TimeText *time) {
   return time->text;
 }
 
-template <size_t N>
-void copyCut(char (&field)[N], const char *text) {
-  const size_t length = strnlen(text, N - 1);
+void copyCut(char *field, size_t size, const char *text) {
+  const size_t length = strnlen(text, size - 1);
   std::memcpy(field, text, length);
   field[length] = '\0';
 }
@@ -61,13 +60,10 @@ bool accepts(const ZuLogger *logger, int32_t level) {
 
 void echo(const ZuLogger *logger, int32_t level, const char *text) {
   if (!(logger->flags & kEcho)) return;
-  if (logger->flags & kQuiet) {
-    if (level == 0 || level == 3) ZuPrint_Show(text, 0);
-    if (level == 3) ZuPrint_Show("\n", 1);
-  } else if (*text) {
-    ZuPrint_Show(text, 0);
-    if (level != 0) ZuPrint_Show("\n", 1);  // lines of level 0 carry their own
-  }
+  const bool isShown = logger->flags & kQuiet ? level == 0 || level == 3 : *text != '\0';
+  if (!isShown) return;
+  ZuPrint_Show(text, 0);
+  if (level != 0) ZuPrint_Show("\n", 1);  // lines of level 0 carry their own
 }
 
 // As ZuInfo_Write, which would measure the key.
@@ -127,19 +123,19 @@ void ZuLogger_SetFlag(ZuLogger *logger, uint32_t flags) {
 }
 
 void ZuLogger_SetFileName(ZuLogger *logger, const char *name) {
-  if (logger && name) copyCut(logger->fileName, name);
+  if (logger && name) copyCut(logger->fileName, sizeof logger->fileName, name);
 }
 
 void ZuLogger_SetUDP(ZuLogger *logger, const char *host, int32_t port) {
   if (!logger) return;
-  if (host) copyCut(logger->udpHost, host);
+  if (host) copyCut(logger->udpHost, sizeof logger->udpHost, host);
   logger->udpPort = port;
 }
 
 void ZuLogger_Header(ZuLogger *logger, const char *text) {
   if (!logger || !text) return;
   if (logger->headerDepth < kHeaderCount - 1) ++logger->headerDepth;
-  copyCut(logger->headers[logger->headerDepth], text);
+  copyCut(logger->headers[logger->headerDepth], sizeof logger->headers[0], text);
 }
 
 void ZuLogger_Tail(ZuLogger *logger) {

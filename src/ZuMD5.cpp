@@ -5,7 +5,6 @@
 #include "kep/ZuMD5.h"
 
 #include <cstring>
-#include <utility>
 
 #include "ZuBuffer.hpp"
 
@@ -33,13 +32,17 @@ constexpr uint32_t kSine[kRoundCount][kWordCount] = {{0xD76AA478, 0xE8C7B756, 0x
                                                      {0xF4292244, 0x432AFF97, 0xAB9423A7, 0xFC93A039, 0x655B59C3,
                                                       0x8F0CCC92, 0xFFEFF47D, 0x85845DD1, 0x6FA87E4F, 0xFE2CE6E0}};
 
-using Steps = std::make_index_sequence<kWordCount>;
+// Steps and rounds are expanded, so that the compiler has constants for all but the words, but not where size counts.
+#ifdef __OPTIMIZE_SIZE__
+constexpr uint32_t kExpanded = 1;
+#else
+constexpr uint32_t kExpanded = kWordCount;
+#endif
 
 uint32_t rotateLeft(uint32_t value, uint32_t bits) { return value << bits | value >> (32 - bits); }
 
-template <uint32_t kRound>
-uint32_t mix(uint32_t x, uint32_t y, uint32_t z) {
-  switch (kRound) {
+inline uint32_t mix(uint32_t round, uint32_t x, uint32_t y, uint32_t z) {
+  switch (round) {
     case 0: return (x & y) | (~x & z);
     case 1: return (x & z) | (y & ~z);
     case 2: return x ^ y ^ z;
@@ -48,21 +51,14 @@ uint32_t mix(uint32_t x, uint32_t y, uint32_t z) {
 }
 
 // The steps of a round update a, d, c, b in turn, each from the three registers behind it.
-template <uint32_t kRound, size_t kStep>
-void runStep(const uint32_t *words, uint32_t (&registers)[4]) {
-  constexpr bool kDeparts = kRound == 1 && kStep == kWordCount - 1;
-  constexpr size_t kPosition = kDeparts ? 2 : kStep % 4;
-  constexpr size_t kTarget = (4 - kPosition) % 4;
-  const uint32_t y = registers[(kTarget + 1) % 4];
-  const uint32_t mixed = mix<kRound>(y, registers[(kTarget + 2) % 4], registers[(kTarget + 3) % 4]);
-  const uint32_t sum = registers[kTarget] + mixed + words[kWord[kRound][kStep]] + kSine[kRound][kStep];
-  registers[kTarget] = y + rotateLeft(sum, kShift[kRound][kPosition]);
-}
-
-// Expanded, not looped: the compiler then has constants for all but the words before it orders the sums.
-template <uint32_t kRound, size_t... kSteps>
-void runRound(const uint32_t *words, uint32_t (&registers)[4], std::index_sequence<kSteps...>) {
-  (runStep<kRound, kSteps>(words, registers), ...);
+inline void runStep(uint32_t round, uint32_t step, const uint32_t *words, uint32_t (&registers)[4]) {
+  const bool departs = round == 1 && step == kWordCount - 1;
+  const uint32_t position = departs ? 2 : step % 4;
+  const uint32_t target = (4 - position) % 4;
+  const uint32_t y = registers[(target + 1) % 4];
+  const uint32_t mixed = mix(round, y, registers[(target + 2) % 4], registers[(target + 3) % 4]);
+  const uint32_t sum = registers[target] + mixed + words[kWord[round][step]] + kSine[round][step];
+  registers[target] = y + rotateLeft(sum, kShift[round][position]);
 }
 
 // Words behind the data stay as they are.
@@ -72,13 +68,18 @@ void takeWords(uint32_t (&words)[kWordCount], const void *data, uint32_t len) {
   for (size_t i = 0; i < (used + kWordSize - 1) / kWordSize; ++i) words[i] = loadBig<uint32_t>(in + i * kWordSize);
 }
 
+void runSteps(const uint32_t *words, uint32_t (&registers)[4]) {
+#pragma GCC unroll kExpanded
+  for (uint32_t round = 0; round < kRoundCount; ++round) {
+#pragma GCC unroll kExpanded
+    for (uint32_t step = 0; step < kWordCount; ++step) runStep(round, step, words, registers);
+  }
+}
+
 // Gives what is to be added to the state.
 void compress(const uint32_t *words, const uint32_t *state, uint32_t *out) {
   uint32_t registers[4] = {state[0], state[1], state[2], state[3]};
-  runRound<0>(words, registers, Steps{});
-  runRound<1>(words, registers, Steps{});
-  runRound<2>(words, registers, Steps{});
-  runRound<3>(words, registers, Steps{});
+  runSteps(words, registers);
   std::memcpy(out, registers, sizeof registers);
 }
 

@@ -38,8 +38,9 @@ uint8_t *carveFromPool(uint32_t size) {
 
 bool holds(const ZuMem *obj, uint32_t offset) { return obj && offset < static_cast<uint32_t>(obj->capacity); }
 
-// How many of n bytes at an offset inside the object lie inside it.
+// How many of n bytes at an offset lie inside the object.
 uint32_t clampCount(const ZuMem *obj, uint32_t offset, uint32_t n) {
+  if (!holds(obj, offset)) return 0;
   const uint32_t room = static_cast<uint32_t>(obj->capacity) - offset;
   return n < room ? n : room;
 }
@@ -134,21 +135,20 @@ ZuMem *ZuMem_realloc(ZuMem *obj, int32_t new_capacity) {
 void *ZuMem_Get(ZuMem *obj, uint32_t offset) { return holds(obj, offset) ? memData(obj) + offset : nullptr; }
 
 uint32_t ZuMem_memcpy(ZuMem *obj, uint32_t offset, const void *src, uint32_t n) {
-  if (!holds(obj, offset) || !src) return 0;
-  const uint32_t count = clampCount(obj, offset, n);
-  std::memcpy(memData(obj) + offset, src, count);
+  const uint32_t count = src ? clampCount(obj, offset, n) : 0;
+  if (count > 0) std::memcpy(memData(obj) + offset, src, count);
   return count;
 }
 
 uint32_t ZuMem_memget(ZuMem *obj, uint32_t offset, void *dst, uint32_t n) {
-  if (!holds(obj, offset) || !dst) return 0;
-  const uint32_t count = clampCount(obj, offset, n);
-  std::memcpy(dst, memData(obj) + offset, count);
+  const uint32_t count = dst ? clampCount(obj, offset, n) : 0;
+  if (count > 0) std::memcpy(dst, memData(obj) + offset, count);
   return count;
 }
 
 void ZuMem_memset(ZuMem *obj, uint32_t offset, int32_t value, uint32_t n) {
-  if (holds(obj, offset)) std::memset(memData(obj) + offset, value, clampCount(obj, offset, n));
+  const uint32_t count = clampCount(obj, offset, n);
+  if (count > 0) std::memset(memData(obj) + offset, value, count);
 }
 
 int32_t ZuMem_memcmp(ZuMem *obj, uint32_t offset, const void *buf, uint32_t n) {

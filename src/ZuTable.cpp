@@ -116,10 +116,9 @@ void addToSum(ZuTableColumn *column, const ZuTableCell *cell) {
 
 // ---- the model
 
-template <size_t N>
-int32_t copyCut(char (&field)[N], const char *text) {
-  const size_t length = strnlen(text, N - 1);
-  std::memset(field, 0, N);
+int32_t copyCut(char *field, size_t size, const char *text) {
+  const size_t length = strnlen(text, size - 1);
+  std::memset(field, 0, size);
   std::memcpy(field, text, length);
   return static_cast<int32_t>(length);
 }
@@ -286,13 +285,11 @@ void drawTitles(Canvas &canvas, const ZuTable *table) {
 void drawCell(Canvas &canvas, const ZuTableColumn *column, const ZuTableCell *cell) {
   if (!cell) return canvas.chars(' ', column->width);
   const int32_t margin = column->width - cell->textLen;
-  switch (column->align) {
-    case 'R':
+  switch (column->align | 0x20) {
     case 'r':
       canvas.chars(' ', margin);
       canvas.text(cell->text);
       break;
-    case 'L':
     case 'l':
       canvas.text(cell->text);
       canvas.chars(' ', margin);
@@ -367,12 +364,12 @@ void ZuTable_ClearLines(ZuTable *table) {
   }
 }
 
-int32_t ZuTable_GetRowNum(const ZuTable *table) { return table ? ZuList_Length(table->rows) : 0; }
+int32_t ZuTable_GetRowNum(const ZuTable *table) { return table ? table->rows->count : 0; }
 
-int32_t ZuTable_GetColNum(const ZuTable *table) { return table ? ZuList_Length(table->columns) : 0; }
+int32_t ZuTable_GetColNum(const ZuTable *table) { return table ? table->columns->count : 0; }
 
 void ZuTable_SetCaption(ZuTable *table, const char *text) {
-  if (table && text) copyCut(table->caption, text);
+  if (table && text) copyCut(table->caption, sizeof table->caption, text);
 }
 
 void *ZuTable_SetTitle(ZuTable *table, int32_t col, const char *name, int32_t type, const char *format, char align) {
@@ -382,9 +379,9 @@ void *ZuTable_SetTitle(ZuTable *table, int32_t col, const char *name, int32_t ty
   bool isNew;
   auto *column = obtain<ZuTableColumn>(table->columns, &place, col, &isNew);
   if (!column) return nullptr;
-  column->nameLen = copyCut(column->name, name);
+  column->nameLen = copyCut(column->name, sizeof column->name, name);
   column->type = type;
-  copyCut(column->format, format);
+  copyCut(column->format, sizeof column->format, format);
   column->align = align;
   column->width = 0;
   std::memset(column->sum, 0, sizeof column->sum);

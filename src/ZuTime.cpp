@@ -21,24 +21,20 @@ struct Token {
 Token readToken(const char *pattern, const tm &time) {
   const char first = pattern[0];
   const char second = pattern[1];
+  const int small = first | 0x20;
   if (first != second) {
-    const bool isMinute = (first == 'M' && second == 'I') || (first == 'm' && second == 'i');
+    const bool isMinute = small == 'm' && second - first == 'I' - 'M';
     return isMinute ? Token{2, time.tm_min} : Token{0, 0};
   }
-  switch (first) {
-    case 'Y':
+  switch (small) {
+    case 'y':
       // Added unsigned: the year of a far time may be the largest int.
-      if (pattern[2] == 'Y' && pattern[3] == 'Y')
+      if (first == 'Y' && pattern[2] == 'Y' && pattern[3] == 'Y')
         return {4, static_cast<int>(static_cast<unsigned>(time.tm_year) + 1900)};
       return {2, time.tm_year % 100};
-    case 'y': return {2, time.tm_year % 100};
-    case 'M':
     case 'm': return {2, time.tm_mon + 1};
-    case 'D':
     case 'd': return {2, time.tm_mday};
-    case 'H':
     case 'h': return {2, time.tm_hour};
-    case 'S':
     case 's': return {2, time.tm_sec};
     default: return {0, 0};
   }

@@ -189,9 +189,10 @@ void flushUnlessRoomFor(int32_t size) {
   if (room() < size) CollectClient_Flush(0);
 }
 
-// The fields that every record begins with. Returns where the next one goes.
-uint8_t *putHead(uint8_t *out, unsigned type, int32_t index, int32_t section, int32_t key) {
-  out = storeBig(out, static_cast<uint8_t>(type));
+// Begins a record of `size` bytes: room for it, and the fields that every record has. Returns where the next one goes.
+uint8_t *beginRecord(int32_t size, unsigned type, int32_t index, int32_t section, int32_t key) {
+  flushUnlessRoomFor(size);
+  uint8_t *out = storeBig(take(size), static_cast<uint8_t>(type));
   out = storeBig(out, static_cast<uint32_t>(index));
   out = storeBig(out, static_cast<uint32_t>(section));
   return storeBig(out, static_cast<uint32_t>(key));
@@ -203,7 +204,7 @@ int32_t putPiece(uint8_t pieceType, int32_t index, int32_t section, int32_t key,
   const bool isLast = length <= room() - kPieceHeadSize;
   const int32_t taken = isLast ? length : room() - kPieceHeadSize;
   const unsigned type = isLast ? pieceType | kLastPiece : pieceType;
-  uint8_t *out = putHead(take(kPieceHeadSize + taken), type, index, section, key);
+  uint8_t *out = beginRecord(kPieceHeadSize + taken, type, index, section, key);
   std::memcpy(storeBig(out, static_cast<uint16_t>(taken)), data, static_cast<size_t>(taken));
   return taken;
 }
@@ -309,14 +310,12 @@ void CollectClient_AppendBuffer(const void *data, int32_t length) {
 
 void CollectClient_CollectInt(int32_t index, int32_t section, int32_t key, int32_t value) {
   if (!l_buffer) return;
-  flushUnlessRoomFor(kIntSize);
-  storeBig(putHead(take(kIntSize), kIntRecord, index, section, key), static_cast<uint32_t>(value));
+  storeBig(beginRecord(kIntSize, kIntRecord, index, section, key), static_cast<uint32_t>(value));
 }
 
 void CollectClient_CollectLong(int32_t index, int32_t section, int32_t key, int64_t value) {
   if (!l_buffer) return;
-  flushUnlessRoomFor(kLongSize);
-  storeBig(putHead(take(kLongSize), kLongRecord, index, section, key), static_cast<uint64_t>(value));
+  storeBig(beginRecord(kLongSize, kLongRecord, index, section, key), static_cast<uint64_t>(value));
 }
 
 int32_t CollectClient_CollectString(int32_t index, int32_t section, int32_t key, const char *text, int32_t length) {

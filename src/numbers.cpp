@@ -1,10 +1,9 @@
 // numbers.cpp: plain decimal numbers. All is done in integers, so that no floating-point unit has a say in it.
 //
-// A double is mantissa / 2^shift, exactly. The integer part is what the shift leaves; each further decimal is ten times
-// the remainder, divided by 2^shift, of which the factor two is taken from the divisor: remainder * 5 / 2^(shift - 1).
-// The remainder stays below 2^shift and, as it begins with 53 bits, below 2^60 for every shift of at most 63, so that
-// five times of it fit in 64 bits: nothing is lost. What remains behind the last decimal is compared with one half of
-// it and so rounded correctly, halfway cases to the even digit, as printf does with the exact value.
+// A double is mantissa / 2^shift, exactly. The integer part is what the shift leaves; the rest is kept as a fraction of
+// 60 bits, which holds it whole for every shift of at most 60. Ten times that fits in 64 bits, and what then lies above
+// the 60 is the next decimal: nothing is lost. What remains behind the last decimal is compared with one half and so
+// rounded correctly, halfway cases to the even digit, as printf does with the exact value.
 #include "numbers.hpp"
 
 #include <langinfo.h>
@@ -16,11 +15,9 @@ namespace {
 
 constexpr int kMantissaBits = 52;  // beside the leading one
 constexpr int kExponentBias = 1023;
-constexpr int kLargestShift = 63;
-constexpr int kSmallestShift = -10;  // integers below 2^63
+constexpr int kFractionBits = 60;
+constexpr uint64_t kOne = uint64_t{1} << kFractionBits;
 constexpr uint64_t kLargestTenth = (UINT64_MAX - 9) / 10;
-
-bool isFormat(const char *format, const char *plain) { return std::strcmp(format, plain) == 0; }
 
 // Puts the digits of a value in front of `end`, and returns the first.
 char *putDigits(char *end, uint64_t value) {
@@ -52,11 +49,6 @@ int32_t printDigits(char *text, bool isNegative, uint64_t value, int decimals) {
   return static_cast<int32_t>(length);
 }
 
-int32_t printSigned(char *text, int64_t value) {
-  const auto bits = static_cast<uint64_t>(value);
-  return printDigits(text, value < 0, value < 0 ? 0 - bits : bits, 0);
-}
-
 bool pointIsPlain() {
   const char *point = nl_langinfo(RADIXCHAR);
   return point[0] == '.' && point[1] == '\0';
@@ -65,27 +57,22 @@ bool pointIsPlain() {
 // value * 10^decimals, rounded to an integer; false where that cannot be said for certain.
 bool scale(uint64_t bits, int decimals, bool roundsToNearest, uint64_t *out) {
   const int exponent = static_cast<int>(bits >> kMantissaBits & 0x7FF);
-  uint64_t rest = bits & ((uint64_t{1} << kMantissaBits) - 1);
-  if (exponent > 0) rest |= uint64_t{1} << kMantissaBits;
-  int shift = rest == 0 ? 0 : kExponentBias + kMantissaBits - exponent;  // infinities and subnormals are far outside
-  if (shift < kSmallestShift || shift > kLargestShift) return false;
+  uint64_t mantissa = bits & ((uint64_t{1} << kMantissaBits) - 1);
+  if (exponent > 0) mantissa |= uint64_t{1} << kMantissaBits;
+  // Infinities and subnormals are far outside.
+  const int shift = mantissa == 0 ? 0 : kExponentBias + kMantissaBits - exponent;
+  if (shift < 0 || shift > kFractionBits) return false;
 
-  uint64_t scaled = shift > 0 ? rest >> shift : rest << -shift;
-  rest = shift > 0 ? rest - (scaled << shift) : 0;
+  uint64_t scaled = mantissa >> shift;
+  uint64_t rest = mantissa << (kFractionBits - shift) & (kOne - 1);
   for (int i = 0; i < decimals; ++i) {
     if (scaled > kLargestTenth) return false;
-    scaled *= 10;
-    if (rest == 0) continue;
-    rest *= 5;
-    const uint64_t digit = rest >> --shift;
-    rest -= digit << shift;
-    scaled += digit;
+    rest *= 10;
+    scaled = scaled * 10 + (rest >> kFractionBits);
+    rest &= kOne - 1;
   }
-  if (rest > 0) {
-    if (!roundsToNearest) return false;
-    const uint64_t half = uint64_t{1} << (shift - 1);
-    if (rest > half || (rest == half && scaled % 2 != 0)) ++scaled;
-  }
+  if (rest > 0 && !roundsToNearest) return false;
+  if (rest > kOne / 2 || (rest == kOne / 2 && scaled % 2 != 0)) ++scaled;
   *out = scaled;
   return true;
 }
@@ -110,13 +97,16 @@ bool printfRoundsToNearest() {
 }
 
 int32_t printNumber(char *text, const char *format, int32_t value) {
-  if (isFormat(format, "%d")) return printSigned(text, value);
-  if (isFormat(format, "%u")) return printDigits(text, false, static_cast<uint32_t>(value), 0);
-  return kNotPrinted;
+  if (format[0] != '%' || (format[1] != 'd' && format[1] != 'u') || format[2] != '\0') return kNotPrinted;
+  const bool isNegative = format[1] == 'd' && value < 0;
+  const auto bits = static_cast<uint32_t>(value);
+  return printDigits(text, isNegative, isNegative ? 0 - bits : bits, 0);
 }
 
 int32_t printNumber(char *text, const char *format, int64_t value) {
-  return isFormat(format, "%lld") ? printSigned(text, value) : kNotPrinted;
+  if (std::strcmp(format, "%lld") != 0) return kNotPrinted;
+  const auto bits = static_cast<uint64_t>(value);
+  return printDigits(text, value < 0, value < 0 ? 0 - bits : bits, 0);
 }
 
 int32_t printNumber(char *text, const char *format, double value, bool roundsToNearest) {
