@@ -158,13 +158,14 @@ TEST_F(Collect, TellsWhyThereIsNoRun) {
   EXPECT_EQ(run(std::string(64, 'a') + ".invalid"), 3) << "no such name can exist";
 
   expectWrongUsage("",
-                   "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|--replay none|--replay .|"
+                   "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|::1|a/b|a%b|' a'|--replay none|--replay .|"
                    "--replay err --raw raw|--replay err --any-source");
   expectWrongUsage("localhost ",
                    "extra|--unknown|--port 0|--port 65536|--port 0x10|--type 3|--type 010|"
                    "--type 0 --selftest|--sequence -1|--sequence 2147483648|--sequence 0x1|--timeout 0|"
                    "--timeout nan|--timeout 0x10|--watch -5|--format xml|--listen localhost|"
-                   "--listen 1.2.3|--listen 0x7f.0.0.01|--listen 192.0.2.1|--raw no/such/folder|"
+                   "--listen 1.2.3|--listen 0x7f.0.0.01|--listen 192.0.2.1|--listen 224.0.0.1|--listen "
+                   "255.255.255.255|--raw ''|--raw no/such/folder|"
                    "--replay err");
 }
 
@@ -205,7 +206,7 @@ TEST_F(Collect, EndsWhenItCannotWriteOrNobodyReads) {
   const std::vector<Case> cases = {
       {"", "--raw /dev/full", "cannot write the raw file: No space left on device"},
       {"ulimit -f 1;", "--raw raw", "cannot write the raw file: File too large"},
-      {"", "--raw full", "", SIGTERM},  // it may not even have come to the file
+      {"", "--raw full", "interrupted", SIGTERM},
       {"", ">/dev/full", "cannot write the output"},
       {"ulimit -f 1;", "", "cannot write the output"},
       {"", "--raw closed >&-", "cannot write the output"},
@@ -232,6 +233,47 @@ TEST_F(Collect, EndsWhenItCannotWriteOrNobodyReads) {
   Command unread("127.0.0.1 --raw unread");
   unread.signal(SIGINT);
   EXPECT_EQ(unread.status(), 4);
+}
+
+// It comes before the look-up's end, and is held back until the command can note it.
+TEST_F(Collect, AsksNobodyAfterASignal) {
+  sigset_t held;
+  sigemptyset(&held);
+  sigaddset(&held, SIGTERM);
+  sigprocmask(SIG_BLOCK, &held, nullptr);
+  EXPECT_EQ(run("localhost --timeout 1 --port " + requests_.port(), "kill -TERM $$;"), 4);
+  EXPECT_EQ(run("no.invalid", "kill -TERM $$;"), 4);
+  sigprocmask(SIG_UNBLOCK, &held, nullptr);
+  EXPECT_EQ(err(), "kep-collect: interrupted\n");
+  char request;
+  EXPECT_LT(recv(requests_.fd, &request, 1, MSG_DONTWAIT), 0) << "nothing was sent";
+}
+
+// Printed is what a slow reader takes, but after a signal not for long. Ticks alone are no signal.
+TEST_F(Collect, PrintsUntilASignal) {
+  std::string stream = message(0, 77, "KB12") + message(1, 1, "");
+  for (int32_t i = 2; i < 2000; ++i) stream += message(2, i, head(0x84, 0, 0, 0) + counted(std::string(1009, 0)));
+  std::ofstream("stream", std::ios::binary) << stream << message(2, 2000, "");
+  mkfifo("fifo", 0600);
+  struct Case {
+    int signal, pauseUs, status;
+    bool isWhole;
+  };
+  for (const auto &[signal, pauseUs, status, isWhole] :
+       {Case{SIGRTMIN, 100, 0, true}, {SIGTERM, 20'000, 4, false}, {SIGINT, 0, 4, true}}) {
+    Command command("--replay stream >fifo");
+    const int fd = open("fifo", O_RDONLY);
+    std::string taken;
+    char bytes[4096];
+    for (ssize_t size; (size = read(fd, bytes, sizeof bytes)) > 0; usleep(static_cast<useconds_t>(pauseUs))) {
+      for (int i = 0; taken.empty() && i < (signal == SIGRTMIN ? 5 : 1); ++i) command.signal(signal);
+      taken.append(bytes, static_cast<size_t>(size));
+    }
+    close(fd);
+    EXPECT_EQ(command.status(), status);
+    const bool endsWhole = taken.find("2001 messages") != std::string::npos;
+    EXPECT_TRUE(pauseUs == 0 || endsWhole == isWhole) << taken.size();
+  }
 }
 
 TEST_F(Collect, ReplaysUntilDamageOrASignal) {
@@ -279,16 +321,24 @@ TEST_F(Collect, StaysWithinItsMemory) {
 }
 
 TEST_F(Collect, WatchesUntilInterruptedWhateverBecomesOfARun) {
-  launch(" --sequence 77 --format csv --watch 2");
-  for (const Strings &messages : {Strings{collection()[0]}, collection()}) {
+  const auto visit = [this](const Strings &messages) {
     beginVisit();
     sendAcknowledged(messages);
     close(fd_);
-  }
-  EXPECT_EQ(waitFor("out", "\nvalue,(65535)"), "65535");
+  };
+  launch(" --sequence 77 --format csv --watch 0.001");
+  visit({collection()[0]});
+  visit(collection());
+  takeRequest();
+  command_->signal(SIGINT);
+  EXPECT_EQ(command_->status(), 4) << "within the third run";
+  EXPECT_EQ(out(), golden("collection.csv").insert(37, "identity,,,,,,4b420000\n")) << "the header comes once";
+
+  launch(" --sequence 77 --watch 1000");
+  visit({collection()[0]});
+  EXPECT_EQ(waitFor("err", "(cut) short"), "cut");
   command_->signal(SIGINT);
   EXPECT_EQ(command_->status(), 1) << "of the last run that was not whole";
-  EXPECT_EQ(out(), golden("collection.csv").insert(37, "identity,,,,,,4b420000\n")) << "the header comes once";
 }
 
 TEST_F(Collect, HelpsAsItsManPageDoes) { expectHelpAsInManPage(); }

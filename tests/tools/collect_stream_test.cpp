@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "board_stream.hpp"
@@ -34,6 +35,31 @@ TEST(Report, KeepsTheLinesOfALogInOrder) {
   }
   Reporter(out, Format::kCsv).write(run);
   EXPECT_EQ(out.str(), expected);
+}
+
+// What is long is printed in portions of 65536 bytes, which end within one of these characters.
+TEST(Report, CutsNoCharacterOfALongValue) {
+  for (const std::string character : {"\xC3\xA9", "\xF0\x9F\x98\x80", "\""}) {
+    for (size_t before = 65532; before <= 65536; ++before) {
+      const std::string start(before, 'x');
+      std::string bytes = start, quoted = start;
+      for (int i = 0; i < 20'000; ++i) {
+        bytes += character;
+        quoted += character == "\"" ? "\"\"" : character;
+      }
+      kepcollect::Run run;
+      run.values.push_back({ValueKind::kString, 0, 0, 0, 0, bytes, 0});
+      std::stringstream json, csv;
+      Reporter(json, Format::kJson).write(run);
+      Reporter(csv, Format::kCsv).write(run);
+      std::string line;
+      std::getline(json, line);
+      EXPECT_TRUE(nlohmann::json::parse(line).at("value") == bytes) << character << before;
+      const std::string mark = quoted == bytes ? "" : "\"";
+      const std::string expected = "value,0,,0,0,string," + mark + quoted + mark + "\n";
+      EXPECT_TRUE(csv.str().find(expected) != std::string::npos) << character << before;
+    }
+  }
 }
 
 TEST(Stream, ReportsACutAtEveryOffset) {

@@ -76,6 +76,7 @@ std::string checkAddress(const std::string &text) {
 
 std::string checkHost(const std::string &text) {
   in_addr address{};
+  if (text.find_first_of(":/% \t\n\v\f\r") != std::string::npos) return "not a host: " + text;
   const bool isNumeric = text.find_first_not_of("0123456789.") == std::string::npos;
   return isNumeric || inet_aton(text.c_str(), &address) != 0 ? checkAddress(text) : "";
 }

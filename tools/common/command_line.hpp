@@ -28,7 +28,8 @@ CLI::Option *addNumber(CLI::App &app, const std::string &name, Number &variable,
 CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable, const std::string &help);
 
 // Checks for options, empty when all is well. An address is four decimal numbers and nothing else; a host is one, or a
-// name that no system call would take for some other form of one, such as 127.1 or 0x7f000001.
+// name that no system call would take for some other form of one, such as 127.1 or 0x7f000001, and that may be one:
+// no URL, no address with a port, a scope or a blank.
 std::string checkAddress(const std::string &text);
 std::string checkHost(const std::string &text);
 

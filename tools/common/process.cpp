@@ -17,6 +17,8 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <initializer_list>
+#include <ios>
 #include <iostream>
 #include <streambuf>
 
@@ -25,12 +27,12 @@ namespace kepcommand {
 namespace {
 
 constexpr long kTickNs = 200'000'000;
-constexpr int kPatience = 2;  // ticks: so long output that is begun may find nobody to take it, after a signal
+constexpr int kPatience = 2;  // ticks: so long output goes on after a signal
 
 const char *sg_name = "";
 timer_t sg_timer{};
 volatile std::sig_atomic_t sg_signalled = 0;
-volatile std::sig_atomic_t sg_ticks = 0;  // after the signal, since output was taken
+volatile std::sig_atomic_t sg_ticks = 0;  // since the signal
 
 extern "C" void noteSignal(int /*number*/) {
   const int before = errno;
@@ -49,6 +51,14 @@ void handle(int number, void (*handler)(int), int flags) {
   sigaction(number, &action, nullptr);
 }
 
+// Whoever started the command may have blocked them.
+void unblock(std::initializer_list<int> numbers) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : numbers) sigaddset(&signals, number);
+  sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 void catchSignals() {
   sigevent event{};
   event.sigev_notify = SIGEV_SIGNAL;
@@ -59,6 +69,7 @@ void catchSignals() {
   handle(SIGTERM, noteSignal, static_cast<int>(SA_RESETHAND));
   handle(SIGPIPE, SIG_IGN, 0);  // a reader that goes away is a write error like any other,
   handle(SIGXFSZ, SIG_IGN, 0);  // as is a file that becomes too large
+  unblock({SIGRTMIN, SIGINT, SIGTERM});
 }
 
 // Otherwise a file or a socket could become one of these, and get what is meant for them. In place of one that is
@@ -111,24 +122,31 @@ int runMain(const char *name, int argc, char **argv, ExitStatus (*run)(int, char
   sg_name = name;
   const Output out(std::cout, STDOUT_FILENO);
   const Output err(std::cerr, STDERR_FILENO);
-  ExitStatus status = kBrokenOff;
+  std::cout.exceptions(std::ios::badbit);  // nothing more is made of what cannot be printed
+  std::cerr.tie(nullptr);                  // or a complaint of it would throw, too
   try {
     catchSignals();
-    status = run(argc, argv);
+    const ExitStatus status = run(argc, argv);
+    std::cout.flush();
+    return status;
   } catch (const Failure &failure) {
     complain(failure.text);
-    status = failure.status;
+    return failure.status;
+  } catch (const std::ios_base::failure &) {
+    complain("cannot write the output");
   } catch (const std::exception &error) {
     complain(error.what());
   }
-  if (std::cout.flush()) return status;
-  complain("cannot write the output");
   return kBrokenOff;
 }
 
 void complain(const std::string &text) { std::cerr << sg_name + (": " + text + '\n'); }
 
 bool signalled() { return sg_signalled != 0; }
+
+void failIfSignalled() {
+  if (signalled()) throw Failure{kBrokenOff, "interrupted"};
+}
 
 Wake waitUntil(pollfd *entries, nfds_t count, std::optional<Clock::time_point> deadline) {
   using std::chrono::milliseconds;
@@ -169,13 +187,11 @@ size_t readSome(int fd, void *buffer, size_t size, const std::string &path) {
 bool writeAll(int fd, const char *bytes, size_t size) {
   while (size > 0) {
     const ssize_t count = write(fd, bytes, size);
-    if (count > 0) {
-      bytes += count;
-      size -= static_cast<size_t>(count);
-      sg_ticks = 0;
-    } else if (count == 0 || errno != EINTR || sg_ticks >= kPatience) {
-      return false;
-    }
+    if (count == 0 || (count < 0 && errno != EINTR)) return false;
+    if (signalled() && sg_ticks >= kPatience) return false;
+    if (count < 0) continue;
+    bytes += count;
+    size -= static_cast<size_t>(count);
   }
   return true;
 }

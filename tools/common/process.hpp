@@ -1,8 +1,10 @@
 // process.hpp: what the commands have in common as processes: their statuses, their output, and the signals that end
 // them.
 //
-// A command ends at its first signal, whatever it waits for: no call here, nor what is printed to std::cout and
-// std::cerr, goes on waiting for another program once SIGINT or SIGTERM has come.
+// A command ends at its first signal, SIGINT or SIGTERM, whatever it waits for here: within a second, as what is
+// printed to std::cout and std::cerr is broken off half a second after the signal, taken or not. What the C library
+// waits for, as to look up a name, only a second signal cuts short; the command then looks at the first as soon as it
+// is back.
 #pragma once
 
 #include <poll.h>
@@ -26,8 +28,8 @@ struct Failure {
 
 [[noreturn]] void failWithErrno(ExitStatus status, const std::string &what);
 
-// Runs a command and returns its exit status: `kBrokenOff` when an exception ends it that is no Failure, or its output
-// cannot be written. From the start on a signal is only noted; a second one of the same kind ends the process.
+// Runs a command and returns its exit status: `kBrokenOff` when an exception ends it that is no Failure, as std::cout
+// throws when it cannot be written. From the start on a signal is only noted; a second one of the same kind kills.
 int runMain(const char *name, int argc, char **argv, ExitStatus (*run)(int, char **));
 
 // Writes a line to standard error, with the command's name in front.
@@ -35,6 +37,7 @@ void complain(const std::string &text);
 
 // Whether SIGINT or SIGTERM has come.
 bool signalled();
+void failIfSignalled();  // throws Failure, kBrokenOff
 
 using Clock = std::chrono::steady_clock;
 
@@ -62,7 +65,8 @@ Descriptor openFile(const std::string &path, int flags);
 // Returns how many bytes came, 0 at the end. Throws Failure, kBrokenOff.
 size_t readSome(int fd, void *buffer, size_t size, const std::string &path);
 
-// Writes all of it, unless it fails or, after a signal, nobody takes it: then false.
+// Writes all of it, unless it fails; also false when the time after a signal is over, and nothing more is to be
+// written.
 bool writeAll(int fd, const char *bytes, size_t size);
 
 }  // namespace kepcommand

@@ -1,6 +1,8 @@
 // main.cpp: the command line of kep-collect.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 
 #include <CLI/CLI.hpp>
 #include <array>
@@ -56,6 +58,14 @@ struct Options {
   std::string format = "text";
 };
 
+// The system lets a socket listen at a multicast address and at the broadcast as well.
+std::string checkListenAddress(const std::string &text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) != 1) return checkAddress(text);
+  const bool isMany = ntohl(address.s_addr) >> 28 == 0xE || address.s_addr == INADDR_BROADCAST;
+  return isMany ? "nobody can connect to " + text : "";
+}
+
 void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   Request &request = options.request;
   const auto live = [replay](CLI::Option *option, const std::string &type) {
@@ -67,7 +77,7 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
       addNumber(app, "--type", request.type, 0, 2, "What to collect; the board says what each means [0]"), "0|1|2");
   live(app.add_flag("--selftest", options.selfTest, "Ask for a self-test run"), "")->excludes(type);
   live(app.add_option("--listen", request.listenAddress, "Local IPv4 address that the board connects to [any]"), "ADDR")
-      ->check(checkAddress);
+      ->check(checkListenAddress);
   live(app.add_flag("--any-source", request.anySource, "Let the board connect from any address, not only from HOST's"),
        "");
   live(addNumber(app, "--sequence", options.sequence, INT32_MIN, INT32_MAX,
@@ -76,7 +86,8 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   live(addSeconds(app, "--timeout", options.timeout, "Longest wait for the connection, and for data each time [10]"),
        "SECONDS");
   live(addSeconds(app, "--watch", options.watch, "Start a run every so many seconds until interrupted"), "SECONDS");
-  live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run overwrites FILE"), "FILE");
+  live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run overwrites FILE"), "FILE")
+      ->check([](const std::string &file) { return file.empty() ? "no file" : std::string(); });
 }
 
 void addOptions(CLI::App &app, Options &options) {
@@ -106,6 +117,10 @@ int32_t randomSequence() {
 
 ExitStatus report(const Outcome &outcome, Reporter &reporter) {
   if (outcome.connected) reporter.write(outcome.run);
+  if (signalled()) {  // be it while it was printed
+    complain("interrupted");
+    return kBrokenOff;
+  }
   if (!outcome.diagnostic.empty()) complain(outcome.diagnostic);
   return outcome.status;
 }
@@ -146,7 +161,7 @@ ExitStatus runAll(Options options, Reporter &reporter) {
     options.request.sequence = options.sequence ? *options.sequence : randomSequence();
     const ExitStatus last = runOnce(options, reporter);
     if (last != kGood) status = last;
-    if (options.watch == 0 || last == kUsage || !std::cout) return status;
+    if (options.watch == 0 || last == kUsage) return status;
     if (waitUntil(nullptr, 0, start + period) == Wake::kSignal) return status;
   }
 }

@@ -15,6 +15,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -43,8 +44,9 @@ sockaddr_in resolve(const std::string &host, uint16_t port, int flags) {
   hints.ai_flags = flags;
   addrinfo *found = nullptr;
   const int error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
-  if (error != 0) throw Failure{kNoAnswer, host + ": " + gai_strerror(error)};
   const std::unique_ptr<addrinfo, void (*)(addrinfo *)> guard(found, freeaddrinfo);
+  failIfSignalled();  // no signal cuts a look-up short: it may have come long ago
+  if (error != 0) throw Failure{kNoAnswer, host + ": " + gai_strerror(error)};
   sockaddr_in address{};
   std::memcpy(&address, found->ai_addr, sizeof address);
   address.sin_port = htons(port);
@@ -88,6 +90,14 @@ void throwOnRefusal(int requestSocket, const Request &request) {
   failWithErrno(kNoAnswer, request.host + " port " + std::to_string(request.port));
 }
 
+// Whether accept's error is that of a connection which is gone already, or of its network, and says nothing of the
+// next.
+bool isOfOneConnection(int error) {
+  constexpr std::array<int, 9> kErrors = {ECONNABORTED, ENETDOWN,     EPROTO,     ENOPROTOOPT, EHOSTDOWN,
+                                          ENONET,       EHOSTUNREACH, EOPNOTSUPP, ENETUNREACH};
+  return std::find(kErrors.begin(), kErrors.end(), error) != kErrors.end();
+}
+
 // The first to come from the board's address is the board, and nobody comes second. Anybody else is turned away, and
 // named should the board not come: it may be the board at another of its addresses.
 Descriptor takeConnection(int listener, int requestSocket, const Request &request) {
@@ -102,7 +112,7 @@ Descriptor takeConnection(int listener, int requestSocket, const Request &reques
     socklen_t size = sizeof peer;
     Descriptor connection(accept4(listener, reinterpret_cast<sockaddr *>(&peer), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (connection.get() < 0) {
-      if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) failWithErrno(kNoAnswer, "cannot accept");
+      if (errno != EAGAIN && errno != EINTR && !isOfOneConnection(errno)) failWithErrno(kNoAnswer, "cannot accept");
       throwOnRefusal(requestSocket, request);
     } else if (request.anySource || peer.sin_addr.s_addr == board.s_addr) {
       return connection;

@@ -125,17 +125,22 @@ ExitStatus runServer(const Options &options) {
   return kGood;
 }
 
+void print(const std::string &value) {
+  std::cout << value << std::endl;
+  failIfSignalled();
+}
+
 // Prints what a board would go on with.
 ExitStatus runQuery(const Options &options) {
   const auto timeout =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(options.timeout));
   try {
     const std::string reply = ask(options.server, options.query, timeout);
-    std::cout << (reply.empty() ? options.query.defaultValue : reply) << std::endl;
+    print(reply.empty() ? options.query.defaultValue : reply);
     if (reply.empty()) complain("the answer is empty: a board takes the default");
     return kGood;
   } catch (const Failure &failure) {
-    if (failure.status == kNoAnswer) std::cout << options.query.defaultValue << std::endl;
+    if (failure.status == kNoAnswer) print(options.query.defaultValue);
     throw;
   }
 }

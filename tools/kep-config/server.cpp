@@ -84,7 +84,7 @@ Endpoint Socket::local() const {
 
 void serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log) {
   std::array<char, kMaxSize + 1> datagram{};  // one byte more than a query, so that a longer one is told
-  while (log && waitForDatagram(socket.fd(), std::nullopt) != Wake::kSignal) {
+  while (waitForDatagram(socket.fd(), std::nullopt) != Wake::kSignal) {
     sockaddr_in from{};
     socklen_t fromSize = sizeof from;
     const ssize_t size =

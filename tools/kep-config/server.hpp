@@ -35,8 +35,8 @@ class Socket {
   int fd_;
 };
 
-// Answers queries, and tells each in a line of the log, until a signal comes or the log cannot be written. Throws
-// Failure when the socket fails.
+// Answers queries, and tells each in a line of the log, until a signal comes. Throws Failure when the socket
+// fails, and what `log` throws when it cannot be written.
 void serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log);
 
 // Sends the query once and returns the first answer, of which it keeps as much as a board does. Throws Failure.
