@@ -210,7 +210,7 @@ TEST_F(Collect, EndsWhenItCannotWriteOrNobodyReads) {
       {"", ">/dev/full", "cannot write the output"},
       {"ulimit -f 1;", "", "cannot write the output"},
       {"", "--raw closed >&-", "cannot write the output"},
-      {"", ">full", "cannot write the output", SIGINT},
+      {"", ">full", "interrupted", SIGINT},
       {"", ">full 2>full", "", SIGTERM},
   };
   for (const auto &[before, arguments, reason, signal] : cases) {

@@ -133,7 +133,7 @@ int runMain(const char *name, int argc, char **argv, ExitStatus (*run)(int, char
     complain(failure.text);
     return failure.status;
   } catch (const std::ios_base::failure &) {
-    complain("cannot write the output");
+    complain(signalled() ? "interrupted" : "cannot write the output");
   } catch (const std::exception &error) {
     complain(error.what());
   }
