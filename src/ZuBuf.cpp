@@ -43,7 +43,7 @@ bool grow(ZuBuf *buf, uint64_t need) {
 
 // Makes sure that `need` elements may be written. Beside the capacity rule the block itself is asked, which is smaller
 // than the rule believes when elements are wider than a byte.
-bool reserve(ZuBuf *buf, uint64_t need) {
+inline bool reserve(ZuBuf *buf, uint64_t need) {  // in place: mostly there is room
   if (need <= buf->capacity && (buf->elemSize == 1 || bytesFor(buf, need) <= trackedSize(buf->data))) return true;
   return need <= UINT32_MAX && grow(buf, need);
 }
