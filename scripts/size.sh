@@ -66,7 +66,8 @@ failures=$(
   awk -v limit=$stack_limit -v formatting=" $formatting " \
     '$1 == "stack" && $3 > limit && !index(formatting, " " $2 " ") { print "stack of " $2 ": " $3 " of " limit }' "$figures"
   awk -v limit=$record_limit \
-    '$2 == "record-of-8-bytes" && $3 > limit { print "memory for a record of 8 bytes: " $3 " of " limit }' "$figures"
+    '$2 == "record-of-8-bytes" { seen = 1; if ($3 > limit) print "memory for a record of 8 bytes: " $3 " of " limit }
+    END { if (!seen) print "memory for a record of 8 bytes: not measured" }' "$figures"
   grep -v '^#' tests/package/exports.txt | tr ' ' '\n' | grep -v '^g_' | sort |
     comm -23 - <(awk '$1 == "stack" { print $2 }' "$figures" | sort) | sed 's/$/: its stack is not measured/'
 )

@@ -252,7 +252,8 @@ inline bool readNext(const ZuInfo *info, const Block &block, int32_t pos, Record
     if (offset < oldest) return false;  // been at the start already: once round is enough, whatever lies there
     offset = 0;
   }
-  return offset != oldest && readRecord(block, offset, out);  // the oldest: round again
+  if (offset == oldest || !readRecord(block, offset, out)) return false;  // the oldest: round again
+  return offset > oldest || out->end <= oldest;  // a damaged length that leads past the oldest would go round for ever
 }
 
 // ---- structured records

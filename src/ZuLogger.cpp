@@ -24,8 +24,8 @@ constexpr uint16_t kRecordsAPause = 100;
 constexpr uint32_t kPauseMs = 1000;
 constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no buffer"
 
-// The text of the current second. The C library may ask the file system for the zone at every conversion, so a line
-// converts only when the second is another one; a changed zone shows by the next.
+// The text of the current second. A line asks for another only when the second is another one, which takes a tenth of
+// the time; a changed zone shows by the next.
 struct TimeText {
   const char *pattern;
   bool isSet;  // not before the first line: a clock may begin at any second

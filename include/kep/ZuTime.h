@@ -33,7 +33,8 @@ KEP_API time_t ZuTime_Now(void);
  *
  * Upper case pads with zeros to two digits, lower case does not pad, everything else is copied. A time that the C
  * library cannot convert prints as the year 1900, month 1, day 0, 0:0:0. A change of TZ shows in the next call, one of
- * the zone's file within a second of the wall clock. NULL for `dst` or `pattern` writes nothing. */
+ * the zone's file within a second of the wall clock; so does TZ unset again after the host had the C library go
+ * elsewhere. NULL for `dst` or `pattern` writes nothing. */
 KEP_API char *ZuTime_Format(char *dst, const char *pattern, time_t t);
 
 #ifdef __cplusplus

@@ -122,6 +122,23 @@ TEST(Store, ComparesKeysToTheEndOfTheBlock) {
   EXPECT_EQ(found(-1), 0);
 }
 
+// A record at the start that claims to reach past the oldest, into what the walk has seen.
+TEST(Store, EndsAWalkThatADamagedLengthLeadsBack) {
+  ZuInfo *info = ZuInfo_New(1024);
+  const std::string value(96, 'v');
+  for (int i = 0; i < 14; ++i) ZuInfo_Append(info, "k", 1, value.data(), 96);
+  auto *block = static_cast<uint8_t *>(ZuMem_Get(info->block, 0));
+  block[2] = 696 >> 8, block[3] = 696 & 0xFF;
+  const uint8_t *key, *text;
+  uint8_t keyLength;
+  uint16_t length;
+  int records = 0;
+  for (int32_t cursor = -1; ZuInfo_Get(info, nullptr, 0, &cursor, &key, &keyLength, &text, &length);) {
+    ASSERT_LT(++records, 20);
+  }
+  ZuInfo_Release(info);
+}
+
 TEST(Store, RefusesNegativeLengthsAndNull) {
   const Store store = makeStore(1024);
   ZuInfo *info = store.get();
@@ -134,7 +151,7 @@ TEST(Store, RefusesNegativeLengthsAndNull) {
                 ZuInfo_Append2Message(info, "k", 1, "v", -1, "w", 5) |
                 ZuInfo_Append2Message(info, "k", 1, "v", 5, "w", -1),
             0);
-  ZuInfo_AddInfo(info, 1, 1, "a", -5, "b", 1, "", 0, 1);
+  for (const int32_t length : {-5, 65525, 100000, INT32_MAX}) ZuInfo_AddInfo(info, 1, 1, "a", length, "b", 1, "", 0, 1);
   EXPECT_EQ(info->writeOffset, 0U);
 }
 
