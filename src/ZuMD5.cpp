@@ -5,6 +5,7 @@
 #include "kep/ZuMD5.h"
 
 #include <cstring>
+#include <utility>
 
 #include "ZuBuffer.hpp"
 
@@ -32,13 +33,6 @@ constexpr uint32_t kSine[kRoundCount][kWordCount] = {{0xD76AA478, 0xE8C7B756, 0x
                                                      {0xF4292244, 0x432AFF97, 0xAB9423A7, 0xFC93A039, 0x655B59C3,
                                                       0x8F0CCC92, 0xFFEFF47D, 0x85845DD1, 0x6FA87E4F, 0xFE2CE6E0}};
 
-// Steps and rounds are expanded, so that the compiler has constants for all but the words, but not where size counts.
-#ifdef __OPTIMIZE_SIZE__
-constexpr uint32_t kExpanded = 1;
-#else
-constexpr uint32_t kExpanded = kWordCount;
-#endif
-
 uint32_t rotateLeft(uint32_t value, uint32_t bits) { return value << bits | value >> (32 - bits); }
 
 inline uint32_t mix(uint32_t round, uint32_t x, uint32_t y, uint32_t z) {
@@ -61,6 +55,32 @@ inline void runStep(uint32_t round, uint32_t step, const uint32_t *words, uint32
   registers[target] = y + rotateLeft(sum, kShift[round][position]);
 }
 
+#if defined(__OPTIMIZE__) && !defined(__OPTIMIZE_SIZE__)
+
+// Expanded, not looped: the compiler then has constants for all but the words before it orders the sums.
+template <uint32_t kRound, uint32_t... kSteps>
+void runRound(const uint32_t *words, uint32_t (&registers)[4], std::integer_sequence<uint32_t, kSteps...>) {
+  (runStep(kRound, kSteps, words, registers), ...);
+}
+
+void runRounds(const uint32_t *words, uint32_t (&registers)[4]) {
+  constexpr std::make_integer_sequence<uint32_t, kWordCount> kSteps;
+  runRound<0>(words, registers, kSteps);
+  runRound<1>(words, registers, kSteps);
+  runRound<2>(words, registers, kSteps);
+  runRound<3>(words, registers, kSteps);
+}
+
+#else
+
+void runRounds(const uint32_t *words, uint32_t (&registers)[4]) {
+  for (uint32_t round = 0; round < kRoundCount; ++round) {
+    for (uint32_t step = 0; step < kWordCount; ++step) runStep(round, step, words, registers);
+  }
+}
+
+#endif
+
 // Words behind the data stay as they are.
 void takeWords(uint32_t (&words)[kWordCount], const void *data, uint32_t len) {
   const uint32_t used = len < kWordCount * kWordSize ? len : kWordCount * kWordSize;
@@ -68,18 +88,10 @@ void takeWords(uint32_t (&words)[kWordCount], const void *data, uint32_t len) {
   for (size_t i = 0; i < (used + kWordSize - 1) / kWordSize; ++i) words[i] = loadBig<uint32_t>(in + i * kWordSize);
 }
 
-void runSteps(const uint32_t *words, uint32_t (&registers)[4]) {
-#pragma GCC unroll kExpanded
-  for (uint32_t round = 0; round < kRoundCount; ++round) {
-#pragma GCC unroll kExpanded
-    for (uint32_t step = 0; step < kWordCount; ++step) runStep(round, step, words, registers);
-  }
-}
-
 // Gives what is to be added to the state.
 void compress(const uint32_t *words, const uint32_t *state, uint32_t *out) {
   uint32_t registers[4] = {state[0], state[1], state[2], state[3]};
-  runSteps(words, registers);
+  runRounds(words, registers);
   std::memcpy(out, registers, sizeof registers);
 }
 

@@ -251,10 +251,14 @@ bool totalWidth(const ZuTable *table, int32_t *out) {
   return true;
 }
 
-void drawCentred(Canvas &canvas, const char *text, int32_t length, int32_t width) {
-  canvas.chars(' ', (width - length) / 2);
+void drawText(Canvas &canvas, const char *text, int32_t margin, char align) {
+  int32_t left = margin / 2;
+  int32_t right = (margin + 1) / 2;
+  if ((align | 0x20) == 'r') left = margin, right = 0;
+  if ((align | 0x20) == 'l') left = 0, right = margin;
+  canvas.chars(' ', left);
   canvas.text(text);
-  canvas.chars(' ', (width + 1 - length) / 2);
+  canvas.chars(' ', right);
 }
 
 void drawCaption(Canvas &canvas, const ZuTable *table, int32_t width) {
@@ -271,7 +275,7 @@ void drawCaption(Canvas &canvas, const ZuTable *table, int32_t width) {
 void drawTitles(Canvas &canvas, const ZuTable *table) {
   ZuTableColumn *column;
   for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
-    drawCentred(canvas, column->name, column->nameLen, column->width);
+    drawText(canvas, column->name, column->width - column->nameLen, 'c');
   }
   canvas.newline();
   for (ListWalk<ZuTableColumn> walk(table->columns); walk.next(&column);) {
@@ -284,18 +288,7 @@ void drawTitles(Canvas &canvas, const ZuTable *table) {
 
 void drawCell(Canvas &canvas, const ZuTableColumn *column, const ZuTableCell *cell) {
   if (!cell) return canvas.chars(' ', column->width);
-  const int32_t margin = column->width - cell->textLen;
-  switch (column->align | 0x20) {
-    case 'r':
-      canvas.chars(' ', margin);
-      canvas.text(cell->text);
-      break;
-    case 'l':
-      canvas.text(cell->text);
-      canvas.chars(' ', margin);
-      break;
-    default: drawCentred(canvas, cell->text, cell->textLen, column->width);
-  }
+  drawText(canvas, cell->text, column->width - cell->textLen, column->align);
 }
 
 void drawRows(Canvas &canvas, const ZuTable *table) {
