@@ -84,7 +84,7 @@ TEST(Time, FormatsByThePattern) {
   const std::tuple<const char *, int64_t, const char *> cases[] = {
       {kLong, kMarch, "2024/03/05 07:08:09"},
       {"yy-mm-dd hh:mi:ss", kMarch, "24-3-5 7:8:9"},
-      {"YYY yyyy YYYYY", kMarch, "24Y 2424 2024Y"},
+      {"YYY yyyy YYYYY aa", kMarch, "24Y 2424 2024Y aa"},
       {"MMI MIMM mmi MMMI", kMarch, "03I 0803 3i 0308"},  // the month is tried before the minute
       {"Mi mI yY Dd hH Ss Y M D H I S %s", kMarch, "Mi mI yY Dd hH Ss Y M D H I S %s"},
       {"", kMarch, ""},
