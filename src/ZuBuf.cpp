@@ -21,7 +21,7 @@ uint64_t bytesFor(const ZuBuf *buf, uint64_t elements) { return elements * buf->
 // A block whose first `used` bytes are left for the caller to write; the others are 0.
 uint8_t *makeBlock(uint64_t size, size_t used) {
   if (size > UINT32_MAX) return nullptr;
-  auto *block = static_cast<uint8_t *>(ZuMem_LocalMalloc(static_cast<uint32_t>(size)));
+  auto *block = static_cast<uint8_t *>(takeLocal(static_cast<uint32_t>(size)));
   if (block) std::memset(block + used, 0, static_cast<size_t>(size) - used);
   return block;
 }
@@ -35,7 +35,7 @@ bool grow(ZuBuf *buf, uint64_t need) {
   uint8_t *block = makeBlock(size, used);
   if (!block) return false;
   std::memcpy(block, buf->data, used);
-  ZuMem_LocalFree(buf->data);
+  giveLocal(buf->data);
   buf->data = block;
   buf->capacity = static_cast<uint32_t>(size);
   return true;
@@ -77,12 +77,12 @@ void appendRun(ZuBuf *buf, char ch, uint32_t count) {
 }
 
 ZuBuf *ZuBuf_New(uint32_t elemSize, uint32_t count, uint32_t growStep) {
-  auto *buf = static_cast<ZuBuf *>(ZuMem_LocalMalloc(sizeof(ZuBuf)));
+  auto *buf = static_cast<ZuBuf *>(takeLocal(sizeof(ZuBuf)));
   if (!buf) return nullptr;
   *buf = {count, growStep ? growStep : count, elemSize, 0, nullptr};
   buf->data = makeBlock(bytesFor(buf, count), 0);
   if (!buf->data) {
-    ZuMem_LocalFree(buf);
+    giveLocal(buf);
     return nullptr;
   }
   return buf;
@@ -90,8 +90,8 @@ ZuBuf *ZuBuf_New(uint32_t elemSize, uint32_t count, uint32_t growStep) {
 
 void ZuBuf_Release(ZuBuf *buf) {
   if (!buf) return;
-  ZuMem_LocalFree(buf->data);
-  ZuMem_LocalFree(buf);
+  giveLocal(buf->data);
+  giveLocal(buf);
 }
 
 int32_t ZuBuf_Append(ZuBuf *buf, const void *src, uint32_t n) {

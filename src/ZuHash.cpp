@@ -6,9 +6,9 @@
 #include <cstring>
 
 #include "ZuList.hpp"
+#include "ZuMem.hpp"
 #include "kep/ZuBuffer.h"
 #include "kep/ZuMD5.h"
-#include "kep/ZuMem.h"
 #include "kep/ZuPrint.h"
 #include "kep/ZuString.h"
 #include "kep/platform.h"
@@ -85,7 +85,7 @@ void putValue(const ZuHash *table, void *entry, const void *value) {
 
 void *makeEntry(const ZuHash *table, const void *key, const void *value) {
   const uint32_t size = static_cast<uint32_t>(table->keySize) + static_cast<uint32_t>(table->valueSize);
-  void *entry = table->isStatic ? ZuMem_LocalMalloc_Static(size) : ZuMem_LocalMalloc(size);
+  void *entry = table->isStatic ? takeLocalStatic(size) : takeLocal(size);
   if (!entry) return nullptr;
   std::memcpy(entry, key, keyBytes(table));
   putValue(table, entry, value);
@@ -104,12 +104,12 @@ void showBytes(const char *title, const void *bytes, int32_t size) {
 ZuHash *ZuHash_NewEx(int32_t keySize, int32_t valueSize, uint32_t bucketCount, ZuHashFunc hashFunc, int32_t isStatic) {
   const uint64_t arraySize = uint64_t{bucketCount} * sizeof(ZuList *);
   if (keySize < 0 || valueSize < 0 || arraySize > UINT32_MAX) return nullptr;
-  auto *table = static_cast<ZuHash *>(ZuMem_LocalMalloc(sizeof(ZuHash)));
+  auto *table = static_cast<ZuHash *>(takeLocal(sizeof(ZuHash)));
   if (!table) return nullptr;
   *table = {nullptr, bucketCount, hashFunc ? hashFunc : ZuMD5_Hash, keySize, valueSize, isStatic};
-  table->buckets = static_cast<ZuList **>(ZuMem_LocalMalloc(static_cast<uint32_t>(arraySize)));
+  table->buckets = static_cast<ZuList **>(takeLocal(static_cast<uint32_t>(arraySize)));
   if (!table->buckets) {
-    ZuMem_LocalFree(table);
+    giveLocal(table);
     return nullptr;
   }
   std::memset(table->buckets, 0, static_cast<size_t>(arraySize));
@@ -127,7 +127,7 @@ int32_t ZuHash_Set(ZuHash *table, const void *key, const void *value) {
     putValue(table, entry, value);
     return 1;
   }
-  if (!*bucket) *bucket = ZuList_New(0, table->isStatic ? nullptr : ZuMem_LocalFree);
+  if (!*bucket) *bucket = ZuList_New(0, table->isStatic ? nullptr : giveLocal);
   if (!*bucket) return 0;
   void *entry = makeEntry(table, key, value);
   return entry ? ZuList_Push(*bucket, entry) : 0;
@@ -176,8 +176,8 @@ void ZuHash_ShowDepth(ZuHash *table) {
 void ZuHash_Release(ZuHash *table) {
   if (!table || table->isStatic) return;
   for (uint32_t i = 0; i < table->bucketCount; ++i) ZuList_Release(table->buckets[i]);
-  ZuMem_LocalFree(table->buckets);
-  ZuMem_LocalFree(table);
+  giveLocal(table->buckets);
+  giveLocal(table);
 }
 
 int32_t ZuHash_Cmp(void *entry, const void *probe) {

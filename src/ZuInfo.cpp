@@ -10,11 +10,12 @@
 //
 // The write offset and the free size are open to the host between ZuInfo_PackPre and the end of its packing; nothing
 // here trusts them further than the block reaches.
-#include "kep/ZuInfo.h"
+#include "ZuInfo.hpp"
 
 #include <cstdlib>
 #include <cstring>
 
+#include "Kep.hpp"
 #include "ZuBuffer.hpp"
 #include "ZuMem.hpp"
 #include "ZuPrint.hpp"
@@ -34,7 +35,13 @@ namespace {
 struct Store {
   ZuInfo info;
   uint32_t evicted;  // records wiped to make room
+  uint32_t next;     // the number of the next record, from 0; it wraps as all three do
+  uint32_t oldest;   // the number of the oldest record; as `next` when there is none
 };
+
+Store *storeOf(ZuInfo *info) { return reinterpret_cast<Store *>(info); }
+
+const Store *storeOf(const ZuInfo *info) { return reinterpret_cast<const Store *>(info); }
 
 constexpr uint8_t kFree = 0xFF;
 constexpr int32_t kFirstBlockSize = 1024;
@@ -94,7 +101,10 @@ uint32_t roundLimit(uint32_t limit) {
   return limit > kLargestLimit ? kLargestLimit : (limit + kSizeUnit - 1) / kSizeUnit * kSizeUnit;
 }
 
+void forgetRecords(ZuInfo *info) { storeOf(info)->oldest = storeOf(info)->next; }
+
 void dropBlock(ZuInfo *info) {
+  forgetRecords(info);
   ZuMem_Release(info->block);
   info->block = nullptr;
   info->freeSize = 0;
@@ -112,6 +122,13 @@ void readFromStart(ZuInfo *info) {
   info->freeSize = static_cast<int32_t>(blockSize(info) - info->writeOffset);
 }
 
+// Wiped, not just skipped: readers know free space by its 0xFF.
+void wipe(ZuInfo *info, const Block &block, const Record &oldest) {
+  std::memset(block.data + info->readOffset, kFree, oldest.end - info->readOffset);
+  info->readOffset = oldest.end;
+  ++storeOf(info)->oldest;
+}
+
 int32_t evictOne(ZuInfo *info, int32_t need) {
   if (info->readOffset < info->writeOffset) {  // the tail of the block is too small: go on writing at the start
     info->writeOffset = 0;
@@ -123,17 +140,29 @@ int32_t evictOne(ZuInfo *info, int32_t need) {
     readFromStart(info);
     return 2;
   }
-  // Wiped, not just skipped: readers know free space by its 0xFF.
   const uint32_t size = oldest.end - info->readOffset;
-  std::memset(block.data + info->readOffset, kFree, size);
-  ++reinterpret_cast<Store *>(info)->evicted;
-  info->readOffset = oldest.end;
+  wipe(info, block, oldest);
+  ++storeOf(info)->evicted;
   if (oldest.end < block.size) {
     info->freeSize += static_cast<int32_t>(size);
   } else {
     readFromStart(info);
   }
   return info->freeSize < need ? 2 : 1;
+}
+
+// Drops the oldest record without going on to write at the start: unlike a block that is full, this one may yet grow.
+// False when no record is found.
+bool dropOldest(ZuInfo *info) {
+  const Block block = blockOf(info);
+  if (block.isFree(info->readOffset)) readFromStart(info);
+  Record oldest;
+  if (!readRecord(block, info->readOffset, &oldest)) return false;
+  const uint32_t size = oldest.end - info->readOffset;
+  const bool isBehindNewer = info->writeOffset <= info->readOffset;
+  wipe(info, block, oldest);
+  if (isBehindNewer) info->freeSize += static_cast<int32_t>(size);
+  return true;
 }
 
 // How much a block below its largest size grows for so many missing bytes.
@@ -216,6 +245,7 @@ int32_t headSize(const Bytes &key) { return key.length + static_cast<int32_t>(kH
 uint8_t *putHead(ZuInfo *info, const Bytes &key, int32_t valueLength) {
   if (!isKey(key) || valueLength < 0 || valueLength > kLongestValue) return nullptr;
   if (!makeRoom(info, headSize(key) + valueLength)) return nullptr;
+  ++storeOf(info)->next;
   uint8_t *out = storeBig(memData(info->block) + info->writeOffset, static_cast<uint8_t>(key.length));
   return storeBig(putBytes(out, key), static_cast<uint16_t>(valueLength));
 }
@@ -350,29 +380,91 @@ bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kIdCount; }
 
 }  // namespace
 
+// ---- for those who wait between records
+
+StoreWalk::StoreWalk(ZuInfo *info) : info_(info), cursor_(-1), next_(0), end_(0), copy_(nullptr), copySize_(0) {
+  const Locked locked;
+  if (!info) return;
+  next_ = numberOfOldest(info);
+  end_ = numberOfNext(info);
+}
+
+StoreWalk::~StoreWalk() { giveLocal(copy_); }
+
+bool StoreWalk::next(StoreRecord *out) {
+  const Locked locked;
+  if (!info_ || !info_->block) return false;
+  if (hasLock() && (next_ == end_ || static_cast<int32_t>(next_ - numberOfOldest(info_)) < 0)) return false;
+  // The record before may be gone: then the oldest is the next, wherever the cursor stands.
+  const int32_t place = hasLock() && next_ == numberOfOldest(info_) ? -1 : cursor_;
+  Record record;
+  if (!readNext(info_, blockOf(info_), place, &record)) return false;
+  *out = {record.key, record.value(), static_cast<uint8_t>(record.keyLength),
+          static_cast<uint16_t>(record.valueLength)};
+  if (hasLock() && !makeCopy(out)) return false;
+  cursor_ = static_cast<int32_t>(record.end);
+  ++next_;
+  return true;
+}
+
+bool StoreWalk::makeCopy(StoreRecord *record) {
+  constexpr uint32_t kLeastSize = 256;  // most records have room in the first copy
+  const uint32_t size = uint32_t{record->keyLength} + record->valueLength;
+  if (size > copySize_ || !copy_) {
+    giveLocal(copy_);
+    copySize_ = size > kLeastSize ? size : kLeastSize;
+    copy_ = static_cast<uint8_t *>(takeLocal(copySize_));
+  }
+  if (!copy_) return false;
+  std::memcpy(copy_, record->key, record->keyLength);
+  std::memcpy(copy_ + record->keyLength, record->value, record->valueLength);
+  record->key = copy_;
+  record->value = copy_ + record->keyLength;
+  return true;
+}
+
+uint32_t numberOfNext(const ZuInfo *info) { return storeOf(info)->next; }
+
+uint32_t numberOfOldest(const ZuInfo *info) { return storeOf(info)->oldest; }
+
+void dropBefore(ZuInfo *info, uint32_t number) {
+  if (!info->block) return;
+  while (static_cast<int32_t>(number - numberOfOldest(info)) > 0) {
+    if (!dropOldest(info)) {
+      forgetRecords(info);
+      return;
+    }
+  }
+}
+
 ZuInfo *ZuInfo_New(uint32_t limit) {
-  auto *store = static_cast<Store *>(ZuMem_LocalMalloc(sizeof(Store)));
+  const Guarded guard(__func__);
+  auto *store = static_cast<Store *>(takeLocal(sizeof(Store)));
   if (!store) return nullptr;
   std::memset(store, 0, sizeof *store);  // all id switches off too
   if (!ZuInfo_ReSize(&store->info, limit)) {
-    ZuMem_LocalFree(store);
+    giveLocal(store);
     return nullptr;
   }
   return &store->info;
 }
 
 void ZuInfo_Release(ZuInfo *info) {
+  const Guarded guard(__func__);
   if (!info) return;
   ZuMem_Release(info->block);
-  ZuMem_LocalFree(info);
+  giveLocal(info);
 }
 
 void ZuInfo_Ignore(ZuInfo *info, int32_t on) {
+  const Guarded guard(__func__);
   if (info) info->ignore = on;
 }
 
 void ZuInfo_Clear(ZuInfo *info) {
+  const Guarded guard(__func__);
   if (!info || !info->block) return;
+  forgetRecords(info);
   info->freeSize = info->block->capacity;
   ZuMem_memset(info->block, 0, kFree, blockSize(info));
   info->writeOffset = 0;
@@ -380,6 +472,7 @@ void ZuInfo_Clear(ZuInfo *info) {
 }
 
 int32_t ZuInfo_ReSize(ZuInfo *info, uint32_t limit) {
+  const Guarded guard(__func__);
   if (!info) return 0;
   const uint32_t rounded = roundLimit(limit);
   if (info->block) {
@@ -393,9 +486,13 @@ int32_t ZuInfo_ReSize(ZuInfo *info, uint32_t limit) {
   return 1;
 }
 
-int32_t ZuInfo_FreeSize_(ZuInfo *info, int32_t need) { return info && info->block ? makeOneStep(info, need) : 0; }
+int32_t ZuInfo_FreeSize_(ZuInfo *info, int32_t need) {
+  const Guarded guard(__func__);
+  return info && info->block ? makeOneStep(info, need) : 0;
+}
 
 int32_t ZuInfo_Append(ZuInfo *info, const void *key, int32_t keyLen, const void *value, int32_t valueLen) {
+  const Guarded guard(__func__);
   if (!info || !info->block) return -1;
   if (info->ignore) return 0;
   if (info->writeOffset > blockSize(info) || info->freeSize > info->block->capacity) return -1;
@@ -414,6 +511,7 @@ int32_t ZuInfo_Write(ZuInfo *info, const char *key, const char *text) {
 
 int32_t ZuInfo_Append2Message(ZuInfo *info, const void *key, int32_t keyLen, const void *value1, int32_t len1,
                               const void *value2, int32_t len2) {
+  const Guarded guard(__func__);
   if (!info) return 0;
   if (info->ignore) return 1;
   if (!info->block) return 0;
@@ -421,6 +519,7 @@ int32_t ZuInfo_Append2Message(ZuInfo *info, const void *key, int32_t keyLen, con
 }
 
 int32_t ZuInfo_PackPre(ZuInfo *info, const void *key, int32_t keyLen, int32_t valueLen) {
+  const Guarded guard(__func__);
   if (!info || !key || info->ignore || !info->block) return 0;
   const size_t textLength = keyLen == 0 ? strnlen(static_cast<const char *>(key), kLongestKey + 1) : 0;
   const Bytes bytes = {key, keyLen ? keyLen : static_cast<int32_t>(textLength)};
@@ -431,6 +530,7 @@ int32_t ZuInfo_PackPre(ZuInfo *info, const void *key, int32_t keyLen, int32_t va
 
 void ZuInfo_AddInfo(ZuInfo *info, int32_t type, int32_t id, const void *data1, int32_t len1, const void *data2,
                     int32_t len2, const void *data3, int32_t len3, uint32_t code) {
+  const Guarded guard(__func__);
   if (!info || info->ignore || !info->block) return;
   const Bytes strings[3] = {{data1, len1}, {data2, len2}, {data3, ZuInfo_GetFlag(info, id) ? len3 : 0}};
   int32_t size = kStructuredSize;
@@ -454,6 +554,7 @@ void ZuInfo_AddInfo(ZuInfo *info, int32_t type, int32_t id, const void *data1, i
 
 int32_t ZuInfo_Get(ZuInfo *info, const void *key, int32_t keyLen, int32_t *cursor, const uint8_t **keyOut,
                    uint8_t *keyLenOut, const uint8_t **valueOut, uint16_t *valueLenOut) {
+  const Guarded guard(__func__);
   if (!info || !info->block || !cursor || keyLen < 0) return 0;
   const Bytes wanted = {
       key, key && keyLen == 0 ? static_cast<int32_t>(std::strlen(static_cast<const char *>(key))) : keyLen};
@@ -471,6 +572,7 @@ int32_t ZuInfo_Get(ZuInfo *info, const void *key, int32_t keyLen, int32_t *curso
 }
 
 int32_t ZuInfo_GetPack(ZuInfo *info, int32_t *cursor, char *formatOut, const uint8_t **valueOut) {
+  const Guarded guard(__func__);
   const uint8_t *key;
   uint8_t keyLength;
   if (!ZuInfo_Get(info, nullptr, 0, cursor, &key, &keyLength, valueOut, nullptr)) return 0;
@@ -479,12 +581,14 @@ int32_t ZuInfo_GetPack(ZuInfo *info, int32_t *cursor, char *formatOut, const uin
 }
 
 int32_t ZuInfo_GetFlag(ZuInfo *info, int32_t id) {
+  const Guarded guard(__func__);
   if (!info) return 0;
   if (!isSwitchable(id)) return 1;
   return info->idSwitches[id / 8] >> id % 8 & 1;
 }
 
 void ZuInfo_SetFlag(ZuInfo *info, int32_t id, int32_t mode) {
+  const Guarded guard(__func__);
   if (!info || !isSwitchable(id)) return;
   const auto bit = static_cast<uint8_t>(1U << id % 8);
   uint8_t *byte = &info->idSwitches[id / 8];
@@ -498,25 +602,26 @@ void ZuInfo_SetFlag(ZuInfo *info, int32_t id, int32_t mode) {
 
 void ZuInfo_ShowInfo(ZuInfo *info, int32_t id, const char *hex1, const char *hex2, int32_t code, int32_t type,
                      int32_t skip, int32_t limit) {
+  const Waiting mark(__func__);
   if (!info) return;
   const Filter filter = {id, hex1, hex2, code, type};
   int32_t counter = 0;
-  int32_t cursor = -1;
-  const uint8_t *key;
-  const uint8_t *value;
-  uint8_t keyLength;
-  uint16_t valueLength;
-  while (ZuInfo_Get(info, nullptr, 0, &cursor, &key, &keyLength, &value, &valueLength)) {
+  StoreRecord found;
+  for (StoreWalk walk(info); walk.next(&found);) {
     Structured record;
-    if (!readStructured(key, keyLength, value, valueLength, &record) || !passes(record, filter)) continue;
+    if (!readStructured(found.key, found.keyLength, found.value, found.valueLength, &record)) continue;
+    if (!passes(record, filter)) continue;
     ++counter;
     if (counter <= skip || (limit != 0 && counter > limit)) continue;
     ZuPrint_Show(ZuString_SFormat("index=%d,", static_cast<int>(counter)), 0);
     char format[1 + kLongestKey + 1];
-    putDumpFormat(format, key, keyLength);
-    ZuBuffer_UNPack(format, value);
+    putDumpFormat(format, found.key, found.keyLength);
+    ZuBuffer_UNPack(format, found.value);
   }
   ZuPrint_Show(ZuString_SFormat("Total count %d", static_cast<int>(counter)), 0);
 }
 
-uint32_t ZuInfo_GetEvicted(const ZuInfo *info) { return info ? reinterpret_cast<const Store *>(info)->evicted : 0; }
+uint32_t ZuInfo_GetEvicted(const ZuInfo *info) {
+  const Guarded guard(__func__);
+  return info ? storeOf(info)->evicted : 0;
+}

@@ -3,12 +3,12 @@
 
 #include <cassert>
 
-#include "kep/ZuMem.h"
+#include "ZuMem.hpp"
 
 namespace {
 
 ZuListNode *makeNode(const ZuList *list, void *value) {
-  void *memory = list->freeFunc ? ZuMem_LocalMalloc(sizeof(ZuListNode)) : ZuMem_LocalMalloc_Static(sizeof(ZuListNode));
+  void *memory = list->freeFunc ? takeLocal(sizeof(ZuListNode)) : takeLocalStatic(sizeof(ZuListNode));
   auto *node = static_cast<ZuListNode *>(memory);
   if (node) *node = {nullptr, value};
   return node;
@@ -44,7 +44,7 @@ void *unlinkBehind(ZuList *list, ZuListNode *previous) {
   (previous ? previous->next : list->head) = victim->next;
   --list->count;
   void *value = victim->data;
-  ZuMem_LocalFree(victim);
+  giveLocal(victim);
   return value;
 }
 
@@ -83,7 +83,7 @@ ZuListNode *extendTo(ZuList *list, ListPlace *place, int32_t index) {
 }
 
 ZuList *ZuList_New(int32_t maxLength, ZuListFree freeFunc) {
-  auto *list = static_cast<ZuList *>(ZuMem_LocalMalloc(sizeof(ZuList)));
+  auto *list = static_cast<ZuList *>(takeLocal(sizeof(ZuList)));
   if (list) *list = {0, maxLength, freeFunc, nullptr};
   return list;
 }
@@ -96,7 +96,7 @@ void ZuList_RemoveAll(ZuList *list) {
   for (int32_t visited = 0; visited < list->count && node; ++visited) {
     ZuListNode *next = node->next;
     if (list->freeFunc && node->data) list->freeFunc(node->data);
-    ZuMem_LocalFree(node);
+    giveLocal(node);
     node = next;
   }
   list->head = nullptr;
@@ -106,7 +106,7 @@ void ZuList_RemoveAll(ZuList *list) {
 void ZuList_Release(ZuList *list) {
   if (!list || !list->freeFunc) return;
   ZuList_RemoveAll(list);
-  ZuMem_LocalFree(list);
+  giveLocal(list);
 }
 
 int32_t ZuList_Length(const ZuList *list) { return list ? list->count : 0; }

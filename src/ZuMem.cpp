@@ -4,8 +4,12 @@
 //   bounded object  capacity (4) | static flag (4) | capacity data bytes
 #include "ZuMem.hpp"
 
+#include <cassert>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 
+#include "Kep.hpp"
 #include "kep/ZuPrint.h"
 #include "kep/ZuString.h"
 #include "kep/platform.h"
@@ -28,6 +32,46 @@ uint32_t l_static_leftsize;
 uint32_t l_static_times;         // chunks taken
 uint32_t l_static_malloc_times;  // blocks handed out
 
+bool l_hasAllocated;
+
+// ---- under the lock
+
+#ifdef NDEBUG
+void noteAlignment(const uint8_t *) {}
+#else
+// Says once that the service layer's blocks are not what platform.h asks for.
+void noteAlignment(const uint8_t *handedOut) {
+  constexpr bool kFourIsEnough = sizeof(void *) == 4 && alignof(int64_t) == 4;
+  constexpr size_t kWanted = kFourIsEnough ? 4 : alignof(std::max_align_t);
+  static bool isSaid;
+  if (isSaid || reinterpret_cast<uintptr_t>(handedOut) % kWanted == 0) return;
+  isSaid = true;
+  std::fprintf(stderr, "kep: VRK_Malloc returns misaligned blocks: they begin 4 bytes short of %zu (platform.h)\n",
+               kWanted);
+}
+#endif
+
+void *takeBlock(int32_t id, uint32_t size, uint32_t slack) {
+  const uint64_t whole = uint64_t{size} + kHeaderSize + slack;
+  if (whole > UINT32_MAX) return nullptr;
+  auto *block = static_cast<uint8_t *>(VRK_Malloc(static_cast<uint32_t>(whole)));
+  if (!block) return nullptr;
+  noteAlignment(block + kHeaderSize);
+  std::memcpy(block, &size, sizeof size);  // copied: the platform's blocks need not be aligned
+  ZuMem_Size[id & 0xFF] += size + kHeaderSize;
+  ++ZuMem_MallocCnt[id & 0xFF];
+  l_hasAllocated = true;
+  return block + kHeaderSize;
+}
+
+void giveBlock(int32_t id, void *ptr) {
+  if (!ptr) return;
+  const uint32_t size = trackedSize(ptr);
+  VRK_Free(static_cast<uint8_t *>(ptr) - kHeaderSize);
+  ZuMem_Size[id & 0xFF] -= size + kHeaderSize;
+  ++ZuMem_FreeCnt[id & 0xFF];
+}
+
 uint8_t *carveFromPool(uint32_t size) {
   uint8_t *block = static_mem;
   static_mem += size;
@@ -35,6 +79,35 @@ uint8_t *carveFromPool(uint32_t size) {
   ++l_static_malloc_times;
   return block;
 }
+
+void *takeStatic(int32_t id, uint32_t size) {
+  if (size == 0 || size > UINT32_MAX - 3) return nullptr;
+  const uint32_t rounded = (size + 3) & ~3U;
+  if (rounded > kPoolLargestBlock) return takeBlock(id, rounded, 0);
+  if (static_mem && l_static_leftsize >= rounded) return carveFromPool(rounded);
+
+  static_mem = static_cast<uint8_t *>(takeBlock(id, kPoolChunkSize, 0));  // the old chunk's rest is given up
+  if (!static_mem) return takeBlock(id, rounded, 0);
+  ++l_static_times;
+  l_static_leftsize = kPoolChunkSize;
+  return carveFromPool(rounded);
+}
+
+uint32_t readLocked(const uint32_t *counter) {
+  const Locked locked;
+  return *counter;
+}
+
+void showAccount(int32_t id) {
+  const uint32_t size = readLocked(&ZuMem_Size[id]);
+  if (size == 0) return;
+  ZuPrint_Puts(ZuString_SFormat("  %3d  0x%08x      %4d    %4d", static_cast<int>(id), size,
+                                static_cast<int>(readLocked(&ZuMem_MallocCnt[id])),
+                                static_cast<int>(readLocked(&ZuMem_FreeCnt[id]))),
+               0);
+}
+
+// ---- bounded objects
 
 bool holds(const ZuMem *obj, uint32_t offset) { return obj && offset < static_cast<uint32_t>(obj->capacity); }
 
@@ -53,38 +126,38 @@ uint32_t trackedSize(const void *block) {
   return size;
 }
 
+bool hasAllocated() { return l_hasAllocated; }
+
 void *mallocWithSlack(int32_t id, uint32_t size, uint32_t slack) {
-  const uint64_t whole = uint64_t{size} + kHeaderSize + slack;
-  if (whole > UINT32_MAX) return nullptr;
-  auto *block = static_cast<uint8_t *>(VRK_Malloc(static_cast<uint32_t>(whole)));
-  if (!block) return nullptr;
-  std::memcpy(block, &size, sizeof size);  // copied: the platform's blocks need not be aligned
-  ZuMem_Size[id & 0xFF] += size + kHeaderSize;
-  ++ZuMem_MallocCnt[id & 0xFF];
-  return block + kHeaderSize;
+  const Locked locked;
+  return takeBlock(id, size, slack);
 }
 
-void *ZuMem_Malloc(int32_t id, uint32_t size) { return mallocWithSlack(id, size, 0); }
+void *takeLocal(uint32_t size) { return mallocWithSlack(0, size, 0); }
+
+void *takeLocalStatic(uint32_t size) {
+  const Locked locked;
+  return takeStatic(0, size);
+}
+
+void giveLocal(void *ptr) {
+  const Locked locked;
+  giveBlock(0, ptr);
+}
+
+void *ZuMem_Malloc(int32_t id, uint32_t size) {
+  const Guarded guard(__func__);
+  return takeBlock(id, size, 0);
+}
 
 void ZuMem_Free(int32_t id, void *ptr) {
-  if (!ptr) return;
-  const uint32_t size = trackedSize(ptr);
-  VRK_Free(static_cast<uint8_t *>(ptr) - kHeaderSize);
-  ZuMem_Size[id & 0xFF] -= size + kHeaderSize;
-  ++ZuMem_FreeCnt[id & 0xFF];
+  const Guarded guard(__func__);
+  giveBlock(id, ptr);
 }
 
 void *ZuMem_Malloc_Static(int32_t id, uint32_t size) {
-  if (size == 0 || size > UINT32_MAX - 3) return nullptr;
-  const uint32_t rounded = (size + 3) & ~3U;
-  if (rounded > kPoolLargestBlock) return ZuMem_Malloc(id, rounded);
-  if (static_mem && l_static_leftsize >= rounded) return carveFromPool(rounded);
-
-  static_mem = static_cast<uint8_t *>(ZuMem_Malloc(id, kPoolChunkSize));  // the old chunk's rest is given up
-  if (!static_mem) return ZuMem_Malloc(id, rounded);
-  ++l_static_times;
-  l_static_leftsize = kPoolChunkSize;
-  return carveFromPool(rounded);
+  const Guarded guard(__func__);
+  return takeStatic(id, size);
 }
 
 void *ZuMem_LocalMalloc(uint32_t size) { return ZuMem_Malloc(0, size); }
@@ -94,24 +167,21 @@ void *ZuMem_LocalMalloc_Static(uint32_t size) { return ZuMem_Malloc_Static(0, si
 void ZuMem_LocalFree(void *ptr) { ZuMem_Free(0, ptr); }
 
 void ZuMem_Show(void) {
+  const Waiting mark(__func__);
   ZuPrint_Puts("   id        size    malloc    free", 0);
   ZuPrint_Puts("-------------------------------------", 0);
-  for (int32_t id = 0; id < kIdCount; ++id) {
-    if (ZuMem_Size[id] == 0) continue;
-    ZuPrint_Puts(ZuString_SFormat("  %3d  0x%08x      %4d    %4d", static_cast<int>(id), ZuMem_Size[id],
-                                  static_cast<int>(ZuMem_MallocCnt[id]), static_cast<int>(ZuMem_FreeCnt[id])),
-                 0);
-  }
+  for (int32_t id = 0; id < kIdCount; ++id) showAccount(id);
   ZuPrint_Puts("", 0);
-  ZuPrint_Puts(ZuString_SFormat("static memory : left         = 0x%08x", l_static_leftsize), 0);
-  ZuPrint_Puts(ZuString_SFormat("static memory : times        = %d", static_cast<int>(l_static_times)), 0);
-  ZuPrint_Puts(ZuString_SFormat("static memory : malloc times = %d", static_cast<int>(l_static_malloc_times)), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : left         = 0x%08x", readLocked(&l_static_leftsize)), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : times        = %d", static_cast<int>(readLocked(&l_static_times))), 0);
+  ZuPrint_Puts(
+      ZuString_SFormat("static memory : malloc times = %d", static_cast<int>(readLocked(&l_static_malloc_times))), 0);
 }
 
 ZuMem *ZuMem_New(int32_t capacity, int32_t static_flag) {
   if (capacity < 0) return nullptr;
   const uint32_t size = static_cast<uint32_t>(capacity) + kObjectHeaderSize;
-  auto *obj = static_cast<ZuMem *>(static_flag ? ZuMem_LocalMalloc_Static(size) : ZuMem_LocalMalloc(size));
+  auto *obj = static_cast<ZuMem *>(static_flag ? takeLocalStatic(size) : takeLocal(size));
   if (!obj) return nullptr;
   obj->capacity = capacity;
   obj->staticFlag = static_flag;
@@ -119,7 +189,7 @@ ZuMem *ZuMem_New(int32_t capacity, int32_t static_flag) {
 }
 
 void ZuMem_Release(ZuMem *obj) {
-  if (obj && obj->staticFlag == 0) ZuMem_LocalFree(obj);
+  if (obj && obj->staticFlag == 0) giveLocal(obj);
 }
 
 ZuMem *ZuMem_realloc(ZuMem *obj, int32_t new_capacity) {

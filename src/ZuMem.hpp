@@ -17,3 +17,12 @@ uint32_t trackedSize(const void *block);
 
 // As ZuMem_Malloc, with `slack` more bytes addressable behind the block that are not counted with it.
 void *mallocWithSlack(int32_t id, uint32_t size, uint32_t slack);
+
+// As ZuMem_LocalMalloc, ZuMem_LocalMalloc_Static and ZuMem_LocalFree, for what works on objects of the caller's own,
+// which any thread may have: containers.
+void *takeLocal(uint32_t size);
+void *takeLocalStatic(uint32_t size);
+void giveLocal(void *ptr);
+
+// Whether a block was ever taken.
+bool hasAllocated();

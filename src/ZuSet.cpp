@@ -39,7 +39,7 @@ ZuSet *ZuSet_New(uint32_t capacity) {
   return set;
 }
 
-void ZuSet_Release(ZuSet *set) { ZuMem_LocalFree(set); }
+void ZuSet_Release(ZuSet *set) { giveLocal(set); }
 
 int32_t ZuSet_Get(const ZuSet *set, uint32_t index) {
   if (!set || index >= set->capacity) return 0;

@@ -9,8 +9,8 @@
 
 #include "ZuBuf.hpp"
 #include "ZuList.hpp"
+#include "ZuMem.hpp"
 #include "ZuPrint.hpp"
-#include "kep/ZuMem.h"
 #include "kep/platform.h"
 #include "numbers.hpp"
 
@@ -132,7 +132,7 @@ Element *elementAt(ZuList *list, int32_t index) {
 
 template <typename Record>
 Record *makeRecord() {
-  void *record = ZuMem_LocalMalloc(sizeof(Record));
+  void *record = takeLocal(sizeof(Record));
   if (record) std::memset(record, 0, sizeof(Record));
   return static_cast<Record *>(record);
 }
@@ -150,7 +150,7 @@ Record *obtain(ZuList *list, ListPlace *place, int32_t index, bool *isNew) {
     node->data = record;
     return record;
   }
-  ZuMem_LocalFree(record);
+  giveLocal(record);
   return nullptr;
 }
 
@@ -166,7 +166,7 @@ ZuList *obtainRow(ZuTable *table, int32_t row) {
   if (row < 0) return nullptr;
   ZuListNode *node = findRow(table, row);
   if (node && node->data) return static_cast<ZuList *>(node->data);
-  ZuList *cells = ZuList_New(0, ZuMem_LocalFree);
+  ZuList *cells = ZuList_New(0, giveLocal);
   node = extendTo(table->rows, &table->lastRow, row);  // without a list too: the row then counts, and is empty
   if (node) {
     node->data = cells;
@@ -326,7 +326,7 @@ void drawFooter(Canvas &canvas, const ZuTable *table, int32_t width) {
 ZuTable *ZuTable_New(void) {
   auto *table = makeRecord<ZuTable>();
   if (!table) return nullptr;
-  table->columns = ZuList_New(0, ZuMem_LocalFree);
+  table->columns = ZuList_New(0, giveLocal);
   table->rows = ZuList_New(0, releaseRow);
   if (table->columns && table->rows) return table;
   ZuTable_Release(table);
@@ -344,7 +344,7 @@ void ZuTable_Release(ZuTable *table) {
   if (!table) return;
   ZuList_Release(table->rows);
   ZuList_Release(table->columns);
-  ZuMem_LocalFree(table);
+  giveLocal(table);
 }
 
 void ZuTable_ClearLines(ZuTable *table) {

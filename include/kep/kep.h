@@ -27,6 +27,29 @@
 #include "kep/ZuTable.h"
 #include "kep/ZuTime.h"
 #include "kep/ZuTimer.h"
+#include "kep/api.h"
 #include "kep/platform.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The version of these headers. */
+#define KEP_VERSION_MAJOR 0
+#define KEP_VERSION_MINOR 2
+#define KEP_VERSION_PATCH 0
+#define KEP_VERSION "0.2.0"
+
+/* The version of the library that is linked, as a text that is never freed. */
+KEP_API const char *Kep_Version(void);
+
+/* Makes the library safe to call from any thread, by a lock of the host's that nests: a thread may lock again what it
+ * has locked. To be called once, before any other call: a second call, or one after an allocation, is ignored, and so
+ * is one with a NULL. Without it there is no locking. */
+KEP_API void Kep_SetLock(void (*lock)(void), void (*unlock)(void));
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -43,6 +43,11 @@ KEP_API void VRK_Delay(uint32_t ms);
  * would print is certain; it is still asked for all others, such as very large doubles. */
 KEP_API int PLM_snprintf(char *buffer, size_t size, const char *format, ...) KEP_PRINTF(3, 4);
 
+/* Of kep::platform_posix, in an object of its own that links beside another service layer too: makes the library safe
+ * to call from any thread (Kep_SetLock, whose rules hold) by a recursive mutex of the POSIX threads library. Its holder
+ * inherits the priority of who waits for it, unless the build has KEP_POSIX_PRIO_INHERIT off. */
+KEP_API void KepPosix_UseThreads(void);
+
 #ifdef __cplusplus
 }
 #endif
