@@ -33,7 +33,7 @@ std::vector<Peer> peersFor(size_t messages) {
   };
   for (size_t k = 1; k <= messages; ++k) {
     peers.push_back({"resets", {k, Manner::kResets}, Fates(k - 1, '.') + "rs"});
-    peers.push_back({"closes", {k, Manner::kCloses}, Fates(k, '.') + "s", true});
+    peers.push_back({"closes", {k, Manner::kCloses}, Fates(k - 1, '.') + "es", true});
     peers.push_back({"falls silent", {k, Manner::kFallsSilent}, Fates(k - 1, '.') + "rs", false, kAck});
   }
   return peers;
