@@ -24,9 +24,10 @@ int boardPort;
 char address[16], data[100];
 
 int service() {
-  const int fd = CollectClient_Init();
-  close(fd);
-  return fd < 0 ? Collect_Init(0) : 1;
+  static int calls;
+  if (calls++ % 2 == 1) Collect_Stop();  // when nothing fails
+  Collect_SetAddress(host::Service::address().c_str(), 0);
+  return Collect_Init(0);
 }
 int create() {
   const int fd = ZuSock_UDP_Create("127.0.0.77", boardPort);
@@ -73,8 +74,9 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
     const char *printed = "";  // when it works
   } cases[] = {
       {datedLine, "time", EOVERFLOW, kOn, 27 + 49, 27 + 49},  // first, when no second is known: a clock at -1 is one
-      {service, "socket", EMFILE, 2, -1, 1},
-      {service, "bind", EADDRINUSE, 2, -1, 1},
+      {service, "socketpair", EMFILE, 1, -1, 0},
+      {service, "socket", EMFILE, 1, -1, 0},
+      {service, "bind", EADDRINUSE, 1, -1, 0},
       {create, "socket", EMFILE, 1, -1, 1},
       {create, "bind", EADDRINUSE, 1, -1, 1},
       {send, "setsockopt", ENOMEM, 1, 3, 3},  // only broadcasts need it
@@ -185,24 +187,16 @@ class FailingRuns : public Runs {
 
 TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
   const Fault faults[] = {
-      {"socket", EMFILE, 1, "c."},
-      {"connect", ECONNREFUSED, 1, "c."},
-      {"connect", EINTR, 1, "."},
-      {"getsockopt", ENOBUFS, 1, "c."},
-      {"getsockname", ENOBUFS, 1, "."},
-      {"getpeername", ENOTCONN, 1, "."},
-      {"poll", ENOMEM, 1, "crs"},
-      {"poll", EINTR, 3, "."},
-      {"send", ENOBUFS, 1, "s."},
-      {"send", ECONNRESET, kOn, "s"},
-      {"send", EINTR, 3, "."},
-      {"send", EAGAIN, 3, "."},
+      {"socket", EMFILE, 1, "c."},      {"connect", ECONNREFUSED, 1, "c."},
+      {"connect", EINTR, 1, "."},       {"getsockopt", ENOBUFS, 1, "c."},
+      {"getsockname", ENOBUFS, 1, "."}, {"getpeername", ENOTCONN, 1, "."},
+      {"poll", ENOMEM, 1, "crs"},       {"poll", EINTR, 3, "."},
+      {"send", ENOBUFS, 1, "s."},       {"send", ECONNRESET, kOn, "s"},
+      {"send", EINTR, 3, "."},          {"send", EAGAIN, 3, "."},
       {"send", 0, kOn, ".", 1},      // a byte at a time
       {"send", ENOBUFS, 2, "s", 1},  // nothing may follow a message cut short
-      {"recv", ENOMEM, 1, "r."},
-      {"recv", ECONNRESET, kOn, "r"},
-      {"recv", EINTR, 3, "."},
-      {"recv", EAGAIN, 3, "."},
+      {"recv", ENOMEM, 1, "r."},        {"recv", ECONNRESET, kOn, "r"},
+      {"recv", EINTR, 3, "."},          {"recv", EAGAIN, 3, "."},
   };
   for (const int32_t limitMs : {0, 60000}) {
     for (const Fault &fault : faults) {
@@ -226,24 +220,26 @@ TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
 // ---- the service
 
 TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
-  static std::atomic<bool> hasReturned{false};
-  platform::takeDelays();  // of the logs that were shown before
-  Server server;
   StdoutCapture output;
-  std::thread([] {
-    const Plan plan("recvfrom", ENOMEM, 1, 5);
-    Collect_Init(0);
-    hasReturned = true;
-  }).detach();
-  std::vector<uint32_t> pauses;
-  while (pauses.size() < 5 && !hasReturned) {
-    for (const uint32_t pause : platform::takeDelays()) pauses.push_back(pause);
+  {
+    host::Service service([] {
+      const Plan plan("poll", ENOMEM, 1, 10);  // of the socket, and of the pause
+      return Collect_Init(0);
+    });
+    Server server;
+    service.ask(wire::request(16, 0, 5, server.port()));
+    EXPECT_EQ(wire::wordAt(server.messages().at(0), 8), 5);
+    EXPECT_EQ(platform::takeDelays(), std::vector<uint32_t>(5, 1000));
+    EXPECT_EQ(service.stop(), 0);
   }
-  ASSERT_FALSE(hasReturned) << "port 9099 is in use";
-  ask(wire::request(16, 0, 5, server.port()), 9099);
-  EXPECT_EQ(wire::wordAt(server.messages().at(0), 8), 5);
+  host::Service service([] {
+    const Plan plan("recvfrom", ENOMEM, 1, kOn);
+    return Collect_Init(0);
+  });
+  service.ask("");
+  service.awaitSleep();
+  EXPECT_EQ(service.stop(), 0);  // which ends the pause
   EXPECT_TRUE(platform::takeDelays().empty());
-  EXPECT_EQ(pauses, std::vector<uint32_t>(5, 1000));
   EXPECT_EQ(output.take(), "size=16\n");
 }
 
