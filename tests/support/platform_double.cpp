@@ -1,6 +1,7 @@
 #include "support/platform_double.hpp"
 
-#include <kep/platform.h>
+#include <kep/kep.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #if __has_include(<valgrind/memcheck.h>)
@@ -42,9 +43,36 @@ bool allocationFails(uint32_t size) {
   return true;
 }
 
+// ---- the library's lock
+
+pthread_mutex_t libraryMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+thread_local int depth;
+
+void lockLibrary() {
+  pthread_mutex_lock(&libraryMutex);
+  ++depth;
+}
+
+void unlockLibrary() {
+  --depth;
+  pthread_mutex_unlock(&libraryMutex);
+}
+
+[[gnu::constructor]] void giveLock() {
+  if (platform::isLocking()) Kep_SetLock(lockLibrary, unlockLibrary);
+}
+
 }  // namespace
 
 namespace platform {
+
+bool isLocking() { return std::getenv("KEP_TEST_LOCK") != nullptr; }
+
+void expectNoLockHeld(const char *call) {
+  if (depth == 0) return;
+  std::fprintf(stderr, "%s is called with the lock held\n", call);
+  std::abort();
+}
 
 void failAllocation(int n, bool andAllAfter) {
   const std::lock_guard<std::mutex> guard(lock);
@@ -118,6 +146,7 @@ void VRK_Free(void *block) {
 }
 
 int VRK_RawPrint(const char *format, ...) {
+  platform::expectNoLockHeld("VRK_RawPrint");
   char text[20000];
   va_list args;
   va_start(args, format);
@@ -129,6 +158,7 @@ int VRK_RawPrint(const char *format, ...) {
 }
 
 void VRK_Delay(uint32_t ms) {
+  platform::expectNoLockHeld("VRK_Delay");
   const std::lock_guard<std::mutex> guard(lock);
   delays.push_back(ms);
 }

@@ -1,5 +1,6 @@
 // platform_double.hpp: a service layer for tests. It keeps what is printed, fails the allocation it is told to fail,
-// counts live blocks, fills every block with a chosen byte, and never sleeps.
+// counts live blocks, fills every block with a chosen byte, and never sleeps. With KEP_TEST_LOCK in the environment it
+// gives the library a lock before anything else is called.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,12 @@
 namespace platform {
 
 constexpr int kNever = -1;
+
+// Whether the library has a lock.
+bool isLocking();
+
+// Ends the program when this thread is in a call of the library's that holds the lock: nobody may wait there.
+void expectNoLockHeld(const char *call);
 
 // Lets the n-th allocation from now fail (0: the next one), or, with `andAllAfter`, every one from there on.
 void failAllocation(int n, bool andAllAfter = false);
