@@ -144,7 +144,7 @@ void serveOne(int fd, uint8_t id0, uint8_t id1) {
   if (sequence == -1) return;
   if (isRefused(addressText, port, type)) {
     count(&CollectStats::refused);
-  } else if (type == CollectRequest_SelfTest) {
+  } else if (type == COLLECTCLIENT_SELFTEST) {
     Collect_SelfTest(addressText, port, sequence, id0, id1);
   } else {
     Collect_Start(addressText, port, static_cast<int32_t>(type), sequence, id0, id1);

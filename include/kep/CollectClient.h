@@ -33,7 +33,7 @@
  *   int32_t sequence = CollectClient_WaitFor(fd, 0, 0, &type, address, &port);
  *   if (sequence == -1) continue;                        // no request
  *   if (!isWelcome(address, port & 0xFFFF, type)) continue;   // Collect_SetAccess is for Collect_Init alone
- *   if (type == CollectRequest_SelfTest) Collect_SelfTest(address, port, sequence, id0, id1);
+ *   if (type == COLLECTCLIENT_SELFTEST) Collect_SelfTest(address, port, sequence, id0, id1);
  *   else Collect_Start(address, port, (int32_t)type, sequence, id0, id1);
  *
  * Both runs wait as long as CollectClient_SetTimeout lets them, and log to g_collect_param's logger where the host has
@@ -51,7 +51,7 @@ extern "C" {
 
 /* Types of a request. The first three ask for a collection, and the items' callbacks are given the type: what it stands
  * for is for the host to say. */
-enum { CollectRequest_Type0 = 0, CollectRequest_Type1 = 1, CollectRequest_Type2 = 2, CollectRequest_SelfTest = 3 };
+enum { COLLECTCLIENT_TYPE0 = 0, COLLECTCLIENT_TYPE1 = 1, COLLECTCLIENT_TYPE2 = 2, COLLECTCLIENT_SELFTEST = 3 };
 
 /* Opens the request socket on UDP port 9099 of every address, or where Collect_SetAddress says, without address reuse.
  * Returns its descriptor, which the caller owns, or -1, for example when the port is taken. */

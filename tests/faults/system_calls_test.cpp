@@ -243,6 +243,27 @@ TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
   EXPECT_EQ(output.take(), "size=16\n");
 }
 
+// The numbers of the service's descriptors are other files' as soon as it has ended.
+TEST(Service, IsStoppedByNothingThatHitsAnotherFile) {
+  Collect_SetAddress(host::Service::address().c_str(), 0);
+  std::atomic<bool> isDone{false};
+  std::thread others([&] {
+    const Plan late("shutdown", EINTR, 1, kOn);
+    while (!isDone) Collect_Stop();
+  });
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(Collect_Init(0), 0);
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    usleep(3000);  // longer than a call is late
+    for (const int fd : pair) EXPECT_EQ(send(fd, "x", 1, MSG_NOSIGNAL), 1);
+    for (const int fd : pair) close(fd);
+  }
+  isDone = true;
+  others.join();
+  Collect_Stop(), Collect_Init(0);  // one may have come behind the last service
+}
+
 // ---- the configuration query
 
 struct Query {
