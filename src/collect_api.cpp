@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "Kep.hpp"
 #include "ZuFault.hpp"
@@ -29,34 +28,40 @@ constexpr int32_t kItemCount = sizeof(CollectParam::items) / sizeof(CollectParam
 constexpr size_t kLongestName = sizeof(CollectItem::name) - 1;
 constexpr uint32_t kDefaultLogSize = 0x100000;
 
+CollectAccess l_access;  // NULL: everyone is served. Any thread may set it
+
 // All of this, and the table of items, is under the lock.
-CollectAccess l_access;  // NULL: everyone is served
 uint32_t l_logSize = kDefaultLogSize;
-bool l_isReleased[kItemCount];  // beside the table of items: to be freed when no run needs it
-int32_t l_runs;                 // under way: a callback may begin another
+uint32_t l_released;  // a bit for each item that is to be freed when no run needs it
+int32_t l_runs;       // under way: a callback may begin another
+
+bool isReleased(int32_t place) { return l_released >> place & 1; }
 
 // Where an item stands, -1 for one that does not, or that is released. It may be freed: only its address is looked at.
 int32_t placeOf(const CollectItem *item) {
   const CollectParam &param = g_collect_param;
   for (int32_t i = 0; i < param.count; ++i) {
-    if (param.items[i] == item && !l_isReleased[i]) return i;
+    if (param.items[i] == item && !isReleased(i)) return i;
   }
   return -1;
 }
 
 void freeReleased() {
-  CollectParam &param = g_collect_param;
+  CollectItem **const items = g_collect_param.items;
+  const int32_t count = g_collect_param.count;
   int32_t kept = 0;
-  for (int32_t i = 0; i < param.count; ++i) {
-    CollectItem *item = param.items[i];
-    if (std::exchange(l_isReleased[i], false)) {
+  for (int32_t i = 0; i < count; ++i) {
+    CollectItem *item = items[i];
+    items[i] = nullptr;
+    if (isReleased(i)) {
       ZuMem_Free(kModuleId, item);
-      continue;
+    } else {
+      item->index = kept;
+      items[kept++] = item;
     }
-    item->index = kept;
-    param.items[kept++] = item;
   }
-  while (param.count > kept) param.items[--param.count] = nullptr;
+  g_collect_param.count = kept;
+  l_released = 0;
 }
 
 #ifdef NDEBUG
@@ -65,7 +70,7 @@ void warnOf(const char *) {}
 bool isNamed(const char *name) {
   const CollectParam &param = g_collect_param;
   for (int32_t i = 0; i < param.count; ++i) {
-    if (!l_isReleased[i] && std::strncmp(param.items[i]->name, name, kLongestName) == 0) return true;
+    if (!isReleased(i) && std::strncmp(param.items[i]->name, name, kLongestName) == 0) return true;
   }
   return false;
 }
@@ -128,11 +133,7 @@ void sendLog(const CollectItem *item, int32_t key, const ZuLogger *log) {
 
 // Only the port's low 16 bits count when connecting, so they are what is decided on.
 bool isRefused(const char *addressText, int32_t port, uint32_t type) {
-  CollectAccess access;
-  {
-    const Locked locked;
-    access = l_access;
-  }
+  const CollectAccess access = __atomic_load_n(&l_access, __ATOMIC_RELAXED);
   return access && !access(addressText, port & 0xFFFF, static_cast<int32_t>(type));
 }
 
@@ -143,7 +144,7 @@ void serveOne(int fd, uint8_t id0, uint8_t id1) {
   const int32_t sequence = CollectClient_WaitFor(fd, id0, id1, &type, addressText, &port);
   if (sequence == -1) return;
   if (isRefused(addressText, port, type)) {
-    count(&CollectStats::refused);
+    countUp(collectStats().refused);
   } else if (type == COLLECTCLIENT_SELFTEST) {
     Collect_SelfTest(addressText, port, sequence, id0, id1);
   } else {
@@ -172,20 +173,22 @@ void serveUntilStopped(int fd, uint32_t identity) {
 
 }  // namespace
 
-int32_t holdItems() {
+int32_t beginItems() {
   const Locked locked;
   ++l_runs;
   return g_collect_param.count;
 }
 
-void letItemsGo() {
+int32_t endItems(bool isDone) {
+  countRun(isDone);
   const Locked locked;
   if (--l_runs == 0) freeReleased();
+  return isDone;
 }
 
 const CollectItem *itemOfRun(int32_t index) {
   const Locked locked;
-  return l_isReleased[index] ? nullptr : g_collect_param.items[index];
+  return isReleased(index) ? nullptr : g_collect_param.items[index];
 }
 
 int32_t Collect_Init(uint32_t identity) {
@@ -218,7 +221,7 @@ void Collect_Release(CollectItem *item) {
   const Guarded guard(__func__);
   const int32_t place = placeOf(item);
   if (place < 0) return;
-  l_isReleased[place] = true;
+  l_released |= 1U << place;
   if (l_runs == 0) freeReleased();
 }
 
@@ -285,6 +288,6 @@ void Collect_ShowLog(void) {
 }
 
 void Collect_SetAccess(CollectAccess access) {
-  const Guarded guard(__func__);
-  l_access = access;
+  const Waiting mark(__func__);
+  __atomic_store_n(&l_access, access, __ATOMIC_RELAXED);
 }

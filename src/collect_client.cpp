@@ -1,7 +1,7 @@
 // collect_client.cpp: the request socket, the connection of a run, and every byte that goes over it.
 //
 // All of it belongs to the serving thread, but for the settings and the counters. The connection never blocks: whatever
-// waits does so in waitUntil, which a limit or a stop of the service ends.
+// waits does so in waitUnlessStopped, which a limit or a stop of the service ends.
 //
 //   send buffer  message header: length (4) | type (4) | sequence (4) | payload (1024)
 //
@@ -31,7 +31,7 @@ namespace {
 constexpr int kRequestPort = 9099;
 constexpr int32_t kRequestSize = 16;
 constexpr uint32_t kRequestTypeCount = 4;
-constexpr uint32_t kFailurePauseMs = 1000;
+constexpr int32_t kFailurePauseMs = 1000;
 
 constexpr int32_t kModuleId = 100;  // of tracked memory
 constexpr int32_t kHeaderSize = 12;
@@ -59,27 +59,35 @@ int32_t l_unacknowledged;  // messages of the run, so far
 
 CollectStats l_stats;  // read by any thread, without a lock
 
-// ---- settings, under the lock
+// ---- settings, which any thread may make
 
 // How long each may take, in milliseconds; 0: for ever.
 int32_t l_connectMs;
 int32_t l_sendMs;
 int32_t l_ackMs;
 
-bool l_isTraced = true;
+bool l_isSilent;
 
-// Where the next request socket is bound, and where connections leave from.
+// Under the lock: where the next request socket is bound, and where connections leave from.
 in_addr_t l_listenHost = INADDR_ANY;
 int32_t l_listenPort = kRequestPort;
 in_addr_t l_ownHost = INADDR_ANY;
 bool l_hasListened;
 
-uint32_t read(const uint32_t &counter) { return __atomic_load_n(&counter, __ATOMIC_RELAXED); }
+template <typename T>
+T read(const T &value) {
+  return __atomic_load_n(&value, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+void set(T *out, T value) {
+  __atomic_store_n(out, value, __ATOMIC_RELAXED);
+}
 
 // ---- texts
 
 void say(const char *text) {
-  if (isTraced()) printPastSink("%s\n", text);
+  if (!isSilent()) printPastSink("%s\n", text);
 }
 
 // ---- sockets
@@ -96,15 +104,7 @@ bool bindTo(int fd, const sockaddr_in &address) {
   return bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
-Deadline deadlineFor(const int32_t &setting) {
-  const Locked locked;
-  return Deadline(setting > 0 ? setting : Deadline::kNoLimit);
-}
-
-// False when the time is over first, or the service stops.
-bool waitUntil(const Deadline &deadline, int fd, short events) {
-  return !isStopped() && deadline.waitFor(fd, events, wakeDescriptor());
-}
+Deadline deadlineFor(int32_t limitMs) { return Deadline(limitMs > 0 ? limitMs : Deadline::kNoLimit); }
 
 bool leaveFromOwnAddress(int fd) {
   in_addr_t host;
@@ -117,9 +117,9 @@ bool leaveFromOwnAddress(int fd) {
 
 bool connectTo(int fd, const sockaddr_in &address) {
   if (isStopped()) return false;
-  const Deadline deadline = deadlineFor(l_connectMs);
+  const Deadline deadline = deadlineFor(read(l_connectMs));
   if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return true;
-  if ((errno != EINTR && errno != EINPROGRESS) || !waitUntil(deadline, fd, POLLOUT)) return false;
+  if ((errno != EINTR && errno != EINPROGRESS) || !waitUnlessStopped(deadline, fd, POLLOUT)) return false;
   int error = 0;
   socklen_t size = sizeof error;
   return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
@@ -164,12 +164,12 @@ bool openConnection(const char *addrText, int32_t port) {
 bool sendAll(const uint8_t *data, size_t size) {
   if (l_fd == 0 || isStopped()) return false;
   const size_t whole = size;
-  const Deadline deadline = deadlineFor(l_sendMs);
+  const Deadline deadline = deadlineFor(read(l_sendMs));
   while (size > 0) {
     const ssize_t sent = send(l_fd, data, size, MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0 && errno == EAGAIN) {
-      if (!deadline.isOver() && waitUntil(deadline, l_fd, POLLOUT)) continue;
+      if (!deadline.isOver() && waitUnlessStopped(deadline, l_fd, POLLOUT)) continue;
       closeConnection();  // given up: the rest of the run shall not wait for it again
     }
     if (sent <= 0) {
@@ -185,9 +185,9 @@ bool sendAll(const uint8_t *data, size_t size) {
 // One receive, of at most 16 bytes that nobody looks at. Returns their number, 0 for a connection closed by the server,
 // or -1. A socket can be called ready and yet have nothing to give.
 ssize_t receiveAck() {
-  const Deadline deadline = deadlineFor(l_ackMs);
+  const Deadline deadline = deadlineFor(read(l_ackMs));
   uint8_t ack[kAckSize];
-  while (waitUntil(deadline, l_fd, POLLIN)) {
+  while (waitUnlessStopped(deadline, l_fd, POLLIN)) {
     const ssize_t size = recv(l_fd, ack, sizeof ack, 0);
     if (size >= 0) return size;
     if (errno == EINTR) continue;
@@ -242,25 +242,16 @@ int32_t putPiece(uint8_t pieceType, int32_t index, int32_t section, int32_t key,
 
 // ---- the request
 
-// The size of the next datagram, of which at most 16 bytes are kept, or -1. Only the service's own loop must not block
-// in here: another host's waits as it always has.
+// The size of the next datagram, of which at most 16 bytes are kept, or -1.
 ssize_t receiveRequest(int fd, uint8_t *request, sockaddr_in *sender) {
-  const bool mayStop = wakeDescriptor() >= 0;
-  const int flags = MSG_TRUNC | (mayStop ? MSG_DONTWAIT : 0);  // the true size: a longer datagram is no good one cut
+  constexpr int kFlags = MSG_DONTWAIT | MSG_TRUNC;  // the true size, so that a longer datagram is no good one cut
   socklen_t senderSize = sizeof *sender;
   ssize_t size;
   do {
-    if (mayStop && !waitUntil(Deadline(Deadline::kNoLimit), fd, POLLIN)) return -1;
-    size = recvfrom(fd, request, kRequestSize, flags, reinterpret_cast<sockaddr *>(sender), &senderSize);
-  } while (size < 0 && (errno == EINTR || (mayStop && errno == EAGAIN)));
+    if (!waitUnlessStopped(Deadline(Deadline::kNoLimit), fd, POLLIN)) return -1;
+    size = recvfrom(fd, request, kRequestSize, kFlags, reinterpret_cast<sockaddr *>(sender), &senderSize);
+  } while (size < 0 && (errno == EINTR || errno == EAGAIN));
   return size;
-}
-
-// A socket that keeps failing must not make its server spin. A stop ends the pause.
-void pauseAfterFailure() {
-  const Deadline pause(kFailurePauseMs);
-  const bool isStopped = pause.waitFor(wakeDescriptor(), 0);
-  if (!isStopped && !pause.isOver()) VRK_Delay(kFailurePauseMs);  // outside the service, or poll fails, too
 }
 
 // A datagram can claim any sender. What connects to 0.0.0.0 meets the board itself, past an access rule that refuses
@@ -272,14 +263,11 @@ bool canBeOneHost(in_addr address) {
 
 }  // namespace
 
-void count(uint32_t CollectStats::*counter) { __atomic_add_fetch(&(l_stats.*counter), 1, __ATOMIC_RELAXED); }
+CollectStats &collectStats() { return l_stats; }
 
-bool isTraced() {
-  const Locked locked;
-  return l_isTraced;
-}
+void countRun(bool isDone) { countUp(isDone && l_unacknowledged == 0 ? l_stats.finishedRuns : l_stats.failedRuns); }
 
-bool isAcknowledged() { return l_unacknowledged == 0; }
+bool isSilent() { return read(l_isSilent); }
 
 void dropRun() {
   closeConnection();
@@ -308,17 +296,17 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
   sockaddr_in sender{};
   const ssize_t size = receiveRequest(fd, request, &sender);
   if (size < 0) {
-    pauseAfterFailure();
+    pauseUnlessStopped(kFailurePauseMs);  // a socket that keeps failing must not make its server spin
     return -1;
   }
-  if (isTraced()) printPastSink("size=%ld\n", static_cast<long>(size));
-  count(&CollectStats::datagrams);
+  if (!isSilent()) printPastSink("size=%ld\n", static_cast<long>(size));
+  countUp(l_stats.datagrams);
 
   const auto length = loadBig<uint32_t>(request), type = loadBig<uint32_t>(request + 4);
   const auto sequence = loadBig<uint32_t>(request + 8), port = loadBig<uint32_t>(request + 12);
   if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount ||
       !canBeOneHost(sender.sin_addr)) {
-    count(&CollectStats::dropped);
+    countUp(l_stats.dropped);
     return -1;
   }
   if (typeOut) *typeOut = type;
@@ -417,7 +405,7 @@ int32_t CollectClient_Flush(int32_t sequence) {
   }
   if (ackSize > 0) {
     --l_unacknowledged;
-    count(&CollectStats::messages);
+    countUp(l_stats.messages);
   }
   return 1;
 }
@@ -430,15 +418,15 @@ void CollectClient_End(void) {
 }
 
 void CollectClient_SetTimeout(int32_t connectMs, int32_t sendMs, int32_t ackMs) {
-  const Guarded guard(__func__);
-  l_connectMs = connectMs;
-  l_sendMs = sendMs;
-  l_ackMs = ackMs;
+  const Waiting mark(__func__);
+  set(&l_connectMs, connectMs);
+  set(&l_sendMs, sendMs);
+  set(&l_ackMs, ackMs);
 }
 
 void CollectClient_SetTrace(int32_t on) {
-  const Guarded guard(__func__);
-  l_isTraced = on != 0;
+  const Waiting mark(__func__);
+  set(&l_isSilent, on == 0);
 }
 
 int32_t Collect_SetAddress(const char *addressText, int32_t port) {

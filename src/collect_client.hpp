@@ -4,14 +4,15 @@
 #include "kep/Collect.h"
 #include "kep/CollectClient.h"
 
-// Counts one more.
-void count(uint32_t CollectStats::*counter);
+// What the serving thread counts, and any thread reads.
+CollectStats &collectStats();
+inline void countUp(uint32_t &counter) { __atomic_store_n(&counter, counter + 1, __ATOMIC_RELAXED); }
 
-// Whether texts leave that nobody has to see.
-bool isTraced();
+// Counts a run, as a finished one when it was done and every message has an acknowledgement of its own.
+void countRun(bool isDone);
 
-// Whether every message of the run so far has an acknowledgement of its own.
-bool isAcknowledged();
+// Whether the host wants no texts that nobody has to see.
+bool isSilent();
 
 // Closes the connection and frees the message, sending nothing more.
 void dropRun();

@@ -66,16 +66,10 @@ void logItem(const CollectItem *item, const char *what) {
   log(ZuString_SFormat("%s [%s] %s\n", time, item->name, what));
 }
 
-int32_t endRun(bool isDone) {
-  letItemsGo();
-  count(isDone && isAcknowledged() ? &CollectStats::finishedRuns : &CollectStats::failedRuns);
-  return isDone;
-}
-
 int32_t Collect_Start(const char *addressText, int32_t port, int32_t requestType, int32_t sequence, uint8_t id0,
                       uint8_t id1) {
   const Waiting mark(__func__);
-  const int32_t itemCount = holdItems();
-  return endRun(beginRun(addressText, port, sequence, id0, id1) && sendCatalogue(itemCount) &&
-                collectItems(itemCount, requestType));
+  const int32_t itemCount = beginItems();
+  return endItems(beginRun(addressText, port, sequence, id0, id1) && sendCatalogue(itemCount) &&
+                  collectItems(itemCount, requestType));
 }

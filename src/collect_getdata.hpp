@@ -5,9 +5,10 @@
 
 #include "kep/Collect.h"
 
-// Between these two no item is freed or changes its index. The first returns how many items the run has.
-int32_t holdItems();
-void letItemsGo();
+// Between these two no item is freed or changes its index. The first returns how many items the run has, the second
+// counts the run and returns its result.
+int32_t beginItems();
+int32_t endItems(bool isDone);
 
 // An item of the run, NULL when it has been released since.
 const CollectItem *itemOfRun(int32_t index);
@@ -21,9 +22,6 @@ bool flushToServer();
 
 // Logs "<time> [<item name>] <what>\n".
 void logItem(const CollectItem *item, const char *what);
-
-// Ends what holdItems began, counts the run, and returns the result that its caller gives.
-int32_t endRun(bool isDone);
 
 // The message types, in the order of a run.
 enum MessageType : int32_t { kIdentityMessage, kCatalogueMessage, kDataMessage };

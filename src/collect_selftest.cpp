@@ -30,6 +30,6 @@ bool testItems(int32_t itemCount) {
 
 int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1) {
   const Waiting mark(__func__);
-  const int32_t itemCount = holdItems();
-  return endRun(beginRun(addressText, port, sequence, id0, id1) && testItems(itemCount));
+  const int32_t itemCount = beginItems();
+  return endItems(beginRun(addressText, port, sequence, id0, id1) && testItems(itemCount));
 }

@@ -1,6 +1,8 @@
 // collect_stop.hpp: how the serving loop is stopped, and how whatever waits in it learns of that.
 #pragma once
 
+#include "ZuSock.hpp"
+
 // Begins the service; false when there is one already, or it could not be woken.
 bool beginService();
 
@@ -10,5 +12,8 @@ bool endService();
 // Whether the service shall stop. Never outside of it.
 bool isStopped();
 
-// A descriptor that hangs up for poll at a stop; -1 outside the service.
-int wakeDescriptor();
+// Deadline::waitFor, which in the service a stop ends; then it is false, be the socket ready or not.
+bool waitUnlessStopped(const Deadline &deadline, int fd, short events);
+
+// Waits so long; in the service until a stop at most.
+void pauseUnlessStopped(int32_t ms);

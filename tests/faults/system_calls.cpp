@@ -59,7 +59,6 @@ int takeLongestWait() { return std::exchange(longestWait, 0); }
 extern "C" {
 
 WRAP(int, socket, (int domain, int type, int protocol), -1, domain, type, protocol)
-WRAP(int, socketpair, (int domain, int type, int protocol, int *pair), -1, domain, type, protocol, pair)
 WRAP(int, bind, (int fd, const sockaddr *name, socklen_t size), -1, fd, name, size)
 WRAP(ssize_t, recv, (int fd, void *data, size_t size, int flags), -1, fd, data, size, flags)
 WRAP(ssize_t, sendto, (int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t toSize), -1, fd,
