@@ -29,7 +29,7 @@ constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no 
 struct TimeText {
   const char *pattern;
   bool isSet;  // not before the first line: a clock may begin at any second
-  time_t second;
+  int64_t second;
   char text[64];
 };
 
@@ -37,7 +37,7 @@ TimeText l_longTime = {"YYYY/MM/DD HH:MI:SS", false, 0, ""};
 TimeText l_shortTime = {"MM/DD HH:MI:SS", false, 0, ""};
 
 const char *nowAsText(TimeText *time) {
-  const time_t now = ZuTime_Now();
+  const auto now = ZuTime_Now();
   if (!time->isSet || now != time->second) {
     ZuTime_Format(time->text, time->pattern, now);
     time->second = now;

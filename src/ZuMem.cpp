@@ -93,18 +93,37 @@ void *takeStatic(int32_t id, uint32_t size) {
   return carveFromPool(rounded);
 }
 
-uint32_t readLocked(const uint32_t *counter) {
-  const Locked locked;
-  return *counter;
-}
+// ---- the report
 
 void showAccount(int32_t id) {
-  const uint32_t size = readLocked(&ZuMem_Size[id]);
+  uint32_t size;
+  uint32_t taken;
+  uint32_t freed;
+  {
+    const Locked locked;
+    size = ZuMem_Size[id];
+    taken = ZuMem_MallocCnt[id];
+    freed = ZuMem_FreeCnt[id];
+  }
   if (size == 0) return;
-  ZuPrint_Puts(ZuString_SFormat("  %3d  0x%08x      %4d    %4d", static_cast<int>(id), size,
-                                static_cast<int>(readLocked(&ZuMem_MallocCnt[id])),
-                                static_cast<int>(readLocked(&ZuMem_FreeCnt[id]))),
+  ZuPrint_Puts(ZuString_SFormat("  %3d  0x%08x      %4d    %4d", static_cast<int>(id), size, static_cast<int>(taken),
+                                static_cast<int>(freed)),
                0);
+}
+
+void showPool() {
+  uint32_t left;
+  uint32_t times;
+  uint32_t blocks;
+  {
+    const Locked locked;
+    left = l_static_leftsize;
+    times = l_static_times;
+    blocks = l_static_malloc_times;
+  }
+  ZuPrint_Puts(ZuString_SFormat("static memory : left         = 0x%08x", left), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : times        = %d", static_cast<int>(times)), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : malloc times = %d", static_cast<int>(blocks)), 0);
 }
 
 // ---- bounded objects
@@ -160,11 +179,20 @@ void *ZuMem_Malloc_Static(int32_t id, uint32_t size) {
   return takeStatic(id, size);
 }
 
-void *ZuMem_LocalMalloc(uint32_t size) { return ZuMem_Malloc(0, size); }
+void *ZuMem_LocalMalloc(uint32_t size) {
+  const Guarded guard(__func__);
+  return takeBlock(0, size, 0);
+}
 
-void *ZuMem_LocalMalloc_Static(uint32_t size) { return ZuMem_Malloc_Static(0, size); }
+void *ZuMem_LocalMalloc_Static(uint32_t size) {
+  const Guarded guard(__func__);
+  return takeStatic(0, size);
+}
 
-void ZuMem_LocalFree(void *ptr) { ZuMem_Free(0, ptr); }
+void ZuMem_LocalFree(void *ptr) {
+  const Guarded guard(__func__);
+  giveBlock(0, ptr);
+}
 
 void ZuMem_Show(void) {
   const Waiting mark(__func__);
@@ -172,10 +200,7 @@ void ZuMem_Show(void) {
   ZuPrint_Puts("-------------------------------------", 0);
   for (int32_t id = 0; id < kIdCount; ++id) showAccount(id);
   ZuPrint_Puts("", 0);
-  ZuPrint_Puts(ZuString_SFormat("static memory : left         = 0x%08x", readLocked(&l_static_leftsize)), 0);
-  ZuPrint_Puts(ZuString_SFormat("static memory : times        = %d", static_cast<int>(readLocked(&l_static_times))), 0);
-  ZuPrint_Puts(
-      ZuString_SFormat("static memory : malloc times = %d", static_cast<int>(readLocked(&l_static_malloc_times))), 0);
+  showPool();
 }
 
 ZuMem *ZuMem_New(int32_t capacity, int32_t static_flag) {

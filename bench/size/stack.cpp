@@ -32,7 +32,7 @@ ucontext_t l_own, l_painted;
 
 void runCall() { l_call(); }
 
-time_t l_second = 1700000000;
+int64_t l_second = 1700000000;
 
 // Second and zone are others at each call: what was kept of them is of no use.
 void changeTime() {
@@ -134,7 +134,7 @@ int PLM_snprintf(char *buffer, size_t size, const char *format, ...) {
 
 // ---- the system
 
-extern "C" time_t __wrap_time(time_t *) { return l_second; }
+extern "C" int64_t __wrap___time64(int64_t *) { return l_second; }
 
 extern "C" ssize_t __real_sendto(int, const void *, size_t, int, const sockaddr *, socklen_t);
 
