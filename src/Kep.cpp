@@ -11,7 +11,7 @@ LockHooks g_lockHooks;
 
 #ifdef NDEBUG
 
-static void noteHeld(int) {}
+inline void noteHeld(int) {}
 
 #else
 

@@ -46,7 +46,7 @@ void noteAlignment(const uint8_t *handedOut) {
   static bool isSaid;
   if (isSaid || reinterpret_cast<uintptr_t>(handedOut) % kWanted == 0) return;
   isSaid = true;
-  std::fprintf(stderr, "kep: VRK_Malloc returns misaligned blocks: they begin 4 bytes short of %zu (platform.h)\n",
+  std::fprintf(stderr, "kep: VRK_Malloc's blocks are misaligned: 4 bytes on must be a multiple of %zu (platform.h)\n",
                kWanted);
 }
 #endif
@@ -179,19 +179,21 @@ void *ZuMem_Malloc_Static(int32_t id, uint32_t size) {
   return takeStatic(id, size);
 }
 
+// These name themselves; behind them the lock is taken.
+
 void *ZuMem_LocalMalloc(uint32_t size) {
-  const Guarded guard(__func__);
-  return takeBlock(0, size, 0);
+  noteCall(__func__);
+  return takeLocal(size);
 }
 
 void *ZuMem_LocalMalloc_Static(uint32_t size) {
-  const Guarded guard(__func__);
-  return takeStatic(0, size);
+  noteCall(__func__);
+  return takeLocalStatic(size);
 }
 
 void ZuMem_LocalFree(void *ptr) {
-  const Guarded guard(__func__);
-  giveBlock(0, ptr);
+  noteCall(__func__);
+  giveLocal(ptr);
 }
 
 void ZuMem_Show(void) {

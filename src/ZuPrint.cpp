@@ -36,94 +36,68 @@ void dropBuffer(ZuPrint *obj) {
 
 // ---- the shared object
 
-bool makeSharedObject() {
-  const Locked locked;
+ZuPrint *sharedObject() {
   if (!self_print) self_print = ZuPrint_New(self_buffer, kSharedCapacity);
-  return self_print != nullptr;
+  return self_print;
 }
 
-size_t lengthOf(const char *text, int32_t len) {
-  if (len < 0) return 0;
-  return len == 0 ? std::strlen(text) : static_cast<size_t>(len);
+void hold(ZuPrint *obj, const char *text, size_t length) {
+  std::memcpy(obj->buffer + obj->length, text, length);
+  obj->length += static_cast<int32_t>(length);
 }
 
-// Where there is a lock: what leaves in one call, copied out of the shared object under it. A console may wait, so the
-// lock is given back before the piece is printed.
-class Piece {
- public:
-  // What the shared object holds.
-  void takeHeld() {
-    append(self_buffer, static_cast<size_t>(self_print->length));
-    self_print->length = 0;
-  }
+void takeHeld(ZuPrint *obj, char *out) {
+  std::memcpy(out, obj->buffer, static_cast<size_t>(obj->length));
+  out[obj->length] = '\0';
+  obj->length = 0;
+}
 
-  void append(const char *text, size_t length) {
-    std::memcpy(text_ + length_, text, length);
-    length_ += length;
-  }
+size_t lineLength(const char *text, size_t length) {
+  const void *end = std::memchr(text, '\n', length);
+  return end ? static_cast<size_t>(static_cast<const char *>(end) - text) + 1 : length;
+}
 
-  void print() {
-    text_[length_] = '\0';
-    if (length_ > 0) VRK_RawPrint("%s", text_);
-  }
+enum class Then { kHold, kEndLine, kFlush };
 
- private:
-  size_t length_ = 0;
-  char text_[kLongestPiece + 1];
-};
-
-// A text of at most a piece, which is not cut: what is held leaves first if both do not fit.
-void showWhole(const char *text, size_t length, const char *lineEnd) {
-  const size_t whole = length + std::strlen(lineEnd);
+// Holds a text line by line, as far as there is room each time, and prints what is not to be held any longer. That is
+// copied out under the lock and printed without it: a console may wait.
+//
+// Where there is a lock, a text that ends its line and is no longer than a piece stays whole, for other threads print
+// between two pieces; if it does not fit behind what is held, that leaves first.
+void print(const char *text, size_t length, Then then) {
+  const size_t lineEnd = then == Then::kEndLine ? 1 : 0;
+  const bool endsLine = lineEnd > 0 || (length > 0 && text[length - 1] == '\n');
+  const bool isWhole = hasLock() && endsLine && length + lineEnd <= kLongestPiece;
   bool isIn = false;
   while (!isIn) {
-    Piece piece;
+    char piece[kLongestPiece + 1];
+    bool isDue;
     {
       const Locked locked;
-      isIn = whole <= kLongestPiece - static_cast<size_t>(self_print->length);
-      piece.takeHeld();
-      if (isIn) {
-        piece.append(text, length);
-        piece.append(lineEnd, whole - length);
-      }
+      ZuPrint *const obj = sharedObject();
+      if (!obj) return;
+      const size_t room = kLongestPiece - static_cast<size_t>(obj->length);
+      const bool fits = length + lineEnd <= room;
+      size_t taken = fits ? length : isWhole ? 0 : room;
+      if (!isWhole) taken = lineLength(text, taken);
+      isIn = fits && taken == length;
+      hold(obj, text, taken);
+      if (isIn) hold(obj, "\n", lineEnd);
+      text += taken;
+      length -= taken;
+      isDue = obj->length > 0 && (!isIn || then != Then::kHold || obj->buffer[obj->length - 1] == '\n');
+      if (isDue) takeHeld(obj, piece);
     }
-    piece.print();
+    if (isDue) VRK_RawPrint("%s", piece);
   }
 }
 
-// Holds a text as far as its next line end and the room go, and returns how much of it that is.
-size_t hold(const char *text, size_t length) {
-  const size_t room = kLongestPiece - static_cast<size_t>(self_print->length);
-  if (length > room) length = room;
-  if (const void *end = std::memchr(text, '\n', length))
-    length = static_cast<size_t>(static_cast<const char *>(end) - text) + 1;
-  std::memcpy(self_buffer + self_print->length, text, length);
-  self_print->length += static_cast<int32_t>(length);
-  return length;
-}
-
-void showInPieces(const char *text, size_t length) {
-  while (length > 0) {
-    Piece piece;
-    size_t taken;
-    {
-      const Locked locked;
-      taken = hold(text, length);
-      if (taken < length || text[length - 1] == '\n') piece.takeHeld();
-    }
-    piece.print();
-    text += taken;
-    length -= taken;
-  }
-}
-
-void flushShared() {
-  Piece piece;
-  {
-    const Locked locked;
-    if (self_print) piece.takeHeld();
-  }
-  piece.print();
+void show(const char *text, int32_t len, Then then) {
+  if (!text) return;
+  const size_t length = len < 0 ? 0 : len == 0 ? std::strlen(text) : static_cast<size_t>(len);
+  const bool isCut = then == Then::kEndLine && (!hasLock() || length >= kLongestPiece);
+  print(text, length, isCut ? Then::kHold : then);
+  if (isCut) print("\n", 1, Then::kHold);
 }
 
 }  // namespace
@@ -191,33 +165,15 @@ void ZuPrint_Release(ZuPrint *obj) {
 
 void ZuPrint_Show(const char *text, int32_t len) {
   const Waiting mark(__func__);
-  if (!text || !makeSharedObject()) return;
-  const size_t length = lengthOf(text, len);
-  if (hasLock()) {
-    const bool isWhole = length > 0 && length <= kLongestPiece && text[length - 1] == '\n';
-    isWhole ? showWhole(text, length, "") : showInPieces(text, length);
-    return;
-  }
-  for (size_t i = 0; i < length; ++i) {
-    ZuPrint_PrintCh(self_print, text[i], 1);
-    if (text[i] == '\n') ZuPrint_Flush(self_print);
-  }
+  show(text, len, Then::kHold);
 }
 
 void ZuPrint_ShowEx(const char *text, int32_t len) {
   const Waiting mark(__func__);
-  if (!text) return;
-  ZuPrint_Show(text, len);
-  hasLock() ? flushShared() : ZuPrint_Flush(self_print);
+  show(text, len, Then::kFlush);
 }
 
 void ZuPrint_Puts(const char *text, int32_t len) {
   const Waiting mark(__func__);
-  if (!text) return;
-  if (hasLock() && lengthOf(text, len) < kLongestPiece && makeSharedObject()) {
-    showWhole(text, lengthOf(text, len), "\n");
-    return;
-  }
-  ZuPrint_Show(text, len);
-  ZuPrint_Show("\n", 1);
+  show(text, len, Then::kEndLine);
 }

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -539,6 +540,7 @@ void measureCollection() {
   STACK(ZuTimer_Show());
   l_calls = 0;
   STACK(ZuTimer_Loop());
+  STACK(ZuTimer_Stop());
 }
 
 // ---- what is kept
@@ -576,6 +578,8 @@ void measureMemory() {
 
 int main() {
   std::memset(l_text, 'x', sizeof l_text - 1);
+  STACK(Kep_SetLock(doNothing, doNothing));  // first: with a lock everything takes a little more
+  STACK(Kep_Version());
   measureMemory();
   measureFrame();
   measureContainers();
