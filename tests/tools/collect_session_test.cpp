@@ -3,8 +3,8 @@
 #include <functional>
 #include <optional>
 
-#include "board_stream.hpp"
 #include "command.hpp"
+#include "server/board_stream.hpp"
 
 namespace {
 
@@ -112,11 +112,14 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
     std::string err, printed;
   };
   const std::string begunText = golden("begun.text");
+  std::string rawCsv = golden("collection.csv");
+  rawCsv.erase(rawCsv.find("'="), 1);
   const std::string early = ": the stream ends before the run's last message";
   const std::vector<Case> cases = {
       {"text", "", 0, 77, sends(all), 0, "", golden("collection.text")},
       {"json", "--type 2", 2, 77, sends(all), 0, "", golden("collection.json")},
       {"csv", "--type 1", 1, 77, sends(all), 0, "", golden("collection.csv")},
+      {"csv --csv-raw", "", 0, 77, sends(all), 0, "", rawCsv},
       {"text", "--selftest", 3, 77, sends(selfTest()), 0, "", golden("self-test.text")},
       {"csv", "--selftest", 3, 77, sends(selfTest()), 0, "", golden("self-test.csv")},
       {"text", "", 0, 77, sendsPortions, 0, "", golden("collection.text")},

@@ -69,6 +69,18 @@ CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable
   return app.add_option_function<std::string>(name, read, help);
 }
 
+void addStyle(CLI::App &app, kepserver::Style &style) {
+  using kepserver::Format;
+  const auto read = [&style](const std::string &name) {
+    style.format = name == "json" ? Format::kJson : name == "csv" ? Format::kCsv : Format::kText;
+  };
+  app.add_option_function<std::string>("--format", read, "How to print [text]")
+      ->type_name("text|json|csv")
+      ->check(CLI::IsMember({"text", "json", "csv"}));
+  app.add_flag("--csv-raw", style.csvRaw,
+               "In csv, texts as they are, even those that a spreadsheet takes for formulas");
+}
+
 std::string checkAddress(const std::string &text) {
   in_addr address{};
   return inet_pton(AF_INET, text.c_str(), &address) == 1 ? "" : "not an IPv4 address: " + text;
@@ -80,5 +92,7 @@ std::string checkHost(const std::string &text) {
   const bool isNumeric = text.find_first_not_of("0123456789.") == std::string::npos;
   return isNumeric || inet_aton(text.c_str(), &address) != 0 ? checkAddress(text) : "";
 }
+
+std::string checkFile(const std::string &text) { return text.empty() ? "no file" : ""; }
 
 }  // namespace kepcommand

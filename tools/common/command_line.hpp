@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "server/print.hpp"
+
 namespace kepcommand {
 
 // Gives a command its help, and its complaints the command's name in front.
@@ -27,10 +29,14 @@ CLI::Option *addNumber(CLI::App &app, const std::string &name, Number &variable,
 // Adds an option whose value is a time in seconds, from a millisecond to eleven days.
 CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable, const std::string &help);
 
+// Adds --format and --csv-raw.
+void addStyle(CLI::App &app, kepserver::Style &style);
+
 // Checks for options, empty when all is well. An address is four decimal numbers and nothing else; a host is one, or a
 // name that no system call would take for some other form of one, such as 127.1 or 0x7f000001, and that may be one:
-// no URL, no address with a port, a scope or a blank.
+// no URL, no address with a port, a scope or a blank. A file has a name; whether it can be opened, the opening tells.
 std::string checkAddress(const std::string &text);
 std::string checkHost(const std::string &text);
+std::string checkFile(const std::string &text);
 
 }  // namespace kepcommand

@@ -6,6 +6,7 @@
 #include "common/process.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -111,6 +112,16 @@ class Output : public std::streambuf {
   int fd_;
 };
 
+// Returns how many bytes came, 0 at the end.
+size_t readSome(int fd, void *buffer, size_t size, const std::string &path) {
+  while (!signalled()) {
+    const ssize_t count = read(fd, buffer, size);
+    if (count >= 0) return static_cast<size_t>(count);
+    if (errno != EINTR) failWithErrno(kBrokenOff, "cannot read " + (path == "-" ? "standard input" : path));
+  }
+  throw Failure{kBrokenOff, "interrupted"};
+}
+
 }  // namespace
 
 void failWithErrno(ExitStatus status, const std::string &what) {
@@ -175,13 +186,23 @@ Descriptor openFile(const std::string &path, int flags) {
   throw Failure{kBrokenOff, "interrupted"};
 }
 
-size_t readSome(int fd, void *buffer, size_t size, const std::string &path) {
-  while (!signalled()) {
-    const ssize_t count = read(fd, buffer, size);
-    if (count >= 0) return static_cast<size_t>(count);
-    if (errno != EINTR) failWithErrno(kBrokenOff, "cannot read " + path);
+Descriptor openInput(const std::string &path) {
+  if (path == "-") return Descriptor(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+  Descriptor file = openFile(path, O_RDONLY);
+  struct stat status {};
+  if (fstat(file.get(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    errno = EISDIR;
+    failWithErrno(kUsage, "cannot open " + path);
   }
-  throw Failure{kBrokenOff, "interrupted"};
+  return file;
+}
+
+void readPortions(const Descriptor &file, const std::string &path,
+                  const std::function<bool(const char *, size_t)> &take) {
+  std::array<char, 65536> buffer;
+  while (const size_t size = readSome(file.get(), buffer.data(), buffer.size(), path)) {
+    if (!take(buffer.data(), size)) return;
+  }
 }
 
 bool writeAll(int fd, const char *bytes, size_t size) {

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -62,8 +63,12 @@ class Descriptor {
 // Opens a file, with the flags of open(2). Throws Failure: kUsage, or kBrokenOff when a signal came.
 Descriptor openFile(const std::string &path, int flags);
 
-// Returns how many bytes came, 0 at the end. Throws Failure, kBrokenOff.
-size_t readSome(int fd, void *buffer, size_t size, const std::string &path);
+// Opens a file to be read, standard input for "-". Throws Failure, as for a folder.
+Descriptor openInput(const std::string &path);
+
+// Reads up to the end, or until a portion is not taken. Throws Failure, kBrokenOff.
+void readPortions(const Descriptor &file, const std::string &path,
+                  const std::function<bool(const char *bytes, size_t size)> &take);
 
 // Writes all of it, unless it fails; also false when the time after a signal is over, and nothing more is to be
 // written.

@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <chrono>
 #include <iostream>
 #include <optional>
@@ -14,17 +13,18 @@
 
 #include "common/command_line.hpp"
 #include "common/process.hpp"
-#include "report.hpp"
+#include "server/run_report.hpp"
 #include "session.hpp"
 
 namespace {
 
 using namespace kepcollect;
 using namespace kepcommand;
+using namespace kepserver;
 
 constexpr char kUsageText[] =
     "Usage: kep-collect HOST [OPTIONS]\n"
-    "       kep-collect --replay FILE [--format text|json|csv]\n";
+    "       kep-collect --replay FILE [--format text|json|csv] [--csv-raw]\n";
 
 constexpr const char *kDescription =
     "Asks a board for a collection or a self-test run and prints what it sends, or\n"
@@ -55,7 +55,7 @@ struct Options {
   double watch = 0;  // 0: a single run
   std::string rawFile;
   std::string replayFile;
-  std::string format = "text";
+  Style style;
 };
 
 // The system lets a socket listen at a multicast address and at the broadcast as well.
@@ -87,22 +87,16 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
        "SECONDS");
   live(addSeconds(app, "--watch", options.watch, "Start a run every so many seconds until interrupted"), "SECONDS");
   live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run overwrites FILE"), "FILE")
-      ->check([](const std::string &file) { return file.empty() ? "no file" : std::string(); });
+      ->check(checkFile);
 }
 
 void addOptions(CLI::App &app, Options &options) {
   describe(app, kUsageText, kExitStatuses);
-  CLI::Option *replay = app.add_option("--replay", options.replayFile, "Decode FILE, kept by --raw, and ask no board");
-  replay->type_name("FILE")->check(CLI::ExistingFile);
+  CLI::Option *replay = app.add_option("--replay", options.replayFile,
+                                       "Decode FILE, kept by --raw (-: standard input), and ask no board");
+  replay->type_name("FILE")->check(checkFile);
   addLiveOptions(app, options, replay);
-  app.add_option("--format", options.format, "How to print [text]")
-      ->type_name("text|json|csv")
-      ->check(CLI::IsMember({"text", "json", "csv"}));
-}
-
-Format formatOf(const std::string &name) {
-  if (name == "json") return Format::kJson;
-  return name == "csv" ? Format::kCsv : Format::kText;
+  addStyle(app, options.style);
 }
 
 // A number that nobody can guess, so that neither a stranger nor a late answer to an earlier request is taken for the
@@ -115,7 +109,7 @@ int32_t randomSequence() {
   }
 }
 
-ExitStatus report(const Outcome &outcome, Reporter &reporter) {
+ExitStatus report(const Outcome &outcome, RunReporter &reporter) {
   if (outcome.connected) reporter.write(outcome.run);
   if (signalled()) {  // be it while it was printed
     complain("interrupted");
@@ -125,17 +119,15 @@ ExitStatus report(const Outcome &outcome, Reporter &reporter) {
   return outcome.status;
 }
 
-ExitStatus replayFile(const std::string &path, Reporter &reporter) {
-  const Descriptor file = openFile(path, O_RDONLY);
+ExitStatus replayFile(const std::string &path, RunReporter &reporter) {
+  const Descriptor file = openInput(path);
   StreamDecoder decoder({});
-  std::array<char, 4096> buffer;
   Outcome outcome;
   try {
-    size_t size = 1;
-    while (size > 0 && !decoder.damage()) {
-      size = readSome(file.get(), buffer.data(), buffer.size(), path);
-      decoder.feed(buffer.data(), size);
-    }
+    readPortions(file, path, [&decoder](const char *bytes, size_t size) {
+      decoder.feed(bytes, size);
+      return !decoder.damage();
+    });
     decoder.finish();
     outcome = outcomeOf(decoder);
   } catch (const Failure &failure) {
@@ -145,14 +137,14 @@ ExitStatus replayFile(const std::string &path, Reporter &reporter) {
   return report(outcome, reporter);
 }
 
-ExitStatus runOnce(const Options &options, Reporter &reporter) {
+ExitStatus runOnce(const Options &options, RunReporter &reporter) {
   if (options.rawFile.empty()) return report(collect(options.request, -1), reporter);
   const Descriptor raw = openFile(options.rawFile, O_WRONLY | O_CREAT | O_TRUNC);
   return report(collect(options.request, raw.get()), reporter);
 }
 
 // One run, or with a period to watch runs until a signal comes or the command itself cannot go on.
-ExitStatus runAll(Options options, Reporter &reporter) {
+ExitStatus runAll(Options options, RunReporter &reporter) {
   using std::chrono::duration;
   const auto period = std::chrono::duration_cast<Clock::duration>(duration<double>(options.watch));
   ExitStatus status = kGood;
@@ -180,7 +172,7 @@ ExitStatus runCommand(int argc, char **argv) {
   options.request.timeout =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(options.timeout));
   if (options.selfTest) options.request.type = kSelfTestRequest;
-  Reporter reporter(std::cout, formatOf(options.format));
+  RunReporter reporter(std::cout, options.style);
   return options.replayFile.empty() ? runAll(options, reporter) : replayFile(options.replayFile, reporter);
 }
 

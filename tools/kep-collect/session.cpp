@@ -26,6 +26,7 @@ namespace kepcollect {
 namespace {
 
 using namespace kepcommand;
+using namespace kepserver;
 
 constexpr size_t kRequestSize = 16;
 constexpr char kAcknowledgement = '\x06';
@@ -167,13 +168,12 @@ void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decode
 
 }  // namespace
 
-Outcome outcomeOf(StreamDecoder &decoder) {
+Outcome outcomeOf(kepserver::StreamDecoder &decoder) {
   Outcome outcome;
   outcome.run = decoder.takeRun();
   if (const std::optional<Damage> &damage = decoder.damage()) {
     outcome.status = kDamaged;
-    outcome.diagnostic = (damage->cutShort ? "cut short at offset " : "damaged at offset ") +
-                         std::to_string(damage->offset) + ": " + damage->reason;
+    outcome.diagnostic = describe(*damage);
   }
   return outcome;
 }

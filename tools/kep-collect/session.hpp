@@ -1,14 +1,12 @@
 // session.hpp: one run over the network: the request to a board, its connection back, its messages.
-
-#ifndef KEP_COLLECT_SESSION_HPP
-#define KEP_COLLECT_SESSION_HPP
+#pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <string>
 
 #include "common/process.hpp"
-#include "stream.hpp"
+#include "server/stream.hpp"
 
 namespace kepcollect {
 
@@ -28,7 +26,7 @@ struct Outcome {
   ExitStatus status = kepcommand::kGood;
   std::string diagnostic;  // empty when all is whole
   bool connected = false;  // otherwise there is no run to print
-  Run run;
+  kepserver::Run run;
 };
 
 constexpr uint32_t kSelfTestRequest = 3;  // the smaller types ask for a collection
@@ -37,8 +35,6 @@ constexpr uint32_t kSelfTestRequest = 3;  // the smaller types ask for a collect
 Outcome collect(const Request &request, int raw);
 
 // Turns what the decoder found, after the stream's end, into an outcome, and takes its run.
-Outcome outcomeOf(StreamDecoder &decoder);
+Outcome outcomeOf(kepserver::StreamDecoder &decoder);
 
 }  // namespace kepcollect
-
-#endif

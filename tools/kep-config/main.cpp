@@ -1,9 +1,6 @@
 // main.cpp: the command line of kep-config.
 
-#include <fcntl.h>
-
 #include <CLI/CLI.hpp>
-#include <array>
 #include <chrono>
 #include <iostream>
 #include <sstream>
@@ -98,13 +95,12 @@ void settle(Options &options, const CLI::Option &query) {
 }
 
 std::string contentOf(const std::string &path) {
-  const Descriptor file = openFile(path, O_RDONLY);
   std::string content;
-  std::array<char, 4096> buffer;
-  while (const size_t size = readSome(file.get(), buffer.data(), buffer.size(), path)) {
-    content.append(buffer.data(), size);
+  readPortions(openInput(path), path, [&](const char *bytes, size_t size) {
+    content.append(bytes, size);
     if (content.size() > kMaxFileSize) throw Failure{kDamaged, path + ": more than 16 MiB"};
-  }
+    return true;
+  });
   return content;
 }
 

@@ -1,9 +1,7 @@
 // stream.hpp: decodes the byte stream that a board sends during one collection or self-test run.
 //
 // The decoder takes bytes as they come, in portions of any size, and knows nothing of sockets or files.
-
-#ifndef KEP_COLLECT_STREAM_HPP
-#define KEP_COLLECT_STREAM_HPP
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +11,9 @@
 #include <utility>
 #include <vector>
 
-namespace kepcollect {
+#include "server/bytes.hpp"
+
+namespace kepserver {
 
 enum class ValueKind { kInt, kLong, kString, kBuffer };
 
@@ -52,12 +52,6 @@ enum class RunKind { kCollection, kSelfTest };
 struct Expectation {
   std::optional<RunKind> kind;      // empty: a run without a catalogue is a self-test
   std::optional<int32_t> sequence;  // 0: the board numbers the first message itself
-};
-
-struct Damage {
-  uint64_t offset = 0;  // from the start of the stream
-  std::string reason;
-  bool cutShort = false;  // nothing wrong was read, but the stream ended too early
 };
 
 class FieldReader;
@@ -100,6 +94,4 @@ class StreamDecoder {
   bool isEmpty_ = false;            // the last message was a data message without records
 };
 
-}  // namespace kepcollect
-
-#endif
+}  // namespace kepserver

@@ -1,7 +1,5 @@
 // board_stream.hpp: builds, byte by byte, what a board would send.
-
-#ifndef KEP_TESTS_BOARD_STREAM_HPP
-#define KEP_TESTS_BOARD_STREAM_HPP
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -49,7 +47,7 @@ inline std::vector<std::string> collection() {
   return {
       message(0, 77, std::string("KB\0\0", 4)),
       message(1, 42, word(0) + counted("log") + word(1) + counted("caf\xC3\xA9")),
-      message(2, 43, head(0x03, 0, 0, 4) + counted("first, ")),
+      message(2, 43, head(0x03, 0, 0, 4) + counted("=first, ")),
       message(2, 44, head(0x03, 0, 0, 4) + counted("of ") + head(0x83, 0, 0, 4) + counted(unprintable + "\\")),
       message(2, 45, mixed),
       message(2, 46, ""),
@@ -68,5 +66,3 @@ inline std::vector<std::string> selfTest() {
 }
 
 }  // namespace board
-
-#endif

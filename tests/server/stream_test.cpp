@@ -1,16 +1,16 @@
-// collect_stream_test.cpp: the decoder of kep-collect and its three output formats.
+// stream_test.cpp: the decoder of runs and its three output formats.
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "board_stream.hpp"
-#include "report.hpp"
-#include "stream.hpp"
+#include "server/board_stream.hpp"
+#include "server/run_report.hpp"
+#include "server/stream.hpp"
 
 using namespace board;
-using namespace kepcollect;
+using namespace kepserver;
 
 namespace {
 
@@ -26,14 +26,14 @@ StreamDecoder decode(const std::string &stream, const Expectation &expectation, 
 }
 
 TEST(Report, KeepsTheLinesOfALogInOrder) {
-  kepcollect::Run run;
+  kepserver::Run run;
   std::ostringstream out;
   std::string expected = "row,item,name,section,key,kind,value\n";
   for (int line = 100; line < 200; ++line) {
     run.values.push_back({ValueKind::kString, 0, 0, 7, 0, std::to_string(line * 7919 % 100), 0});
     expected += "value,0,,0,7,string," + run.values.back().bytes + '\n';
   }
-  Reporter(out, Format::kCsv).write(run);
+  RunReporter(out, {Format::kCsv}).write(run);
   EXPECT_EQ(out.str(), expected);
 }
 
@@ -47,12 +47,13 @@ TEST(Report, CutsNoCharacterOfALongValue) {
         bytes += character;
         quoted += character == "\"" ? "\"\"" : character;
       }
-      kepcollect::Run run;
+      kepserver::Run run;
       run.values.push_back({ValueKind::kString, 0, 0, 0, 0, bytes, 0});
       std::stringstream json, csv;
-      Reporter(json, Format::kJson).write(run);
-      Reporter(csv, Format::kCsv).write(run);
+      RunReporter(json, {Format::kJson}).write(run);
+      RunReporter(csv, {Format::kCsv}).write(run);
       std::string line;
+      std::getline(json, line);  // the layout
       std::getline(json, line);
       EXPECT_TRUE(nlohmann::json::parse(line).at("value") == bytes) << character << before;
       const std::string mark = quoted == bytes ? "" : "\"";

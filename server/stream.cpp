@@ -13,12 +13,12 @@
 // the same value. A run ends with a data message without records. In a collection an item that reports nothing sends
 // such a message, too; every item that the board asks sends at least one message.
 
-#include "stream.hpp"
+#include "server/stream.hpp"
 
 #include <algorithm>
 #include <utility>
 
-namespace kepcollect {
+namespace kepserver {
 
 namespace {
 
@@ -72,21 +72,19 @@ class FieldReader {
   bool atEnd() const { return position_ == message_.size(); }
   uint64_t offset() const { return messageOffset_ + position_; }
 
-  uint64_t number(size_t size) {
-    if (message_.size() - position_ < size) fail(offset(), "a field runs past its message");
-    uint64_t result = 0;
-    for (size_t i = 0; i < size; ++i) result = result << 8 | static_cast<uint8_t>(message_[position_++]);
-    return result;
+  template <class Unsigned>
+  Unsigned number() {
+    if (message_.size() - position_ < sizeof(Unsigned)) fail(offset(), "a field runs past its message");
+    position_ += sizeof(Unsigned);
+    return loadBig<Unsigned>(message_.data() + position_ - sizeof(Unsigned));
   }
 
-  uint8_t byte() { return static_cast<uint8_t>(number(1)); }
-  uint32_t word() { return static_cast<uint32_t>(number(4)); }
-  int32_t signedWord() { return static_cast<int32_t>(word()); }
+  int32_t signedWord() { return static_cast<int32_t>(number<uint32_t>()); }
 
   // Bytes behind their own 2-byte count.
   std::string countedBytes() {
     const uint64_t countOffset = offset();
-    const size_t count = number(2);
+    const size_t count = number<uint16_t>();
     if (message_.size() - position_ < count) {
       fail(countOffset, "a length of " + std::to_string(count) + " runs past its message");
     }
@@ -184,7 +182,7 @@ size_t StreamDecoder::readHeader() {
   if (start + static_cast<uint64_t>(size) > kMaxRunSize) fail(start, "the run goes on beyond 64 MiB");
   messageType_ = fields.signedWord();
   checkOrder(messageType_, start + kTypeOffset);
-  checkSequence(fields.word(), start + kSequenceOffset);
+  checkSequence(fields.number<uint32_t>(), start + kSequenceOffset);
   return static_cast<size_t>(size);
 }
 
@@ -238,7 +236,7 @@ void StreamDecoder::readMessage() {
 void StreamDecoder::readRecord(FieldReader &fields) {
   const uint64_t offset = fields.offset();
   if (run_.recordCount == kMaxRecordCount) fail(offset, "the run goes on beyond 1048576 records");
-  const uint8_t type = fields.byte();
+  const uint8_t type = fields.number<uint8_t>();
   Value value;
   value.kind = kindOf(type, offset);
   value.item = fields.signedWord();
@@ -247,7 +245,7 @@ void StreamDecoder::readRecord(FieldReader &fields) {
   if (value.kind == ValueKind::kInt) {
     value.number = fields.signedWord();
   } else if (value.kind == ValueKind::kLong) {
-    value.number = static_cast<int64_t>(fields.number(8));
+    value.number = static_cast<int64_t>(fields.number<uint64_t>());
   } else {
     value.bytes = fields.countedBytes();
   }
@@ -263,11 +261,14 @@ void StreamDecoder::joinPiece(Value piece, bool last, uint64_t offset) {
       fail(offset, "a record of " + describe(piece) + " before the last piece of " + describe(*openValue_));
     }
     openValue_->bytes += piece.bytes;
+    piece = *std::exchange(openValue_, std::nullopt);
+  }
+  if (run_.selfTest && isTestedName(piece)) checkName(piece.bytes, offset);
+  if (last) {
+    keep(std::move(piece));
   } else {
     openValue_ = std::move(piece);
   }
-  if (run_.selfTest && isTestedName(*openValue_)) checkName(openValue_->bytes, offset);
-  if (last) keep(*std::exchange(openValue_, std::nullopt));
 }
 
 void StreamDecoder::keep(Value value) {
@@ -279,4 +280,4 @@ void StreamDecoder::keep(Value value) {
   run_.values.push_back(std::move(value));
 }
 
-}  // namespace kepcollect
+}  // namespace kepserver

@@ -1,0 +1,72 @@
+// text.hpp: what makes bytes fit to be shown, so that nothing a board sends can steer a terminal, and every byte can be
+// told; and what is printed on its way to a stream.
+#pragma once
+
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace kepserver {
+
+// Gathers text for a stream: one call for each field would cost more than the printing. A value can have as much as a
+// whole run, so nothing longer than a portion is kept back. What is not flushed is lost.
+class Sink {
+ public:
+  static constexpr size_t kPortion = 65536;
+
+  explicit Sink(std::ostream &out) : out_(out) {}
+  Sink(const Sink &) = delete;
+  Sink &operator=(const Sink &) = delete;
+
+  Sink &append(std::string_view text) {
+    text_.append(text);
+    if (text_.size() >= kPortion) pass();
+    return *this;
+  }
+
+  Sink &operator<<(std::string_view text) { return append(text); }
+  Sink &operator<<(char c) { return append({&c, 1}); }
+  template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
+  Sink &operator<<(Number number) {
+    char digits[24] = {};
+    const char *const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    return append({digits, static_cast<size_t>(end - digits)});
+  }
+
+  void flush() {
+    pass();
+    out_.flush();
+  }
+
+ private:
+  void pass() {
+    out_.write(text_.data(), static_cast<std::streamsize>(text_.size()));
+    text_.clear();
+  }
+
+  std::ostream &out_;
+  std::string text_;
+};
+
+bool isUtf8(std::string_view bytes);
+
+// Whether every byte is a visible character of ASCII, or a blank, and means itself in every format.
+bool isPlain(std::string_view bytes);
+
+// Printable UTF-8 stays as it is, a backslash becomes \\, a line feed \n, a carriage return \r, a tab \t, and every
+// other byte \xHH.
+std::string printable(std::string_view bytes);
+void putPrintable(Sink &out, std::string_view bytes);
+
+// Two lower-case digits a byte.
+std::string hex(std::string_view bytes);
+void putHex(Sink &out, std::string_view bytes);
+
+// How many characters a printable text has.
+size_t widthOf(std::string_view text);
+
+}  // namespace kepserver
