@@ -58,6 +58,15 @@ int takeLongestWait() { return std::exchange(longestWait, 0); }
 
 extern "C" {
 
+#if __SIZEOF_LONG__ == 4  // where libc has these under other names for times of 64 bits
+#define OF_64_BITS(result, name, parameters, name64)     \
+  result __real_##name parameters asm("__real_" name64); \
+  result __wrap_##name parameters asm("__wrap_" name64);
+OF_64_BITS(int, gettimeofday, (timeval *, void *), "__gettimeofday64")
+OF_64_BITS(tm *, localtime_r, (const time_t *, tm *), "__localtime64_r")
+OF_64_BITS(time_t, time, (time_t *), "__time64")
+#endif
+
 WRAP(int, socket, (int domain, int type, int protocol), -1, domain, type, protocol)
 WRAP(int, bind, (int fd, const sockaddr *name, socklen_t size), -1, fd, name, size)
 WRAP(ssize_t, recv, (int fd, void *data, size_t size, int flags), -1, fd, data, size, flags)
