@@ -442,7 +442,11 @@ void measureRecords() {
   STACK(ZuFault_ShowRunLogToBuf(fault, buf));
   STACK(ZuFault_ShowInitLog(fault));
   STACK(ZuFault_ShowRunLog(fault));
+  STACK(ZuFault_SetLogSize(fault, 0));
   STACK(ZuFault_Start());
+  STACK(ZuFault_SetFile(nullptr, 1));
+  STACK(ZuFault_Start());
+  STACK(ZuFault_GetResult());
 
   static ZuFuncLogEntry functions[] = {{"open", "I300s", 1, "(path)"}};
   static ZuFuncLog *log = ZuFuncLog_New(functions, 1, 4096);
