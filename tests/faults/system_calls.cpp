@@ -107,6 +107,12 @@ time_t __wrap_time(time_t *now) {
   return Plan::fails("time", &seconds) ? -1 : static_cast<time_t>(seconds);
 }
 
+int __real_shutdown(int fd, int how);
+int __wrap_shutdown(int fd, int how) {
+  if (Plan::fails("shutdown")) __real_usleep(1000);  // is made late
+  return __real_shutdown(fd, how);
+}
+
 int __real_connect(int fd, const sockaddr *name, socklen_t size);
 int __wrap_connect(int fd, const sockaddr *name, socklen_t size) {
   if (!Plan::fails("connect")) return __real_connect(fd, name, size);

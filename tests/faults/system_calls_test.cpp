@@ -29,9 +29,10 @@ int boardPort;
 char address[16], data[100];
 
 int service() {
-  const int fd = CollectClient_Init();
-  close(fd);
-  return fd < 0 ? Collect_Init(0) : 1;
+  static int calls;
+  if (calls++ % 2 == 1) Collect_Stop();  // when nothing fails
+  Collect_SetAddress(host::Service::address().c_str(), 0);
+  return Collect_Init(0);
 }
 int create() {
   const int fd = ZuSock_UDP_Create("127.0.0.77", boardPort);
@@ -78,8 +79,8 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
     const char *printed = "";  // when it works
   } cases[] = {
       {datedLine, "time", EOVERFLOW, kOn, 27 + 49, 27 + 49},  // first, when no second is known: a clock at -1 is one
-      {service, "socket", EMFILE, 2, -1, 1},
-      {service, "bind", EADDRINUSE, 2, -1, 1},
+      {service, "socket", EMFILE, 1, -1, 0},
+      {service, "bind", EADDRINUSE, 1, -1, 0},
       {create, "socket", EMFILE, 1, -1, 1},
       {create, "bind", EADDRINUSE, 1, -1, 1},
       {send, "setsockopt", ENOMEM, 1, 3, 3},  // only broadcasts need it
@@ -146,7 +147,6 @@ TEST(Zone, IsLookedAtOnceASecondAndWhenTZIsAnotherOne) {
 // ---- collections and self-tests
 
 struct Fault {
-  bool needsLimits;
   const char *call;
   int error, times;
   Fates fates;  // of the connection, with as many such calls as it has c, then of the messages from that call on
@@ -191,30 +191,20 @@ class FailingRuns : public Runs {
 
 TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
   const Fault faults[] = {
-      {false, "socket", EMFILE, 1, "c."},
-      {false, "connect", ECONNREFUSED, 1, "c."},
-      {false, "connect", EINTR, 1, "."},
-      {true, "fcntl", EPERM, 1, "cc."},
-      {true, "getsockopt", ENOBUFS, 1, "c."},
-      {false, "getsockname", ENOBUFS, 1, "."},
-      {false, "getpeername", ENOTCONN, 1, "."},
-      {true, "poll", ENOMEM, 1, "crs"},
-      {true, "poll", EINTR, 3, "."},
-      {false, "send", ENOBUFS, 1, "s."},
-      {false, "send", ECONNRESET, kOn, "s"},
-      {false, "send", EINTR, 3, "."},
-      {true, "send", EAGAIN, 3, "."},
-      {false, "send", 0, kOn, ".", 1},      // a byte at a time
-      {false, "send", ENOBUFS, 2, "s", 1},  // nothing may follow a message cut short
-      {false, "recv", ENOMEM, 1, "r."},
-      {false, "recv", ECONNRESET, kOn, "r"},
-      {false, "recv", EINTR, 3, "."},
-      {true, "recv", EAGAIN, 3, "."},
+      {"socket", EMFILE, 1, "c."},      {"connect", ECONNREFUSED, 1, "c."},
+      {"connect", EINTR, 1, "."},       {"getsockopt", ENOBUFS, 1, "c."},
+      {"getsockname", ENOBUFS, 1, "."}, {"getpeername", ENOTCONN, 1, "."},
+      {"poll", ENOMEM, 1, "crs"},       {"poll", EINTR, 3, "."},
+      {"send", ENOBUFS, 1, "s."},       {"send", ECONNRESET, kOn, "s"},
+      {"send", EINTR, 3, "."},          {"send", EAGAIN, 3, "."},
+      {"send", 0, kOn, ".", 1},      // a byte at a time
+      {"send", ENOBUFS, 2, "s", 1},  // nothing may follow a message cut short
+      {"recv", ENOMEM, 1, "r."},        {"recv", ECONNRESET, kOn, "r"},
+      {"recv", EINTR, 3, "."},          {"recv", EAGAIN, 3, "."},
   };
   for (const int32_t limitMs : {0, 60000}) {
     for (const Fault &fault : faults) {
       for (const int32_t type : {2, host::kSelfTest}) {
-        if (fault.needsLimits && limitMs == 0) continue;
         int n = 1;
         while (failsAndRecovers(type, fault, n, limitMs) && !HasFailure()) ++n;
         EXPECT_GT(n, 1) << "not called";
@@ -226,7 +216,7 @@ TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
 }
 
 TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
-  for (const Fault &fault : {Fault{true, "send", EAGAIN, kOn, "s"}, Fault{true, "recv", EAGAIN, kOn, "rs"}}) {
+  for (const Fault &fault : {Fault{"send", EAGAIN, kOn, "s"}, Fault{"recv", EAGAIN, kOn, "rs"}}) {
     failsAndRecovers(0, fault, 1, 20);
   }
 }
@@ -234,25 +224,48 @@ TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
 // ---- the service
 
 TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
-  static std::atomic<bool> hasReturned{false};
-  platform::takeDelays();  // of the logs that were shown before
-  Server server;
   StdoutCapture output;
-  std::thread([] {
-    const Plan plan("recvfrom", ENOMEM, 1, 5);
-    Collect_Init(0);
-    hasReturned = true;
-  }).detach();
-  std::vector<uint32_t> pauses;
-  while (pauses.size() < 5 && !hasReturned) {
-    for (const uint32_t pause : platform::takeDelays()) pauses.push_back(pause);
+  {
+    host::Service service([] {
+      const Plan plan("poll", ENOMEM, 1, 10);  // of the socket, and of the pause
+      return Collect_Init(0);
+    });
+    Server server;
+    service.ask(wire::request(16, 0, 5, server.port()));
+    EXPECT_EQ(wire::wordAt(server.messages().at(0), 8), 5);
+    EXPECT_EQ(platform::takeDelays(), std::vector<uint32_t>(5, 1000));
+    EXPECT_EQ(service.stop(), 0);
   }
-  ASSERT_FALSE(hasReturned) << "port 9099 is in use";
-  ask(wire::request(16, 0, 5, server.port()), 9099);
-  EXPECT_EQ(wire::wordAt(server.messages().at(0), 8), 5);
+  host::Service service([] {
+    const Plan plan("recvfrom", ENOMEM, 1, kOn);
+    return Collect_Init(0);
+  });
+  service.ask("");
+  service.awaitSleep();
+  EXPECT_EQ(service.stop(), 0);  // which ends the pause
   EXPECT_TRUE(platform::takeDelays().empty());
-  EXPECT_EQ(pauses, std::vector<uint32_t>(5, 1000));
   EXPECT_EQ(output.take(), "size=16\n");
+}
+
+// The numbers of the service's descriptors are other files' as soon as it has ended.
+TEST(Service, IsStoppedByNothingThatHitsAnotherFile) {
+  Collect_SetAddress(host::Service::address().c_str(), 0);
+  std::atomic<bool> isDone{false};
+  std::thread others([&] {
+    const Plan late("shutdown", EINTR, 1, kOn);
+    while (!isDone) Collect_Stop();
+  });
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(Collect_Init(0), 0);
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    usleep(3000);  // longer than a call is late
+    for (const int fd : pair) EXPECT_EQ(send(fd, "x", 1, MSG_NOSIGNAL), 1);
+    for (const int fd : pair) close(fd);
+  }
+  isDone = true;
+  others.join();
+  Collect_Stop(), Collect_Init(0);  // one may have come behind the last service
 }
 
 // ---- the configuration query
