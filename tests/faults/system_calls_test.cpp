@@ -2,12 +2,17 @@
 #include "faults/system_calls.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <set>
+#include <thread>
 
+#include "Kep.hpp"
 #include "ZuFault.hpp"
+#include "ZuInfo.hpp"
 #include "ZuLogger.hpp"
 #include "collection/runs.hpp"
 #include "support/platform_double.hpp"
@@ -309,42 +314,137 @@ TEST(Queries, GiveTheDefaultAndAskAgainOnceAServerIsKnown) {
 
 // ---- the file of the faults
 
-// Runs a fault collection with one value more and returns its file, "none" if there is none.
-std::string collectFaults() {
-  std::remove(KEP_FAULT_LOG_PATH);
-  ZuFault_SetRegist(static_cast<ZuFault *>(ZuList_Get(g_ZuFault_List, 0)), 1, 2);
-  ZuFault_Start();
-  std::ifstream file(KEP_FAULT_LOG_PATH, std::ios::binary);
-  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
-}
+const std::string kFile = "system_calls_test.log", kBeside = kFile + ".new";
+const std::string kValueHead("\0\15\4\0net", 7);  // then id and value
 
-TEST(FaultFile, HasWhatCouldBeWritten) {
-  ZuFault *fault = ZuFault_Regist("net", nullptr);
+void (*callback)() = [] {};
+
+// The one whose logs take several writes.
+ZuFault *fault() {
+  static ZuFault *fault;
+  static ZuList *ofOtherTests;
+  if (fault) return fault;
+  ofOtherTests = std::exchange(g_ZuFault_List, ofOtherTests);
+  fault = ZuFault_Regist("net", [] { callback(); });
   for (const size_t size : {5U, 2000U, 900U, 900U, 2000U, 10U}) {
     ZuFault_SetInitLog(fault, 1, 0, "up"), ZuFault_SetRunLog(fault, 1, 0, std::string(size, 'x').c_str());
   }
-  const std::string whole = collectFaults();
+  return fault;
+}
+
+// "none" if there is no file.
+std::string content(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
+}
+
+// Runs a collection with one value more, or none, and returns its file.
+std::string collect(uint32_t value) {
+  if (value > 0) ZuFault_SetRegist(fault(), value, 0);
+  ZuFault_Start();
+  return content(kFile);
+}
+
+// Runs a collection whose n-th call fails, or is the last of a process of its own. True if there was such a call.
+bool failsAt(int n, int error) {
+  const pid_t child = error == Plan::kAct ? fork() : 0;
+  int status = 0;
+  if (child > 0) return waitpid(child, &status, 0) == child && WIFSIGNALED(status);
+  Plan::action = [] { raise(SIGKILL); };
+  Plan plan("*", error, n);
+  ZuFault_Start();
+  if (error == Plan::kAct) _exit(0);
+  return plan.wasMet();
+}
+
+TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
+  const auto value = [](char number) { return kValueHead + std::string("\0\0\0", 3) + number + std::string(4, '\0'); };
+  fault(), ZuFault_SetFile(kFile.c_str(), 0);
+  const std::string logs = collect(0);
+  const struct {
+    bool isSafe, isLinked;      // what was left beside
+    std::string failed, ended;  // the files behind runs whose first, second, .. call failed or was the last, up to
+                                // none: the old one, part of the new one, the new one, or that and success
+  } cases[] = {{false, false, "osppppppns", "opppppppnn"},
+               {true, false, "oooooooooonnss", "oooooooooonnnn"},
+               {true, true, "oooooooooooonnss", "oooooooooooonnnn"}};
   const int descriptors = openDescriptors();
-  for (const bool fallsShort : {false, true}) {
-    int n = 0;
-    for (bool isMet = true; isMet;) {
-      Plan plan("write", ENOSPC, ++n, fallsShort ? 2 : 1, fallsShort ? 7 : SIZE_MAX);
-      const std::string file = collectFaults();
-      isMet = plan.wasMet();
-      EXPECT_EQ(file, whole.substr(0, file.size())) << "what follows could be written";
-      EXPECT_EQ(file.size() < whole.size(), isMet) << n;
+  for (const auto &c : cases) {
+    for (const int error : {Plan::kAct, ENOSPC, EIO, EROFS, EFBIG, EMFILE}) {
+      std::string files;
+      for (bool isMet = true; isMet;) {
+        const int n = static_cast<int>(files.size()) + 1;
+        SCOPED_TRACE(std::to_string(n) + ": " + std::strerror(error) + (c.isSafe ? ", safe" : ""));
+        ZuFault_SetFile(kFile.c_str(), c.isSafe);
+        ASSERT_EQ(collect(1), logs + value(1));
+        ASSERT_TRUE(!c.isLinked || symlink("nowhere", kBeside.c_str()) == 0);
+        ZuFault_SetRegist(fault(), 2, 0);
+        isMet = failsAt(n, error);
+        const std::string file = content(kFile), whole = logs + value(2);
+        const bool isOld = file == logs + value(1), isKilled = error == Plan::kAct;
+        const bool succeeds = !isKilled && ZuFault_GetResult() == 1;
+        EXPECT_TRUE(isOld || file == whole.substr(0, file.size()));
+        EXPECT_TRUE(isKilled || succeeds || ZuFault_GetResult() == -error);
+        files += isOld ? 'o' : file != whole ? 'p' : succeeds ? 's' : 'n';
+        ZuFault_SetFile(kFile.c_str(), c.isSafe);
+        const bool isKept = isKilled || (c.isSafe ? !succeeds : isOld);
+        EXPECT_EQ(collect(3), logs + (isKept ? value(2) : "") + value(3));
+      }
+      EXPECT_EQ(files, error == Plan::kAct ? c.ended : c.failed);
     }
-    EXPECT_GT(n, 5);
+    const Plan opening("open", EINTR, 1, 3), parts("write", 0, 1, kOn, 7), signals("write", EINTR, 3, 9);
+    Plan syncing("fsync", EINTR, 1, 2), noFolder("fsync", EINVAL, 4);
+    EXPECT_EQ(collect(2), logs + value(2));
+    EXPECT_EQ(ZuFault_GetResult(), 1);
+    EXPECT_EQ(syncing.wasMet() + noFolder.wasMet(), c.isSafe ? 2 : 0);
   }
-  {
-    const Plan opening("open", EINTR, 1, 3), parts("write", 0, 1, kOn, 100), signals("write", EINTR, 3, 9);
-    const Plan closing("close", EIO);
-    EXPECT_EQ(collectFaults(), whole);
-  }
-  EXPECT_EQ(collectFaults(), whole);
-  EXPECT_EQ(g_ZuFault_Info, nullptr);
   EXPECT_EQ(openDescriptors(), descriptors);
-  std::remove(KEP_FAULT_LOG_PATH);
+  EXPECT_EQ(content("nowhere"), "none");
+  std::remove(kFile.c_str());
+}
+
+uint32_t recorded;
+std::set<uint32_t> evicted;
+int64_t latest = -1;
+int runs;
+
+// On another thread, during a run: there is no waiting for its lock, and no second run.
+void record() {
+  static int calls;
+  for (int count = calls++ % 12 == runs % 12 ? 150 : 5; count > 0; --count) {
+    const Locked locked;
+    if (!g_ZuFault_Info) g_ZuFault_Info = ZuInfo_New(4096);  // small, and at times full
+    uint32_t oldest = recorded - numberOfNext(g_ZuFault_Info) + numberOfOldest(g_ZuFault_Info);
+    ZuFault_SetRegist(fault(), recorded++, 0);
+    const uint32_t left = recorded - numberOfNext(g_ZuFault_Info) + numberOfOldest(g_ZuFault_Info);
+    while (oldest < left) evicted.insert(oldest++);
+  }
+  ZuFault_Start();
+}
+
+TEST(FaultFile, HasEveryValueOnceThatIsNotEvicted) {
+  if (!platform::isLocking()) GTEST_SKIP() << "nobody records meanwhile without a lock";
+  fault(), callback = [] { ++runs, ZuFault_SetFile("system_calls_test.late", 0); };
+  Plan::action = [] { std::thread(record).join(); };
+  for (int run = 0; run < 90; ++run) {
+    ZuFault_SetFile(kFile.c_str(), run % 5), std::remove(kFile.c_str());
+    std::optional<Plan> recording, failing;
+    if (run < 89) recording.emplace("*", Plan::kAct, 1, kOn);
+    if (run % 5 == 2) failing.emplace("rename", EIO);
+    const std::string file = collect(0);
+    EXPECT_EQ(runs, run + 1);
+    EXPECT_EQ(file == "none", failing.has_value());
+    for (size_t i = file.find(kValueHead); i < file.size(); i += kValueHead.size() + 8) {
+      const int64_t number = wire::wordAt(file, i + kValueHead.size());
+      EXPECT_GT(number, latest);
+      while (++latest < number) ASSERT_EQ(evicted.count(static_cast<uint32_t>(latest)), 1U) << latest;
+    }
+  }
+  EXPECT_EQ(latest + 1, recorded);
+  EXPECT_FALSE(evicted.empty());
+  EXPECT_EQ(g_ZuFault_Info, nullptr);
+  std::remove(kFile.c_str());
+  callback = [] {};
 }
 
 }  // namespace
