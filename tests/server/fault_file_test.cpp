@@ -1,7 +1,9 @@
 // fault_file_test.cpp: what the library saves of its faults is read back; what is not whole never passes for it.
 #include <gtest/gtest.h>
 #include <kep/ZuFault.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <regex>
 #include <sstream>
 
@@ -38,9 +40,12 @@ TEST(FaultReader, IsOnThePageAsTheLibraryWritesIt) {
   ZuFault_SetRegist(net, 0x10, 0x20), ZuFault_SetCounter(disk, 1, 0xFFFFFFFF), ZuFault_SetValue(net, 7, "OK", 2);
   ZuFault_SetRegist64(net, 0x18, 0x0102030405060708), ZuFault_SetCounter64(net, 2, 0x7FFFFFFFFFFFFFFF);
   ZuFault_SetRegistEx(disk, 0x40, "\0\xFF", 2), ZuFault_SetCounterEx(disk, 3, nullptr, 0);
+  const std::string path = testing::TempDir() + "kep-fault-" + std::to_string(getpid());
+  ZuFault_SetFile(path.c_str(), 0);
   ZuFault_Start();
   std::ostringstream written;
-  written << std::ifstream(KEP_FAULT_LOG_PATH, std::ios::binary).rdbuf();
+  written << std::ifstream(path, std::ios::binary).rdbuf();
+  std::remove(path.c_str());
   const std::regex time("[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}");
   EXPECT_EQ(std::regex_replace(written.str(), time, kTime), annotatedBytes(KEP_PAGE));
 }
