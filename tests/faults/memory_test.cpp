@@ -252,11 +252,14 @@ void faultRun() {
             0);
   left += gathered([](ZuBuf *buf) { ZuFault_ShowInitLogToBuf(newest, buf), ZuFault_ShowRunLogToBuf(newest, buf); });
 
-  std::remove(KEP_FAULT_LOG_PATH);
+  constexpr char kFile[] = "memory_test.log";
+  ZuFault_SetFile(kFile, 1), std::remove(kFile);
   ZuFault_Start();
-  std::ifstream file(KEP_FAULT_LOG_PATH, std::ios::binary);
-  EXPECT_EQ(file.is_open(), ZuList_Length(g_ZuFault_List) > 0);
-  EXPECT_EQ(g_ZuFault_Info, nullptr);
+  std::ifstream file(kFile, std::ios::binary);
+  const bool lacksMemory = platform::isLocking() && ZuFault_GetResult() == -ENOMEM;  // for a copy of a record
+  EXPECT_EQ(file.is_open(), ZuList_Length(g_ZuFault_List) > 0 && !lacksMemory);
+  EXPECT_TRUE(lacksMemory ? !nothingFailed() : !g_ZuFault_Info);
+  ZuInfo_Release(std::exchange(g_ZuFault_Info, nullptr));
   left.append(std::istreambuf_iterator<char>(file), {});
   forgetRegistries();
 }
