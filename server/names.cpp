@@ -320,8 +320,6 @@ Meaning readMeaning(Table &table, bool isTest) {
   if (meaning.scale) meaning.decimals = meaning.scale->decimals();
   if (const auto decimals = table.whole("decimals", 0, Decimal::kMostDecimals)) {
     meaning.decimals = static_cast<int>(*decimals);
-  } else if (meaning.offset && !meaning.scale) {
-    meaning.decimals = 0;  // of the scale, which is 1
   }
   meaning.states = readWords(table, "states", INT64_MIN, INT64_MAX);
   meaning.bits = readWords(table, "bits", 0, 63);

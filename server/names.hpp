@@ -40,7 +40,7 @@ struct Meaning {
   std::string help;
   std::optional<Kind> kind;
   std::optional<Decimal> scale, offset;  // shown = sent x scale + offset
-  std::optional<int> decimals;           // those of `scale` unless the file says others
+  std::optional<int> decimals;           // those of `scale` unless the file says others; empty: all there are
   std::map<int64_t, std::string> states;
   std::map<int64_t, std::string> bits;  // 0, the lowest, to 63
   std::optional<Rule> pass;

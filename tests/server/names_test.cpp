@@ -76,6 +76,7 @@ TEST(Names, GiveNumbersAndTextsTheirMeaning) {
       {"scale = 1e-3, decimals = 0", sent(-499), "x=0"},
       {"scale = 1_000, offset = 0.5", sent(7), "x=7 001 (7001)"},
       {"offset = -273.15, scale = 0.01", sent(29315), "x=20.00"},
+      {"offset = -273.15", sent(20), "x=-253.15"},
       {"scale = 0.000000000000000000000000000000000001", sentLong(INT64_MIN),
        "x=-0.000000000000000009223372036854775808"},
       {"scale = 999999999999999999", sentLong(INT64_MAX),
@@ -260,19 +261,23 @@ TEST(Names, IncludeOtherFiles) {
   EXPECT_EQ(errorOf("include = 'bad.toml'", files), "dir/bad.toml:2: title: expected a text, not a number");
 }
 
+// A names file of this project's, or the example of its manual.
 Names example(const std::string &name) {
-  std::ostringstream text;
-  text << std::ifstream(KEP_EXAMPLES "/" + name).rdbuf();
+  std::ostringstream file;
+  file << std::ifstream(KEP_SOURCE "/" + name).rdbuf();
+  std::string text = file.str();
+  const size_t start = text.find("```toml\n");
+  if (start != std::string::npos) text = text.substr(start + 8, text.find("\n```\n", start) - start - 8);
   try {
-    return parse(text.str());
+    return parse(text, {{"dir/common.toml", ""}});
   } catch (const NamesError &error) {
-    ADD_FAILURE() << error.text();
+    ADD_FAILURE() << name << ": " << error.text();
     return {};
   }
 }
 
 TEST(Names, OfTheExamplesTellWhatTheySend) {
-  const Names names = example("board/board.toml");
+  const Names names = example("examples/board/board.toml");
   kepserver::Run run;
   run.catalogue = {{0, "system"}, {1, "memory"}, {2, "network"}, {3, "faults"}, {4, "other"}};
   run.messageCount = 7;
@@ -315,7 +320,8 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
   EXPECT_EQ(fault.find(FaultRecord::kRegister64, 0x11)->meaning.name, "free");
   EXPECT_EQ(fault.find(FaultRecord::kRegisterData, 0x12)->fields.size(), 3u);
   EXPECT_EQ(fault.find(FaultRecord::kCounterData, 1), nullptr);
-  EXPECT_EQ(example("station/station.toml").item("samples")->keys.find(1, 2)->meaning.name, "many processes");
+  EXPECT_EQ(example("docs/names.md").items.size(), 3u);
+  EXPECT_EQ(example("examples/station/station.toml").item("samples")->keys.find(1, 2)->meaning.name, "many processes");
 }
 
 TEST(Times, GetAYearAndAZone) {
