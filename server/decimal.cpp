@@ -116,12 +116,19 @@ std::string Decimal::text(std::optional<int> decimals) const {
   }
   while (!decimals && end > kPoint && digits[end - 1] == '0') --end;
   digits.resize(end);
-  const size_t first = std::min(digits.find_first_not_of('0'), kPoint - 1);
-  const bool showsZero = digits.find_first_not_of('0') == std::string::npos;
-  std::string text = negative_ && !showsZero ? "-" : "";
+  const size_t leading = std::max<size_t>(kDigits - used(limbs_) * kLimbDigits, 1) - 1;  // but for a digit rounded up
+  const size_t highest = digits.find_first_not_of('0', leading);
+  const size_t first = std::min(highest, kPoint - 1);
+  std::string text = negative_ && highest != std::string::npos ? "-" : "";
   text.append(digits, first, kPoint - first);
   if (end > kPoint) text.append(".").append(digits, kPoint);
   return text;
+}
+
+size_t Decimal::used(const Limbs &limbs) {
+  size_t count = kLimbs;
+  while (count > 0 && limbs[count - 1] == 0) --count;
+  return count;
 }
 
 int Decimal::compare(const Limbs &a, const Limbs &b) {
@@ -157,15 +164,16 @@ Decimal operator+(const Decimal &a, const Decimal &b) {
 
 Decimal operator*(const Decimal &a, const Decimal &b) {
   std::array<uint64_t, 2 * Decimal::kLimbs> limbs{};
+  const size_t count = Decimal::used(b.limbs_);
   for (size_t i = 0; i < Decimal::kLimbs; ++i) {
     if (a.limbs_[i] == 0) continue;
     uint64_t carry = 0;
-    for (size_t j = 0; j < Decimal::kLimbs; ++j) {
+    for (size_t j = 0; j < count; ++j) {
       const uint64_t term = limbs[i + j] + uint64_t{a.limbs_[i]} * b.limbs_[j] + carry;
       limbs[i + j] = term % kBase;
       carry = term / kBase;
     }
-    limbs[i + Decimal::kLimbs] = carry;
+    limbs[i + count] = carry;
   }
   Decimal result;
   uint64_t carry = limbs[Decimal::kFractionLimbs - 1] >= kBase / 2 ? 1 : 0;

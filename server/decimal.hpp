@@ -46,6 +46,7 @@ class Decimal {
   static constexpr size_t kLimbs = 9;
   using Limbs = std::array<uint32_t, kLimbs>;
 
+  static size_t used(const Limbs &limbs);  // up to the highest that is not 0
   static int compare(const Limbs &a, const Limbs &b);
 
   Limbs limbs_{};

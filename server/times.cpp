@@ -33,7 +33,7 @@ int64_t yearAt(int64_t seconds) {
 int64_t secondsOf(int64_t year, const BoardTime &time) {
   int64_t days = daysBefore(year) + time.day - 1;
   for (int month = 1; month < time.month; ++month) days += daysIn(year, month);
-  return days * kDay + time.hour * 3600 + time.minute * 60 + time.second;
+  return days * kDay + int64_t{time.hour} * 3600 + int64_t{time.minute} * 60 + time.second;
 }
 
 // Whether the text has a digit where the form has a 0, and else the same.
@@ -48,7 +48,7 @@ bool hasForm(std::string_view text, std::string_view form) {
 
 int64_t yearOf(const BoardTime &time, int zoneMinutes, int64_t collected) {
   if (time.year) return *time.year;
-  const int64_t latest = collected + zoneMinutes * 60 + kDay;
+  const int64_t latest = collected + int64_t{zoneMinutes} * 60 + kDay;
   int64_t year = yearAt(latest);
   while (year > 1 && (time.day > daysIn(year, time.month) || secondsOf(year, time) > latest)) --year;
   return year;
@@ -95,7 +95,7 @@ std::string isoTime(const BoardTime &time, std::optional<int> zoneMinutes, int64
 }
 
 std::string timeText(uint32_t seconds, int zoneMinutes) {
-  const int64_t local = int64_t{seconds} + zoneMinutes * 60;
+  const int64_t local = int64_t{seconds} + int64_t{zoneMinutes} * 60;
   if (local < 0) return "1969/12/31 " + timeText(static_cast<uint32_t>(local + kDay), 0).substr(11);
   const int64_t year = yearAt(local);
   int64_t day = local / kDay - daysBefore(year);
