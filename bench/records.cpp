@@ -304,9 +304,9 @@ const Row structured("structured record, 3 short strings", 1, kepStructured, pla
 // ---- kept log line
 
 void kepLine(Run &run) {
-  ZuLogger *logger = ZuLogger_New(0x42);  // level 1 kept, nothing echoed
+  ZuLogger *logger = ZuLogger_New(ZULOGGER_ACCEPT_INFO | ZULOGGER_KEEP);
   ZuLogger_SetInfoSize(logger, kRingSize);
-  run.time([&] { keep(ZuLogger_Write(logger, 1, kLine)); });
+  run.time([&] { keep(ZuLogger_Write(logger, ZULOGGER_INFO, kLine)); });
   ZuLogger_Release(logger);
 }
 

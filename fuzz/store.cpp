@@ -1,8 +1,13 @@
 // Record stores against their model. From its end the input chooses the limit, the largest value and every operation.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <cstdlib>
+
 #include "records/store_steps.hpp"
 #include "require.hpp"
+
+// With a lock, for then walks take their steps between the other operations.
+[[gnu::constructor(101)]] static void askForLock() { setenv("KEP_TEST_LOCK", "1", 1); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   constexpr int kMostSteps = 200;

@@ -3,7 +3,7 @@
 # a part of it links, and the memory that things take. In bytes; fails above the limits below, and when an exported
 # function is not among those whose stack is measured. Takes UDP ports 8997 to 8999 and 9099 on loopback.
 #
-# The preset leaves out unwind tables and the store's trace, and two steps that -Os takes although they cost room.
+# The preset leaves out unwind tables and two steps that -Os takes although they cost room.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh

@@ -5,8 +5,10 @@
 
 #include <cstring>
 
+#include "Kep.hpp"
+#include "ZuInfo.hpp"
+#include "ZuMem.hpp"
 #include "kep/ZuBuffer.h"
-#include "kep/ZuMem.h"
 #include "kep/ZuPrint.h"
 #include "kep/ZuString.h"
 
@@ -15,31 +17,29 @@ static_assert(sizeof(void *) != 4 || sizeof(ZuFuncLogEntry) == 16, "the board's 
 
 namespace {
 
-constexpr int32_t kAnyFunction = -1;
 constexpr char kTimeFormat[] = "*T";  // in front of an entry's format: a dump of the whole value
 
 const char *orEmpty(const char *text) { return text ? text : ""; }
 
 void show(const char *text) { ZuPrint_Show(orEmpty(text), 0); }
 
-// The index of the first function of a name, or -1.
-int32_t findFunction(const ZuFuncLog *log, const char *name) {
+bool hasFunction(const ZuFuncLog *log, const char *name) {
   for (int32_t i = 0; i < log->count; ++i) {
-    if (log->table[i].name && std::strcmp(name, log->table[i].name) == 0) return i;
+    if (log->table[i].name && std::strcmp(name, log->table[i].name) == 0) return true;
   }
-  return -1;
+  return false;
 }
 
 // Dumps a value by its function's format, which may be of any length. A value shorter than the format says is not
 // dumped: the dump would run over its end.
 void dumpCall(const char *format, const uint8_t *value, int32_t valueLength) {
   const size_t length = std::strlen(format);
-  auto *whole = static_cast<char *>(ZuMem_LocalMalloc(static_cast<uint32_t>(sizeof kTimeFormat + length)));
+  auto *whole = static_cast<char *>(takeLocal(static_cast<uint32_t>(sizeof kTimeFormat + length)));
   if (!whole) return;
   std::memcpy(whole, kTimeFormat, sizeof kTimeFormat);
   std::memcpy(whole + std::strlen(kTimeFormat), format, length + 1);
   if (ZuBuffer_GetPackSize(whole, nullptr) <= valueLength) ZuBuffer_UNPack(whole, value);
-  ZuMem_LocalFree(whole);
+  giveLocal(whole);
 }
 
 // In pieces, so that texts of any length show whole.
@@ -55,28 +55,32 @@ void showCall(const ZuFuncLogEntry &entry, int32_t counter, const uint8_t *value
 }  // namespace
 
 ZuFuncLog *ZuFuncLog_New(ZuFuncLogEntry *table, int32_t count, uint32_t limit) {
-  auto *log = static_cast<ZuFuncLog *>(ZuMem_LocalMalloc(sizeof(ZuFuncLog)));
+  const Guarded guard(__func__);
+  auto *log = static_cast<ZuFuncLog *>(takeLocal(sizeof(ZuFuncLog)));
   if (!log) return nullptr;
   *log = {table, table ? count : 0, ZuInfo_New(limit), 0};
   if (!log->store) {
-    ZuMem_LocalFree(log);
+    giveLocal(log);
     return nullptr;
   }
   return log;
 }
 
 void ZuFuncLog_Release(ZuFuncLog *log) {
+  const Guarded guard(__func__);
   if (!log) return;
-  ZuMem_LocalFree(log->store);  // bare: the block of its records stays, as the header says
-  ZuMem_LocalFree(log);
+  giveLocal(log->store);  // bare: the block of its records stays, as the header says
+  giveLocal(log);
 }
 
 void ZuFuncLog_Ignore(ZuFuncLog *log, int32_t on) {
+  const Guarded guard(__func__);
   if (log) log->ignore = on;
 }
 
 int32_t ZuFuncLog_Get(ZuFuncLog *log, int32_t id, int32_t *cursor, int32_t *idOut, const uint8_t **valueOut,
                       int32_t *valueLengthOut) {
+  const Guarded guard(__func__);
   if (!log || id >= log->count) return 0;
   const auto idKey = static_cast<uint8_t>(id);
   const bool hasKey = id >= 0;
@@ -95,24 +99,21 @@ int32_t ZuFuncLog_Get(ZuFuncLog *log, int32_t id, int32_t *cursor, int32_t *idOu
 }
 
 void ZuFuncLog_Show(ZuFuncLog *log, const char *name, int32_t skip, int32_t limit) {
+  const Waiting mark(__func__);
   if (!log) return;
-  int32_t id = kAnyFunction;
-  if (name && *name) {
-    id = findFunction(log, name);
-    if (id < 0) return;
-  }
-  int32_t cursor = -1;
-  int32_t index;
-  const uint8_t *value;
-  int32_t valueLength;
-  for (int32_t counter = 0; ZuFuncLog_Get(log, id, &cursor, &index, &value, &valueLength); ++counter) {
+  if (name && *name && !hasFunction(log, name)) return;  // one that it has selects all records
+  int32_t counter = 0;
+  StoreRecord call;
+  for (StoreWalk walk(log->store); walk.next(&call) && call.keyLength > 0; ++counter) {
     if (counter < skip) continue;
+    const int32_t index = call.key[0];
     if (int64_t{counter} - skip >= limit || index >= log->count) return;
-    showCall(log->table[index], counter, value, valueLength);
+    showCall(log->table[index], counter, call.value, call.valueLength);
   }
 }
 
 void ZuFuncLog_ShowFunc(ZuFuncLog *log, ...) {
+  const Waiting mark(__func__);
   if (!log) return;
   ZuPrint_Puts("", 0);
   for (int32_t i = 0; i < log->count; ++i) {

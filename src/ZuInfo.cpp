@@ -17,14 +17,14 @@
 
 #include "Kep.hpp"
 #include "ZuBuffer.hpp"
+#include "ZuLogger.hpp"
 #include "ZuMem.hpp"
 #include "ZuPrint.hpp"
-#include "kep/ZuLogger.h"
 #include "kep/ZuString.h"
 #include "kep/ZuTime.h"
 
 #ifndef KEP_STORE_TRACE
-#define KEP_STORE_TRACE 1
+#define KEP_STORE_TRACE 0
 #endif
 
 static_assert(sizeof(void *) != 4 || sizeof(ZuInfo) == 276, "the board's record");
@@ -58,7 +58,7 @@ constexpr char kStructuredStart[] = {'T', 'B', 'h', 'I'};
 constexpr size_t kLongestStructuredKey = sizeof kStructuredStart + 3 * (sizeof "65535S" - 1);
 constexpr int32_t kStructuredSize = 4 + 1 + 2 + 4;  // time, type, id and code, in front of the three strings
 
-constexpr bool kTrace = KEP_STORE_TRACE;  // print every step of making room
+constexpr bool kTrace = KEP_STORE_TRACE;  // print every step of making room, under the lock though it waits
 
 // ---- the block
 
@@ -101,6 +101,9 @@ uint32_t roundLimit(uint32_t limit) {
   return limit > kLargestLimit ? kLargestLimit : (limit + kSizeUnit - 1) / kSizeUnit * kSizeUnit;
 }
 
+// Of two numbers of records, which wrap.
+bool isBefore(uint32_t number, uint32_t other) { return static_cast<int32_t>(number - other) < 0; }
+
 void forgetRecords(ZuInfo *info) { storeOf(info)->oldest = storeOf(info)->next; }
 
 void dropBlock(ZuInfo *info) {
@@ -122,17 +125,26 @@ void readFromStart(ZuInfo *info) {
   info->freeSize = static_cast<int32_t>(blockSize(info) - info->writeOffset);
 }
 
-// Wiped, not just skipped: readers know free space by its 0xFF.
-void wipe(ZuInfo *info, const Block &block, const Record &oldest) {
-  std::memset(block.data + info->readOffset, kFree, oldest.end - info->readOffset);
+// Wiped, not just skipped: readers know free space by its 0xFF. The room is free for a writer that is a lap ahead; to
+// another it is the start of the next lap.
+void wipeOldest(ZuInfo *info, const Block &block, const Record &oldest) {
+  const uint32_t size = oldest.end - info->readOffset;
+  const bool isLapAhead = info->writeOffset <= info->readOffset;
+  std::memset(block.data + info->readOffset, kFree, size);
   info->readOffset = oldest.end;
   ++storeOf(info)->oldest;
+  if (oldest.end >= block.size) {
+    readFromStart(info);
+  } else if (isLapAhead) {
+    info->freeSize += static_cast<int32_t>(size);
+  }
 }
 
 int32_t evictOne(ZuInfo *info, int32_t need) {
   if (info->readOffset < info->writeOffset) {  // the tail of the block is too small: go on writing at the start
     info->writeOffset = 0;
-    info->freeSize = 0;
+    info->freeSize = static_cast<int32_t>(info->readOffset);  // 0, unless the oldest records were dropped
+    if (need <= info->freeSize) return 1;
   }
   const Block block = blockOf(info);
   Record oldest;
@@ -140,28 +152,18 @@ int32_t evictOne(ZuInfo *info, int32_t need) {
     readFromStart(info);
     return 2;
   }
-  const uint32_t size = oldest.end - info->readOffset;
-  wipe(info, block, oldest);
+  wipeOldest(info, block, oldest);
   ++storeOf(info)->evicted;
-  if (oldest.end < block.size) {
-    info->freeSize += static_cast<int32_t>(size);
-  } else {
-    readFromStart(info);
-  }
   return info->freeSize < need ? 2 : 1;
 }
 
-// Drops the oldest record without going on to write at the start: unlike a block that is full, this one may yet grow.
-// False when no record is found.
+// False when there is no record.
 bool dropOldest(ZuInfo *info) {
   const Block block = blockOf(info);
   if (block.isFree(info->readOffset)) readFromStart(info);
   Record oldest;
   if (!readRecord(block, info->readOffset, &oldest)) return false;
-  const uint32_t size = oldest.end - info->readOffset;
-  const bool isBehindNewer = info->writeOffset <= info->readOffset;
-  wipe(info, block, oldest);
-  if (isBehindNewer) info->freeSize += static_cast<int32_t>(size);
+  wipeOldest(info, block, oldest);
   return true;
 }
 
@@ -180,7 +182,7 @@ int32_t growBlock(ZuInfo *info, int32_t need) {
   const uint32_t oldSize = blockSize(info);
   const uint32_t growth = growthFor(info, static_cast<uint32_t>(need) - static_cast<uint32_t>(info->freeSize));
   const auto newSize = static_cast<int32_t>(oldSize + growth);
-  if (kTrace) ZuLogger_Dump(info);
+  if (kTrace) printStore(info);
   ZuMem *larger = ZuMem_realloc(info->block, newSize);
   if (!larger) {
     dropBlock(info);
@@ -192,7 +194,7 @@ int32_t growBlock(ZuInfo *info, int32_t need) {
   if (kTrace) {
     printPastSink("add size %d, new size %d freesize %d\n", static_cast<int>(growth), static_cast<int>(newSize),
                   static_cast<int>(info->freeSize));
-    ZuLogger_Dump(info);
+    printStore(info);
   }
   return info->freeSize < need ? 2 : 1;
 }
@@ -394,9 +396,12 @@ StoreWalk::~StoreWalk() { giveLocal(copy_); }
 bool StoreWalk::next(StoreRecord *out) {
   const Locked locked;
   if (!info_ || !info_->block) return false;
-  if (hasLock() && (next_ == end_ || static_cast<int32_t>(next_ - numberOfOldest(info_)) < 0)) return false;
-  // The record before may be gone: then the oldest is the next, wherever the cursor stands.
-  const int32_t place = hasLock() && next_ == numberOfOldest(info_) ? -1 : cursor_;
+  int32_t place = cursor_;
+  if (hasLock()) {
+    const uint32_t oldest = numberOfOldest(info_);
+    if (!isBefore(next_, end_) || isBefore(next_, oldest)) return false;
+    if (next_ == oldest) place = -1;  // the one before it, where the cursor stands, may be gone
+  }
   Record record;
   if (!readNext(info_, blockOf(info_), place, &record)) return false;
   *out = {record.key, record.value(), static_cast<uint8_t>(record.keyLength),
@@ -429,12 +434,9 @@ uint32_t numberOfOldest(const ZuInfo *info) { return storeOf(info)->oldest; }
 
 void dropBefore(ZuInfo *info, uint32_t number) {
   if (!info->block) return;
-  while (static_cast<int32_t>(number - numberOfOldest(info)) > 0) {
-    if (!dropOldest(info)) {
-      forgetRecords(info);
-      return;
-    }
-  }
+  bool isFound = true;
+  while (isFound && isBefore(numberOfOldest(info), number)) isFound = dropOldest(info);
+  if (!isFound || numberOfOldest(info) == numberOfNext(info)) ZuInfo_Clear(info);
 }
 
 ZuInfo *ZuInfo_New(uint32_t limit) {

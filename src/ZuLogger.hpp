@@ -1,4 +1,4 @@
-// ZuLogger.hpp: the logger's record, whose store the collection service reads.
+// ZuLogger.hpp: the logger's record, whose store others read, and the text of a store's state.
 #pragma once
 
 #include "kep/ZuLogger.h"
@@ -16,3 +16,9 @@ struct ZuLogger {
   int32_t headerDepth;  // index of the top header, -1: none
 };
 static_assert(sizeof(void *) != 4 || sizeof(ZuLogger) == 5548, "the board's record");
+
+// The store that keeps the logger's lines, NULL until the first.
+ZuInfo *storeOfLogger(const ZuLogger *logger);
+
+// As ZuLogger_Dump, also under the lock: for the store's trace.
+void printStore(const ZuInfo *store);

@@ -26,8 +26,6 @@ static_assert(sizeof(void *) != 4 || sizeof(ZuTable) == 108 + 16, "the board's r
 
 namespace {
 
-enum Type : int32_t { kDouble, kFloat, kInt32, kInt64, kText };
-
 // 8-byte values lie 4-byte aligned in these records, so they are copied in and out.
 struct ZuTableColumn {
   char name[100];
@@ -67,10 +65,10 @@ void store(uint32_t (&bytes)[2], Value value) {
 
 size_t sizeOf(int32_t type) {
   switch (type) {
-    case kDouble:
-    case kInt64: return 8;
-    case kFloat:
-    case kInt32: return 4;
+    case ZUTABLE_DOUBLE:
+    case ZUTABLE_INT64: return 8;
+    case ZUTABLE_FLOAT:
+    case ZUTABLE_INT32: return 4;
     default: return 0;
   }
 }
@@ -95,10 +93,10 @@ int32_t printNumeric(char (&text)[100], const char *format, Number number, Round
 // Formats a value of 8 bytes as its type says. A number is passed as what the format of its type expects.
 int32_t printValue(char (&text)[100], const ZuTableColumn *column, const uint32_t (&value)[2], bool toNearest) {
   switch (column->type) {
-    case kDouble: return printNumeric(text, column->format, load<double>(value), toNearest);
-    case kFloat: return printNumeric(text, column->format, static_cast<double>(load<float>(value)), toNearest);
-    case kInt32: return printNumeric(text, column->format, load<int32_t>(value));
-    case kInt64: return printNumeric(text, column->format, load<int64_t>(value));
+    case ZUTABLE_DOUBLE: return printNumeric(text, column->format, load<double>(value), toNearest);
+    case ZUTABLE_FLOAT: return printNumeric(text, column->format, static_cast<double>(load<float>(value)), toNearest);
+    case ZUTABLE_INT32: return printNumeric(text, column->format, load<int32_t>(value));
+    case ZUTABLE_INT64: return printNumeric(text, column->format, load<int64_t>(value));
     default: text[0] = '\0'; return 0;
   }
 }
@@ -106,10 +104,10 @@ int32_t printValue(char (&text)[100], const ZuTableColumn *column, const uint32_
 // Integers are added unsigned, so that they wrap.
 void addToSum(ZuTableColumn *column, const ZuTableCell *cell) {
   switch (column->type) {
-    case kDouble: store(column->sum, load<double>(column->sum) + load<double>(cell->value)); break;
-    case kFloat: store(column->sum, load<float>(column->sum) + load<float>(cell->value)); break;
-    case kInt32: store(column->sum, load<uint32_t>(column->sum) + load<uint32_t>(cell->value)); break;
-    case kInt64: store(column->sum, load<uint64_t>(column->sum) + load<uint64_t>(cell->value)); break;
+    case ZUTABLE_DOUBLE: store(column->sum, load<double>(column->sum) + load<double>(cell->value)); break;
+    case ZUTABLE_FLOAT: store(column->sum, load<float>(column->sum) + load<float>(cell->value)); break;
+    case ZUTABLE_INT32: store(column->sum, load<uint32_t>(column->sum) + load<uint32_t>(cell->value)); break;
+    case ZUTABLE_INT64: store(column->sum, load<uint64_t>(column->sum) + load<uint64_t>(cell->value)); break;
     default: break;
   }
 }
@@ -177,7 +175,7 @@ ZuList *obtainRow(ZuTable *table, int32_t row) {
 }
 
 void setCell(ZuTableCell *cell, const ZuTableColumn *column, const void *arg) {
-  if (column->type == kText) {
+  if (column->type == ZUTABLE_TEXT) {
     cell->textLen = print(cell->text, column->format, static_cast<const char *>(arg));
   } else {
     std::memcpy(cell->value, arg, sizeOf(column->type));
@@ -191,7 +189,7 @@ void widen(ZuTableColumn *column, int32_t textLength) {
 }
 
 void sumCell(ZuTableColumn *column, ZuTableCell *cell, bool toNearest) {
-  if (column->type != kText) cell->textLen = printValue(cell->text, column, cell->value, toNearest);
+  if (column->type != ZUTABLE_TEXT) cell->textLen = printValue(cell->text, column, cell->value, toNearest);
   addToSum(column, cell);
   widen(column, cell->textLen);
 }
@@ -401,7 +399,7 @@ void *ZuTable_Get(ZuTable *table, int32_t row, int32_t col) {
   const ZuListNode *cellNode = walkTo(static_cast<ZuList *>(rowNode->data), &table->lastCell, col);
   auto *cell = cellNode ? static_cast<ZuTableCell *>(cellNode->data) : nullptr;
   if (!cell) return nullptr;
-  return column->type == kText ? static_cast<void *>(cell->text) : cell->value;
+  return column->type == ZUTABLE_TEXT ? static_cast<void *>(cell->text) : cell->value;
 }
 
 void ZuTable_Sum(ZuTable *table) {

@@ -411,6 +411,7 @@ void measureRecords() {
   STACK(ZuLogger_Write(logger, 1, l_text));
   STACK(ZuLogger_Append(logger, 0, 0, l_text));
   STACK(ZuLogger_ShowToBuf(logger, buf));
+  STACK(ZuLogger_CopyToBuf(logger, buf));
   STACK(ZuLogger_ShowInfo(logger));
   STACK(ZuLogger_Dump(store));
   STACK(ZuLogger_ClearInfo(logger));

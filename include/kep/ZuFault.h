@@ -31,6 +31,17 @@ extern "C" {
 typedef struct ZuFault ZuFault;
 typedef void (*ZuFaultCallback)(void);
 
+/* Types of the items in the file, named as the functions that record them. */
+enum {
+  ZUFAULT_REGIST = 0,
+  ZUFAULT_REGIST64 = 1,
+  ZUFAULT_REGIST_EX = 2,
+  ZUFAULT_COUNTER = 3,
+  ZUFAULT_COUNTER64 = 4,
+  ZUFAULT_COUNTER_EX = 5,
+  ZUFAULT_VALUE = 6
+};
+
 /* The registered faults, NULL before the first; the recorded values, NULL while there are none. */
 extern KEP_API ZuList *g_ZuFault_List;
 extern KEP_API ZuInfo *g_ZuFault_Info;

@@ -2,8 +2,15 @@
  *
  * The host writes the records into the log's store itself: the key is one byte, the function's index in the table; the
  * value is ZuTime_Now() packed as T, and the call's data packed with the entry's format. For example with
- * ZuInfo_PackPre and ZuBuffer_Pack. It must not write while one of these functions walks the store. Every function
- * accepts a NULL log. Nothing locks. */
+ * ZuInfo_PackPre and ZuBuffer_Pack. Every function accepts a NULL log.
+ *
+ * With Kep_SetLock any thread may call these at any time, but nobody else may use a log that is being released. A
+ * writer that uses ZuInfo_PackPre holds the host's lock until it has packed the value; one that uses
+ * ZuInfo_Append2Message, the time and the packed data being its two values, needs not. ZuFuncLog_Show and
+ * ZuFuncLog_ShowFunc print, without the lock unless the host holds it around them: the former shows the records that
+ * were there when it began, each whole, and ends early where the next one has been dropped meanwhile or memory for a
+ * copy of it is short. The table is read without the lock. Without a lock a log belongs to one thread at a time, and
+ * its writer must not write while one of these functions walks the store. */
 #ifndef KEP_ZUFUNCLOG_H
 #define KEP_ZUFUNCLOG_H
 
@@ -41,8 +48,8 @@ KEP_API void ZuFuncLog_Release(ZuFuncLog *log);
 KEP_API void ZuFuncLog_Ignore(ZuFuncLog *log, int32_t on);
 
 /* Hands out the next call record, oldest first, whatever the id; `*cursor` is -1 before the first call. The value
- * points into the store, until the next write. Any out-pointer may be NULL. Returns 1; 0 at the end, for an id not
- * below the table's count, and for a record without a key, whose length is stored all the same. */
+ * points into the store, until the next write to it by anyone. Any out-pointer may be NULL. Returns 1; 0 at the end,
+ * for an id not below the table's count, and for a record without a key, whose length is stored all the same. */
 KEP_API int32_t ZuFuncLog_Get(ZuFuncLog *log, int32_t id, int32_t *cursor, int32_t *idOut, const uint8_t **valueOut,
                               int32_t *valueLengthOut);
 

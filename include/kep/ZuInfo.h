@@ -4,12 +4,20 @@
  * endian), the value. A key has at most 254 bytes, a value at most 65535. Every function accepts a NULL store.
  * Lengths and limits are in bytes; negative lengths and NULL texts with a length are refused with the failure value.
  *
- * Unless the library was built without the store's trace, every step of making room is printed to standard output, and
- * when the block grows its state before and behind. When memory for the larger block is short, the records are lost and
- * the store stays without a block, refusing writes, until ZuInfo_ReSize finds a new one. A block has 0x7FFFFC00 bytes
- * at most; one that has them is at its limit, though the store has a higher one or none.
+ * When memory for a larger block is short, the records are lost and the store stays without a block, refusing writes,
+ * until ZuInfo_ReSize finds a new one. A block has 0x7FFFFC00 bytes at most; one that has them is at its limit, though
+ * the store has a higher one or none.
  *
- * Nothing locks: a store belongs to one thread at a time. */
+ * With Kep_SetLock any thread may call these at any time, but nobody else may use a store that is being released.
+ * Pointers from ZuInfo_Get and ZuInfo_GetPack hold until the next write to that store by anyone, and so does what a
+ * cursor says: to walk a store that others write to, the host holds its lock. So it does from ZuInfo_PackPre until the
+ * value is packed, and to read the fields. ZuInfo_ShowInfo prints, without the lock unless the host holds it around the
+ * call: it shows the records that were there when it began, each whole, and ends early where the next one has been
+ * dropped meanwhile or memory for a copy of it is short. Without a lock a store belongs to one thread at a time.
+ *
+ * A library built with the store's trace (KEP_STORE_TRACE, OFF by default) prints every step of making room to standard
+ * output, and when the block grows its state before and behind. That aid prints with the lock held, which nothing else
+ * does. */
 #ifndef KEP_ZUINFO_H
 #define KEP_ZUINFO_H
 
@@ -81,9 +89,9 @@ KEP_API void ZuInfo_AddInfo(ZuInfo *info, int32_t type, int32_t id, const void *
                             int32_t len2, const void *data3, int32_t len3, uint32_t code);
 
 /* Hands out the next record, oldest first. The caller sets `*cursor` to -1 before the first call and leaves it alone
- * between calls. The pointers lead into the block and hold until the next write; any out-pointer may be NULL. With a
- * key (keyLen 0: its text length) only records whose first keyLen - 1 key bytes equal it are taken, so a one-byte key
- * takes every record. Returns 1, or 0 when there is no further record. */
+ * between calls. The pointers lead into the block and hold until the next write by anyone; any out-pointer may be NULL.
+ * With a key (keyLen 0: its text length) only records whose first keyLen - 1 key bytes equal it are taken, so a
+ * one-byte key takes every record. Returns 1, or 0 when there is no further record. */
 KEP_API int32_t ZuInfo_Get(ZuInfo *info, const void *key, int32_t keyLen, int32_t *cursor, const uint8_t **keyOut,
                            uint8_t *keyLenOut, const uint8_t **valueOut, uint16_t *valueLenOut);
 

@@ -1,8 +1,18 @@
 /* ZuLogger.h: text lines as time-stamped records of a store, with an echo through the print sink.
  *
  * A logger makes its store at the first line it keeps. A kept line is two records with the same one-letter key ("w"
- * for level 2, "e" for level 3, "l" for every other): the time, then the line. A full store drops its oldest records.
- * Every function accepts a NULL logger or text and then does nothing. Nothing locks. */
+ * for level 2, "e" for level 3, "l" for every other): the time, then the line. The time is local and reads
+ * "2026/08/31 23:59:59" for lines of ZuLogger_Write, "08/31 23:59:59" for those of ZuLogger_Append. A full store drops
+ * its oldest records, so the first line shown may lack its time. Every function accepts a NULL logger or text and then
+ * does nothing.
+ *
+ * With Kep_SetLock any thread may call these at any time, but nobody else may use a logger that is being released.
+ * ZuLogger_Write, ZuLogger_Append, ZuLogger_ShowToBuf, ZuLogger_ShowInfo and ZuLogger_Dump print or pause, which they
+ * do without the lock: the two records of a line stay together, while the echoes of two threads may come in another
+ * order than their records. A host that holds its lock around one of these holds it across the console and the pauses.
+ * Those that show or copy hand out the records that were there when they began, each whole, and end early where the
+ * next one has been dropped meanwhile or memory for a copy of it is short. The buffer that they fill is the caller's
+ * own. Without a lock a logger belongs to one thread at a time. */
 #ifndef KEP_ZULOGGER_H
 #define KEP_ZULOGGER_H
 
@@ -18,15 +28,30 @@ extern "C" {
 
 typedef struct ZuLogger ZuLogger;
 
+/* Levels. A host may use others: ZuLogger_Write accepts them always. */
+enum {
+  ZULOGGER_PLAIN = 0,   /* text that ZuLogger_Write echoes as it is; to the echo of all others it adds a line end */
+  ZULOGGER_INFO = 1,    /* kept under "l", as is every level but the next two */
+  ZULOGGER_WARNING = 2, /* kept under "w" */
+  ZULOGGER_ERROR = 3    /* kept under "e" */
+};
+
+/* Flags, added up. */
+enum {
+  ZULOGGER_ACCEPT_PLAIN = 0x01, /* ZuLogger_Write accepts lines of this level */
+  ZULOGGER_ACCEPT_INFO = 0x02,
+  ZULOGGER_ACCEPT_WARNING = 0x04,
+  ZULOGGER_ACCEPT_ERROR = 0x08,
+  ZULOGGER_ACCEPT_ALL = 0x0F,
+  ZULOGGER_QUIET = 0x10, /* of the accepted lines, only those of level 0 and 3 are echoed */
+  ZULOGGER_KEEP = 0x40,  /* accepted lines are kept */
+  ZULOGGER_ECHO = 0x80   /* accepted lines are echoed */
+};
+
 /* A slot for the host's own logger, NULL at load; the library neither reads nor writes it. */
 extern KEP_API ZuLogger *g_kep_logger;
 
-/* Creates a logger with these flags, added up:
- *   0x01, 0x02, 0x04, 0x08   ZuLogger_Write accepts lines of level 0, 1, 2, 3 (others it always accepts)
- *   0x10                     quiet: only levels 0 and 3 are echoed
- *   0x40                     accepted lines are kept
- *   0x80                     accepted lines are echoed
- * Returns NULL when memory is short. */
+/* Creates a logger with these flags; 255 sets them all, quiet included. Returns NULL when memory is short. */
 KEP_API ZuLogger *ZuLogger_New(uint32_t flags);
 
 /* Frees the logger and its store, and closes its descriptor should the host have set one. */
@@ -50,7 +75,7 @@ KEP_API void ZuLogger_SetUDP(ZuLogger *logger, const char *host, int32_t port);
 KEP_API void ZuLogger_Header(ZuLogger *logger, const char *text);
 KEP_API void ZuLogger_Tail(ZuLogger *logger);
 
-/* Writes one line as the flags say. Level 0 lines carry their own line end; to the echo of others one is added. An
+/* Writes one line as the flags say. Lines of level 0 carry their own line end; to the echo of others one is added. An
  * empty line is kept, not echoed (but for the line end of a quiet logger's level 3). Returns 0 when the logger ignores
  * lines, -1 when the line is refused by its level, is NULL, or is echoed only; else the sum of what the store answers
  * for the two records, each its size or -1: 23 for the time and the line's length + 4. So 22 says that the line was not
@@ -65,6 +90,10 @@ KEP_API void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t unused, co
  * below 101, such as NULL, prints them instead, and one whose elements are not bytes gets nothing. Pauses for a second
  * through VRK_Delay behind the 1st, 101st, 201st ... record, so that a console can follow. */
 KEP_API void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer);
+
+/* Appends what ZuLogger_ShowToBuf does, without its pauses; never prints: a buffer whose address is below 101, such as
+ * NULL, gets nothing. Other threads wait for the lock until all is copied. */
+KEP_API void ZuLogger_CopyToBuf(ZuLogger *logger, ZuBuf *buffer);
 
 /* Prints every kept record: ZuLogger_ShowToBuf without a buffer. */
 KEP_API void ZuLogger_ShowInfo(ZuLogger *logger);

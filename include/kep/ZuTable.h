@@ -1,11 +1,11 @@
 /* ZuTable.h: a small report table: a caption, typed and titled columns, rows of cells, drawn as fixed-width text.
  *
- *   type   a cell is set from      and drawn by the column's format as
- *   0      a double *              a double
- *   1      a float *               a float, promoted
- *   2      an int32_t *            a 32-bit integer
- *   3      an int64_t *            a 64-bit integer
- *   4      a text                  that text, formatted when it is set
+ *   type                a cell is set from   and drawn by the column's format as
+ *   0  ZUTABLE_DOUBLE   a double *           a double
+ *   1  ZUTABLE_FLOAT    a float *            a float, promoted
+ *   2  ZUTABLE_INT32    an int32_t *         a 32-bit integer
+ *   3  ZUTABLE_INT64    an int64_t *         a 64-bit integer
+ *   4  ZUTABLE_TEXT     a text               that text, formatted when it is set
  *
  * Other type codes store nothing and draw empty cells. Formats are printf formats for one value of the column's type;
  * the caller keeps the two in step. Texts of cells are cut at 99 bytes, but count for the widths as long as they would
@@ -26,6 +26,9 @@ extern "C" {
 #endif
 
 typedef struct ZuTable ZuTable;
+
+/* Types of columns. */
+enum { ZUTABLE_DOUBLE = 0, ZUTABLE_FLOAT = 1, ZUTABLE_INT32 = 2, ZUTABLE_INT64 = 3, ZUTABLE_TEXT = 4 };
 
 /* Creates an empty table. Returns NULL when memory is short. */
 KEP_API ZuTable *ZuTable_New(void);

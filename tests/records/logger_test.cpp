@@ -107,16 +107,16 @@ TEST_F(Logger, ShowsRecordsLineByLineAndPausesAtEveryHundredth) {
   EXPECT_EQ(kept(), expected + "llllll");
   ZuLogger_ShowToBuf(logger_, reinterpret_cast<ZuBuf *>(uintptr_t{100}));
   EXPECT_EQ(masked(echoed()), expected);
-  ZuBuf *buffer = ZuBuf_New(1, 16, 1 << 20);
-  ZuLogger_ShowToBuf(logger_, buffer);
+  ZuLogger_CopyToBuf(logger_, reinterpret_cast<ZuBuf *>(uintptr_t{100})), ZuLogger_CopyToBuf(logger_, nullptr);
+  ZuBuf *buffer = ZuBuf_New(1, 16, 1 << 20), *wide = ZuBuf_New(8, 16, 0);
+  ZuLogger_ShowToBuf(logger_, buffer), ZuLogger_CopyToBuf(logger_, buffer);
   EXPECT_EQ(echoed(), "");
   EXPECT_EQ(platform::takeDelays(), (std::vector<uint32_t>{1000, 1000, 1000}));
   void *text = nullptr;
   ZuBuf_Get(buffer, 0, &text);
-  EXPECT_EQ(masked({static_cast<char *>(text), ZuBuf_Length(buffer)}), expected);
+  EXPECT_EQ(masked({static_cast<char *>(text), ZuBuf_Length(buffer)}), expected + expected);
 
-  ZuBuf *wide = ZuBuf_New(8, 16, 0);  // records would be read beyond their ends
-  ZuLogger_ShowToBuf(logger_, wide);
+  ZuLogger_ShowToBuf(logger_, wide), ZuLogger_CopyToBuf(logger_, wide);  // records would be read beyond their ends
   EXPECT_EQ(ZuBuf_Length(wide), 0U);
   ZuBuf_Release(wide);
 

@@ -5,8 +5,6 @@
 // size, every byte of the block and the walk from them.
 #pragma once
 
-#include <kep/ZuInfo.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -17,14 +15,26 @@
 #include <utility>
 #include <vector>
 
+#include "ZuInfo.hpp"
+
 class StoreModel {
  public:
-  explicit StoreModel(uint32_t limit) { resize(limit); }
+  // The next record is the `first`.
+  StoreModel(uint32_t limit, uint32_t first) : next_(first) { resize(limit); }
 
   bool hasBlock() const { return size_ != 0; }
   int64_t size() const { return size_; }
   int64_t limit() const { return limit_; }
   int64_t freeSize() const { return wrapped_ ? read_ - write_ : size_ - write_; }
+
+  uint32_t next() const { return next_; }
+  uint32_t oldest() const { return next_ - static_cast<uint32_t>(records_.size()); }
+
+  // A record as it lies in the block, empty when there is none of this number.
+  std::string record(uint32_t number) const {
+    const uint32_t index = number - oldest();
+    return index < records_.size() ? records_[index].bytes : "";
+  }
 
   void ignore(bool on) { ignore_ = on; }
   void setNextAllocationFails(bool fails) { allocationFails_ = fails; }
@@ -90,8 +100,12 @@ class StoreModel {
   int makeRoom(int64_t need) {
     if (need <= freeSize()) return 1;
     if (limit_ != 0 && need > limit_) return 0;
-    if (limit_ != 0 && size_ >= limit_) return evict() && freeSize() >= need ? 1 : 2;
-    return grow(need);
+    return limit_ != 0 && size_ >= limit_ ? evict(need) : grow(need);
+  }
+
+  void dropBefore(uint32_t number) {
+    while (!records_.empty() && static_cast<int32_t>(number - oldest()) > 0) dropFront();
+    if (records_.empty()) clear();
   }
 
   // Returns what the store has otherwise than the model, or an empty text. A walk that takes all records is compared,
@@ -100,13 +114,16 @@ class StoreModel {
     if (std::memcmp(store->idSwitches, switches_.data(), switches_.size()) != 0) return "switches";
     if ((store->block != nullptr) != hasBlock() || store->limit != limit_) return "block or limit";
     int32_t cursor = -1;
-    if (!hasBlock()) return ZuInfo_Get(store, nullptr, 0, &cursor, nullptr, nullptr, nullptr, nullptr) ? "ghost" : "";
+    if (!hasBlock()) {
+      const bool hasRecord = numberOfOldest(store) != next_ || numberOfNext(store) != next_;
+      return ZuInfo_Get(store, nullptr, 0, &cursor, nullptr, nullptr, nullptr, nullptr) || hasRecord ? "ghost" : "";
+    }
     int32_t blockSize;
     std::memcpy(&blockSize, store->block, sizeof blockSize);  // a block begins with its size
-    const std::string found =
-        describe({blockSize, store->writeOffset, store->readOffset, store->freeSize, ZuInfo_GetEvicted(store)});
-    const std::string expected = describe({size_, write_, read_, freeSize(), evicted_});
-    if (found != expected) return "size, write, read, free, evicted:" + found + ", expected" + expected;
+    const std::string found = describe({blockSize, store->writeOffset, store->readOffset, store->freeSize,
+                                        ZuInfo_GetEvicted(store), numberOfOldest(store), numberOfNext(store)});
+    const std::string expected = describe({size_, write_, read_, freeSize(), evicted_, oldest(), next_});
+    if (found != expected) return "size, write, read, free, evicted, oldest, next:" + found + ", expected" + expected;
 
     std::string image(static_cast<size_t>(size_), '\xFF');
     for (const Record &record : records_) {
@@ -173,20 +190,27 @@ class StoreModel {
     bytes.append(key).append(bigEndian(static_cast<uint32_t>(value.size()), 2)).append(value);
     records_.push_back({write_, static_cast<int64_t>(key.size()), static_cast<int64_t>(value.size()), bytes});
     write_ += static_cast<int64_t>(bytes.size());
+    ++next_;
     return true;
   }
 
-  // Drops the oldest record, or only notes that the reader has come to the unused tail, and then returns false.
-  bool evict() {
+  int evict(int64_t need) {
     if (!wrapped_) {
       wrapped_ = true;
       write_ = 0;
+      if (need <= freeSize()) return 1;
     }
+    const bool onRecord = dropFront();
+    evicted_ += onRecord;
+    return onRecord && freeSize() >= need ? 1 : 2;
+  }
+
+  // Drops the oldest record, or only notes that the reader has come to the unused tail, and then returns false.
+  bool dropFront() {
     const bool onRecord = !records_.empty() && records_.front().offset == read_;
     if (onRecord) {
       read_ += static_cast<int64_t>(records_.front().bytes.size());
       records_.pop_front();
-      ++evicted_;
     }
     if (!onRecord || read_ == size_) {
       read_ = 0;
@@ -215,5 +239,5 @@ class StoreModel {
   bool allocationFails_ = false;
   int64_t size_ = 0, limit_ = 0, write_ = 0, read_ = 0;
   std::array<uint8_t, sizeof ZuInfo::idSwitches> switches_{};
-  uint32_t evicted_ = 0;
+  uint32_t evicted_ = 0, next_;
 };

@@ -17,7 +17,6 @@ TEST_P(RandomStore, AgreesWithItsModel) {
   std::string difference;
   int step = 0;
   {
-    const StdoutCapture trace;
     StoreSteps steps(limit, largest, [&random](uint32_t n) { return static_cast<uint32_t>(random()) % n; });
     for (; difference.empty() && step < count; ++step) difference = steps.step() + steps.difference();
   }

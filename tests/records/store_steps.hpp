@@ -1,9 +1,12 @@
 // store_steps.hpp: operations on a store and on its model, which must agree on every result, byte and line after each
-// of them. What is done is drawn from random numbers or from the bytes of a fuzzer; it needs no test framework.
+// of them, and on what walks find that take a few steps now and then; without a lock they go all the way at once. What
+// is done is drawn from random numbers or from the bytes of a fuzzer; it needs no test framework.
 #pragma once
 
 #include <ctime>
 #include <functional>
+#include <iterator>
+#include <list>
 
 #include "records/store_model.hpp"
 #include "support/platform_double.hpp"
@@ -19,7 +22,10 @@ class StoreSteps {
 
   // `largest` bounds the values, apart from those made to fit an edge.
   StoreSteps(uint32_t limit, int64_t largest, Below below)
-      : limit_(limit), largest_(largest), draw_(std::move(below)), store_(ZuInfo_New(limit)), model_(limit) {}
+      : limit_(limit), largest_(largest), draw_(std::move(below)), store_(ZuInfo_New(limit)), model_(limit, kFirst) {
+    auto *numbers = reinterpret_cast<uint32_t *>(store_ + 1);  // of evicted records, of the next, of the oldest
+    numbers[1] = numbers[2] = kFirst;
+  }
   ~StoreSteps() { ZuInfo_Release(store_); }
   StoreSteps(const StoreSteps &) = delete;
   StoreSteps &operator=(const StoreSteps &) = delete;
@@ -30,7 +36,7 @@ class StoreSteps {
   // disagree on in its results, or an empty text.
   std::string step() {
     if (!model_.hasBlock() && oneIn(4)) return differ(resize(limit_));
-    const bool ignores = oneIn(60), memoryIsShort = oneIn(40);
+    const bool ignores = oneIn(60), memoryIsShort = memoryIsShort_ = oneIn(40);
     ZuInfo_Ignore(store_, ignores);
     model_.ignore(ignores);
     model_.setNextAllocationFails(memoryIsShort);
@@ -46,6 +52,16 @@ class StoreSteps {
 
  private:
   using Results = std::pair<int, int>;  // of the store and of the model
+
+  static constexpr uint32_t kFirst = UINT32_MAX - 300;  // numbers of records wrap
+
+  struct Walk {
+    Walk(ZuInfo *store, const StoreModel &model) : walk(store), next(model.oldest()), end(model.next()) {}
+    StoreWalk walk;
+    uint32_t next, end;
+    StoreRecord found{};
+    std::string bytes;  // of what was found, as they lie in the block
+  };
 
   static std::string differ(Results results) {
     if (results.first == results.second) return "";
@@ -118,6 +134,38 @@ class StoreSteps {
     return {};
   }
 
+  static std::string bytesOf(const StoreRecord &record) {
+    std::string bytes = static_cast<char>(record.keyLength) + std::string(record.key, record.key + record.keyLength);
+    bytes += {static_cast<char>(record.valueLength >> 8), static_cast<char>(record.valueLength)};
+    return bytes.append(record.value, record.value + record.valueLength);
+  }
+
+  // Returns whether the last record found is still there, whatever became of the store, and the next is the right one.
+  bool stepWalk(std::list<Walk>::iterator at) {
+    const bool holds = at->bytes.empty() || bytesOf(at->found) == at->bytes;
+    at->bytes = at->next == at->end ? "" : model_.record(at->next++);
+    if (at->walk.next(&at->found)) return holds && bytesOf(at->found) == at->bytes;
+    const bool isEnd = at->bytes.empty() || memoryIsShort_;  // maybe for the copy
+    walks_.erase(at);
+    return holds && isEnd;
+  }
+
+  Results walk() {
+    if (walks_.empty() || (walks_.size() < 3 && oneIn(4))) walks_.emplace_back(store_, model_);
+    const auto at = std::next(walks_.begin(), oneOf(static_cast<int>(walks_.size())));
+    const size_t open = walks_.size();
+    bool agrees = true;
+    for (int steps = 1 + oneOf(8); agrees && walks_.size() == open && (steps > 0 || !platform::isLocking()); --steps) {
+      agrees = stepWalk(at);
+    }
+    return {agrees, true};
+  }
+
+  Results drop() {
+    const uint32_t number = model_.oldest() + below(model_.next() - model_.oldest() + 2);
+    return dropBefore(store_, number), model_.dropBefore(number), Results(0, 0);
+  }
+
   Results resize(uint32_t limit) { return {ZuInfo_ReSize(store_, limit), model_.resize(limit)}; }
 
   Results housekeeping() {
@@ -136,7 +184,8 @@ class StoreSteps {
   }
 
   Results operate() {
-    const uint32_t kind = below(16);
+    const uint32_t kind = below(20);
+    if (kind > 15) return kind == 19 && oneIn(4) ? drop() : walk();
     if (kind == 0) return housekeeping();
     if (kind == 1) return addInfo();
     if (kind < 4) return packInPlace();
@@ -148,5 +197,7 @@ class StoreSteps {
   Below draw_;
   ZuInfo *store_;
   StoreModel model_;
+  std::list<Walk> walks_;
+  bool memoryIsShort_ = false;
   int serial_ = 0;
 };
