@@ -49,6 +49,7 @@ std::optional<Number> decimal(const std::string &text) {
 void describe(CLI::App &app, const std::string &usage, const std::string &exitStatuses) {
   app.formatter(std::make_shared<HelpFormatter>(usage));
   app.footer(exitStatuses);
+  app.set_version_flag("--version", app.get_name() + " " KEP_COMMAND_VERSION, "Print the version and exit");
   app.failure_message(complaint);
 }
 

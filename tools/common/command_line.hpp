@@ -1,5 +1,5 @@
-// command_line.hpp: what the commands' lines have in common: the form of --help and of complaints, and what an address
-// and a number are.
+// command_line.hpp: what the commands' lines have in common: the form of --help, --version and complaints, and what an
+// address and a number are.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -11,7 +11,7 @@
 
 namespace kepcommand {
 
-// Gives a command its help, and its complaints the command's name in front.
+// Gives a command its help and --version, and its complaints the command's name in front.
 void describe(CLI::App &app, const std::string &usage, const std::string &exitStatuses);
 
 // Throws a CLI::ParseError unless `text` is a whole number of that range, all decimal: a zero in front means nothing.
