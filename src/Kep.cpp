@@ -9,27 +9,26 @@
 
 LockHooks g_lockHooks;
 
-#ifndef NDEBUG
+#ifdef NDEBUG
+
+inline void noteHeld(int) {}
+
+#else
 
 namespace {
 
-thread_local int l_held;
-thread_local bool l_isServing;
-thread_local bool l_isTimerLoop;
+// Of this thread. The model is one that asks nobody but the C library for the address.
+#define OF_THREAD thread_local __attribute__((tls_model("initial-exec")))
+OF_THREAD int l_held;
+OF_THREAD bool l_isServing;
+OF_THREAD bool l_isTimerLoop;
+
 bool l_serves;  // these two are shared by threads, without a lock
 bool l_isSaid;
 
+void noteHeld(int change) { l_held += change; }
+
 }  // namespace
-
-void takeLock() {
-  g_lockHooks.lock();
-  ++l_held;
-}
-
-void giveLock() {
-  --l_held;
-  g_lockHooks.unlock();
-}
 
 void noteCall(const char *function) {
   if (hasLock() || l_isServing || l_isTimerLoop || !__atomic_load_n(&l_serves, __ATOMIC_RELAXED)) return;
@@ -45,6 +44,22 @@ void noteService(bool begins) {
 }
 
 void noteTimerLoop(bool begins) { l_isTimerLoop = begins; }
+
+#endif
+
+#if !defined NDEBUG || defined __OPTIMIZE_SIZE__
+
+void takeLock() {
+  if (!hasLock()) return;
+  g_lockHooks.lock();
+  noteHeld(1);
+}
+
+void giveLock() {
+  if (!hasLock()) return;
+  noteHeld(-1);
+  g_lockHooks.unlock();
+}
 
 #endif
 

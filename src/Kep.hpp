@@ -6,6 +6,8 @@
 // a branch that is never taken.
 #pragma once
 
+#pragma GCC visibility push(hidden)
+
 struct LockHooks {
   void (*lock)();  // both NULL: no lock
   void (*unlock)();
@@ -14,16 +16,24 @@ extern LockHooks g_lockHooks;
 
 inline bool hasLock() { return g_lockHooks.lock != nullptr; }
 
+#if defined NDEBUG && !defined __OPTIMIZE_SIZE__
+inline void takeLock() {
+  if (hasLock()) g_lockHooks.lock();
+}
+inline void giveLock() {
+  if (hasLock()) g_lockHooks.unlock();
+}
+#else
+void takeLock();
+void giveLock();
+#endif
+
 #ifdef NDEBUG
-inline void takeLock() { g_lockHooks.lock(); }
-inline void giveLock() { g_lockHooks.unlock(); }
 inline void noteCall(const char *) {}
 inline void noteWaiting() {}
 inline void noteService(bool) {}
 inline void noteTimerLoop(bool) {}
 #else
-void takeLock();
-void giveLock();
 // Says once, on standard error, that a host without a lock calls from another thread than the serving one.
 void noteCall(const char *function);
 // Fails an assertion when this thread holds the lock.
@@ -33,15 +43,13 @@ void noteService(bool begins);
 void noteTimerLoop(bool begins);
 #endif
 
+#pragma GCC visibility pop
+
 // Holds the lock while it lives. A thread may hold it several times.
 class Locked {
  public:
-  Locked() {
-    if (hasLock()) takeLock();
-  }
-  ~Locked() {
-    if (hasLock()) giveLock();
-  }
+  Locked() { takeLock(); }
+  ~Locked() { giveLock(); }
   Locked(const Locked &) = delete;
   Locked &operator=(const Locked &) = delete;
 };

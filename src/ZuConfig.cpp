@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Kep.hpp"
 #include "kep/ZuSock.h"
 #include "kep/platform.h"
 
@@ -32,6 +33,7 @@ bool mayAsk() {
 }  // namespace
 
 int32_t ZuConfig_Get(const char *section, const char *key, const char *defaultText) {
+  const Waiting mark(__func__);
   if (!section || !key || !defaultText) return -1;
   const int length = PLM_snprintf(_buffer, sizeof _buffer, "=>config %s %s %s", section, key, defaultText);
   if (length < 0 || length > kTextSize) return -1;  // before the first broadcast is spent on it

@@ -252,7 +252,7 @@ uint8_t *putHead(ZuInfo *info, const Bytes &key, int32_t valueLength) {
   return storeBig(putBytes(out, key), static_cast<uint16_t>(valueLength));
 }
 
-bool putRecord(ZuInfo *info, const Bytes &key, const Bytes &value1, const Bytes &value2) {
+inline bool putRecord(ZuInfo *info, const Bytes &key, const Bytes &value1, const Bytes &value2) {
   if (!isWhole(value1) || !isWhole(value2) || value2.length > kLongestValue - value1.length) return false;
   uint8_t *out = putHead(info, key, value1.length + value2.length);
   if (!out) return false;

@@ -23,6 +23,10 @@ class StoreWalk {
   // False at the end: also where the next record has been evicted meanwhile, or there is no memory for its copy.
   bool next(StoreRecord *out);
 
+  // The number of the record that would come next, and why it did not if that was for want of memory.
+  uint32_t reached() const { return next_; }
+  bool lacksMemory() const { return copySize_ > 0 && !copy_; }
+
  private:
   bool makeCopy(StoreRecord *record);
 

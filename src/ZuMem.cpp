@@ -46,7 +46,7 @@ void noteAlignment(const uint8_t *handedOut) {
   static bool isSaid;
   if (isSaid || reinterpret_cast<uintptr_t>(handedOut) % kWanted == 0) return;
   isSaid = true;
-  std::fprintf(stderr, "kep: VRK_Malloc returns misaligned blocks: they begin 4 bytes short of %zu (platform.h)\n",
+  std::fprintf(stderr, "kep: VRK_Malloc's blocks are misaligned: 4 bytes on must be a multiple of %zu (platform.h)\n",
                kWanted);
 }
 #endif
@@ -93,18 +93,37 @@ void *takeStatic(int32_t id, uint32_t size) {
   return carveFromPool(rounded);
 }
 
-uint32_t readLocked(const uint32_t *counter) {
-  const Locked locked;
-  return *counter;
-}
+// ---- the report
 
 void showAccount(int32_t id) {
-  const uint32_t size = readLocked(&ZuMem_Size[id]);
+  uint32_t size;
+  uint32_t taken;
+  uint32_t freed;
+  {
+    const Locked locked;
+    size = ZuMem_Size[id];
+    taken = ZuMem_MallocCnt[id];
+    freed = ZuMem_FreeCnt[id];
+  }
   if (size == 0) return;
-  ZuPrint_Puts(ZuString_SFormat("  %3d  0x%08x      %4d    %4d", static_cast<int>(id), size,
-                                static_cast<int>(readLocked(&ZuMem_MallocCnt[id])),
-                                static_cast<int>(readLocked(&ZuMem_FreeCnt[id]))),
+  ZuPrint_Puts(ZuString_SFormat("  %3d  0x%08x      %4d    %4d", static_cast<int>(id), size, static_cast<int>(taken),
+                                static_cast<int>(freed)),
                0);
+}
+
+void showPool() {
+  uint32_t left;
+  uint32_t times;
+  uint32_t blocks;
+  {
+    const Locked locked;
+    left = l_static_leftsize;
+    times = l_static_times;
+    blocks = l_static_malloc_times;
+  }
+  ZuPrint_Puts(ZuString_SFormat("static memory : left         = 0x%08x", left), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : times        = %d", static_cast<int>(times)), 0);
+  ZuPrint_Puts(ZuString_SFormat("static memory : malloc times = %d", static_cast<int>(blocks)), 0);
 }
 
 // ---- bounded objects
@@ -160,11 +179,22 @@ void *ZuMem_Malloc_Static(int32_t id, uint32_t size) {
   return takeStatic(id, size);
 }
 
-void *ZuMem_LocalMalloc(uint32_t size) { return ZuMem_Malloc(0, size); }
+// These name themselves; behind them the lock is taken.
 
-void *ZuMem_LocalMalloc_Static(uint32_t size) { return ZuMem_Malloc_Static(0, size); }
+void *ZuMem_LocalMalloc(uint32_t size) {
+  noteCall(__func__);
+  return takeLocal(size);
+}
 
-void ZuMem_LocalFree(void *ptr) { ZuMem_Free(0, ptr); }
+void *ZuMem_LocalMalloc_Static(uint32_t size) {
+  noteCall(__func__);
+  return takeLocalStatic(size);
+}
+
+void ZuMem_LocalFree(void *ptr) {
+  noteCall(__func__);
+  giveLocal(ptr);
+}
 
 void ZuMem_Show(void) {
   const Waiting mark(__func__);
@@ -172,10 +202,7 @@ void ZuMem_Show(void) {
   ZuPrint_Puts("-------------------------------------", 0);
   for (int32_t id = 0; id < kIdCount; ++id) showAccount(id);
   ZuPrint_Puts("", 0);
-  ZuPrint_Puts(ZuString_SFormat("static memory : left         = 0x%08x", readLocked(&l_static_leftsize)), 0);
-  ZuPrint_Puts(ZuString_SFormat("static memory : times        = %d", static_cast<int>(readLocked(&l_static_times))), 0);
-  ZuPrint_Puts(
-      ZuString_SFormat("static memory : malloc times = %d", static_cast<int>(readLocked(&l_static_malloc_times))), 0);
+  showPool();
 }
 
 ZuMem *ZuMem_New(int32_t capacity, int32_t static_flag) {

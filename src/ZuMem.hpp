@@ -12,6 +12,8 @@ static_assert(sizeof(ZuMem) == 8, "the data begins 8 bytes into the block");
 
 inline uint8_t *memData(ZuMem *obj) { return reinterpret_cast<uint8_t *>(obj + 1); }
 
+#pragma GCC visibility push(hidden)
+
 // The size that was asked for when a block was taken with ZuMem_Malloc.
 uint32_t trackedSize(const void *block);
 
@@ -26,3 +28,5 @@ void giveLocal(void *ptr);
 
 // Whether a block was ever taken.
 bool hasAllocated();
+
+#pragma GCC visibility pop

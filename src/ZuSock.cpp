@@ -2,6 +2,7 @@
 #include "ZuSock.hpp"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -58,14 +59,14 @@ Deadline::Deadline(int32_t limitMs) : isSet_(limitMs >= 0), end_(isSet_ ? nowMs(
 
 bool Deadline::isOver() const { return isSet_ && leftMs() == 0; }
 
-bool Deadline::waitFor(int fd, short events) const {
-  if (fd < 0) return false;  // poll would pass it over
-  pollfd wait = {fd, events, 0};
+bool Deadline::waitFor(int fd, short events, int wake) const {
+  if (fd < 0) return false;  // poll would pass it over, as it does with no `wake`
+  pollfd waits[] = {{fd, events, 0}, {wake, 0, 0}};
   int ready;
   do {
-    ready = poll(&wait, 1, leftMs());
+    ready = poll(waits, 2, leftMs());
   } while (ready < 0 && errno == EINTR);
-  return ready > 0 && (wait.revents & POLLNVAL) == 0;
+  return ready > 0 && (waits[0].revents & POLLNVAL) == 0 && waits[1].revents == 0;
 }
 
 int Deadline::leftMs() const {
@@ -74,8 +75,16 @@ int Deadline::leftMs() const {
   return left > 0 ? static_cast<int>(left) : 0;
 }
 
+int aboveStandard(int fd) {
+  constexpr int kFirstOther = 3;
+  if (fd < 0 || fd >= kFirstOther) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstOther);
+  close(fd);
+  return moved;
+}
+
 int ZuSock_UDP_Create(const char *addressText, int port) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0 || !addressText || port < 1) return fd;
   sockaddr_in address;
   if (port > kLargestPort || !makeAddress(addressText, port, &address) ||

@@ -1,4 +1,4 @@
-// ZuSock.hpp: waiting for a socket, for a while or for ever.
+// ZuSock.hpp: waiting for a socket, for a while or for ever; and the descriptors that a socket keeps off.
 #pragma once
 
 #include <cstdint>
@@ -17,9 +17,10 @@ class Deadline {
   bool isOver() const;
 
   // Waits until the socket is ready for these events of poll, which it is asked at least once; false when the time is
-  // over first, or for a bad descriptor. Asks poll, which unlike select takes a descriptor of any number. A socket that
-  // was ready may yet have nothing to give: whoever then comes again asks isOver first, or may never be done.
-  bool waitFor(int fd, short events) const;
+  // over first, when another descriptor, `wake`, hangs up, or for a bad descriptor. Asks poll, which unlike select
+  // takes a descriptor of any number. A socket that was ready may yet have nothing to give: whoever then comes again
+  // asks isOver first, or may never be done.
+  bool waitFor(int fd, short events, int wake = -1) const;
 
  private:
   int leftMs() const;
@@ -27,3 +28,7 @@ class Deadline {
   bool isSet_;
   int64_t end_;
 };
+
+// Moves a descriptor above 2, should it be lower, or gives -1. The host may run with descriptors 0 to 2 closed, and
+// what it prints would go out by a socket in their place.
+int aboveStandard(int fd);

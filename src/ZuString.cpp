@@ -1,9 +1,14 @@
 // ZuString.cpp: text formatting, hex dumps and splitting.
 #include "kep/ZuString.h"
 
+#include <pthread.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+
+#include "Kep.hpp"
+#include "ZuMem.hpp"
 
 namespace {
 
@@ -16,6 +21,35 @@ static_assert(3 * kHexLargest + (kHexLargest - 1) / kBytesPerLine + 1 == kHexSiz
 char sg_SBuffer[kFormatSize];
 char sg_SHBuffer[kHexSize];
 
+// Where there is a lock, each thread has buffers of its own in their place.
+struct ThreadBuffer {
+  pthread_key_t key;
+  bool hasKey;
+};
+ThreadBuffer l_format;
+ThreadBuffer l_hex;
+
+// This thread's buffer, taken at its first use and given back when the thread ends. NULL when memory is short. Under
+// the lock.
+char *bufferOfThread(ThreadBuffer *buffer, int32_t size) {
+  if (!buffer->hasKey) buffer->hasKey = pthread_key_create(&buffer->key, giveLocal) == 0;
+  if (!buffer->hasKey) return nullptr;
+  void *memory = pthread_getspecific(buffer->key);
+  if (memory) return static_cast<char *>(memory);
+  memory = takeLocal(static_cast<uint32_t>(size));
+  if (memory && pthread_setspecific(buffer->key, memory) != 0) {
+    giveLocal(memory);
+    memory = nullptr;
+  }
+  return static_cast<char *>(memory);
+}
+
+char *emptyText() {
+  static char text[1];
+  text[0] = '\0';
+  return text;
+}
+
 char *putHexByte(char *out, uint8_t byte) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   *out++ = kDigits[byte >> 4];
@@ -27,13 +61,16 @@ char *putHexByte(char *out, uint8_t byte) {
 }  // namespace
 
 char *ZuString_SFormat(const char *format, ...) {
-  sg_SBuffer[0] = '\0';
-  if (!format) return sg_SBuffer;
+  const Guarded guard(__func__);
+  char *buffer = hasLock() ? bufferOfThread(&l_format, kFormatSize) : sg_SBuffer;
+  if (!buffer) return emptyText();
+  buffer[0] = '\0';
+  if (!format) return buffer;
   va_list args;
   va_start(args, format);
-  std::vsnprintf(sg_SBuffer, sizeof sg_SBuffer, format, args);
+  std::vsnprintf(buffer, kFormatSize, format, args);
   va_end(args);
-  return sg_SBuffer;
+  return buffer;
 }
 
 char *ZuString_Format(char *dst, const char *format, ...) {
@@ -60,7 +97,10 @@ char *ZuString_HFormat(char *dst, const void *data, int32_t len) {
 }
 
 char *ZuString_SHFormat(const void *data, int32_t len) {
-  return ZuString_HFormat(sg_SHBuffer, data, len < kHexLargest ? len : kHexLargest);
+  const Guarded guard(__func__);
+  char *buffer = hasLock() ? bufferOfThread(&l_hex, kHexSize) : sg_SHBuffer;
+  if (!buffer) return emptyText();
+  return ZuString_HFormat(buffer, data, len < kHexLargest ? len : kHexLargest);
 }
 
 int32_t ZuString_Split(char *text, const char *delimiter, char **fields, int32_t max_fields) {

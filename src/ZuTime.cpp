@@ -1,4 +1,7 @@
-// ZuTime.cpp: clocks, a sleep, and the one formatter of dates.
+// ZuTime.cpp: clocks, a sleep, and the one formatter of dates. All that the library asks the C library about time is
+// asked here, for times of 64 bits where that one has a choice.
+#define _TIME_BITS 64
+#define _FILE_OFFSET_BITS 64
 #include "kep/ZuTime.h"
 
 #include <sys/time.h>
@@ -7,7 +10,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
+#include "Kep.hpp"
 #include "kep/ZuString.h"
 
 namespace {
@@ -70,7 +75,7 @@ char *putToken(char *out, Token token, bool isPadded) {
 
 // ---- conversions
 
-// The last conversion, and the zone that it was made in.
+// The last conversion, and the zone that it was made in. Under the lock.
 struct {
   bool isKept;    // the rest holds
   bool isNamed;   // TZ was set,
@@ -79,7 +84,7 @@ struct {
   long offset;    // the C library's zone
   const char *names[2];
   bool isConverted;
-  time_t second;
+  int64_t second;
   tm fields;
 } l_last;
 
@@ -103,18 +108,19 @@ void keepZone(const char *name, time_t now) {
   l_last.names[1] = tzname[1];
 }
 
-// Gives all zeros for a time that the C library cannot convert.
+// Gives all zeros for a time that the C library cannot convert. Under the lock.
 //
 // localtime would have the C library look at the zone each time. That is cheap while TZ names it; but without TZ it
 // asks the file system, which takes longer than all the rest, so it is done once a second of the wall clock.
-const tm &convert(time_t t) {
+const tm &convert(int64_t t) {
   const char *name = getenv("TZ");
   const time_t now = time(nullptr);
   const bool isSame = isZoneOfLast(name, now);
   if (isSame && l_last.isConverted && t == l_last.second) return l_last.fields;
   if (name || !isSame) tzset();
   l_last.second = t;
-  l_last.isConverted = localtime_r(&t, &l_last.fields) != nullptr;
+  const auto second = static_cast<time_t>(t);
+  l_last.isConverted = second == t && localtime_r(&second, &l_last.fields) != nullptr;
   if (!l_last.isConverted) l_last.fields = tm{};
   keepZone(name, now);  // behind the conversion, which may change the names to those of its time
   return l_last.fields;
@@ -150,13 +156,13 @@ uint32_t ZuTime_GetUTime(void) {
   return static_cast<uint32_t>(now.tv_sec) * 1000000U + static_cast<uint32_t>(now.tv_usec);
 }
 
-// Added in 64 bits: near its end a 32-bit time would overflow.
-time_t ZuTime_GetTime(int32_t offset) { return static_cast<time_t>(int64_t{time(nullptr)} + offset); }
+int64_t ZuTime_GetTime(int32_t offset) { return int64_t{time(nullptr)} + offset; }
 
-time_t ZuTime_Now(void) { return ZuTime_GetTime(0); }
+int64_t ZuTime_Now(void) { return ZuTime_GetTime(0); }
 
-char *ZuTime_Format(char *dst, const char *pattern, time_t t) {
+char *ZuTime_Format(char *dst, const char *pattern, int64_t t) {
   if (!dst || !pattern) return dst;
+  const Locked locked;
   const tm &time = convert(t == 0 ? ZuTime_Now() : t);
   char *out = dst;
   *out = '\0';

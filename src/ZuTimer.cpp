@@ -1,8 +1,9 @@
 // ZuTimer.cpp: a registry of periodic callbacks and the loop that polls it.
 #include "kep/ZuTimer.h"
 
+#include "Kep.hpp"
 #include "ZuList.hpp"
-#include "kep/ZuMem.h"
+#include "ZuMem.hpp"
 #include "kep/ZuPrint.h"
 #include "kep/ZuString.h"
 #include "kep/ZuTime.h"
@@ -26,49 +27,81 @@ static_assert(sizeof(void *) != 4 || sizeof(ZuTimer) == 20, "the board's record"
 
 uint32_t stampMs() { return ZuTime_GetUTime() / 1000; }
 
-void runIfDue(ZuTimer *timer, uint32_t now) {
-  if (!timer->callback || timer->status == kStopped || now - timer->last < timer->interval) return;
-  if (timer->callback(static_cast<int32_t>(timer->interval)) == 0) timer->status = kStopped;
+int32_t l_isToStop;  // set by signal handlers, too
+
+bool takeStop() { return __atomic_exchange_n(&l_isToStop, 0, __ATOMIC_RELAXED) != 0; }
+
+// ---- under the lock, which is given back between two timers
+
+ListWalk<ZuTimer> registered() {
+  const Locked locked;
+  return ListWalk<ZuTimer>(g_ZuTimer_List);
+}
+
+// Stores the next timer with a callback as it is now, and where it is; false behind the last one.
+bool next(ListWalk<ZuTimer> *walk, ZuTimer *out, ZuTimer **place) {
+  const Locked locked;
+  while (walk->next(place)) {
+    if (!*place || !(*place)->callback) continue;
+    *out = **place;
+    return true;
+  }
+  return false;
+}
+
+void noteRun(ZuTimer *timer, uint32_t now, bool goesOn) {
+  const Locked locked;
+  if (!goesOn) timer->status = kStopped;
   timer->last = now;
   ++timer->times;
 }
 
+// ---- the loop
+
 // One stamp for the whole pass. Timers registered meanwhile wait for the next.
 void runPass() {
-  const ListWalk<ZuTimer> registered(g_ZuTimer_List);
+  ListWalk<ZuTimer> walk = registered();
   const uint32_t now = stampMs();
-  ZuTimer *timer;
-  for (ListWalk<ZuTimer> walk = registered; walk.next(&timer);) {
-    if (timer) runIfDue(timer, now);
+  ZuTimer timer;
+  for (ZuTimer *place; next(&walk, &timer, &place);) {
+    if (timer.status == kStopped || now - timer.last < timer.interval) continue;
+    noteRun(place, now, timer.callback(static_cast<int32_t>(timer.interval)) != 0);
   }
 }
 
 }  // namespace
 
 int32_t ZuTimer_Regist(ZuTimerCallback callback, uint32_t interval) {
+  const Guarded guard(__func__);
   if (!g_ZuTimer_List) g_ZuTimer_List = ZuList_New(0, ZuMem_LocalFree);
-  auto *timer = static_cast<ZuTimer *>(ZuMem_LocalMalloc(sizeof(ZuTimer)));
+  auto *timer = static_cast<ZuTimer *>(takeLocal(sizeof(ZuTimer)));
   if (!timer) return 0;
   *timer = {callback, interval, stampMs(), kActive, 0};
-  if (!ZuList_Append(g_ZuTimer_List, timer)) ZuMem_LocalFree(timer);
+  if (!ZuList_Append(g_ZuTimer_List, timer)) giveLocal(timer);
   return 1;
 }
 
 void ZuTimer_Loop(void) {
-  for (;;) {
+  noteTimerLoop(true);
+  while (!takeStop()) {
     runPass();
+    if (takeStop()) break;
     ZuTime_Sleep(kPassMs);
   }
+  noteTimerLoop(false);
 }
 
 void ZuTimer_Show(void) {
+  const Waiting mark(__func__);
   ZuPrint_Show(ZuString_SFormat("current tm=%d\n", static_cast<int>(stampMs())), 0);
-  ZuTimer *timer;
-  for (ListWalk<ZuTimer> walk(g_ZuTimer_List); walk.next(&timer);) {
-    if (!timer || !timer->callback) continue;
-    ZuPrint_Show(ZuString_SFormat("last=%d,interval=%d,status=%d,times=%d\n", static_cast<int>(timer->last),
-                                  static_cast<int>(timer->interval), static_cast<int>(timer->status),
-                                  static_cast<int>(timer->times)),
+  ListWalk<ZuTimer> walk = registered();
+  ZuTimer timer;
+  for (ZuTimer *place; next(&walk, &timer, &place);) {
+    ZuPrint_Show(ZuString_SFormat("last=%d,interval=%d,status=%d,times=%d\n", static_cast<int>(timer.last),
+                                  static_cast<int>(timer.interval), static_cast<int>(timer.status),
+                                  static_cast<int>(timer.times)),
                  0);
   }
 }
+
+void ZuTimer_Stop(void) { __atomic_store_n(&l_isToStop, 1, __ATOMIC_RELAXED); }

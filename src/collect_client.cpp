@@ -1,12 +1,14 @@
 // collect_client.cpp: the request socket, the connection of a run, and every byte that goes over it.
 //
+// All of it belongs to the serving thread, but for the settings and the counters. The connection never blocks: whatever
+// waits does so in waitUnlessStopped, which a limit or a stop of the service ends.
+//
 //   send buffer  message header: length (4) | type (4) | sequence (4) | payload (1024)
 //
 // The layouts of requests, messages and records are in CollectClient.h.
 #include "collect_client.hpp"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,9 +18,11 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Kep.hpp"
 #include "ZuBuffer.hpp"
 #include "ZuPrint.hpp"
 #include "ZuSock.hpp"
+#include "collect_stop.hpp"
 #include "kep/ZuMem.h"
 #include "kep/platform.h"
 
@@ -27,7 +31,7 @@ namespace {
 constexpr int kRequestPort = 9099;
 constexpr int32_t kRequestSize = 16;
 constexpr uint32_t kRequestTypeCount = 4;
-constexpr uint32_t kFailurePauseMs = 1000;
+constexpr int32_t kFailurePauseMs = 1000;
 
 constexpr int32_t kModuleId = 100;  // of tracked memory
 constexpr int32_t kHeaderSize = 12;
@@ -51,12 +55,40 @@ uint8_t *l_buffer;  // the send buffer; NULL outside a run
 int32_t l_bufPos;   // payload bytes gathered
 int32_t _sequence;  // the last automatic sequence; runs on from run to run
 
+int32_t l_unacknowledged;  // messages of the run, so far
+
+CollectStats l_stats;  // read by any thread, without a lock
+
+// ---- settings, which any thread may make
+
 // How long each may take, in milliseconds; 0: for ever.
 int32_t l_connectMs;
 int32_t l_sendMs;
 int32_t l_ackMs;
 
-CollectStats l_stats;
+bool l_isSilent;
+
+// Under the lock: where the next request socket is bound, and where connections leave from.
+in_addr_t l_listenHost = INADDR_ANY;
+int32_t l_listenPort = kRequestPort;
+in_addr_t l_ownHost = INADDR_ANY;
+bool l_hasListened;
+
+template <typename T>
+T read(const T &value) {
+  return __atomic_load_n(&value, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+void set(T *out, T value) {
+  __atomic_store_n(out, value, __ATOMIC_RELAXED);
+}
+
+// ---- texts
+
+void say(const char *text) {
+  if (!isSilent()) printPastSink("%s\n", text);
+}
 
 // ---- sockets
 
@@ -68,19 +100,29 @@ sockaddr_in addressOf(in_addr_t host, int32_t port) {
   return address;
 }
 
+bool bindTo(int fd, const sockaddr_in &address) {
+  return bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
 Deadline deadlineFor(int32_t limitMs) { return Deadline(limitMs > 0 ? limitMs : Deadline::kNoLimit); }
 
-// With a limit the socket must not block; without one, an interrupted connect still goes on by itself.
-bool connectTo(int fd, const sockaddr_in &address) {
-  const Deadline deadline = deadlineFor(l_connectMs);
-  if (deadline.isSet() && fcntl(fd, F_SETFL, O_NONBLOCK) != 0) return false;
-  if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    if ((errno != EINTR && errno != EINPROGRESS) || !deadline.waitFor(fd, POLLOUT)) return false;
-    int error = 0;
-    socklen_t size = sizeof error;
-    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) return false;
+bool leaveFromOwnAddress(int fd) {
+  in_addr_t host;
+  {
+    const Locked locked;
+    host = l_ownHost;
   }
-  return !deadline.isSet() || fcntl(fd, F_SETFL, 0) == 0;
+  return host == INADDR_ANY || bindTo(fd, addressOf(host, 0));
+}
+
+bool connectTo(int fd, const sockaddr_in &address) {
+  if (isStopped()) return false;
+  const Deadline deadline = deadlineFor(read(l_connectMs));
+  if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return true;
+  if ((errno != EINTR && errno != EINPROGRESS) || !waitUnlessStopped(deadline, fd, POLLOUT)) return false;
+  int error = 0;
+  socklen_t size = sizeof error;
+  return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }
 
 // Where nobody listens, the system can give a connection of the board to itself the very port that it goes to, and the
@@ -103,22 +145,12 @@ void closeConnection() {
   l_fd = 0;
 }
 
-// The host may run with descriptors 0 to 2 closed. A connection must not take their place: what the host prints would
-// go out by it.
-int aboveStandard(int fd) {
-  constexpr int kFirstOther = 3;
-  if (fd < 0 || fd >= kFirstOther) return fd;
-  const int moved = fcntl(fd, F_DUPFD, kFirstOther);
-  close(fd);
-  return moved;
-}
-
 bool openConnection(const char *addrText, int32_t port) {
   closeConnection();  // an earlier run that failed leaves its own behind
-  const int fd = aboveStandard(socket(AF_INET, SOCK_STREAM, 0));
+  const int fd = aboveStandard(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (fd < 0) return false;
   const in_addr_t host = inet_addr(addrText);
-  if (host == INADDR_NONE || !connectTo(fd, addressOf(host, port)) || meetsItself(fd)) {
+  if (host == INADDR_NONE || !leaveFromOwnAddress(fd) || !connectTo(fd, addressOf(host, port)) || meetsItself(fd)) {
     close(fd);
     return false;
   }
@@ -130,15 +162,14 @@ bool openConnection(const char *addrText, int32_t port) {
 // could not connect there is a buffer but no connection.
 // Nothing may follow a message of which only a part went out, so such a failure closes the connection.
 bool sendAll(const uint8_t *data, size_t size) {
-  if (l_fd == 0) return false;
+  if (l_fd == 0 || isStopped()) return false;
   const size_t whole = size;
-  const Deadline deadline = deadlineFor(l_sendMs);
-  const int flags = MSG_NOSIGNAL | (deadline.isSet() ? MSG_DONTWAIT : 0);
+  const Deadline deadline = deadlineFor(read(l_sendMs));
   while (size > 0) {
-    const ssize_t sent = send(l_fd, data, size, flags);
+    const ssize_t sent = send(l_fd, data, size, MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0 && errno == EAGAIN && deadline.isSet()) {
-      if (!deadline.isOver() && deadline.waitFor(l_fd, POLLOUT)) continue;
+    if (sent < 0 && errno == EAGAIN) {
+      if (!deadline.isOver() && waitUnlessStopped(deadline, l_fd, POLLOUT)) continue;
       closeConnection();  // given up: the rest of the run shall not wait for it again
     }
     if (sent <= 0) {
@@ -151,20 +182,20 @@ bool sendAll(const uint8_t *data, size_t size) {
   return true;
 }
 
-// One receive, of at most 16 bytes that nobody looks at. A connection closed by the server counts as acknowledged. With
-// a limit only the wait may take time, never the receive: a socket can be called ready and yet have nothing to give.
-bool receiveAck() {
-  const Deadline deadline = deadlineFor(l_ackMs);
-  const int flags = deadline.isSet() ? MSG_DONTWAIT : 0;
+// One receive, of at most 16 bytes that nobody looks at. Returns their number, 0 for a connection closed by the server,
+// or -1. A socket can be called ready and yet have nothing to give.
+ssize_t receiveAck() {
+  const Deadline deadline = deadlineFor(read(l_ackMs));
   uint8_t ack[kAckSize];
-  while (!deadline.isSet() || deadline.waitFor(l_fd, POLLIN)) {
-    if (recv(l_fd, ack, sizeof ack, flags) >= 0) return true;
+  while (waitUnlessStopped(deadline, l_fd, POLLIN)) {
+    const ssize_t size = recv(l_fd, ack, sizeof ack, 0);
+    if (size >= 0) return size;
     if (errno == EINTR) continue;
-    if (errno != EAGAIN || !deadline.isSet()) return false;
+    if (errno != EAGAIN) return -1;
     if (deadline.isOver()) break;
   }
   closeConnection();
-  return false;
+  return -1;
 }
 
 // ---- the send buffer
@@ -213,12 +244,13 @@ int32_t putPiece(uint8_t pieceType, int32_t index, int32_t section, int32_t key,
 
 // The size of the next datagram, of which at most 16 bytes are kept, or -1.
 ssize_t receiveRequest(int fd, uint8_t *request, sockaddr_in *sender) {
+  constexpr int kFlags = MSG_DONTWAIT | MSG_TRUNC;  // the true size, so that a longer datagram is no good one cut
   socklen_t senderSize = sizeof *sender;
   ssize_t size;
   do {
-    // MSG_TRUNC: the true size, so that a longer datagram is not taken for a good one cut to 16 bytes.
-    size = recvfrom(fd, request, kRequestSize, MSG_TRUNC, reinterpret_cast<sockaddr *>(sender), &senderSize);
-  } while (size < 0 && errno == EINTR);
+    if (!waitUnlessStopped(Deadline(Deadline::kNoLimit), fd, POLLIN)) return -1;
+    size = recvfrom(fd, request, kRequestSize, kFlags, reinterpret_cast<sockaddr *>(sender), &senderSize);
+  } while (size < 0 && (errno == EINTR || errno == EAGAIN));
   return size;
 }
 
@@ -233,34 +265,48 @@ bool canBeOneHost(in_addr address) {
 
 CollectStats &collectStats() { return l_stats; }
 
+void countRun(bool isDone) { countUp(isDone && l_unacknowledged == 0 ? l_stats.finishedRuns : l_stats.failedRuns); }
+
+bool isSilent() { return read(l_isSilent); }
+
+void dropRun() {
+  closeConnection();
+  ZuMem_Free(kModuleId, l_buffer);
+  l_buffer = nullptr;
+  l_bufPos = 0;
+}
+
 int CollectClient_Init(void) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  const Guarded guard(__func__);
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
-  const sockaddr_in address = addressOf(htonl(INADDR_ANY), kRequestPort);
-  if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+  if (!bindTo(fd, addressOf(l_listenHost, l_listenPort))) {
     close(fd);
     return -1;
   }
+  l_ownHost = l_listenHost;
+  l_hasListened = true;
   return fd;
 }
 
 int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char *addrTextOut, int32_t *portOut) {
+  const Waiting mark(__func__);
   if (fd < 0) return -1;
   uint8_t request[kRequestSize] = {};  // what a shorter datagram does not bring is 0
   sockaddr_in sender{};
   const ssize_t size = receiveRequest(fd, request, &sender);
   if (size < 0) {
-    VRK_Delay(kFailurePauseMs);  // a socket that keeps failing must not make its server spin
+    pauseUnlessStopped(kFailurePauseMs);  // a socket that keeps failing must not make its server spin
     return -1;
   }
-  printPastSink("size=%ld\n", static_cast<long>(size));
-  ++l_stats.datagrams;
+  if (!isSilent()) printPastSink("size=%ld\n", static_cast<long>(size));
+  countUp(l_stats.datagrams);
 
   const auto length = loadBig<uint32_t>(request), type = loadBig<uint32_t>(request + 4);
   const auto sequence = loadBig<uint32_t>(request + 8), port = loadBig<uint32_t>(request + 12);
   if (size > kRequestSize || static_cast<int32_t>(length) != size || type >= kRequestTypeCount ||
       !canBeOneHost(sender.sin_addr)) {
-    ++l_stats.dropped;
+    countUp(l_stats.dropped);
     return -1;
   }
   if (typeOut) *typeOut = type;
@@ -270,8 +316,9 @@ int32_t CollectClient_WaitFor(int fd, uint8_t, uint8_t, uint32_t *typeOut, char 
 }
 
 int32_t CollectClient_Start(const char *addrText, int32_t port) {
+  const Waiting mark(__func__);
   if (!addrText || !openConnection(addrText, port)) {
-    printPastSink("connect error.\n");
+    say("connect error.");
     return 0;
   }
   if (!makeBuffer()) {
@@ -279,15 +326,18 @@ int32_t CollectClient_Start(const char *addrText, int32_t port) {
     return 0;
   }
   l_bufPos = 0;
+  l_unacknowledged = 0;
   CollectClient_SetType(0);
   return 1;
 }
 
 void CollectClient_SetType(int32_t type) {
+  const Waiting mark(__func__);
   if (l_buffer) storeBig(l_buffer + 4, static_cast<uint32_t>(type));
 }
 
 int32_t CollectClient_AppendInt(int32_t value) {
+  const Waiting mark(__func__);
   if (!l_buffer) return 0;
   constexpr int32_t kSize = 4;
   if (room() >= kSize) storeBig(take(kSize), static_cast<uint32_t>(value));
@@ -295,6 +345,7 @@ int32_t CollectClient_AppendInt(int32_t value) {
 }
 
 void CollectClient_AppendString(const char *text) {
+  const Waiting mark(__func__);
   constexpr int32_t kLengthSize = 2;
   if (!l_buffer || !text) return;
   const size_t length = std::strlen(text);
@@ -304,61 +355,92 @@ void CollectClient_AppendString(const char *text) {
 }
 
 void CollectClient_AppendBuffer(const void *data, int32_t length) {
+  const Waiting mark(__func__);
   if (!l_buffer || !data || length < 0 || length > room()) return;
   std::memcpy(take(length), data, static_cast<size_t>(length));
 }
 
 void CollectClient_CollectInt(int32_t index, int32_t section, int32_t key, int32_t value) {
+  const Waiting mark(__func__);
   if (!l_buffer) return;
   storeBig(beginRecord(kIntSize, kIntRecord, index, section, key), static_cast<uint32_t>(value));
 }
 
 void CollectClient_CollectLong(int32_t index, int32_t section, int32_t key, int64_t value) {
+  const Waiting mark(__func__);
   if (!l_buffer) return;
   storeBig(beginRecord(kLongSize, kLongRecord, index, section, key), static_cast<uint64_t>(value));
 }
 
 int32_t CollectClient_CollectString(int32_t index, int32_t section, int32_t key, const char *text, int32_t length) {
+  const Waiting mark(__func__);
   if (!l_buffer || !text || length < 0) return 0;
   if (length == 0) length = static_cast<int32_t>(strnlen(text, INT32_MAX));
   return putPiece(kStringPiece, index, section, key, text, length);
 }
 
 int32_t CollectClient_CollectBuffer(int32_t index, int32_t section, int32_t key, const void *data, int32_t length) {
+  const Waiting mark(__func__);
   if (!l_buffer || !data || length <= 0) return 0;
   return putPiece(kBufferPiece, index, section, key, data, length);
 }
 
 int32_t CollectClient_Flush(int32_t sequence) {
+  const Waiting mark(__func__);
   if (!l_buffer) return 0;
   const int32_t size = kHeaderSize + l_bufPos;
   if (sequence == 0) sequence = _sequence = static_cast<int32_t>(static_cast<uint32_t>(_sequence) + 1);
   storeBig(l_buffer, static_cast<uint32_t>(size));
   storeBig(l_buffer + 8, static_cast<uint32_t>(sequence));
   l_bufPos = 0;  // before the send: a message that fails to go out is dropped, never sent twice
+  ++l_unacknowledged;
   if (!sendAll(l_buffer, static_cast<size_t>(size))) {
-    printPastSink("send error.\n");
+    say("send error.");
     return 0;
   }
-  if (!receiveAck()) {
-    printPastSink("recv error.\n");
+  const ssize_t ackSize = receiveAck();
+  if (ackSize < 0) {
+    say("recv error.");
     return 0;
   }
-  ++l_stats.messages;
+  if (ackSize > 0) {
+    --l_unacknowledged;
+    countUp(l_stats.messages);
+  }
   return 1;
 }
 
 void CollectClient_End(void) {
+  const Waiting mark(__func__);
   if (!l_buffer) return;
   CollectClient_Flush(0);
-  closeConnection();
-  ZuMem_Free(kModuleId, l_buffer);
-  l_buffer = nullptr;
-  l_bufPos = 0;
+  dropRun();
 }
 
 void CollectClient_SetTimeout(int32_t connectMs, int32_t sendMs, int32_t ackMs) {
-  l_connectMs = connectMs;
-  l_sendMs = sendMs;
-  l_ackMs = ackMs;
+  const Waiting mark(__func__);
+  set(&l_connectMs, connectMs);
+  set(&l_sendMs, sendMs);
+  set(&l_ackMs, ackMs);
+}
+
+void CollectClient_SetTrace(int32_t on) {
+  const Waiting mark(__func__);
+  set(&l_isSilent, on == 0);
+}
+
+int32_t Collect_SetAddress(const char *addressText, int32_t port) {
+  const Guarded guard(__func__);
+  in_addr host = {INADDR_ANY};
+  if (port < 0 || port > UINT16_MAX || (addressText && inet_pton(AF_INET, addressText, &host) != 1)) return 0;
+  l_listenHost = host.s_addr;
+  l_listenPort = port == 0 ? kRequestPort : port;
+  if (!l_hasListened) l_ownHost = l_listenHost;
+  return 1;
+}
+
+void Collect_GetStats(CollectStats *out) {
+  if (!out) return;
+  *out = {read(l_stats.datagrams),    read(l_stats.dropped),    read(l_stats.refused),
+          read(l_stats.finishedRuns), read(l_stats.failedRuns), read(l_stats.messages)};
 }

@@ -2,7 +2,9 @@
 // the identity, the catalogue of items, one or more messages of data for each item, and a last message.
 #include "collect_getdata.hpp"
 
+#include "Kep.hpp"
 #include "collect_client.hpp"
+#include "collect_stop.hpp"
 #include "kep/ZuString.h"
 #include "kep/ZuTime.h"
 
@@ -10,10 +12,11 @@ namespace {
 
 void log(const char *text) { ZuLogger_Write(g_collect_param.logger, 1, text); }
 
-bool sendCatalogue() {
+bool sendCatalogue(int32_t itemCount) {
   CollectClient_SetType(kCatalogueMessage);
-  for (int32_t i = 0; i < g_collect_param.count; ++i) {
-    const CollectItem *item = g_collect_param.items[i];
+  for (int32_t i = 0; i < itemCount; ++i) {
+    const CollectItem *item = itemOfRun(i);
+    if (!item) continue;
     CollectClient_AppendInt(item->index);
     CollectClient_AppendString(item->name);
   }
@@ -27,11 +30,11 @@ bool collectItem(const CollectItem *item, int32_t requestType) {
   return flushToServer();
 }
 
-bool collectItems(int32_t requestType) {
+bool collectItems(int32_t itemCount, int32_t requestType) {
   CollectClient_SetType(kDataMessage);
-  for (int32_t i = 0; i < g_collect_param.count; ++i) {
-    const CollectItem *item = g_collect_param.items[i];
-    if (item->collect && !collectItem(item, requestType)) return false;
+  for (int32_t i = 0; i < itemCount; ++i) {
+    const CollectItem *item = itemOfRun(i);
+    if (item && item->collect && !collectItem(item, requestType)) return false;
   }
   CollectClient_End();
   return true;
@@ -48,7 +51,7 @@ bool beginRun(const char *addressText, int32_t port, int32_t sequence, uint8_t i
   const uint8_t identity[4] = {id0, id1, 0, 0};
   CollectClient_AppendBuffer(identity, sizeof identity);
   CollectClient_Flush(sequence);  // unchecked: a lost connection shows at the next flush
-  return true;
+  return !isStopped();            // which may come behind a callback
 }
 
 bool flushToServer() {
@@ -63,13 +66,10 @@ void logItem(const CollectItem *item, const char *what) {
   log(ZuString_SFormat("%s [%s] %s\n", time, item->name, what));
 }
 
-int32_t countRun(bool finished) {
-  CollectStats &stats = collectStats();
-  ++(finished ? stats.finishedRuns : stats.failedRuns);
-  return finished;
-}
-
 int32_t Collect_Start(const char *addressText, int32_t port, int32_t requestType, int32_t sequence, uint8_t id0,
                       uint8_t id1) {
-  return countRun(beginRun(addressText, port, sequence, id0, id1) && sendCatalogue() && collectItems(requestType));
+  const Waiting mark(__func__);
+  const int32_t itemCount = beginItems();
+  return endItems(beginRun(addressText, port, sequence, id0, id1) && sendCatalogue(itemCount) &&
+                  collectItems(itemCount, requestType));
 }

@@ -1,5 +1,6 @@
 // collect_selftest.cpp: a self-test run. As a collection run, but without a catalogue: each item's data begins with its
 // name instead, under an item index that no item has.
+#include "Kep.hpp"
 #include "collect_getdata.hpp"
 #include "kep/CollectClient.h"
 
@@ -15,11 +16,11 @@ bool testItem(const CollectItem *item) {
   return flushToServer();
 }
 
-bool testItems() {
+bool testItems(int32_t itemCount) {
   CollectClient_SetType(kDataMessage);
-  for (int32_t i = 0; i < g_collect_param.count; ++i) {
-    const CollectItem *item = g_collect_param.items[i];
-    if (item->selftest && !testItem(item)) return false;
+  for (int32_t i = 0; i < itemCount; ++i) {
+    const CollectItem *item = itemOfRun(i);
+    if (item && item->selftest && !testItem(item)) return false;
   }
   CollectClient_End();
   return true;
@@ -28,5 +29,7 @@ bool testItems() {
 }  // namespace
 
 int32_t Collect_SelfTest(const char *addressText, int32_t port, int32_t sequence, uint8_t id0, uint8_t id1) {
-  return countRun(beginRun(addressText, port, sequence, id0, id1) && testItems());
+  const Waiting mark(__func__);
+  const int32_t itemCount = beginItems();
+  return endItems(beginRun(addressText, port, sequence, id0, id1) && testItems(itemCount));
 }

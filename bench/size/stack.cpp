@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -32,7 +33,7 @@ ucontext_t l_own, l_painted;
 
 void runCall() { l_call(); }
 
-time_t l_second = 1700000000;
+int64_t l_second = 1700000000;
 
 // Second and zone are others at each call: what was kept of them is of no use.
 void changeTime() {
@@ -134,7 +135,7 @@ int PLM_snprintf(char *buffer, size_t size, const char *format, ...) {
 
 // ---- the system
 
-extern "C" time_t __wrap_time(time_t *) { return l_second; }
+extern "C" int64_t __wrap___time64(int64_t *) { return l_second; }
 
 extern "C" ssize_t __real_sendto(int, const void *, size_t, int, const sockaddr *, socklen_t);
 
@@ -441,7 +442,11 @@ void measureRecords() {
   STACK(ZuFault_ShowRunLogToBuf(fault, buf));
   STACK(ZuFault_ShowInitLog(fault));
   STACK(ZuFault_ShowRunLog(fault));
+  STACK(ZuFault_SetLogSize(fault, 0));
   STACK(ZuFault_Start());
+  STACK(ZuFault_SetFile(nullptr, 1));
+  STACK(ZuFault_Start());
+  STACK(ZuFault_GetResult());
 
   static ZuFuncLogEntry functions[] = {{"open", "I300s", 1, "(path)"}};
   static ZuFuncLog *log = ZuFuncLog_New(functions, 1, 4096);
@@ -540,6 +545,7 @@ void measureCollection() {
   STACK(ZuTimer_Show());
   l_calls = 0;
   STACK(ZuTimer_Loop());
+  STACK(ZuTimer_Stop());
 }
 
 // ---- what is kept
@@ -577,6 +583,8 @@ void measureMemory() {
 
 int main() {
   std::memset(l_text, 'x', sizeof l_text - 1);
+  STACK(Kep_SetLock(doNothing, doNothing));  // first: with a lock everything takes a little more
+  STACK(Kep_Version());
   measureMemory();
   measureFrame();
   measureContainers();

@@ -11,13 +11,33 @@
  *   buffer    0x84 | the same                                                        0x04: more pieces follow
  *
  * Message types are 0, the identity (2 identity bytes | 0 | 0); 1, the catalogue (for each item: index (4) | length of
- * its name (2) | name); and 2, data, which is any number of records.
+ * its name (2) | name); and 2, data, which is any number of records. A collection is the identity, the catalogue, one
+ * or more messages of data for each item, and a last message, which is empty; then the client closes the connection.
+ * A self-test has no catalogue. The identity carries the request's sequence, all others the board's own count of
+ * messages, which goes on from run to run and takes the place of a sequence of 0. A run that fails has no last
+ * message, and may leave its connection open until the next begins.
  *
  * There is one run at a time in a process: CollectClient_Start, any number of calls, CollectClient_End. Outside a run
  * the others do nothing. A run that fails before its end leaves its connection and its message buffer behind: calls
  * go on gathering and flushing until the next run's start or an end. The connection is closed earlier when a limit ran
  * out, or when only a part of a message went out; then every flush fails. Without CollectClient_SetTimeout there are
- * no time-outs: a server that stops answering holds the calling thread. */
+ * no time-outs: a server that stops answering holds the calling thread.
+ *
+ * All of it belongs to the thread that serves, but for CollectClient_SetTimeout and CollectClient_SetTrace: with a lock
+ * (Kep_SetLock) those may be called from any thread.
+ *
+ * A host with a poll loop of its own does what Collect_Init does, where it is not stopped by Collect_Stop:
+ *
+ *   int fd = CollectClient_Init();                       // -1: the port is taken
+ *   ...                                                  // poll says that fd is readable:
+ *   int32_t sequence = CollectClient_WaitFor(fd, 0, 0, &type, address, &port);
+ *   if (sequence == -1) continue;                        // no request
+ *   if (!isWelcome(address, port & 0xFFFF, type)) continue;   // Collect_SetAccess is for Collect_Init alone
+ *   if (type == COLLECTCLIENT_SELFTEST) Collect_SelfTest(address, port, sequence, id0, id1);
+ *   else Collect_Start(address, port, (int32_t)type, sequence, id0, id1);
+ *
+ * Both runs wait as long as CollectClient_SetTimeout lets them, and log to g_collect_param's logger where the host has
+ * put one there. */
 #ifndef KEP_COLLECTCLIENT_H
 #define KEP_COLLECTCLIENT_H
 
@@ -29,21 +49,26 @@
 extern "C" {
 #endif
 
-/* Opens the request socket on UDP port 9099 of every address, without address reuse. Returns its descriptor, which the
- * caller owns, or -1, for example when the port is taken. */
+/* Types of a request. The first three ask for a collection, and the items' callbacks are given the type: what it stands
+ * for is for the host to say. */
+enum { COLLECTCLIENT_TYPE0 = 0, COLLECTCLIENT_TYPE1 = 1, COLLECTCLIENT_TYPE2 = 2, COLLECTCLIENT_SELFTEST = 3 };
+
+/* Opens the request socket on UDP port 9099 of every address, or where Collect_SetAddress says, without address reuse.
+ * Returns its descriptor, which the caller owns, or -1, for example when the port is taken. */
 KEP_API int CollectClient_Init(void);
 
 /* Waits for one request datagram on `fd` and prints its size as "size=%ld\n" to standard output. A datagram whose
  * length field is not its true length, whose type is above 3, or whose sender cannot be one host (0.x.x.x, a multicast
  * address, 255.255.255.255), is dropped. id0 and id1 are not used. On success stores the type, the sender's dotted
  * address (16 bytes) and the port field, and returns the request's sequence. Returns -1 for a dropped datagram or a
- * negative `fd`; and, after a pause through VRK_Delay, when the socket fails. */
+ * negative `fd`; and, after a pause through VRK_Delay (in Collect_Init: a wait of the same second), when it fails. */
 KEP_API int32_t CollectClient_WaitFor(int fd, uint8_t id0, uint8_t id1, uint32_t *typeOut, char *addrTextOut,
                                       int32_t *portOut);
 
-/* Begins a run: connects to the dotted address and the low 16 bits of `port`. A connection that an earlier run left
- * open is closed first. Returns 1; 0, with no connection left open, when memory is short, or, with "connect error." on
- * standard output, when the server cannot be reached; also when the system connected the socket to itself. */
+/* Begins a run: connects to the dotted address and the low 16 bits of `port`, from the address of the request socket,
+ * or before there is one from that of Collect_SetAddress. A connection that an earlier run left open is closed first.
+ * Returns 1; 0, with no connection left open, when memory is short, or, with "connect error." on standard output, when
+ * the server cannot be reached; also when the system connected the socket to itself. */
 KEP_API int32_t CollectClient_Start(const char *addrText, int32_t port);
 
 /* Sets the type of the messages that follow; 0 when a run begins. */
@@ -79,6 +104,10 @@ KEP_API void CollectClient_End(void);
  * in milliseconds; 0 or less: for ever, the default. What takes longer has failed: it gives the text and the result of
  * any other failure, and the connection is closed, so that the rest of the run fails without waiting again. */
 KEP_API void CollectClient_SetTimeout(int32_t connectMs, int32_t sendMs, int32_t ackMs);
+
+/* 0: from now on neither the texts of this module nor the echo of the service's log leave; the log keeps its lines.
+ * Anything else: they do, the default. */
+KEP_API void CollectClient_SetTrace(int32_t on);
 
 #ifdef __cplusplus
 }

@@ -3,9 +3,10 @@
  *
  * A block is grown when the elements in use and the write would exceed its room, to a multiple of the grow step in
  * bytes. Growing keeps only the elements in use: what ZuBuf_Set wrote beyond them is lost. After the first growth the
- * room is counted in bytes though compared with elements; elements wider than a byte therefore grow when their block
- * is really full. Every function accepts a NULL buffer. The source of a write must not lie in the buffer's own block,
- * which growing frees. A buffer belongs to one thread at a time. */
+ * room is counted in bytes though compared with elements; elements wider than a byte therefore grow when their block is
+ * really full. Every function accepts a NULL buffer. The source of a write must not lie in the buffer's own block,
+ * which growing frees. A buffer belongs to one thread at a time; with a lock (Kep_SetLock) the memory under it is
+ * accounted for safely. */
 #ifndef KEP_ZUBUF_H
 #define KEP_ZUBUF_H
 

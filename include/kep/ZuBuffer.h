@@ -11,7 +11,12 @@
  * A count is the decimal number directly in front of s or S (0 without one); in front of another letter it is ignored.
  * Fields lie end to end, integers most significant byte first on every host, without padding, lengths or terminators.
  * Other characters are ignored. Case matters only to a dump: upper case shows hexadecimal, lower case a number or text.
- * Counts, and the size that ZuBuffer_GetPackSize gives, saturate at 2^31 - 1. */
+ * T holds the low 32 bits of a time, which a dump reads with a sign: what is recorded from 19 January 2038, 03:14:08
+ * UTC on shows as 136 years earlier, until 2106; who reads the number itself may take it without a sign, if no record
+ * of his is older than 1970. Counts, and the size that ZuBuffer_GetPackSize gives, saturate at 2^31 - 1.
+ *
+ * The codec works on the caller's own memory, from any thread; a dump prints, and without a lock (Kep_SetLock) belongs
+ * to one thread at a time. */
 #ifndef KEP_ZUBUFFER_H
 #define KEP_ZUBUFFER_H
 

@@ -5,7 +5,8 @@
  * text, is asked next. When the first query is not answered within a second, or cannot be sent, or the port cannot be
  * had, no further query is ever sent. A query is at most 1000 bytes; a longer one is not sent, gives the default and
  * spends nothing. Nothing ties a reply to its query: one that comes too late is taken for the answer to the next. Query
- * from one thread.
+ * from one thread at a time. The socket stays open for the life of the process, and is closed in programs that it
+ * executes.
  */
 #ifndef KEP_ZUCONFIG_H
 #define KEP_ZUCONFIG_H

@@ -2,10 +2,14 @@
  *
  * A fault lives for the life of the process. It has two loggers; values of all faults share one store of 10 MiB that is
  * made with the first value and dropped when they have been saved. Every setter returns 0 whatever happens, accepts a
- * NULL fault, and, the logs excepted, records even while the fault is ignored. Nothing locks: register, record and
- * collect from one thread at a time.
+ * NULL fault, and, the logs excepted, records even while the fault is ignored.
  *
- * The file (KEP_FAULT_LOG_PATH, by default "/kep.log"), all integers big endian:
+ * With Kep_SetLock every function may be called from any thread at any time. The lock is not held while a fault's
+ * callback runs, while text is printed, or while the file is written: other threads log and record meanwhile. Those
+ * that print, pause or run callbacks (ZuFault_SetInitLog, ZuFault_SetRunLog, ZuFault_Show..., ZuFault_Start) are not to
+ * be called with the lock held. Without Kep_SetLock: register, record and collect from one thread at a time.
+ *
+ * The file (KEP_FAULT_LOG_PATH, by default "/kep.log", unless ZuFault_SetFile names another), all integers big endian:
  *   for each fault, the records of its init log (tag "log") and then of its run log (tag "run"):
  *     length of what follows (2) | tag (3) | ' ' | name | ' ' | time stamp or line
  *   two zero bytes
@@ -76,14 +80,42 @@ KEP_API int32_t ZuFault_ShowRunLogToBuf(ZuFault *fault, ZuBuf *buffer);
 KEP_API int32_t ZuFault_ShowInitLog(ZuFault *fault);
 KEP_API int32_t ZuFault_ShowRunLog(ZuFault *fault);
 
-/* Runs every fault's callback, writes the file and drops the recorded values; logs are kept. Does nothing before the
- * first registration or while a run is under way. When the file cannot be opened the values are kept, and no later call
- * does anything. A failed write goes unnoticed; nothing follows it.
+/* Runs every fault's callback, writes the file and drops the values in it; logs are kept. Does nothing before the first
+ * registration, or while a run is under way, here or on another thread. Values recorded after the callbacks are the
+ * next run's. When the file cannot be opened the values are kept, and no later call does anything before
+ * ZuFault_SetFile is called. Nothing follows a write that failed, and its values are dropped all the same.
  *
  * The file is replaced or made with the mode 0666 less the umask; of a symbolic link, what it leads to. A device or a
  * FIFO is written to, and waited for while it takes nothing; a FIFO without a reader cannot be opened. SIGXFSZ (the
- * limit of a file's size) and SIGPIPE of these writes do not reach the host. */
+ * limit of a file's size) and SIGPIPE of these writes do not reach the host.
+ *
+ * All this holds as long as ZuFault_SetFile does not ask for a safe file. */
 KEP_API void ZuFault_Start(void);
+
+/* Names the file, from the next run on: a path of at most 255 bytes, which is copied, or NULL for the build's. Non-zero
+ * `safe`: under that name there is always a whole file, the old one or the new one, whenever the process or the board
+ * stops. It is written under the path and ".new", synced, and renamed, and then its folder is synced; what was left
+ * under that name is replaced unopened. A run that fails anywhere on this way keeps its values, in order, for the next,
+ * which begins as usual. One that fails before the renaming leaves the old file and takes the ".new" away; one that
+ * cannot sync the folder leaves the new file, whose values come again in the next. A file system that does not know how
+ * to sync a folder (EINVAL) is taken at its word.
+ *
+ * A safe file needs a folder that the process may read and write, and room for both files. Each is a new one, of the
+ * process's owner and with the mode 0666 less the umask. A symbolic link, a FIFO or a device at the path is not written
+ * to but replaced by the file; a folder makes the run fail.
+ *
+ * Returns 1, or 0 and changes nothing for an empty path or a longer one. */
+KEP_API int32_t ZuFault_SetFile(const char *path, int32_t safe);
+
+/* Returns how the last run ended, also while another is under way: 1 when the file was written whole, 0 when none has
+ * ended yet, otherwise the negative errno of its first failure. With Kep_SetLock records are copied, and want of memory
+ * for that is one (ENOMEM): what was not written stays for the next run. A file that is not safe may be whole here and
+ * yet not survive a power cut. */
+KEP_API int32_t ZuFault_GetResult(void);
+
+/* Sets how many bytes each of the fault's two logs may take, as ZuLogger_SetInfoSize does: until that log keeps its
+ * first line. 0: 1 MiB, the default. */
+KEP_API void ZuFault_SetLogSize(ZuFault *fault, uint32_t size);
 
 #ifdef __cplusplus
 }

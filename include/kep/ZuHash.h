@@ -2,7 +2,8 @@
  *
  * A bucket is a list, made with its first key, the newest entry in front. A dynamic table's storage comes from the
  * heap. A static table's comes from the static pool: nothing is ever deleted from it, and it is never released. Every
- * function accepts a NULL table; a NULL key is never found. A table belongs to one thread at a time. */
+ * function accepts a NULL table; a NULL key is never found. A table belongs to one thread at a time; with a lock
+ * (Kep_SetLock) the memory under it is accounted for safely. */
 #ifndef KEP_ZUHASH_H
 #define KEP_ZUHASH_H
 

@@ -5,7 +5,8 @@
  *            call freeFunc on the values they drop, nothing else does;
  *   static   freeFunc NULL: nodes come from the static pool, the list can only grow, and releasing it does nothing.
  * Positions count from 0; a positional operation walks from the head. Every function accepts a NULL list and returns
- * its failure value. A list belongs to one thread at a time. */
+ * its failure value. A list belongs to one thread at a time; with a lock (Kep_SetLock) the memory under it is accounted
+ * for safely. */
 #ifndef KEP_ZULIST_H
 #define KEP_ZULIST_H
 

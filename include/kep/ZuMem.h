@@ -1,7 +1,10 @@
 /* ZuMem.h: tracked memory. Every block is counted under a module id, so that a host can see who holds what.
  *
  * An id is any integer; its low 8 bits choose one of 256 counters. Id 0 is the toolkit's own, 100 the collection
- * side's. A block carries a 4-byte header that is counted with it. Memory is never cleared here. Nothing locks. */
+ * side's. A block carries a 4-byte header that is counted with it. Memory is never cleared here.
+ *
+ * With a lock (Kep_SetLock) any thread may take, give back and show memory; ZuMem_Show prints, and a row is of one
+ * moment. A bounded object is its owner's: one thread at a time, and the memory under it is accounted for safely. */
 #ifndef KEP_ZUMEM_H
 #define KEP_ZUMEM_H
 
@@ -25,9 +28,8 @@ KEP_API void *ZuMem_Malloc(int32_t id, uint32_t size);
 KEP_API void ZuMem_Free(int32_t id, void *ptr);
 
 /* Returns `size` bytes, rounded up to a multiple of 4, that are never given back: up to 512 KiB carved from a pool that
- * grows by chunks of 1 MiB (4-byte alignment), above that, or when there is no memory for a chunk, a counted
- * block of its own. NULL when `size` is 0 or wraps
- * when rounded, or when memory is short. */
+ * grows by chunks of 1 MiB (4-byte alignment), above that, or when there is no memory for a chunk, a counted block of
+ * its own. NULL when `size` is 0 or wraps when rounded, or when memory is short. */
 KEP_API void *ZuMem_Malloc_Static(int32_t id, uint32_t size);
 
 /* The three above under id 0. */

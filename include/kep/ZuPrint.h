@@ -2,7 +2,13 @@
  *
  * A print object gathers characters in a buffer of its caller and hands whole buffers to VRK_RawPrint; with its print
  * flag at 0 it only gathers, as a string builder. One shared object over 1000 bytes carries the library's lines.
- * Every function accepts a NULL object or text and then does nothing. Nothing locks. */
+ * Every function accepts a NULL object or text and then does nothing.
+ *
+ * With a lock (Kep_SetLock) any thread may print through the shared object, which hands out copies: VRK_RawPrint is
+ * called without the lock, so the order of the texts of different threads is not certain. A text that ends its line and
+ * is given in one call, line end included, of at most 999 bytes leaves in one VRK_RawPrint, behind what was held or
+ * after it; one without a line end may be joined by another thread's. Other objects are the host's: one thread at a
+ * time. */
 #ifndef KEP_ZUPRINT_H
 #define KEP_ZUPRINT_H
 
@@ -36,14 +42,15 @@ KEP_API void ZuPrint_Flush(ZuPrint *obj);
 /* Flushes and frees the object, not its buffer. */
 KEP_API void ZuPrint_Release(ZuPrint *obj);
 
-/* Prints `len` characters through the shared object (0: the text's length, negative: nothing). Each newline flushes;
- * text behind the last one waits for the next, for a full buffer of 1000 bytes, or for ZuPrint_ShowEx. */
+/* Prints `len` characters through the shared object (0: the text's length, negative: nothing). Each newline flushes,
+ * with a lock only the last one of a text that leaves whole; text behind the last one waits for the next, for a full
+ * buffer of 1000 bytes, or for ZuPrint_ShowEx. */
 KEP_API void ZuPrint_Show(const char *text, int32_t len);
 
 /* As ZuPrint_Show, then flushes. */
 KEP_API void ZuPrint_ShowEx(const char *text, int32_t len);
 
-/* As ZuPrint_Show, then prints a newline. */
+/* As ZuPrint_Show of the text and a newline behind it. */
 KEP_API void ZuPrint_Puts(const char *text, int32_t len);
 
 #ifdef __cplusplus

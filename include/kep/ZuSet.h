@@ -1,4 +1,5 @@
-/* ZuSet.h: a bit set over the indices 0 to capacity - 1. Every function accepts a NULL set. Nothing locks. */
+/* ZuSet.h: a bit set over the indices 0 to capacity - 1. Every function accepts a NULL set.
+ * A set belongs to one thread at a time; with a lock (Kep_SetLock) the memory under it is accounted for safely. */
 #ifndef KEP_ZUSET_H
 #define KEP_ZUSET_H
 

@@ -1,5 +1,6 @@
 /* ZuSock.h: datagram sockets (IPv4), with addresses as dotted text and ports as plain integers. No call is cut short by
- * a signal. Nothing here keeps any state. */
+ * a signal. Nothing here keeps any state: any thread may call. A socket is closed in programs that the host executes; a
+ * child that executes none keeps a copy, and the port with it. */
 #ifndef KEP_ZUSOCK_H
 #define KEP_ZUSOCK_H
 

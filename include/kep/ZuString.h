@@ -1,7 +1,9 @@
 /* ZuString.h: text formatting, hex dumps and splitting.
  *
  * The two functions with an S in front of Format return a static buffer that the next call overwrites: use the result
- * at once, from one thread. */
+ * at once, from one thread. With a lock (Kep_SetLock) any thread may call them: each has buffers of its own, tracked
+ * memory of id 0 that is taken at the first use and given back when the thread ends; when memory is short they return
+ * an empty text, not to be written to. The others work on the caller's memory alone, from any thread. */
 #ifndef KEP_ZUSTRING_H
 #define KEP_ZUSTRING_H
 
@@ -13,7 +15,7 @@
 extern "C" {
 #endif
 
-/* Formats into a static buffer of 1000 bytes and returns it; longer text is cut at 999 characters. A NULL format gives
+/* Formats into the buffer of 1000 bytes and returns it; longer text is cut at 999 characters. A NULL format gives
  * an empty text. */
 KEP_API char *ZuString_SFormat(const char *format, ...) KEP_PRINTF(1, 2);
 
@@ -25,7 +27,7 @@ KEP_API char *ZuString_Format(char *dst, const char *format, ...) KEP_PRINTF(2, 
  * 3 * len + (len - 1) / 16 + 1 bytes. A `len` below 1 or NULL data gives an empty text. */
 KEP_API char *ZuString_HFormat(char *dst, const void *data, int32_t len);
 
-/* The same into a static buffer of 10000 bytes; bytes beyond the 3265th are left out. */
+/* The same into the buffer of 10000 bytes; bytes beyond the 3265th are left out. */
 KEP_API char *ZuString_SHFormat(const void *data, int32_t len);
 
 /* Cuts `text` in place at each delimiter and stores where the fields begin. `max_fields` 0: no limit; otherwise the

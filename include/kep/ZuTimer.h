@@ -1,7 +1,8 @@
 /* ZuTimer.h: periodic callbacks, run from one loop on a thread of the host's.
  *
- * A pass over the registry is made every 100 ms and runs each timer at most once. Registrations should precede the
- * loop; a callback may register another timer, which the next pass picks up. The registry is not locked. */
+ * A pass over the registry is made every 100 ms and runs each timer at most once. A callback may register another
+ * timer, which the next pass picks up. Without a lock (Kep_SetLock) registrations from other threads should precede the
+ * loop; with it they may come from any thread at any time. Callbacks run without the lock. */
 #ifndef KEP_ZUTIMER_H
 #define KEP_ZUTIMER_H
 
@@ -26,11 +27,16 @@ extern KEP_API ZuList *g_ZuTimer_List;
  * short, the timer is lost without a word. */
 KEP_API int32_t ZuTimer_Regist(ZuTimerCallback callback, uint32_t interval);
 
-/* Runs the timers; never returns. */
+/* Runs the timers until it is stopped. One thread at a time. */
 KEP_API void ZuTimer_Loop(void);
 
 /* Prints the current millisecond count and every timer with a callback. */
 KEP_API void ZuTimer_Show(void);
+
+/* Stops the loop: it returns behind the pass under way, or when the pause between two passes is over. A stop while no
+ * loop runs ends the next one at once, and any number of stops until then are one. From any thread or a signal
+ * handler, without a lock; never blocks. */
+KEP_API void ZuTimer_Stop(void);
 
 #ifdef __cplusplus
 }

@@ -6,7 +6,11 @@
  * Alignment. The library puts a 4-byte header in front of every block and hands out the address behind it. Where
  * pointers are wider than 4 bytes or 64-bit values want 8-byte alignment, VRK_Malloc must therefore return blocks that
  * begin 4 bytes short of maximal alignment: (address + 4) is a multiple of alignof(max_align_t). A layer that returns
- * maximally aligned blocks is right only on a machine where 4-byte alignment is enough for every type. */
+ * maximally aligned blocks is right only on a machine where 4-byte alignment is enough for every type. A debug build
+ * says on standard error, once, that a block is not aligned so.
+ *
+ * Threads. Once the host has given the library a lock (Kep_SetLock), these functions are called from several threads:
+ * VRK_Malloc, VRK_Free and PLM_snprintf with and without the lock held, VRK_RawPrint and VRK_Delay never with it. */
 #ifndef KEP_PLATFORM_H
 #define KEP_PLATFORM_H
 

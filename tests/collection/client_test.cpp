@@ -1,6 +1,7 @@
 // The wire end of a run: what goes out byte for byte, when, and what remains of a run that fails.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <kep/Collect.h>
 #include <kep/CollectClient.h>
 #include <kep/ZuMem.h>
 #include <sys/socket.h>
@@ -143,6 +144,36 @@ TEST(Client, DoesNotMeetItself) {
         EXPECT_EQ(std::to_string(result) + " " + output.take(), "0 connect error.\n") << board << ", " << limitMs;
         EXPECT_EQ(openDescriptors(), descriptors);
       }
+    }
+  });
+}
+
+TEST(Address, IsFourNumbersAndCountsFromTheNextSocket) {
+  inOwnNetwork([] {
+    const struct {
+      const char *text;
+      int32_t port, result;
+      const char *leaves, *listens;
+    } steps[] = {
+        {"10.0.0.7", 0, 1, "10.0.0.7", "10.0.0.7:9099"},  // the first: there is no socket yet
+        {"10.0.0", 1, 0, "10.0.0.7", "10.0.0.7:9099"},    {"010.0.0.8", 1, 0, "10.0.0.7", "10.0.0.7:9099"},
+        {"10.0.0.8 ", 1, 0, "10.0.0.7", "10.0.0.7:9099"}, {"10.0.0.256", 1, 0, "10.0.0.7", "10.0.0.7:9099"},
+        {"", 1, 0, "10.0.0.7", "10.0.0.7:9099"},          {"10.0.0.8", -1, 0, "10.0.0.7", "10.0.0.7:9099"},
+        {nullptr, 65536, 0, "10.0.0.7", "10.0.0.7:9099"}, {"10.0.0.8", 65535, 1, "10.0.0.7", "10.0.0.8:65535"},
+        {nullptr, 0, 1, "10.0.0.8", "0.0.0.0:9099"},      {"10.0.0.9", 9099, 1, "10.0.0.1", "10.0.0.9:9099"},
+        {"192.0.2.1", 0, 1, "10.0.0.9", "0.0.0.0:0"},  // not this host's
+    };
+    for (const auto &step : steps) {
+      EXPECT_EQ(Collect_SetAddress(step.text, step.port), step.result) << step.text;
+      Server server({}, "10.0.0.1");
+      EXPECT_EQ(Collect_Start("10.0.0.1", server.port(), 0, 0, 0, 0), 1);
+      EXPECT_EQ(server.client(), step.leaves) << step.text;
+      const int fd = CollectClient_Init();
+      sockaddr_in name{};
+      socklen_t size = sizeof name;
+      getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size);
+      EXPECT_EQ(asText(name), step.listens);
+      close(fd);
     }
   });
 }

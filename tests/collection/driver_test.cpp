@@ -33,7 +33,7 @@ std::vector<Peer> peersFor(size_t messages) {
   };
   for (size_t k = 1; k <= messages; ++k) {
     peers.push_back({"resets", {k, Manner::kResets}, Fates(k - 1, '.') + "rs"});
-    peers.push_back({"closes", {k, Manner::kCloses}, Fates(k, '.') + "s", true});
+    peers.push_back({"closes", {k, Manner::kCloses}, Fates(k - 1, '.') + "es", true});
     peers.push_back({"falls silent", {k, Manner::kFallsSilent}, Fates(k - 1, '.') + "rs", false, kAck});
   }
   return peers;
@@ -117,6 +117,7 @@ TEST_F(Runs, NumbersItemsDensely) {
   EXPECT_EQ(g_collect_param.items[2], host::logs);
   for (int32_t i = 0; i < 3; ++i) EXPECT_EQ(g_collect_param.items[i]->index, i);
 
+  testing::internal::CaptureStderr();
   EXPECT_EQ(Collect_New(nullptr, nullptr, nullptr), nullptr);
   EXPECT_EQ(Collect_New("", nullptr, nullptr), nullptr);
   while (g_collect_param.count < 18) ASSERT_NE(Collect_New("filler", nullptr, nullptr), nullptr);
@@ -125,7 +126,60 @@ TEST_F(Runs, NumbersItemsDensely) {
   EXPECT_EQ(last->index, 18);
   EXPECT_EQ(last->section, 0);
   EXPECT_STREQ(last->name, "1234567890123456789");
-  EXPECT_EQ(Collect_New("one too many", nullptr, nullptr), nullptr);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Collect_New("one too many", nullptr, nullptr), nullptr);
+  std::string said;
+#ifndef NDEBUG
+  said =
+      "kep: two collection items are named filler\nkep: one too many is collection item 20, and there are 19 at most\n";
+#endif
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), said);
+}
+
+// ---- items that come and go
+
+CollectItem *items[4];
+std::string called;
+bool onAnotherThread;
+
+template <int kIndex>
+int32_t report(int32_t);
+
+void exchangeItems() {
+  for (const int i : {0, 1, 0}) Collect_Release(items[i]);
+  items[3] = Collect_New("d", report<3>, report<3>);
+  EXPECT_EQ(g_collect_param.count, 4);
+}
+
+template <int kIndex>
+int32_t report(int32_t) {
+  called += items[kIndex]->name;
+  if (kIndex == 0) onAnotherThread ? std::thread(exchangeItems).join() : exchangeItems();
+  Collect_PutInt(items[kIndex], 1, kIndex);
+  return 0;
+}
+
+TEST_F(Runs, ServesTheItemsOfItsCatalogueUnderTheirIndexes) {
+  for (const int32_t type : {1, host::kSelfTest}) {
+    for (const bool other : {false, true}) {
+      onAnotherThread = other;
+      host::releaseItems();
+      items[0] = Collect_New("a", report<0>, report<0>);
+      items[1] = Collect_New("b", report<1>, report<1>);
+      items[2] = Collect_New("c", report<2>, report<2>);
+      Server server, next;
+      EXPECT_EQ(host::start(type, server.port(), 7), 1);
+      const std::vector<std::string> messages = server.messages();
+      EXPECT_EQ(called, "ac");
+      EXPECT_NE(messages.at(messages.size() - 2).find(wire::bytes("81 00000002 00000000 00000001 00000002")),
+                std::string::npos);
+      Collect_Release(items[1]);  // once more, freed as it is
+      EXPECT_EQ(g_collect_param.count, 2);
+      EXPECT_EQ(items[2]->index * 10 + items[3]->index, 1);
+      called.clear();
+      EXPECT_EQ(host::start(type, next.port(), 7), 1);
+      EXPECT_EQ(std::exchange(called, ""), "cd");
+    }
+  }
 }
 
 }  // namespace

@@ -1,5 +1,12 @@
 #include "collection/host.hpp"
 
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
 #include <string_view>
 
 #include "ZuFault.hpp"
@@ -74,6 +81,52 @@ void setContent(int32_t newNumber, size_t newTextSize) {
 int32_t start(int32_t type, int32_t port, int32_t sequence) {
   if (type == kSelfTest) return Collect_SelfTest("127.0.0.1", port, sequence, 0xAB, 0xCD);
   return Collect_Start("127.0.0.1", port, type, sequence, 0xAB, 0xCD);
+}
+
+namespace {
+
+bool isListening() {
+  for (int fd = 0; fd < 100; ++fd) {
+    sockaddr_in name{};
+    socklen_t size = sizeof name;
+    if (getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size) == 0 && name.sin_port == htons(9099)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+const std::string &Service::address() {
+  static const std::string address = [pid = getpid()] {
+    const int bytes[] = {128 | pid >> 16, pid >> 8 & 255, pid & 255};
+    return "127." + std::to_string(bytes[0]) + '.' + std::to_string(bytes[1]) + '.' + std::to_string(bytes[2]);
+  }();
+  return address;
+}
+
+Service::Service(int32_t (*serve)()) {
+  EXPECT_EQ(Collect_SetAddress(address().c_str(), 0), 1);
+  thread_ = std::thread([=] {
+    task_ = gettid();
+    result_ = serve();
+    hasReturned_ = true;
+  });
+  while (!isListening() && !hasReturned_) std::this_thread::yield();
+}
+
+void Service::awaitSleep() const {
+  for (int looks = 0; looks < 20 && !hasReturned_;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::ifstream stat("/proc/self/task/" + std::to_string(task_) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    looks = text.compare(text.rfind(')'), 3, ") S") == 0 ? looks + 1 : 0;
+  }
+}
+
+int32_t Service::join() {
+  thread_.join();
+  return result_;
 }
 
 Run::Run(int32_t type, int32_t sequence, int32_t lastNumber) : stream(lastNumber) {

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -86,7 +87,7 @@ sockaddr_in addressOf(const char *address, int32_t port) {
 }  // namespace
 
 int openSocket(int kind, const char *address, int32_t *portOut) {
-  const int fd = socket(AF_INET, kind, 0);
+  const int fd = socket(AF_INET, kind | SOCK_CLOEXEC, 0);
   sockaddr_in name = addressOf(address, 0);
   socklen_t size = sizeof name;
   EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&name), size), 0);
@@ -101,11 +102,11 @@ int32_t closedPort() {
   return port;
 }
 
-void ask(const std::string &datagram, int32_t port, const char *address) {
+void ask(const std::string &datagram, int32_t port, const char *address, const std::string &board) {
   int32_t ownPort;
   const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
-  const sockaddr_in board = addressOf("127.0.0.1", port);
-  EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&board), sizeof board),
+  const sockaddr_in to = addressOf(board.c_str(), port);
+  EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
             static_cast<ssize_t>(datagram.size()));
   close(fd);
 }
@@ -143,7 +144,7 @@ void Server::begin() {
 void Server::fillQueue(const char *address) {
   EXPECT_EQ(listen(listener_, 0), 0);
   const sockaddr_in name = addressOf(address, port_);
-  queued_ = socket(AF_INET, SOCK_STREAM, 0);
+  queued_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   EXPECT_EQ(connect(queued_, reinterpret_cast<const sockaddr *>(&name), sizeof name), 0);
   pollfd queue = {listener_, POLLIN, 0};
   poll(&queue, 1, -1);
@@ -155,7 +156,10 @@ const std::vector<std::string> &Server::messages() {
 }
 
 void Server::serve() {
-  connection_ = accept(listener_, nullptr, nullptr);
+  sockaddr_in client{};
+  socklen_t clientSize = sizeof client;
+  connection_ = accept4(listener_, reinterpret_cast<sockaddr *>(&client), &clientSize, SOCK_CLOEXEC);
+  client_ = inet_ntoa(client.sin_addr);
   const int atOnce = 1;
   setsockopt(connection_, IPPROTO_TCP, TCP_NODELAY, &atOnce, sizeof atOnce);
   while (manner_.ending != Manner::kClosesAtOnce && readMessage() && answer()) {
@@ -217,10 +221,14 @@ void Server::awaitHangUp(int timeoutMs) {
   poll(&client, 1, timeoutMs);
 }
 
-int openDescriptors() {
+static int countDescriptors(int flags) {
   DIR *folder = opendir("/proc/self/fd");
   int count = 0;
-  while (readdir(folder)) ++count;
+  while (const dirent *entry = readdir(folder)) count += (fcntl(std::atoi(entry->d_name), F_GETFD) & flags) == 0;
   closedir(folder);
   return count;
 }
+
+int openDescriptors() { return countDescriptors(0); }
+
+int inheritedDescriptors() { return countDescriptors(FD_CLOEXEC); }

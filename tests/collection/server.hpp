@@ -77,6 +77,9 @@ class Server {
   const std::vector<std::string> &messages();
   bool wasHurried() { return messages(), hurried_; }
 
+  // Where the client connected from.
+  const std::string &client() { return messages(), client_; }
+
  private:
   void begin();
   void fillQueue(const char *address);
@@ -93,12 +96,14 @@ class Server {
   std::atomic<int> connection_{-1};
   int32_t port_;
   std::vector<std::string> messages_;
+  std::string client_;
   bool hurried_ = false;
   std::thread thread_;
 };
 
-// Sends a datagram to a port of 127.0.0.1 from this address.
-void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1");
+// Sends a datagram to a board from this address.
+void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1",
+         const std::string &board = "127.0.0.1");
 
 // Opens a socket of this kind at an address of loopback.
 int openSocket(int kind, const char *address, int32_t *portOut);
@@ -106,5 +111,6 @@ int openSocket(int kind, const char *address, int32_t *portOut);
 // A port at which nobody listens while the process lives.
 int32_t closedPort();
 
-// How many descriptors the process has open.
+// How many descriptors the process has open, or of them, those that a program it executes would have.
 int openDescriptors();
+int inheritedDescriptors();

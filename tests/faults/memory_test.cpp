@@ -31,8 +31,8 @@ constexpr char kUnlistedEntry[] = "a hash entry for which its bucket found no no
 constexpr char kDeletedEntry[] = "a host may hold the address of a deleted entry's value";
 constexpr char kCallRecords[] = "a host may hold addresses in the records of a released function log";
 constexpr char kRegistry[] = "faults and timers are registered for the life of the process";
-// Not in these books: the shared print object, made by the first text that is shown, before they are opened; and the
-// logger that was there when the service began, as a host may be showing it (requests_test).
+// Not in these books: the shared print object and a thread's buffers, made by the first text that is shown or formatted,
+// before they are opened; and the logger that was there when the service began, as a host may be showing it (requests_test).
 
 constexpr int kEntrySize = 3;  // odd, as nothing else is
 int unlistedEntries;           // of this round
@@ -252,11 +252,14 @@ void faultRun() {
             0);
   left += gathered([](ZuBuf *buf) { ZuFault_ShowInitLogToBuf(newest, buf), ZuFault_ShowRunLogToBuf(newest, buf); });
 
-  std::remove(KEP_FAULT_LOG_PATH);
+  constexpr char kFile[] = "memory_test.log";
+  ZuFault_SetFile(kFile, 1), std::remove(kFile);
   ZuFault_Start();
-  std::ifstream file(KEP_FAULT_LOG_PATH, std::ios::binary);
-  EXPECT_EQ(file.is_open(), ZuList_Length(g_ZuFault_List) > 0);
-  EXPECT_EQ(g_ZuFault_Info, nullptr);
+  std::ifstream file(kFile, std::ios::binary);
+  const bool lacksMemory = platform::isLocking() && ZuFault_GetResult() == -ENOMEM;  // for a copy of a record
+  EXPECT_EQ(file.is_open(), ZuList_Length(g_ZuFault_List) > 0 && !lacksMemory);
+  EXPECT_TRUE(lacksMemory ? !nothingFailed() : !g_ZuFault_Info);
+  ZuInfo_Release(std::exchange(g_ZuFault_Info, nullptr));
   left.append(std::istreambuf_iterator<char>(file), {});
   forgetRegistries();
 }
@@ -372,7 +375,7 @@ std::string run(const Scenario &scenario, int failing, bool andAllAfter) {
 
 // A run between two balances. Returns all that left the library.
 std::string round(const Scenario &scenario, int failing = platform::kNever, bool andAllAfter = false) {
-  ZuPrint_ShowEx("", 0);
+  ZuPrint_ShowEx(ZuString_SFormat("%s", ZuString_SHFormat("", 0)), 0);
   Books before;
   std::string text = run(scenario, failing, andAllAfter);
   ZuPrint_ShowEx("", 0);

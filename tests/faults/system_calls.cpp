@@ -32,15 +32,20 @@ bool Plan::wasMet() {
 }
 
 bool Plan::fails(const char *call, size_t *count) {
-  for (const char *waiting : {"connect", "send", "recv", "sendto", "recvfrom", "poll", "open", "write", "usleep"}) {
+  for (const char *waiting :
+       {"connect", "send", "recv", "sendto", "recvfrom", "poll", "open", "write", "fsync", "rename", "usleep"}) {
     const bool maybeTraces = KEP_STORE_TRACE && *waiting == 'w';  // the store's trace is written under the lock
     if (std::strcmp(call, waiting) == 0 && !maybeTraces) platform::expectNoLockHeld(call);
   }
   int error = 0;
   for (Plan *plan = plans; plan; plan = plan->next_) {
-    if (std::strcmp(call, plan->call_) != 0) continue;
+    if (std::strcmp("*", plan->call_) != 0 && std::strcmp(call, plan->call_) != 0) continue;
     const int number = ++plan->calls_ - plan->nth_;
     if (number < 0 || number >= plan->times_) continue;
+    if (plan->error_ == kAct) {
+      action();
+      continue;
+    }
     const bool fallsShort = plan->count_ != SIZE_MAX && (number == 0 || plan->error_ == 0);
     if (fallsShort) *count = std::min(*count, plan->count_);
     if (!fallsShort) error = plan->error_;
@@ -58,6 +63,15 @@ int takeLongestWait() { return std::exchange(longestWait, 0); }
 
 extern "C" {
 
+#if __SIZEOF_LONG__ == 4  // where libc has these under other names for times of 64 bits
+#define OF_64_BITS(result, name, parameters, name64)     \
+  result __real_##name parameters asm("__real_" name64); \
+  result __wrap_##name parameters asm("__wrap_" name64);
+OF_64_BITS(int, gettimeofday, (timeval *, void *), "__gettimeofday64")
+OF_64_BITS(tm *, localtime_r, (const time_t *, tm *), "__localtime64_r")
+OF_64_BITS(time_t, time, (time_t *), "__time64")
+#endif
+
 WRAP(int, socket, (int domain, int type, int protocol), -1, domain, type, protocol)
 WRAP(int, bind, (int fd, const sockaddr *name, socklen_t size), -1, fd, name, size)
 WRAP(ssize_t, recv, (int fd, void *data, size_t size, int flags), -1, fd, data, size, flags)
@@ -73,9 +87,13 @@ WRAP(int, getpeername, (int fd, sockaddr *name, socklen_t *size), -1, fd, name, 
 WRAP(int, fcntl, (int fd, int command, long argument), -1, fd, command, argument)
 WRAP(int, open, (const char *path, int flags, mode_t mode), -1, path, flags, mode)
 WRAP(int, close, (int fd), (__real_close(fd), -1), fd)  // closed all the same
+WRAP(int, rename, (const char *from, const char *to), -1, from, to)
+WRAP(int, unlink, (const char *path), -1, path)
 WRAP(int, gettimeofday, (timeval * now, void *zone), -1, now, zone)
 WRAP(tm *, localtime_r, (const time_t *t, tm *out), nullptr, t, out)
 WRAP(int, usleep, (useconds_t micros), -1, micros)
+
+int __wrap_fsync(int) { return Plan::fails("fsync") ? -1 : 0; }  // a disk takes long, and nothing here can tell
 
 void __real_tzset();
 void __wrap_tzset() {
@@ -87,6 +105,12 @@ time_t __real_time(time_t *now);
 time_t __wrap_time(time_t *now) {
   auto seconds = static_cast<size_t>(__real_time(now));
   return Plan::fails("time", &seconds) ? -1 : static_cast<time_t>(seconds);
+}
+
+int __real_shutdown(int fd, int how);
+int __wrap_shutdown(int fd, int how) {
+  if (Plan::fails("shutdown")) __real_usleep(1000);  // is made late
+  return __real_shutdown(fd, how);
 }
 
 int __real_connect(int fd, const sockaddr *name, socklen_t size);

@@ -6,10 +6,12 @@
 #include <cstdint>
 
 // Holds, while it lives, for the calls that its thread makes: a server on another thread is left alone. Several may
-// hold at once; each counts for itself. A plan that no call has met fails the test, unless the test asks.
+// hold at once; each counts for itself, "*" all calls. A plan that no call has met fails the test, unless the test asks.
 class Plan {
  public:
   static constexpr int kOn = INT_MAX;  // as `times`: from the n-th call on
+  static constexpr int kAct = -1;      // as `error`: this is done first, and the call then works
+  static inline void (*action)();
 
   // The n-th call and so many in all fail with `error`; but with a `count` the first of them, or without an error all,
   // write so much at most, or give this time.

@@ -2,12 +2,17 @@
 #include "faults/system_calls.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <set>
+#include <thread>
 
+#include "Kep.hpp"
 #include "ZuFault.hpp"
+#include "ZuInfo.hpp"
 #include "ZuLogger.hpp"
 #include "collection/runs.hpp"
 #include "support/platform_double.hpp"
@@ -24,9 +29,10 @@ int boardPort;
 char address[16], data[100];
 
 int service() {
-  const int fd = CollectClient_Init();
-  close(fd);
-  return fd < 0 ? Collect_Init(0) : 1;
+  static int calls;
+  if (calls++ % 2 == 1) Collect_Stop();  // when nothing fails
+  Collect_SetAddress(host::Service::address().c_str(), 0);
+  return Collect_Init(0);
 }
 int create() {
   const int fd = ZuSock_UDP_Create("127.0.0.77", boardPort);
@@ -73,8 +79,8 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
     const char *printed = "";  // when it works
   } cases[] = {
       {datedLine, "time", EOVERFLOW, kOn, 27 + 49, 27 + 49},  // first, when no second is known: a clock at -1 is one
-      {service, "socket", EMFILE, 2, -1, 1},
-      {service, "bind", EADDRINUSE, 2, -1, 1},
+      {service, "socket", EMFILE, 1, -1, 0},
+      {service, "bind", EADDRINUSE, 1, -1, 0},
       {create, "socket", EMFILE, 1, -1, 1},
       {create, "bind", EADDRINUSE, 1, -1, 1},
       {send, "setsockopt", ENOMEM, 1, 3, 3},  // only broadcasts need it
@@ -141,7 +147,6 @@ TEST(Zone, IsLookedAtOnceASecondAndWhenTZIsAnotherOne) {
 // ---- collections and self-tests
 
 struct Fault {
-  bool needsLimits;
   const char *call;
   int error, times;
   Fates fates;  // of the connection, with as many such calls as it has c, then of the messages from that call on
@@ -186,30 +191,20 @@ class FailingRuns : public Runs {
 
 TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
   const Fault faults[] = {
-      {false, "socket", EMFILE, 1, "c."},
-      {false, "connect", ECONNREFUSED, 1, "c."},
-      {false, "connect", EINTR, 1, "."},
-      {true, "fcntl", EPERM, 1, "cc."},
-      {true, "getsockopt", ENOBUFS, 1, "c."},
-      {false, "getsockname", ENOBUFS, 1, "."},
-      {false, "getpeername", ENOTCONN, 1, "."},
-      {true, "poll", ENOMEM, 1, "crs"},
-      {true, "poll", EINTR, 3, "."},
-      {false, "send", ENOBUFS, 1, "s."},
-      {false, "send", ECONNRESET, kOn, "s"},
-      {false, "send", EINTR, 3, "."},
-      {true, "send", EAGAIN, 3, "."},
-      {false, "send", 0, kOn, ".", 1},      // a byte at a time
-      {false, "send", ENOBUFS, 2, "s", 1},  // nothing may follow a message cut short
-      {false, "recv", ENOMEM, 1, "r."},
-      {false, "recv", ECONNRESET, kOn, "r"},
-      {false, "recv", EINTR, 3, "."},
-      {true, "recv", EAGAIN, 3, "."},
+      {"socket", EMFILE, 1, "c."},      {"connect", ECONNREFUSED, 1, "c."},
+      {"connect", EINTR, 1, "."},       {"getsockopt", ENOBUFS, 1, "c."},
+      {"getsockname", ENOBUFS, 1, "."}, {"getpeername", ENOTCONN, 1, "."},
+      {"poll", ENOMEM, 1, "crs"},       {"poll", EINTR, 3, "."},
+      {"send", ENOBUFS, 1, "s."},       {"send", ECONNRESET, kOn, "s"},
+      {"send", EINTR, 3, "."},          {"send", EAGAIN, 3, "."},
+      {"send", 0, kOn, ".", 1},      // a byte at a time
+      {"send", ENOBUFS, 2, "s", 1},  // nothing may follow a message cut short
+      {"recv", ENOMEM, 1, "r."},        {"recv", ECONNRESET, kOn, "r"},
+      {"recv", EINTR, 3, "."},          {"recv", EAGAIN, 3, "."},
   };
   for (const int32_t limitMs : {0, 60000}) {
     for (const Fault &fault : faults) {
       for (const int32_t type : {2, host::kSelfTest}) {
-        if (fault.needsLimits && limitMs == 0) continue;
         int n = 1;
         while (failsAndRecovers(type, fault, n, limitMs) && !HasFailure()) ++n;
         EXPECT_GT(n, 1) << "not called";
@@ -221,7 +216,7 @@ TEST_F(FailingRuns, GoOnOrEndAsStatedWhateverCallFails) {
 }
 
 TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
-  for (const Fault &fault : {Fault{true, "send", EAGAIN, kOn, "s"}, Fault{true, "recv", EAGAIN, kOn, "rs"}}) {
+  for (const Fault &fault : {Fault{"send", EAGAIN, kOn, "s"}, Fault{"recv", EAGAIN, kOn, "rs"}}) {
     failsAndRecovers(0, fault, 1, 20);
   }
 }
@@ -229,25 +224,48 @@ TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
 // ---- the service
 
 TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
-  static std::atomic<bool> hasReturned{false};
-  platform::takeDelays();  // of the logs that were shown before
-  Server server;
   StdoutCapture output;
-  std::thread([] {
-    const Plan plan("recvfrom", ENOMEM, 1, 5);
-    Collect_Init(0);
-    hasReturned = true;
-  }).detach();
-  std::vector<uint32_t> pauses;
-  while (pauses.size() < 5 && !hasReturned) {
-    for (const uint32_t pause : platform::takeDelays()) pauses.push_back(pause);
+  {
+    host::Service service([] {
+      const Plan plan("poll", ENOMEM, 1, 10);  // of the socket, and of the pause
+      return Collect_Init(0);
+    });
+    Server server;
+    service.ask(wire::request(16, 0, 5, server.port()));
+    EXPECT_EQ(wire::wordAt(server.messages().at(0), 8), 5);
+    EXPECT_EQ(platform::takeDelays(), std::vector<uint32_t>(5, 1000));
+    EXPECT_EQ(service.stop(), 0);
   }
-  ASSERT_FALSE(hasReturned) << "port 9099 is in use";
-  ask(wire::request(16, 0, 5, server.port()), 9099);
-  EXPECT_EQ(wire::wordAt(server.messages().at(0), 8), 5);
+  host::Service service([] {
+    const Plan plan("recvfrom", ENOMEM, 1, kOn);
+    return Collect_Init(0);
+  });
+  service.ask("");
+  service.awaitSleep();
+  EXPECT_EQ(service.stop(), 0);  // which ends the pause
   EXPECT_TRUE(platform::takeDelays().empty());
-  EXPECT_EQ(pauses, std::vector<uint32_t>(5, 1000));
   EXPECT_EQ(output.take(), "size=16\n");
+}
+
+// The numbers of the service's descriptors are other files' as soon as it has ended.
+TEST(Service, IsStoppedByNothingThatHitsAnotherFile) {
+  Collect_SetAddress(host::Service::address().c_str(), 0);
+  std::atomic<bool> isDone{false};
+  std::thread others([&] {
+    const Plan late("shutdown", EINTR, 1, kOn);
+    while (!isDone) Collect_Stop();
+  });
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(Collect_Init(0), 0);
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    usleep(3000);  // longer than a call is late
+    for (const int fd : pair) EXPECT_EQ(send(fd, "x", 1, MSG_NOSIGNAL), 1);
+    for (const int fd : pair) close(fd);
+  }
+  isDone = true;
+  others.join();
+  Collect_Stop(), Collect_Init(0);  // one may have come behind the last service
 }
 
 // ---- the configuration query
@@ -296,42 +314,137 @@ TEST(Queries, GiveTheDefaultAndAskAgainOnceAServerIsKnown) {
 
 // ---- the file of the faults
 
-// Runs a fault collection with one value more and returns its file, "none" if there is none.
-std::string collectFaults() {
-  std::remove(KEP_FAULT_LOG_PATH);
-  ZuFault_SetRegist(static_cast<ZuFault *>(ZuList_Get(g_ZuFault_List, 0)), 1, 2);
-  ZuFault_Start();
-  std::ifstream file(KEP_FAULT_LOG_PATH, std::ios::binary);
-  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
-}
+const std::string kFile = "system_calls_test.log", kBeside = kFile + ".new";
+const std::string kValueHead("\0\15\4\0net", 7);  // then id and value
 
-TEST(FaultFile, HasWhatCouldBeWritten) {
-  ZuFault *fault = ZuFault_Regist("net", nullptr);
+void (*callback)() = [] {};
+
+// The one whose logs take several writes.
+ZuFault *fault() {
+  static ZuFault *fault;
+  static ZuList *ofOtherTests;
+  if (fault) return fault;
+  ofOtherTests = std::exchange(g_ZuFault_List, ofOtherTests);
+  fault = ZuFault_Regist("net", [] { callback(); });
   for (const size_t size : {5U, 2000U, 900U, 900U, 2000U, 10U}) {
     ZuFault_SetInitLog(fault, 1, 0, "up"), ZuFault_SetRunLog(fault, 1, 0, std::string(size, 'x').c_str());
   }
-  const std::string whole = collectFaults();
+  return fault;
+}
+
+// "none" if there is no file.
+std::string content(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
+}
+
+// Runs a collection with one value more, or none, and returns its file.
+std::string collect(uint32_t value) {
+  if (value > 0) ZuFault_SetRegist(fault(), value, 0);
+  ZuFault_Start();
+  return content(kFile);
+}
+
+// Runs a collection whose n-th call fails, or is the last of a process of its own. True if there was such a call.
+bool failsAt(int n, int error) {
+  const pid_t child = error == Plan::kAct ? fork() : 0;
+  int status = 0;
+  if (child > 0) return waitpid(child, &status, 0) == child && WIFSIGNALED(status);
+  Plan::action = [] { raise(SIGKILL); };
+  Plan plan("*", error, n);
+  ZuFault_Start();
+  if (error == Plan::kAct) _exit(0);
+  return plan.wasMet();
+}
+
+TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
+  const auto value = [](char number) { return kValueHead + std::string("\0\0\0", 3) + number + std::string(4, '\0'); };
+  fault(), ZuFault_SetFile(kFile.c_str(), 0);
+  const std::string logs = collect(0);
+  const struct {
+    bool isSafe, isLinked;      // what was left beside
+    std::string failed, ended;  // the files behind runs whose first, second, .. call failed or was the last, up to
+                                // none: the old one, part of the new one, the new one, or that and success
+  } cases[] = {{false, false, "osppppppns", "opppppppnn"},
+               {true, false, "oooooooooonnss", "oooooooooonnnn"},
+               {true, true, "oooooooooooonnss", "oooooooooooonnnn"}};
   const int descriptors = openDescriptors();
-  for (const bool fallsShort : {false, true}) {
-    int n = 0;
-    for (bool isMet = true; isMet;) {
-      Plan plan("write", ENOSPC, ++n, fallsShort ? 2 : 1, fallsShort ? 7 : SIZE_MAX);
-      const std::string file = collectFaults();
-      isMet = plan.wasMet();
-      EXPECT_EQ(file, whole.substr(0, file.size())) << "what follows could be written";
-      EXPECT_EQ(file.size() < whole.size(), isMet) << n;
+  for (const auto &c : cases) {
+    for (const int error : {Plan::kAct, ENOSPC, EIO, EROFS, EFBIG, EMFILE}) {
+      std::string files;
+      for (bool isMet = true; isMet;) {
+        const int n = static_cast<int>(files.size()) + 1;
+        SCOPED_TRACE(std::to_string(n) + ": " + std::strerror(error) + (c.isSafe ? ", safe" : ""));
+        ZuFault_SetFile(kFile.c_str(), c.isSafe);
+        ASSERT_EQ(collect(1), logs + value(1));
+        ASSERT_TRUE(!c.isLinked || symlink("nowhere", kBeside.c_str()) == 0);
+        ZuFault_SetRegist(fault(), 2, 0);
+        isMet = failsAt(n, error);
+        const std::string file = content(kFile), whole = logs + value(2);
+        const bool isOld = file == logs + value(1), isKilled = error == Plan::kAct;
+        const bool succeeds = !isKilled && ZuFault_GetResult() == 1;
+        EXPECT_TRUE(isOld || file == whole.substr(0, file.size()));
+        EXPECT_TRUE(isKilled || succeeds || ZuFault_GetResult() == -error);
+        files += isOld ? 'o' : file != whole ? 'p' : succeeds ? 's' : 'n';
+        ZuFault_SetFile(kFile.c_str(), c.isSafe);
+        const bool isKept = isKilled || (c.isSafe ? !succeeds : isOld);
+        EXPECT_EQ(collect(3), logs + (isKept ? value(2) : "") + value(3));
+      }
+      EXPECT_EQ(files, error == Plan::kAct ? c.ended : c.failed);
     }
-    EXPECT_GT(n, 5);
+    const Plan opening("open", EINTR, 1, 3), parts("write", 0, 1, kOn, 7), signals("write", EINTR, 3, 9);
+    Plan syncing("fsync", EINTR, 1, 2), noFolder("fsync", EINVAL, 4);
+    EXPECT_EQ(collect(2), logs + value(2));
+    EXPECT_EQ(ZuFault_GetResult(), 1);
+    EXPECT_EQ(syncing.wasMet() + noFolder.wasMet(), c.isSafe ? 2 : 0);
   }
-  {
-    const Plan opening("open", EINTR, 1, 3), parts("write", 0, 1, kOn, 100), signals("write", EINTR, 3, 9);
-    const Plan closing("close", EIO);
-    EXPECT_EQ(collectFaults(), whole);
-  }
-  EXPECT_EQ(collectFaults(), whole);
-  EXPECT_EQ(g_ZuFault_Info, nullptr);
   EXPECT_EQ(openDescriptors(), descriptors);
-  std::remove(KEP_FAULT_LOG_PATH);
+  EXPECT_EQ(content("nowhere"), "none");
+  std::remove(kFile.c_str());
+}
+
+uint32_t recorded;
+std::set<uint32_t> evicted;
+int64_t latest = -1;
+int runs;
+
+// On another thread, during a run: there is no waiting for its lock, and no second run.
+void record() {
+  static int calls;
+  for (int count = calls++ % 12 == runs % 12 ? 150 : 5; count > 0; --count) {
+    const Locked locked;
+    if (!g_ZuFault_Info) g_ZuFault_Info = ZuInfo_New(4096);  // small, and at times full
+    uint32_t oldest = recorded - numberOfNext(g_ZuFault_Info) + numberOfOldest(g_ZuFault_Info);
+    ZuFault_SetRegist(fault(), recorded++, 0);
+    const uint32_t left = recorded - numberOfNext(g_ZuFault_Info) + numberOfOldest(g_ZuFault_Info);
+    while (oldest < left) evicted.insert(oldest++);
+  }
+  ZuFault_Start();
+}
+
+TEST(FaultFile, HasEveryValueOnceThatIsNotEvicted) {
+  if (!platform::isLocking()) GTEST_SKIP() << "nobody records meanwhile without a lock";
+  fault(), callback = [] { ++runs, ZuFault_SetFile("system_calls_test.late", 0); };
+  Plan::action = [] { std::thread(record).join(); };
+  for (int run = 0; run < 90; ++run) {
+    ZuFault_SetFile(kFile.c_str(), run % 5), std::remove(kFile.c_str());
+    std::optional<Plan> recording, failing;
+    if (run < 89) recording.emplace("*", Plan::kAct, 1, kOn);
+    if (run % 5 == 2) failing.emplace("rename", EIO);
+    const std::string file = collect(0);
+    EXPECT_EQ(runs, run + 1);
+    EXPECT_EQ(file == "none", failing.has_value());
+    for (size_t i = file.find(kValueHead); i < file.size(); i += kValueHead.size() + 8) {
+      const int64_t number = wire::wordAt(file, i + kValueHead.size());
+      EXPECT_GT(number, latest);
+      while (++latest < number) ASSERT_EQ(evicted.count(static_cast<uint32_t>(latest)), 1U) << latest;
+    }
+  }
+  EXPECT_EQ(latest + 1, recorded);
+  EXPECT_FALSE(evicted.empty());
+  EXPECT_EQ(g_ZuFault_Info, nullptr);
+  std::remove(kFile.c_str());
+  callback = [] {};
 }
 
 }  // namespace

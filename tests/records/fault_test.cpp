@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "ZuFault.hpp"
+#include "ZuLogger.hpp"
 #include "support/platform_double.hpp"
 
 namespace {
@@ -23,7 +24,7 @@ namespace {
 class Faults : public testing::Test {
  protected:
   Faults() {
-    std::remove(KEP_FAULT_LOG_PATH);
+    ZuFault_SetFile(nullptr, 0), std::remove(KEP_FAULT_LOG_PATH);
     printed();
   }
 
@@ -69,6 +70,7 @@ std::string bytes(const std::string &notation) {
 
 TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   EXPECT_EQ(collect(), "none") << "before the first registration";
+  EXPECT_EQ(ZuFault_GetResult(), 0);
   ZuFault_Ignore(nullptr, 1);
   EXPECT_EQ(ZuFault_SetInfo(nullptr, 1) | ZuFault_SetCounter(nullptr, 1, 1) | ZuFault_ShowRunLog(nullptr), 0);
   ZuFault *net = ZuFault_Regist("net", [] {
@@ -76,6 +78,8 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
     ZuFault_SetRegist(static_cast<ZuFault *>(ZuList_Get(g_ZuFault_List, 0)), 1, 2);
   });
   ZuFault *disk = ZuFault_Regist("disk", nullptr);
+  ZuFault_SetLogSize(nullptr, 1), ZuFault_SetLogSize(net, 5000), ZuFault_SetLogSize(disk, 9),
+      ZuFault_SetLogSize(disk, 0);
   ZuFault_SetRunLog(disk, 2, 0, "run"), ZuFault_SetRunLog(disk, 0, 0, "");
   ZuFault_SetInitLog(net, 1, 0, "up"), ZuFault_SetInitLog(net, 0, 0, "shown");
   ZuFault_SetRunLog(net, 3, 0, "late");
@@ -90,6 +94,10 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
                 ZuFault_SetValue(net, 3, "\0\xFF", 2) | ZuFault_SetInfo(net, 77),
             0);
   EXPECT_EQ(net->info, 77U);
+  ZuFault_SetLogSize(net, 1);  // which keep lines already
+  EXPECT_EQ(net->initLog->store->limit, 5120U);
+  EXPECT_EQ(net->runLog->store->limit, 5120U);
+  EXPECT_EQ(disk->runLog->store->limit, 0x100000U);
   EXPECT_EQ(g_ZuFault_Info->limit, 0xA00000U);
   // Not of the registry's making, and passed over: another key length, and no such fault.
   ZuInfo_Append(g_ZuFault_Info, "\0\0\0", 3, "x", 1);
@@ -110,6 +118,9 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   EXPECT_EQ(printed(), "start callback [net]\nend callback [net]\n");
   EXPECT_EQ(g_ZuFault_Info, nullptr);
 
+  const std::string longest = std::string(255 - sizeof KEP_FAULT_LOG_PATH + 1, '/') + KEP_FAULT_LOG_PATH;
+  EXPECT_EQ(ZuFault_SetFile(longest.c_str(), 1), 1);
+  EXPECT_EQ(ZuFault_SetFile(("/" + longest).c_str(), 0) | ZuFault_SetFile("", 0), 0);
   ZuFault_SetCounter(disk, 5, 6);  // the logs come again, of the values only the new one
   EXPECT_EQ(collect(), logs + bytes("000E 05 03 'disk' 00000005 00000006 000D 04 00 'net' 00000001 00000002"));
 }
@@ -158,9 +169,15 @@ int takePending() {
 enum class Pending { kNone, kForThread, kForProcess };
 std::string duringCallback;
 
+struct End {
+  int64_t size;
+  int32_t result;  // 0: not tried
+};
+
 // In a process of its own: collects into the file that is made, and exits with 0 if all is well.
-void collectInto(void (*makeFile)(), int64_t expectedSize, Pending pending) {
+void collectInto(void (*makeFile)(), bool isSafe, End end, Pending pending) {
   alarm(20), umask(027);
+  ZuFault_SetFile(nullptr, isSafe);
   ZuFault *fault = ZuFault_Regist("net", [] { duringCallback += signals(); });
   const std::string value(60000, 'v');
   for (int i = 0; i < 10; ++i) ZuFault_SetValue(fault, 1, value.data(), 60000);
@@ -176,11 +193,14 @@ void collectInto(void (*makeFile)(), int64_t expectedSize, Pending pending) {
   struct stat file = {};
   stat(KEP_FAULT_LOG_PATH, &file);
   int64_t size = S_ISREG(file.st_mode) ? file.st_size : bytesRead;
-  if (g_ZuFault_Info) size = kNotOpened, ZuFault_Start();  // no more: there is one callback
-  std::string told = std::to_string(size) + duringCallback + signals();
+  if (g_ZuFault_Info && (size = kNotOpened) && !isSafe) ZuFault_Start();  // no more: there is one callback
+  std::string told = std::to_string(ZuFault_GetResult()) + ' ' + std::to_string(size) + duringCallback + signals();
   told += std::to_string(takePending());
   std::fputs(told.c_str(), stderr);
-  const std::string expected = std::to_string(expectedSize) + (arePending ? "yyyyyyyy2" : "nnnnnnnn0");
+  const std::string expected =
+      std::to_string(end.result) + ' ' + std::to_string(end.size) + (arePending ? "yyyyyyyy2" : "nnnnnnnn0");
+  ZuFault_SetFile("/dev/null", 0), ZuFault_Start();
+  if (g_ZuFault_Info || ZuFault_GetResult() != 1) _exit(2);
   _exit(told != expected || (size > 0 && (file.st_mode & 0777) != 0640));
 }
 
@@ -188,26 +208,31 @@ TEST_F(Faults, LetTheHostLiveWhateverTheirFileIs) {
   const struct {
     const char *name;
     void (*makeFile)();
-    int64_t size;
+    End ends[2];  // then safe
   } cases[] = {
-      {"none yet", [] {}, kWholeSize},
+      {"none yet", [] {}, {{kWholeSize, 1}, {kWholeSize, 1}}},
       {"limited",
        [] {
          const rlimit limit = {4096, 4096};
          setrlimit(RLIMIT_FSIZE, &limit);
        },
-       4096},
-      {"FIFO without a reader", [] { mkfifo(KEP_FAULT_LOG_PATH, 0600); }, kNotOpened},
-      {"FIFO", [] { makeFifo(INT64_MAX); }, kWholeSize},
-      {"FIFO whose reader goes away", [] { makeFifo(9000); }, 9000},
-      {"link to a full device", [] { (void)!symlink("/dev/full", KEP_FAULT_LOG_PATH); }, 0},
-      {"folder", [] { mkdir(KEP_FAULT_LOG_PATH, 0700); }, kNotOpened},
+       {{4096, -EFBIG}, {kNotOpened, -EFBIG}}},
+      {"FIFO without a reader", [] { mkfifo(KEP_FAULT_LOG_PATH, 0600); }, {{kNotOpened, -ENXIO}, {kWholeSize, 1}}},
+      {"FIFO", [] { makeFifo(INT64_MAX); }, {{kWholeSize, 1}}},
+      {"FIFO whose reader goes away", [] { makeFifo(9000); }, {{9000, -EPIPE}}},
+      {"link to a full device",
+       [] { (void)!symlink("/dev/full", KEP_FAULT_LOG_PATH); },
+       {{0, -ENOSPC}, {kWholeSize, 1}}},
+      {"folder", [] { mkdir(KEP_FAULT_LOG_PATH, 0700); }, {{kNotOpened, -EISDIR}, {kNotOpened, -EISDIR}}},
   };
   for (const auto &c : cases) {
-    for (const Pending pending : {Pending::kNone, Pending::kForThread, Pending::kForProcess}) {
-      EXPECT_EXIT(collectInto(c.makeFile, c.size, pending), testing::ExitedWithCode(0), "")
-          << c.name << static_cast<int>(pending);
-      std::remove(KEP_FAULT_LOG_PATH);
+    for (const bool isSafe : {false, true}) {
+      for (const Pending pending : {Pending::kNone, Pending::kForThread, Pending::kForProcess}) {
+        if (c.ends[isSafe].result == 0) continue;
+        EXPECT_EXIT(collectInto(c.makeFile, isSafe, c.ends[isSafe], pending), testing::ExitedWithCode(0), "")
+            << c.name << isSafe << static_cast<int>(pending);
+        std::remove(KEP_FAULT_LOG_PATH);
+      }
     }
   }
 }
