@@ -29,7 +29,8 @@ constexpr const char *kLayout = R"(-- Load it with dofile, or require; it return
 -- and bits, [bit] = word. A buffer's has size, in bytes, and fields: a list of meanings that have, too:
 --
 --   start, size       where the field lies in the buffer, in bytes
---   type              "uint", "int", "float", "time" (seconds since 1970), "string" (up to the first zero byte), "bytes"
+--   type              "uint", "int", "float", "time" (seconds since 1970), "string" (up to its first zero byte) or
+--                     "bytes"
 --   hex               true where the number is shown in hexadecimal
 --
 -- A field without a name is of no interest. Every number is big-endian.
