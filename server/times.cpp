@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "server/log_lines.hpp"
+
 namespace kepserver {
 
 namespace {
@@ -36,16 +38,6 @@ int64_t secondsOf(int64_t year, const BoardTime &time) {
   return days * kDay + int64_t{time.hour} * 3600 + int64_t{time.minute} * 60 + time.second;
 }
 
-// Whether the text has a digit where the form has a 0, and else the same.
-bool hasForm(std::string_view text, std::string_view form) {
-  if (text.size() != form.size()) return false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const bool isDigit = text[i] >= '0' && text[i] <= '9';
-    if (form[i] == '0' ? !isDigit : text[i] != form[i]) return false;
-  }
-  return true;
-}
-
 int64_t yearOf(const BoardTime &time, int zoneMinutes, int64_t collected) {
   if (time.year) return *time.year;
   const int64_t latest = collected + int64_t{zoneMinutes} * 60 + kDay;
@@ -57,18 +49,12 @@ int64_t yearOf(const BoardTime &time, int zoneMinutes, int64_t collected) {
 }  // namespace
 
 std::optional<BoardTime> readTime(std::string_view text) {
+  if (!isLogTime(text)) return std::nullopt;
   const auto two = [&text](size_t i) { return (text[i] - '0') * 10 + (text[i + 1] - '0'); };
   BoardTime time;
-  size_t start = 0;  // of the month
-  if (hasForm(text, "0000/00/00 00:00:00")) {
-    time.year = two(0) * 100 + two(2);
-    start = 5;
-  } else if (hasForm(text, "00/00/00 00:00:00")) {
-    time.year = 2000 + two(0);
-    start = 3;
-  } else if (!hasForm(text, "00/00 00:00:00")) {
-    return std::nullopt;
-  }
+  const size_t start = text.size() - std::string_view("00/00 00:00:00").size();  // of the month
+  if (start > 3) time.year = two(0) * 100 + two(2);
+  if (start == 3) time.year = 2000 + two(0);
   time.month = two(start);
   time.day = two(start + 3);
   time.hour = two(start + 6);

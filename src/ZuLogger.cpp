@@ -109,6 +109,16 @@ unsigned lowBits(const void *address) { return static_cast<uint32_t>(reinterpret
 
 }  // namespace
 
+int32_t writeLine(ZuLogger *logger, int32_t level, const char *text, bool mayEcho) {
+  if (!logger) return -1;
+  const Settings settings = settingsOf(logger);
+  if (settings.ignores) return 0;
+  if (!accepts(settings.flags, level) || !text) return -1;
+  if (mayEcho) echo(settings.flags, level, text);
+  if (!(settings.flags & ZULOGGER_KEEP)) return -1;
+  return keep(logger, level, &l_longTime, text);
+}
+
 ZuInfo *storeOfLogger(const ZuLogger *logger) {
   const Locked locked;
   return logger->store;
@@ -194,13 +204,7 @@ void ZuLogger_Tail(ZuLogger *logger) {
 
 int32_t ZuLogger_Write(ZuLogger *logger, int32_t level, const char *text) {
   const Waiting mark(__func__);
-  if (!logger) return -1;
-  const Settings settings = settingsOf(logger);
-  if (settings.ignores) return 0;
-  if (!accepts(settings.flags, level) || !text) return -1;
-  echo(settings.flags, level, text);
-  if (!(settings.flags & ZULOGGER_KEEP)) return -1;
-  return keep(logger, level, &l_longTime, text);
+  return writeLine(logger, level, text, true);
 }
 
 void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t, const char *text) {

@@ -17,6 +17,9 @@ struct ZuLogger {
 };
 static_assert(sizeof(void *) != 4 || sizeof(ZuLogger) == 5548, "the board's record");
 
+// As ZuLogger_Write, with its echo or without.
+int32_t writeLine(ZuLogger *logger, int32_t level, const char *text, bool mayEcho);
+
 // The store that keeps the logger's lines, NULL until the first.
 ZuInfo *storeOfLogger(const ZuLogger *logger);
 

@@ -116,13 +116,8 @@ void sendBuffer(const CollectItem *item, int32_t key, const uint8_t *data, int32
 // length 0, so it gets an empty one.
 void sendLog(const CollectItem *item, int32_t key, const ZuLogger *log) {
   if (!item || !log) return;
-  ZuInfo *store;
-  {
-    const Locked locked;
-    store = log->store;  // there is none before the first line
-  }
   StoreRecord record;
-  for (StoreWalk walk(store); walk.next(&record);) {
+  for (StoreWalk walk(storeOfLogger(log)); walk.next(&record);) {
     if (record.valueLength > 0) {
       sendString(item, key, reinterpret_cast<const char *>(record.value), record.valueLength);
     } else {

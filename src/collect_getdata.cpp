@@ -3,6 +3,7 @@
 #include "collect_getdata.hpp"
 
 #include "Kep.hpp"
+#include "ZuLogger.hpp"
 #include "collect_client.hpp"
 #include "collect_stop.hpp"
 #include "kep/ZuString.h"
@@ -10,7 +11,7 @@
 
 namespace {
 
-void log(const char *text) { ZuLogger_Write(g_collect_param.logger, 1, text); }
+void log(const char *text) { writeLine(g_collect_param.logger, ZULOGGER_INFO, text, !isSilent()); }
 
 bool sendCatalogue(int32_t itemCount) {
   CollectClient_SetType(kCatalogueMessage);

@@ -77,6 +77,7 @@ TEST_F(Runs, SendsNothingForNothingNorOutsideARun) {
     Collect_PutStruct(item, 1, "x", 1);
     Collect_PutInitLog(item, 1, host::fault);
     Collect_PutRunLog(item, 1, host::fault);
+    Collect_PutLog(item, 1, item ? g_collect_param.logger : nullptr);
     CollectClient_AppendString(text);
     CollectClient_AppendBuffer(text, 1);
     EXPECT_EQ(CollectClient_CollectString(1, 2, 3, text, 1), 0);
@@ -106,6 +107,23 @@ TEST_F(Runs, SendsNothingForNothingNorOutsideARun) {
   host::releaseItems();
   EXPECT_EQ(host::start(1, another.port(), 1), 1);
   EXPECT_EQ(another.messages().at(1).size(), 12U);  // an empty catalogue
+}
+
+TEST_F(Runs, ShowsNothingWithoutTraceAndKeepsItsLogAsLongAsItIsTold) {
+  ZuLogger_Release(g_collect_param.logger);
+  g_collect_param.logger = ZuLogger_New(ZULOGGER_ACCEPT_ALL | ZULOGGER_KEEP | ZULOGGER_ECHO);
+  Collect_SetLogSize(1);
+  for (const int32_t on : {0, 1}) {
+    CollectClient_SetTrace(on);
+    StdoutCapture output;
+    for (int i = 0; i < 60; ++i) host::start(0, closedPort(), 1);
+    EXPECT_EQ(output.take().empty(), on == 0);
+    EXPECT_EQ(platform::takePrinted().empty(), on == 0);
+    Collect_ShowLog();
+    const std::string log = platform::takePrinted();
+    EXPECT_TRUE(log.size() > 800 && log.size() < 1024) << log;
+    Collect_SetLogSize(0);  // too late
+  }
 }
 
 TEST_F(Runs, NumbersItemsDensely) {

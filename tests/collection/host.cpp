@@ -51,6 +51,7 @@ int32_t reportNothing(int32_t) { return 0; }
 int32_t reportLogs(int32_t) {
   Collect_PutInitLog(logs, 7, fault);
   Collect_PutRunLog(logs, 8, fault);
+  Collect_PutLog(logs, 9, fault ? fault->initLog : nullptr);
   return 0;
 }
 
@@ -159,8 +160,10 @@ Run::Run(int32_t type, int32_t sequence, int32_t lastNumber) : stream(lastNumber
     stream.putBuffer(0, 0, 6, text(1100));
     flushAndCheck(beginAndEnd("[figures] "));
     flushAndCheck(beginAndEnd("[a name longer than ] "));  // it reports nothing
-    for (const char *record : {"##/## ##:##:##", "up", "##/## ##:##:##", ""}) stream.putString(3, 0, 7, record);
-    for (const std::string &record : {std::string("##/## ##:##:##"), text(1100)}) stream.putString(3, 0, 8, record);
+    const std::string time = "##/## ##:##:##", initLog[] = {time, "up", time, ""}, runLog[] = {time, text(1100)};
+    for (const std::string &record : initLog) stream.putString(3, 0, 7, record);
+    for (const std::string &record : runLog) stream.putString(3, 0, 8, record);
+    for (const std::string &record : initLog) stream.putString(3, 0, 9, record);
     flushAndCheck(beginAndEnd("[logs] "));
   }
   stream.flush();

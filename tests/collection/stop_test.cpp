@@ -64,6 +64,7 @@ TEST_F(Stop, EndsEveryWait) {
       for (const bool bySignal : {false, true}) {
         SCOPED_TRACE(testing::Message() << wait.name << ", limit " << limitMs << (bySignal ? ", by signal" : ""));
         CollectClient_SetTimeout(limitMs, limitMs, limitMs);
+        CollectClient_SetTrace(bySignal);
         host::setContent(0, wait.manner.ending == Manner::kStopsReading ? kFlood : 0);
         Server server(wait.manner);
         const int descriptors = openDescriptors(), inherited = inheritedDescriptors(), blocks = platform::liveBlocks();
@@ -80,7 +81,9 @@ TEST_F(Stop, EndsEveryWait) {
           EXPECT_EQ(server.messages().size(), wait.manner.endsAt);
         }
         EXPECT_EQ(failedRuns() - failed, wait.type >= 0);
-        output.take();
+        const std::string text = output.take();
+        EXPECT_EQ(text.find("size=16") != std::string::npos, bySignal && wait.type >= 0);
+        EXPECT_TRUE(bySignal || text.find("error.") == std::string::npos);
         EXPECT_EQ(openDescriptors(), descriptors);
         EXPECT_EQ(platform::liveBlocks(), blocks);
         ASSERT_FALSE(HasFailure());

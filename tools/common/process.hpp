@@ -40,9 +40,12 @@ void complain(const std::string &text);
 bool signalled();
 void failIfSignalled();  // throws Failure, kBrokenOff
 
+// From now on SIGHUP ends a wait and nothing else; one that comes meanwhile stays for the next.
+void catchHangup();
+
 using Clock = std::chrono::steady_clock;
 
-enum class Wake { kReady, kTimeout, kSignal };
+enum class Wake { kReady, kTimeout, kSignal, kHangup };
 
 // Waits until an entry is ready, without a deadline for as long as it takes.
 Wake waitUntil(pollfd *entries, nfds_t count, std::optional<Clock::time_point> deadline);

@@ -26,7 +26,7 @@ constexpr char kUsageText[] =
 
 constexpr const char *kDescription =
     "Answers the configuration queries of boards with the values in FILE until SIGINT\n"
-    "or SIGTERM ends it, or plays a board and asks.\n"
+    "or SIGTERM ends it, or plays a board and asks. SIGHUP has it read FILE again.\n"
     "The log of queries, or the answer, goes to standard output, diagnostics go to\n"
     "standard error.";
 
@@ -103,11 +103,22 @@ Settings settingsIn(const std::string &path) {
   }
 }
 
+// A file that is broken, or gone, leaves the values as they are.
+void reload(const std::string &path, Settings &settings) {
+  try {
+    settings = settingsIn(path);
+    complain("read " + path + " again");
+  } catch (const Failure &failure) {
+    if (!signalled()) complain(failure.text + "; the values stay as they are");
+  }
+}
+
 ExitStatus runServer(const Options &options) {
-  const Settings settings = settingsIn(options.file);
+  Settings settings = settingsIn(options.file);
   const Socket socket(options.listen);
+  catchHangup();
   complain("serving " + options.file + " at " + nameOf(socket.local()));
-  serve(socket, settings, options.echoDefault, std::cout);
+  while (serve(socket, settings, options.echoDefault, std::cout)) reload(options.file, settings);
   return kGood;
 }
 
