@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "printed.hpp"
 #include "require.hpp"
 #include "server/board_stream.hpp"
 #include "server/run_report.hpp"
@@ -14,7 +15,6 @@
 namespace {
 
 using namespace kepserver;
-using Lines = std::vector<std::string>;
 
 std::string hex(const std::string &bytes) {
   std::string text;
@@ -55,50 +55,7 @@ std::string describe(const Run &run) {
 Lines printed(const Run &run, const Style &style) {
   std::stringstream out;
   RunReporter(out, style).write(run);
-  Lines lines;
-  for (std::string line; std::getline(out, line);) {
-    const bool steers = std::any_of(line.begin(), line.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7F; });
-    if (steers) require("a control is printed");
-    for (const char *hidden : {"\xC2\xAD", "\xE3\x85\xA4", "\xEF\xB8\x8F", "\xF3\xA0\x81\x81"}) {
-      require(line.find(hidden) == std::string::npos ? "" : "a character is printed that does not show");
-    }
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-// The fields of a line, of which no quote is open at its end.
-Lines fieldsOf(const std::string &line) {
-  Lines fields(1);
-  bool isQuoted = false;
-  for (size_t i = 0; i < line.size(); ++i) {
-    if (line[i] == '"' && isQuoted && line[i + 1] == '"') {
-      fields.back() += line[++i];
-    } else if (line[i] == '"') {
-      isQuoted = !isQuoted;
-    } else if (line[i] == ',' && !isQuoted) {
-      fields.emplace_back();
-    } else {
-      fields.back() += line[i];
-    }
-  }
-  require(isQuoted ? "a quote in CSV stays open" : "");
-  return fields;
-}
-
-// Every line has its fields, of which none but a number begins as a formula does; raw they differ in nothing else.
-void checkCsv(const Lines &lines, const Lines &raw) {
-  for (size_t i = 0; i < lines.size(); ++i) {
-    const Lines fields = fieldsOf(lines[i]);
-    Lines rawFields = fieldsOf(raw.at(i));
-    require(fields.size() == 7 && rawFields.size() == 7 ? "" : "CSV has not seven fields a line");
-    for (const size_t text : {size_t{2}, size_t{6}}) {
-      const bool isNumber = text == 6 && (fields[5] == "int" || fields[5] == "long");
-      std::string &field = rawFields[text];
-      if (!isNumber && field.find_first_of("=+-@") == 0) field.insert(0, "'");
-    }
-    requireEqual(joined(fields, false), joined(rawFields, false));
-  }
+  return harmlessLines(out);
 }
 
 // Every format has its lines and no more; JSON gives back every value.
@@ -111,7 +68,7 @@ void checkReports(const Run &run) {
   require(printed(run, {Format::kText}).size() == others + values + (values > 0 ? 1 : 0)
               ? ""
               : "text has not a line for each");
-  checkCsv(csv, printed(run, {Format::kCsv, true}));
+  checkCsv(csv, printed(run, {Format::kCsv, true}), 7, 2);
 
   Lines read;
   for (const std::string &line : json) {

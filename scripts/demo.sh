@@ -15,7 +15,7 @@ case "$kind" in
   '') ;;
   --board)
     packages+=("${board_packages[@]}")
-    flags=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake")
+    flags=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake" -DKEP_POSIX_PRIO_INHERIT=OFF)
     run=(qemu-ppc -L /usr/powerpc-linux-gnu)
     ;;
   --threads)
@@ -45,13 +45,12 @@ need "${packages[@]}"
 say "building"
 tools=$PWD/build/demo
 host=$PWD/build/demo${kind#-}
-# Without the store's trace, so that the host's output can be read.
-quietly "$tools/build.log" cmake -S . -B "$tools" -G Ninja -DKEP_FAULT_LOG_PATH="$tools/kep.log" -DKEP_STORE_TRACE=OFF
-quietly "$tools/build.log" cmake --build "$tools" --target kep-board kep-station kep-collect kep-config
+quietly "$tools/build.log" cmake -S . -B "$tools" -G Ninja -DKEP_FAULT_LOG_PATH="$tools/kep.log"
+quietly "$tools/build.log" cmake --build "$tools" --target kep-{board,station,worker,collect,config}
 if [ -n "$kind" ]; then
   quietly "$host/build.log" cmake -S . -B "$host" -G Ninja "${flags[@]}" -DKEP_BUILD_TOOLS=OFF \
-    -DKEP_FAULT_LOG_PATH="$host/kep.log" -DKEP_STORE_TRACE=OFF
-  quietly "$host/build.log" cmake --build "$host" --target kep-board kep-station
+    -DKEP_FAULT_LOG_PATH="$host/kep.log"
+  quietly "$host/build.log" cmake --build "$host" --target kep-{board,station,worker}
 fi
 
 fail() {
@@ -76,6 +75,15 @@ cleanUp() {
 }
 trap cleanUp EXIT
 
+# endByItself: a signal ends the one program, which takes its leave by itself.
+endByItself() {
+  local pid=${pids[0]} status=0
+  kill "$pid"
+  wait "$pid" || status=$?
+  pids=()
+  [ $status -eq 0 ] || fail "a program ended with status $status"
+}
+
 # stop: ends the programs, all of which must have lived until now.
 stop() {
   local pid
@@ -97,9 +105,10 @@ launch() {
   done
 }
 
+# start NAME ARGUMENT...: starts a host.
 start() {
   say "starting $1${kind:+ ($kind)}"
-  launch "$1" 9099 "${run[@]}" "$host/examples/$1"
+  launch "$1" 9099 "${run[@]}" "$host/examples/$@"
 }
 
 collect() {
@@ -134,3 +143,17 @@ printed kep-station
 say "what the configuration server was asked (nothing, where the network carries no broadcast)"
 cat "$host/kep-config.out"
 stop
+
+rm -rf "$host/faults"
+mkdir "$host/faults"
+start kep-worker "$host/faults"
+sleep 1.5 # some readings, and a report
+collect --type 1
+collect --selftest
+collect --type 2
+sleep 0.5 # faults of which the file does not tell yet
+say "ending kep-worker, which saves them"
+endByItself
+say "its fault file"
+ls "$host/faults"
+strings -n 6 "$host/faults/worker.faults" | tail -n 3

@@ -56,7 +56,7 @@ quietly build/scripts.log tests/scripts/scripts_test.sh
 
 if [ -n "$all" ]; then
   scripts/fuzz.sh 10
-  scripts/soak.sh 20
+  scripts/soak.sh 60
 
   run_tests memcheck
 

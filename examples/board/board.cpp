@@ -4,13 +4,12 @@
 //   type 1   the same, and the logs of its faults
 //   type 2   the fault file: runs every fault's callback and saves what they record; prints the memory table
 //
-// The threading rule: kep is not locked. Before the service starts, main() may call it; from then on every call is made
-// on the serving thread, inside the callbacks below. main() goes on to touch host data only, behind the host's mutex.
+// The threading rule of a host that gives kep no lock: before the service starts, main() calls it; from then on every
+// call is made on the serving thread, inside the callbacks below. main() touches host data only, behind its mutex.
 #include <kep/kep.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -61,7 +60,7 @@ Sample lastSample() {
 
 struct Interface {
   char name[64];
-  unsigned long long rxBytes, rxErrors, txBytes, txErrors;
+  unsigned long long rxBytes, txBytes;
 };
 
 std::vector<Interface> readInterfaces() {
@@ -69,9 +68,9 @@ std::vector<Interface> readInterfaces() {
   std::istringstream table(readFile("/proc/net/dev"));
   for (std::string line; std::getline(table, line);) {
     Interface one;
-    const int fields = std::sscanf(line.c_str(), " %63[^:]: %llu %*u %llu %*u %*u %*u %*u %*u %llu %*u %llu", one.name,
-                                   &one.rxBytes, &one.rxErrors, &one.txBytes, &one.txErrors);
-    if (fields == 5) all.push_back(one);  // the two lines of headings give fewer
+    const int fields = std::sscanf(line.c_str(), " %63[^:]: %llu %*u %*u %*u %*u %*u %*u %*u %llu", one.name,
+                                   &one.rxBytes, &one.txBytes);
+    if (fields == 3) all.push_back(one);  // the two lines of headings give fewer
   }
   return all;
 }
@@ -81,19 +80,14 @@ std::vector<Interface> readInterfaces() {
 CollectItem *systemItem, *memoryItem, *networkItem, *faultItem;
 ZuFault *memoryFault, *networkFault;
 
-// The figures of one moment as a struct: packed, so that every server reads the same bytes.
-int32_t packLoads(uint8_t (&out)[12]) {
-  const Sample now = lastSample();
-  return ZuBuffer_Pack(out, "III", now.load[0], now.load[1], now.load[2]);
-}
-
 int32_t collectSystem(int32_t requestType) {
   if (requestType == kFaultFile) return 0;
   const Sample now = lastSample();
   Collect_PutInt(systemItem, 1, now.uptime);
   Collect_PutInt(systemItem, 2, now.processes);
-  uint8_t loads[12];
-  Collect_PutStruct(systemItem, 3, loads, packLoads(loads));
+  uint8_t loads[12];  // a struct is packed, so that every server reads the same bytes
+  ZuBuffer_Pack(loads, "III", now.load[0], now.load[1], now.load[2]);
+  Collect_PutStruct(systemItem, 3, loads, sizeof loads);
   return 0;
 }
 
@@ -158,8 +152,6 @@ void saveMemory() {
   const Sample now = lastSample();
   ZuFault_SetRegist(memoryFault, 0x10, static_cast<uint32_t>(sysconf(_SC_PAGESIZE)));
   ZuFault_SetRegist64(memoryFault, 0x11, static_cast<uint64_t>(now.freeBytes));
-  uint8_t loads[12];
-  ZuFault_SetRegistEx(memoryFault, 0x12, loads, packLoads(loads));
   ZuFault_SetCounter(memoryFault, 1, static_cast<uint32_t>(now.count));
   const std::string memory = readFile("/proc/meminfo");
   ZuFault_SetValue(memoryFault, 1, memory.data(), static_cast<int32_t>(memory.size()));
@@ -173,9 +165,16 @@ void saveNetwork() {
   }
 }
 
+// Anybody can send a request; who is refused here gets no connection.
+int32_t isWelcome(const char *address, int32_t port, int32_t) {
+  return port >= 1024 && (std::strncmp(address, "127.", 4) == 0 || std::strncmp(address, "10.", 3) == 0);
+}
+
 void serve() {
-  Collect_Init(kIdentity);  // returns only when the port cannot be had
-  std::fprintf(stderr, "kep-board: cannot serve on UDP port 9099: %s\n", std::strerror(errno));
+  Collect_SetAccess(isWelcome);
+  CollectClient_SetTimeout(2000, 2000, 5000);  // or a server that falls silent would hold the service for ever
+  Collect_Init(kIdentity);                     // returns only when the port cannot be had
+  std::perror("kep-board: cannot serve on UDP port 9099");
   std::_Exit(EXIT_FAILURE);
 }
 

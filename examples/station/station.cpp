@@ -69,8 +69,6 @@ void logCall(uint8_t function, uint32_t first, uint32_t second) {
   ++functions[function].count;
   ZuInfo *store = calls->store;
   const int32_t size = 12;
-  // A full store starts over: making room record by record would print the library's trace.
-  if (store->freeSize < 1 + size + 3) ZuInfo_Clear(store);
   if (calls->ignore || !ZuInfo_PackPre(store, &function, 1, size)) return;
   ZuBuffer_Pack(ZuMem_Get(store->block, store->writeOffset), "TII", static_cast<uint32_t>(ZuTime_Now()), first, second);
   store->writeOffset += size;

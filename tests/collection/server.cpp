@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 
 namespace wire {
 
@@ -109,6 +111,15 @@ void ask(const std::string &datagram, int32_t port, const char *address, const s
   EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
             static_cast<ssize_t>(datagram.size()));
   close(fd);
+}
+
+bool isBound(int32_t port) {
+  std::ifstream table("/proc/net/udp");
+  unsigned bound = 0;
+  for (std::string line; std::getline(table, line);) {
+    if (std::sscanf(line.c_str(), " %*d: %*x:%x", &bound) == 1 && bound == static_cast<unsigned>(port)) return true;
+  }
+  return false;
 }
 
 Server::Server(Manner manner, const char *address)

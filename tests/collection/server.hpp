@@ -111,6 +111,9 @@ class Server {
 void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1",
          const std::string &board = "127.0.0.1");
 
+// Whether a UDP socket of this machine is bound to the port.
+bool isBound(int32_t port);
+
 // Opens a socket of this kind at an address of loopback.
 int openSocket(int kind, const char *address, int32_t *portOut);
 

@@ -166,6 +166,8 @@ class CommandTest : public ::testing::Test {
     EXPECT_EQ(namesIn(out(), "[ ,]--([a-z-]+)"), namesIn(page, "Fl (?:h , )?-([a-z-]+)"));
     EXPECT_EQ(namesIn(out(), "\n  ([0-9])  "), namesIn(page, "\n\\.It ([0-9])\n"));
     EXPECT_EQ(run("--help >/dev/full"), 4) << "broken off";
+    ASSERT_EQ(run("--version"), 0);
+    EXPECT_EQ(out(), std::filesystem::path(KEP_PROGRAM).filename().string() + " " KEP_VERSION "\n");
   }
 
  private:

@@ -12,8 +12,10 @@ class ConfigCommand : public CommandTest {
  protected:
   void SetUp() override {
     CommandTest::SetUp();
-    write("; comment\n# [comment]\n \t\n[net]\r\n  mtu\t=  1400 \r\nname = \"a b\" ; = [c]\n[ log ]\nmtu=\n#mtu = 2\n" +
-          ("long = " + kLongest + "  \n[net]\nMTU = 9\x80\nlast =  x"));
+    write(
+        "\xEF\xBB\xBF; comment\n# [comment]\n \t\n[net]\r\n  mtu\t=  1400 \r\nname = \"a b\" ; = [c]\n[ log "
+        "]\nmtu=\n#mtu = 2\n" +
+        ("long = " + kLongest + "  \n[net]\nMTU = 9\x80\nlast =  x"));
   }
 
   static void write(const std::string &text) { std::ofstream("ini", std::ios::binary) << text; }
@@ -89,6 +91,20 @@ TEST_F(ConfigCommand, HearsBroadcastsUnlessItListensAtOneAddress) {
   EXPECT_EQ(askMtu("--server 127.0.0.1"), "0: 1400\n");
 }
 
+TEST_F(ConfigCommand, ReadsItsFileAgainUnlessThatIsBroken) {
+  Command command = server("--listen 127.0.0.1");
+  EXPECT_EQ(askMtu("--server 127.0.0.1"), "0: 1400\n");
+  for (const auto &[text, told] : {std::pair{"[net]\nmtu=9000\n", "read ini again"},
+                                   {"[net]\nmtu\n", "ini:2: neither .*; the values stay as they are"}}) {
+    write(text);
+    command.signal(SIGHUP);
+    EXPECT_NE(waitFor("server.err", "(kep-config: " + std::string(told) + "\n)"), "");
+    EXPECT_EQ(askMtu("--server 127.0.0.1"), "0: 9000\n");
+  }
+  command.signal(SIGTERM);
+  EXPECT_EQ(command.status(), 0);
+}
+
 TEST_F(ConfigCommand, AsksAsABoardDoes) {
   Peer server;
   const Peer other;
@@ -157,6 +173,7 @@ TEST_F(ConfigCommand, TellsTheLineThatIsWrong) {
       {"[ ]\n", "1: a section without a name"},
       {"[" + std::string(989, 's') + "]", "1: a query for this section would be too long"},
       {"[a\nk = v]\n", "1: a section's line must end with its only ]"},
+      {"\n\xEF\xBB\xBF[a]\n", "2: neither [section] nor key = value nor a comment"},
       {"[a] ; comment\n", "1: a section's line must end with its only ]"},
   };
   for (const auto &[text, expected] : cases) {

@@ -1,8 +1,9 @@
-// command_line.hpp: what the commands' lines have in common: the form of --help and of complaints, and what an address
-// and a number are.
+// command_line.hpp: what the commands' lines have in common: the form of --help, --version and complaints, and what an
+// address and a number are.
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -10,7 +11,7 @@
 
 namespace kepcommand {
 
-// Gives a command its help, and its complaints the command's name in front.
+// Gives a command its help and --version, and its complaints the command's name in front.
 void describe(CLI::App &app, const std::string &usage, const std::string &exitStatuses);
 
 // Throws a CLI::ParseError unless `text` is a whole number of that range, all decimal: a zero in front means nothing.
@@ -27,7 +28,8 @@ CLI::Option *addNumber(CLI::App &app, const std::string &name, Number &variable,
 }
 
 // Adds an option whose value is a time in seconds, from a millisecond to eleven days.
-CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable, const std::string &help);
+CLI::Option *addSeconds(CLI::App &app, const std::string &name, std::chrono::milliseconds &variable,
+                        const std::string &help);
 
 // Adds --format and --csv-raw.
 void addStyle(CLI::App &app, kepserver::Style &style);

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
@@ -27,13 +26,16 @@ namespace kepcommand {
 
 namespace {
 
-constexpr long kTickNs = 200'000'000;
+constexpr long kSecondNs = 1'000'000'000;
+constexpr long kTickNs = kSecondNs / 5;
 constexpr int kPatience = 2;  // ticks: so long output goes on after a signal
 
 const char *sg_name = "";
 timer_t sg_timer{};
 volatile std::sig_atomic_t sg_signalled = 0;
 volatile std::sig_atomic_t sg_ticks = 0;  // since the signal
+volatile std::sig_atomic_t sg_hungUp = 0;
+bool sg_catchesHangup = false;  // which is blocked then, but in waits
 
 extern "C" void noteSignal(int /*number*/) {
   const int before = errno;
@@ -45,6 +47,8 @@ extern "C" void noteSignal(int /*number*/) {
 
 extern "C" void noteTick(int /*number*/) { sg_ticks = sg_ticks + 1; }
 
+extern "C" void noteHangup(int /*number*/) { sg_hungUp = 1; }
+
 void handle(int number, void (*handler)(int), int flags) {
   struct sigaction action {};
   action.sa_handler = handler;
@@ -52,12 +56,11 @@ void handle(int number, void (*handler)(int), int flags) {
   sigaction(number, &action, nullptr);
 }
 
-// Whoever started the command may have blocked them.
-void unblock(std::initializer_list<int> numbers) {
+void changeMask(int how, std::initializer_list<int> numbers) {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int number : numbers) sigaddset(&signals, number);
-  sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+  sigprocmask(how, &signals, nullptr);
 }
 
 void catchSignals() {
@@ -68,9 +71,9 @@ void catchSignals() {
   handle(SIGRTMIN, noteTick, 0);
   handle(SIGINT, noteSignal, static_cast<int>(SA_RESETHAND));
   handle(SIGTERM, noteSignal, static_cast<int>(SA_RESETHAND));
-  handle(SIGPIPE, SIG_IGN, 0);  // a reader that goes away is a write error like any other,
-  handle(SIGXFSZ, SIG_IGN, 0);  // as is a file that becomes too large
-  unblock({SIGRTMIN, SIGINT, SIGTERM});
+  handle(SIGPIPE, SIG_IGN, 0);                           // a reader that goes away is a write error like any other,
+  handle(SIGXFSZ, SIG_IGN, 0);                           // as is a file that becomes too large
+  changeMask(SIG_UNBLOCK, {SIGRTMIN, SIGINT, SIGTERM});  // whoever started the command may have blocked them
 }
 
 // Otherwise a file or a socket could become one of these, and get what is meant for them. In place of one that is
@@ -159,15 +162,29 @@ void failIfSignalled() {
   if (signalled()) throw Failure{kBrokenOff, "interrupted"};
 }
 
+void catchHangup() {
+  sg_catchesHangup = true;
+  changeMask(SIG_BLOCK, {SIGHUP});
+  handle(SIGHUP, noteHangup, 0);
+}
+
 Wake waitUntil(pollfd *entries, nfds_t count, std::optional<Clock::time_point> deadline) {
-  using std::chrono::milliseconds;
+  using std::chrono::nanoseconds;
+  sigset_t mask;
+  sigprocmask(SIG_SETMASK, nullptr, &mask);
+  if (sg_catchesHangup) sigdelset(&mask, SIGHUP);
   while (!signalled()) {
-    int64_t left = -1;
-    if (deadline) left = std::max<int64_t>(std::chrono::ceil<milliseconds>(*deadline - Clock::now()).count(), 0);
-    const int ready = poll(entries, count, static_cast<int>(std::min<int64_t>(left, INT_MAX)));
+    const nanoseconds left =
+        deadline ? std::max(nanoseconds(*deadline - Clock::now()), nanoseconds(0)) : nanoseconds(0);
+    const timespec limit = {left.count() / kSecondNs, left.count() % kSecondNs};
+    const int ready = ppoll(entries, count, deadline ? &limit : nullptr, &mask);
     if (ready > 0) return Wake::kReady;
     if (ready == 0) return Wake::kTimeout;
     if (errno != EINTR) failWithErrno(kBrokenOff, "cannot wait");
+    if (sg_hungUp != 0) {
+      sg_hungUp = 0;
+      return Wake::kHangup;
+    }
   }
   return Wake::kSignal;
 }
@@ -203,6 +220,18 @@ void readPortions(const Descriptor &file, const std::string &path,
   while (const size_t size = readSome(file.get(), buffer.data(), buffer.size(), path)) {
     if (!take(buffer.data(), size)) return;
   }
+}
+
+std::string contentOf(const std::string &path, size_t maxMebibytes) {
+  std::string content;
+  readPortions(openInput(path), path, [&](const char *bytes, size_t size) {
+    content.append(bytes, size);
+    if (content.size() > maxMebibytes << 20) {
+      throw Failure{kDamaged, path + ": more than " + std::to_string(maxMebibytes) + " MiB"};
+    }
+    return true;
+  });
+  return content;
 }
 
 bool writeAll(int fd, const char *bytes, size_t size) {

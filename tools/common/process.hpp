@@ -40,9 +40,12 @@ void complain(const std::string &text);
 bool signalled();
 void failIfSignalled();  // throws Failure, kBrokenOff
 
+// From now on SIGHUP ends a wait and nothing else; one that comes meanwhile stays for the next.
+void catchHangup();
+
 using Clock = std::chrono::steady_clock;
 
-enum class Wake { kReady, kTimeout, kSignal };
+enum class Wake { kReady, kTimeout, kSignal, kHangup };
 
 // Waits until an entry is ready, without a deadline for as long as it takes.
 Wake waitUntil(pollfd *entries, nfds_t count, std::optional<Clock::time_point> deadline);
@@ -69,6 +72,9 @@ Descriptor openInput(const std::string &path);
 // Reads up to the end, or until a portion is not taken. Throws Failure, kBrokenOff.
 void readPortions(const Descriptor &file, const std::string &path,
                   const std::function<bool(const char *bytes, size_t size)> &take);
+
+// A file's content, of at most so many MiB. Throws Failure, with kDamaged for a larger one.
+std::string contentOf(const std::string &path, size_t maxMebibytes);
 
 // Writes all of it, unless it fails; also false when the time after a signal is over, and nothing more is to be
 // written.

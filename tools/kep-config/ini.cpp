@@ -19,10 +19,13 @@ std::string trimmed(std::string_view text) {
 
 class IniParser {
  public:
-  void readLine(const std::string &line) {
-    ++line_;
+  void readLine(std::string_view line) {
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // as some editors begin a file in UTF-8
+    if (++line_ == 1 && line.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
+      line.remove_prefix(kByteOrderMark.size());
+    }
     // A board would take it for the value's end.
-    if (line.find('\0') != std::string::npos) fail("a zero byte");
+    if (line.find('\0') != std::string_view::npos) fail("a zero byte");
     const std::string text = trimmed(line);
     if (text.empty() || text[0] == ';' || text[0] == '#') return;
     if (text[0] == '[') {

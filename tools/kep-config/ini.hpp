@@ -6,6 +6,7 @@
 //
 // What stands around a section, a key or a value in blanks and tabs does not count. A value is all behind the first =,
 // be it nothing, quotes and semicolons included. A section may stand several times and goes on then; a key may not.
+// A byte order mark at the begin of the file does not count either.
 
 #ifndef KEP_CONFIG_INI_HPP
 #define KEP_CONFIG_INI_HPP

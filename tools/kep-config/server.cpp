@@ -82,9 +82,11 @@ Endpoint Socket::local() const {
   return endpointOf(address);
 }
 
-void serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log) {
+bool serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log) {
   std::array<char, kMaxSize + 1> datagram{};  // one byte more than a query, so that a longer one is told
-  while (waitForDatagram(socket.fd(), std::nullopt) != Wake::kSignal) {
+  for (;;) {
+    const Wake wake = waitForDatagram(socket.fd(), std::nullopt);
+    if (wake == Wake::kHangup || wake == Wake::kSignal) return wake == Wake::kHangup;
     sockaddr_in from{};
     socklen_t fromSize = sizeof from;
     const ssize_t size =

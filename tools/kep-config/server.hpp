@@ -35,9 +35,9 @@ class Socket {
   int fd_;
 };
 
-// Answers queries, and tells each in a line of the log, until a signal comes. Throws Failure when the socket
-// fails, and what `log` throws when it cannot be written.
-void serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log);
+// Answers queries, and tells each in a line of the log, until a signal comes; true if that was SIGHUP, and no other.
+// Throws Failure when the socket fails, and what `log` throws when it cannot be written.
+bool serve(const Socket &socket, const Settings &settings, bool echoDefault, std::ostream &log);
 
 // Sends the query once and returns the first answer, of which it keeps as much as a board does. Throws Failure.
 std::string ask(const Endpoint &server, const Query &query, std::chrono::milliseconds timeout);
