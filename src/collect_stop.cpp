@@ -41,8 +41,7 @@ bool beginService() {
   if (__atomic_fetch_or(&l_state, kServing, __ATOMIC_SEQ_CST) & kServing) return false;
   const int wake = aboveStandard(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   __atomic_store_n(&l_process, getpid(), __ATOMIC_RELAXED);
-  __atomic_store_n(&l_wake, wake, __ATOMIC_RELEASE);
-  __atomic_thread_fence(__ATOMIC_SEQ_CST);  // a stop that does not find the socket yet has set the flag for the loop
+  __atomic_store_n(&l_wake, wake, __ATOMIC_SEQ_CST);  // a stop that does not find it yet has set the flag for the loop
   if (wake < 0) __atomic_fetch_and(&l_state, ~kServing, __ATOMIC_SEQ_CST);
   return wake >= 0;
 }
@@ -54,7 +53,7 @@ bool endService() {
 
 bool isServing() { return read(l_wake) >= 0; }
 
-bool isStopped() { return read(l_state) == (kServing | kStopped); }
+bool isStopped() { return __atomic_load_n(&l_state, __ATOMIC_SEQ_CST) == (kServing | kStopped); }
 
 bool waitUnlessStopped(const Deadline &deadline, int fd, short events) {
   return !isStopped() && deadline.waitFor(fd, events, read(l_wake));
