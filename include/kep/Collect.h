@@ -19,6 +19,7 @@
  *
  * Processes. A program that the host executes inherits no socket of the library's. A child that goes on without
  * executing one has copies of them all: a port stays taken, and a connection open, until the child has ended as well.
+ * Collect_Stop there does not reach the parent.
  */
 #ifndef KEP_COLLECT_H
 #define KEP_COLLECT_H
