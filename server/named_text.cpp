@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "server/meant.hpp"
+
 namespace kepserver {
 
 namespace {
@@ -42,12 +44,6 @@ class Page {
   const Style &style_;
   const NamedRun &named_;
 };
-
-// Whether it ends in the numbers' column.
-bool isNumber(const Shown &shown) {
-  const bool asSent = !shown.meaning || shown.misfit;
-  return !shown.number.empty() || (asSent && shown.sent.number);
-}
 
 std::string numbered(std::string_view what, int32_t number) { return std::string(what) + " " + std::to_string(number); }
 

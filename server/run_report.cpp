@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "server/meant.hpp"
 #include "server/named_text.hpp"
 
 namespace kepserver {
@@ -73,7 +74,7 @@ void putCounts(Sink &out, const Run &run) {
 
 struct Added {
   std::string_view sectionName;
-  std::string keyName, unit, number, shown;
+  Meant meant;
   Verdict verdict = Verdict::kNone;
   std::string time;  // with its year and zone, of a log's line
 };
@@ -87,27 +88,17 @@ const char *verdictName(Verdict verdict) {
   return "";
 }
 
-// An infinite number, and one that is none, are for the eye only.
-bool isFinite(const std::string &number) { return number.find_last_of("0123456789") != std::string::npos; }
-
 Added addedOf(const NamedRun &named, const NamedValue &value, const Shown &shown) {
-  Added added;
-  added.sectionName = value.sectionName;
-  added.keyName = shown.name();
-  if (!shown.meaning) return added;
-  added.verdict = shown.verdict;
-  if (!shown.misfit) added.unit = shown.meaning->unit;
-  if (isFinite(shown.number)) added.number = shown.number;
-  if (shown.sent.number || value.hasFields()) added.shown = shown.text;
-  added.time = named.fullTime(value.time);
-  return added;
+  const bool isText = value.value->kind == ValueKind::kString;
+  const bool isInRow = !value.hasFields() && !shown.sent.number && (isText || !shown.sent.isText);
+  return {value.sectionName, meantOf(shown, isInRow), shown.verdict, named.fullTime(value.time)};
 }
 
 // Of a value whose fields have rows of their own.
 Added addedOf(const NamedValue &value) {
   Added added;
   added.sectionName = value.sectionName;
-  if (value.key) added.keyName = value.key->meaning.name;
+  if (value.key) added.meant.name = value.key->meaning.name;
   return added;
 }
 
@@ -143,10 +134,7 @@ void putJsonContent(JsonLine &line, const Value &value) {
 
 void putJsonAdded(JsonLine &line, const Added &added) {
   if (!added.sectionName.empty()) line.text("section_name", added.sectionName);
-  if (!added.keyName.empty()) line.text("key_name", added.keyName);
-  if (!added.unit.empty()) line.text("unit", added.unit);
-  if (!added.number.empty()) line.number("number", std::string_view(added.number));
-  if (!added.shown.empty()) line.text("shown", added.shown);
+  putMeant(line, "key_name", added.meant);
   if (added.verdict != Verdict::kNone) line.word("verdict", verdictName(added.verdict));
   if (!added.time.empty()) line.word("time", added.time);
 }
@@ -234,8 +222,7 @@ void putCsvContent(CsvLine &line, const Value &value) {
 }
 
 void putCsvAdded(CsvLine &line, const Added &added) {
-  line.text(added.sectionName).text(added.keyName).text(added.unit).word(added.number).text(added.shown);
-  line.word(verdictName(added.verdict)).word(added.time);
+  putMeant(line.text(added.sectionName), added.meant).word(verdictName(added.verdict)).word(added.time);
 }
 
 void putCsvHead(Sink &out, const Style &style, const Run &run, size_t added) {
@@ -267,7 +254,7 @@ void putCsvVerdicts(Sink &out, const Style &style, const std::vector<ItemResult>
     for (const TestResult &test : result.tests) {
       if (test.value) continue;
       Added added;
-      added.keyName = testName(test.shown);
+      added.meant.name = testName(test.shown);
       added.verdict = Verdict::kFail;
       putCsvVerdict(out, style, "missing", result.item, added);
     }
