@@ -90,6 +90,10 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
       EXPECT_LE(takeAcknowledgement(), 0) << "the command closes the connection";
     };
   };
+  const auto hangs = [=] {
+    sends({all[0], all[1], message(2, 43, head(0x81, 1, 0, 1) + word(5))})();
+    EXPECT_LE(takeAcknowledgement(), 0);
+  };
   const auto resets = [=] {
     sendAcknowledged(begun);
     const linger atOnce = {1, 0};
@@ -135,11 +139,18 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
       {"text", "", 0, 77, resets, 4, "the connection broke: Connection reset by peer", begunText},
       {"text", "", 0, 77, waits("", SIGINT), 4, "interrupted", begunText},
       {"text", "", 0, 77, waits("", SIGTERM), 4, "interrupted", begunText},
-      {"text", "--timeout 2", 0, 77, waits(""), 3, "timed out: no more data from the board", begunText},
+      {"text", "--timeout 2", 0, 77, waits(""), 3,
+       "timed out: no more data from the board, which has reported nothing yet", begunText},
+      {"text", "--timeout 2", 0, 77, hangs, 3,
+       "timed out: no more data from the board, which reported caf\xC3\xA9 last",
+       begunText.substr(0, begunText.find("2 messages")) +
+           "item  name  section  key  kind  value\n   1  caf\xC3\xA9        0    1  int   5\n"
+           "3 messages, 1 records, 77 bytes, not whole\n"},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.arguments + c.err + c.printed);
     const std::string format = " --format " + c.format;
+    std::filesystem::remove("raw");
     launch(format + " --listen 127.0.0.2 --raw raw --sequence " + std::to_string(c.sequence) + " " + c.arguments);
     EXPECT_EQ(beginVisit(), word(16) + word(c.type) + word(c.sequence));
     EXPECT_STREQ(inet_ntoa(requests_.sender.sin_addr), "127.0.0.2");
@@ -215,16 +226,19 @@ TEST_F(Collect, ShowsWhatTheNamesMake) {
 
 TEST_F(Collect, TellsWhyThereIsNoRun) {
   const std::string port = requests_.port(), closedPort = Peer().port();
-  EXPECT_EQ(run("127.0.0.1 --timeout 0.05 --port 0" + port), 3) << "in decimal";
+  std::ofstream("kept") << "a run before";
+  EXPECT_EQ(run("127.0.0.1:0" + port + " --timeout 0.05 --raw kept"), 3) << "in decimal";
+  EXPECT_EQ(contentOf("kept"), "a run before");
   EXPECT_EQ(err(), "kep-collect: timed out: no connection from 127.0.0.1 port " + port + "\n");
   EXPECT_EQ(run("127.0.0.1 --port " + closedPort), 3);
   EXPECT_NE(err().find("Connection refused"), std::string::npos) << err();
   EXPECT_EQ(run(std::string(64, 'a') + ".invalid"), 3) << "no such name can exist";
 
-  expectWrongUsage("",
-                   "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|::1|a/b|a%b|' a'|--replay none|--replay .|"
-                   "--replay err --raw raw|--replay err --any-source|"
-                   "--replay err --width 9|--replay err --names ''|--replay err --names a --names-dir b");
+  expectWrongUsage(
+      "",
+      "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|::1|a/b|a%b|' a'|a:|a:0|:1|a:1 --port 1|--replay none|--replay .|"
+      "--replay err --raw raw|--replay err --any-source|"
+      "--replay err --width 9|--replay err --names ''|--replay err --names a --names-dir b");
   expectWrongUsage("localhost ",
                    "extra|--unknown|--port 0|--port 65536|--port 0x10|--type 3|--type 010|"
                    "--type 0 --selftest|--sequence -1|--sequence 2147483648|--sequence 0x1|--timeout 0|"

@@ -65,14 +65,15 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   const auto live = [replay](CLI::Option *option, const std::string &type) {
     return option->type_name(type)->excludes(replay);
   };
-  live(app.add_option("HOST", request.host, "Name or IPv4 address of the board"), "")->check(checkHost);
+  live(addHost(app, "HOST", request, "Name or IPv4 address of the board, and :PORT where it is another"), "");
   for (CLI::Option *option : addRequestOptions(app, request)) option->excludes(replay);
   live(app.add_flag("--selftest", options.selfTest, "Ask for a self-test run"), "")->excludes("--type");
   live(addNumber(app, "--sequence", options.sequence, INT32_MIN, INT32_MAX,
                  "Number of the first message, not -1; 0: the board's next [random]"),
        "N");
   live(addSeconds(app, "--watch", options.watch, "Start a run every so many seconds until interrupted"), "SECONDS");
-  live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run overwrites FILE"), "FILE")
+  live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run that begins overwrites FILE"),
+       "FILE")
       ->check(checkFile);
 }
 
@@ -156,8 +157,7 @@ ExitStatus replayFile(Options &options, RunReporter &reporter) {
 }
 
 ExitStatus runOnce(Options &options, RunReporter &reporter) {
-  const Descriptor raw =
-      options.rawFile.empty() ? Descriptor(-1) : openFile(options.rawFile, O_WRONLY | O_CREAT | O_TRUNC);
+  const Descriptor raw = options.rawFile.empty() ? Descriptor(-1) : openFile(options.rawFile, O_WRONLY | O_CREAT);
   Outcome outcome = collect(options.request, raw.get());
   return report(std::move(outcome), std::time(nullptr), options, reporter);
 }
