@@ -120,10 +120,13 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
   const std::string begunText = golden("begun.text");
   std::string rawCsv = golden("collection.csv");
   rawCsv.erase(rawCsv.find("'="), 1);
+  const std::string quotedJson =
+      std::regex_replace(golden("collection.json"), std::regex("-9223372036854775808"), "\"$&\"");
   const std::string early = ": the stream ends before the run's last message";
   const std::vector<Case> cases = {
       {"text", "", 0, 77, sends(all), 0, "", golden("collection.text")},
       {"json", "--type 2", 2, 77, sends(all), 0, "", golden("collection.json")},
+      {"json --big-as-text", "", 0, 77, sends(all), 0, "", quotedJson},
       {"csv", "--type 1", 1, 77, sends(all), 0, "", golden("collection.csv")},
       {"csv --csv-raw", "", 0, 77, sends(all), 0, "", rawCsv},
       {"text", "--selftest", 3, 77, sends(selfTest()), 0, "", golden("self-test.text")},
@@ -242,7 +245,8 @@ TEST_F(Collect, TellsWhyThereIsNoRun) {
   expectWrongUsage("localhost ",
                    "extra|--unknown|--port 0|--port 65536|--port 0x10|--type 3|--type 010|"
                    "--type 0 --selftest|--sequence -1|--sequence 2147483648|--sequence 0x1|--timeout 0|"
-                   "--timeout nan|--timeout 0x10|--watch -5|--format xml|--listen localhost|"
+                   "--timeout nan|--timeout 0x10|--watch -5|--until-pass|--watch 1 --selftest --until-pass|--format "
+                   "xml|--listen localhost|"
                    "--listen 1.2.3|--listen 0x7f.0.0.01|--listen 192.0.2.1|--listen 224.0.0.1|--listen "
                    "255.255.255.255|--raw ''|--raw no/such/folder|"
                    "--replay err");
@@ -411,13 +415,27 @@ TEST_F(Collect, WatchesUntilInterruptedWhateverBecomesOfARun) {
   takeRequest();
   command_->signal(SIGINT);
   EXPECT_EQ(command_->status(), 4) << "within the third run";
-  EXPECT_EQ(out(), golden("collection.csv").insert(37, "identity,,,,,,4b420000\n")) << "the header comes once";
+  const std::regex time("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ");
+  EXPECT_EQ(std::regex_replace(out(), time, "TIME"),
+            golden("collection.csv").insert(37, "run,,,,1,,TIME\nidentity,,,,,,4b420000\nrun,,,,2,,TIME\n"))
+      << "the header comes once";
 
   launch(" --sequence 77 --watch 1000");
   visit({collection()[0]});
   EXPECT_EQ(waitFor("err", "(cut) short"), "cut");
   command_->signal(SIGINT);
-  EXPECT_EQ(command_->status(), 1) << "of the last run that was not whole";
+  EXPECT_EQ(command_->status(), 1) << "of the last run";
+
+  std::ofstream("names") << "item.fan.tests.1 = { name = 'speed', pass = 1 }";
+  launch(" --sequence 77 --watch 0.001 --selftest --until-pass --names names");
+  for (const int speed : {0, 1}) {
+    visit({message(0, 77, "KB12"),
+           message(2, 1, head(0x83, 65535, 0, 0) + counted("fan") + head(0x81, 3, 0, 1) + word(speed)),
+           message(2, 2, "")});
+  }
+  EXPECT_EQ(command_->status(), 0);
+  EXPECT_NE(out().find("FAIL  1 of 1 tests failed, 1 of 1 items\n"), std::string::npos) << out();
+  EXPECT_NE(out().find("\nrun 2, "), std::string::npos) << out();
 }
 
 TEST_F(Collect, HelpsAsItsManPageDoes) { expectHelpAsInManPage(); }
