@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""wireshark_test.py SOURCE KEP-COLLECT: the dissector tells of random runs, damaged ones too, what kep-collect does."""
+"""wireshark_test.py SOURCE KEP-COLLECT KEP-NAMES: what the dissector tells.
+
+Of random runs, damaged ones too, what kep-collect does; of requests, what a board makes of them; and with names, what
+the numbers mean."""
 import itertools
 import json
 import os
@@ -11,7 +14,7 @@ import subprocess
 import sys
 import tempfile
 
-SOURCE, COLLECT = sys.argv[1:3]
+SOURCE, COLLECT, NAMES = sys.argv[1:]
 sys.dont_write_bytecode = True
 sys.path.insert(0, SOURCE + "/server/wireshark")
 import pcap  # noqa: E402
@@ -110,15 +113,18 @@ def as_collected(path):
     return told
 
 
+def dissect(capture, condition, fields, *options):
+    command = ["tshark", "-r", capture, "-X", "lua_script:" + SOURCE + "/server/wireshark/kep.lua", "-Y", condition]
+    command += ["-T", "fields", "-E", "separator=/t", *[option for field in fields for option in ("-e", field)]]
+    shark = subprocess.run([*command, *options], capture_output=True, text=True, errors="replace")
+    assert shark.returncode == 0 and "Lua" not in shark.stderr, shark.stderr
+    return shark.stdout.splitlines()
+
+
 def as_dissected(capture):
     """What is told of each run, by its number."""
-    options = [option for field in FIELDS for option in ("-e", field)]
-    command = ["tshark", "-r", capture, "-X", "lua_script:" + SOURCE + "/server/wireshark/kep.lua", "-T", "fields"]
-    command += ["-E", "separator=/t", "-E", "aggregator=,", "-Y", "tcp.stream && (kep || kepend)", *options]
-    shark = subprocess.run(command, capture_output=True, text=True, errors="replace")
-    assert shark.returncode == 0 and "Lua" not in shark.stderr, shark.stderr
     runs = {}
-    for line in shark.stdout.splitlines():
+    for line in dissect(capture, "tcp.stream && (kep || kepend)", FIELDS):
         row = dict(zip(FIELDS, line.split("\t")))
         lists = {field: text.split(",") if text else [] for field, text in row.items()}
         new = {key: [] for key in ("identity", "item", "names", "tested", "values")}
@@ -170,9 +176,63 @@ def test_random_runs(folder):
             assert found[number][key] == value, "run %d, %s:\n%s\nnot\n%s" % (number, key, found[number][key], value)
 
 
+def test_sample(folder):
+    with open(SOURCE + "/docs/wire.md") as page:
+        block = page.read().split("```hex\n")[1].split("```")[0]
+    stream = bytes.fromhex("".join(line.split("  ")[0] for line in block.splitlines()))[16:]
+    with pcap.Capture(folder + "/sample") as capture:
+        pcap.write_run(capture, 0, stream)
+    sample = SOURCE + "/server/wireshark/sample.pcap"
+    with open(folder + "/sample", "rb") as made, open(sample, "rb") as kept:
+        assert made.read() == kept.read(), "the sample is not the page's run"
+    with open(folder + "/names.lua", "w") as names:
+        subprocess.run([NAMES, "--lua", SOURCE + "/examples/board/board.toml"], stdout=names, check=True)
+    shown = dissect(sample, "kep && !kep.ack", ["_ws.col.Info"], "-o", "kep.names:" + folder + "/names.lua")
+    assert shown == [
+        "Request: collection, type 0, sequence 77, to port 20000",
+        "identity",
+        "catalogue",
+        "data: system processes -5; system load 1 min 4.00, 5 min 2.50, 15 min 0.75",
+        "data: network eth0 name eth0; network eth0 received 672176260 B",
+        "data, empty",
+        "data, empty",
+    ], shown
+
+
+def test_datagrams(folder):
+    def request(*words):
+        return struct.pack(">%dI" % len(words), *words)
+
+    dropped, query = "Dropped: ", b"=>config net mtu 1500"
+    cases = [
+        (pcap.SERVER, 9099, request(16, 2, 7, 5000), ""),
+        (pcap.SERVER, 9099, request(16, 4, 7, 5000), dropped + "the type is above 3"),
+        (pcap.SERVER, 9099, request(15, 3, 7, 5000), dropped + "the length field is 15, the datagram 16"),
+        (pcap.SERVER, 9099, request(20, 3, 7, 5000, 0), dropped + "longer than 16 bytes"),
+        (b"\xe0\0\0\1", 9099, request(16, 3, 7, 5000), dropped + "the sender's address cannot be one host's"),
+        (pcap.SERVER, 9099, request(16, 3, 0, 0x15000), "Only the low 16 bits of the port count: 20480,"
+         "The identity gets the board's own next number"),
+        (pcap.SERVER, 9099, request(16, 3, 2**32 - 1, 5000), "A sequence of -1 means no request: it is never answered"),
+        (pcap.SERVER, 9099, request(12, 3, 7), "What a short datagram does not bring is 0,"
+         "Nobody can be reached at port 0"),
+        (pcap.SERVER, 8999, query, ""),
+        (pcap.SERVER, 8999, query[:12], "Not of the form =>config SECTION KEY DEFAULT"),
+        (pcap.SERVER, 8999, query + b"0" * 1000, "A query of more than 1000 bytes"),
+    ]
+    with pcap.Capture(folder + "/datagrams") as capture:
+        for source, port, datagram, _ in cases:
+            capture.udp(source, 8998 if port == 8999 else 40000, pcap.BOARD, port, datagram)
+        capture.udp(pcap.BOARD, 8999, pcap.SERVER, 8998, b"9000")
+    shown = dissect(folder + "/datagrams", "udp", ["_ws.expert.message"])
+    assert shown == [told for _, _, _, told in cases] + [""], shown
+    answer = dissect(folder + "/datagrams", "kepconfig.query", ["kepconfig.value", "kepconfig.query", "_ws.col.Info"])
+    assert answer == ["9000\t11\tAnswer: 9000"], answer
+
+
 if __name__ == "__main__":
     if not shutil.which("tshark"):
         print("tshark is missing")
         sys.exit(77)
-    with tempfile.TemporaryDirectory() as folder:
-        test_random_runs(folder)
+    for test in (test_random_runs, test_sample, test_datagrams):
+        with tempfile.TemporaryDirectory() as folder:
+            test(folder)
