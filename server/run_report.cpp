@@ -23,13 +23,6 @@ const char *kindName(ValueKind kind) {
   return "";
 }
 
-// A self-test announces its items by name and sends no catalogue. An index that the catalogue lacks has no name.
-std::string_view itemName(const Run &run, const Value &value) {
-  if (run.selfTest) return value.testedCount == 0 ? "" : std::string_view(run.tested[value.testedCount - 1]);
-  const auto found = run.catalogue.find(value.item);
-  return found == run.catalogue.end() ? "" : std::string_view(found->second);
-}
-
 std::vector<const Value *> sortedValues(const Run &run) {
   std::vector<const Value *> values;
   for (const Value &value : run.values) values.push_back(&value);

@@ -129,6 +129,12 @@ void readCatalogueEntry(FieldReader &fields, std::map<int32_t, std::string> &cat
 
 }  // namespace
 
+std::string_view itemName(const Run &run, const Value &value) {
+  if (run.selfTest) return value.testedCount == 0 ? "" : std::string_view(run.tested[value.testedCount - 1]);
+  const auto found = run.catalogue.find(value.item);
+  return found == run.catalogue.end() ? "" : std::string_view(found->second);
+}
+
 size_t StreamDecoder::feed(const void *data, size_t size) {
   const char *bytes = static_cast<const char *>(data);
   size_t completed = 0;

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -45,6 +46,10 @@ struct Run {
   bool selfTest = false;
   bool whole = false;  // the stream went on to its proper end
 };
+
+// The name of the value's item. A self-test announces its items by name and sends no catalogue; an index that the
+// catalogue lacks has none.
+std::string_view itemName(const Run &run, const Value &value);
 
 enum class RunKind { kCollection, kSelfTest };
 

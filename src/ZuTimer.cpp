@@ -31,42 +31,50 @@ int32_t l_isToStop;  // set by signal handlers, too
 
 bool takeStop() { return __atomic_exchange_n(&l_isToStop, 0, __ATOMIC_RELAXED) != 0; }
 
-// ---- under the lock, which is given back between two timers
+// ---- the registry, under the lock for one timer at a time
 
 ListWalk<ZuTimer> registered() {
   const Locked locked;
   return ListWalk<ZuTimer>(g_ZuTimer_List);
 }
 
-// Stores the next timer with a callback as it is now, and where it is; false behind the last one.
-bool next(ListWalk<ZuTimer> *walk, ZuTimer *out, ZuTimer **place) {
+bool next(ListWalk<ZuTimer> *walk, ZuTimer **out) {
   const Locked locked;
-  while (walk->next(place)) {
-    if (!*place || !(*place)->callback) continue;
-    *out = **place;
-    return true;
-  }
-  return false;
+  return walk->next(out);
 }
 
-void noteRun(ZuTimer *timer, uint32_t now, bool goesOn) {
+// ---- the loop
+
+// Only the loop changes a timer, and so may read it without the lock; the callback runs without it.
+void runIfDue(ZuTimer *timer, uint32_t now) {
+  if (!timer->callback || timer->status == kStopped || now - timer->last < timer->interval) return;
+  const bool goesOn = timer->callback(static_cast<int32_t>(timer->interval)) != 0;
   const Locked locked;
   if (!goesOn) timer->status = kStopped;
   timer->last = now;
   ++timer->times;
 }
 
-// ---- the loop
-
 // One stamp for the whole pass. Timers registered meanwhile wait for the next.
 void runPass() {
   ListWalk<ZuTimer> walk = registered();
   const uint32_t now = stampMs();
-  ZuTimer timer;
-  for (ZuTimer *place; next(&walk, &timer, &place);) {
-    if (timer.status == kStopped || now - timer.last < timer.interval) continue;
-    noteRun(place, now, timer.callback(static_cast<int32_t>(timer.interval)) != 0);
+  for (ZuTimer *timer; next(&walk, &timer);) {
+    if (timer) runIfDue(timer, now);
   }
+}
+
+void showTimer(const ZuTimer *shared) {
+  ZuTimer timer;
+  {
+    const Locked locked;
+    timer = *shared;
+  }
+  if (!timer.callback) return;
+  ZuPrint_Show(
+      ZuString_SFormat("last=%d,interval=%d,status=%d,times=%d\n", static_cast<int>(timer.last),
+                       static_cast<int>(timer.interval), static_cast<int>(timer.status), static_cast<int>(timer.times)),
+      0);
 }
 
 }  // namespace
@@ -95,12 +103,8 @@ void ZuTimer_Show(void) {
   const Waiting mark(__func__);
   ZuPrint_Show(ZuString_SFormat("current tm=%d\n", static_cast<int>(stampMs())), 0);
   ListWalk<ZuTimer> walk = registered();
-  ZuTimer timer;
-  for (ZuTimer *place; next(&walk, &timer, &place);) {
-    ZuPrint_Show(ZuString_SFormat("last=%d,interval=%d,status=%d,times=%d\n", static_cast<int>(timer.last),
-                                  static_cast<int>(timer.interval), static_cast<int>(timer.status),
-                                  static_cast<int>(timer.times)),
-                 0);
+  for (ZuTimer *timer; next(&walk, &timer);) {
+    if (timer) showTimer(timer);
   }
 }
 

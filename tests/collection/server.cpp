@@ -186,6 +186,7 @@ bool Server::readMessage() {
   // A receive of no bytes would wait for the next message.
   if (bytes.size() > 12) bytes.resize(12 + receive(bytes.data() + 12, bytes.size() - 12));
   messages_.push_back(bytes);
+  ++messageCount_;
   return bytes.size() == size;
 }
 

@@ -77,6 +77,11 @@ class Server {
   const std::vector<std::string> &messages();
   bool wasHurried() { return messages(), hurried_; }
 
+  // Waits for so many messages of a connection that goes on.
+  void awaitMessages(size_t count) const {
+    while (messageCount_ < count) std::this_thread::yield();
+  }
+
   // Where the client connected from.
   const std::string &client() { return messages(), client_; }
 
@@ -96,6 +101,7 @@ class Server {
   std::atomic<int> connection_{-1};
   int32_t port_;
   std::vector<std::string> messages_;
+  std::atomic<size_t> messageCount_{0};
   std::string client_;
   bool hurried_ = false;
   std::thread thread_;

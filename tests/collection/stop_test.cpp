@@ -73,6 +73,7 @@ TEST_F(Stop, EndsEveryWait) {
         const int captured = inheritedDescriptors() - inherited;
         host::Service service;
         if (wait.type >= 0) service.ask(wire::request(16, wait.type, 9, server.port()));
+        server.awaitMessages(wait.manner.endsAt);
         service.awaitSleep();
         EXPECT_EQ(inheritedDescriptors() - captured, inherited);
         bySignal ? service.interrupt(SIGUSR1) : Collect_Stop();

@@ -32,7 +32,9 @@ int service() {
   static int calls;
   if (calls++ % 2 == 1) Collect_Stop();  // when nothing fails
   Collect_SetAddress(host::Service::address().c_str(), 0);
-  return Collect_Init(0);
+  const int result = Collect_Init(0);
+  ZuLogger_Release(std::exchange(g_collect_param.logger, nullptr));
+  return result;
 }
 int create() {
   const int fd = ZuSock_UDP_Create("127.0.0.77", boardPort);
@@ -224,6 +226,7 @@ TEST_F(FailingRuns, EndWithTheirLimitsThoughASocketSeemsReadyOnAndOn) {
 // ---- the service
 
 TEST(Service, PausesWhileItsSocketFailsAndThenServes) {
+  platform::takeDelays();  // of the logs that were shown before
   StdoutCapture output;
   {
     host::Service service([] {

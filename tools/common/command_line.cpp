@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 
 #include <charconv>
+#include <cmath>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -59,13 +60,14 @@ int64_t wholeNumber(const std::string &option, const std::string &text, int64_t 
       option, "not a number from " + std::to_string(smallest) + " to " + std::to_string(largest) + ": " + text);
 }
 
-CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable, const std::string &help) {
+CLI::Option *addSeconds(CLI::App &app, const std::string &name, std::chrono::milliseconds &variable,
+                        const std::string &help) {
   const auto read = [name, &variable](const std::string &text) {
     const std::optional<double> seconds = decimal<double>(text);
     if (!seconds || !(*seconds >= 0.001 && *seconds <= 1e6)) {  // in this form: "nan" is a number, too
       throw CLI::ValidationError(name, "not a number of seconds from 0.001 to 1000000: " + text);
     }
-    variable = *seconds;
+    variable = std::chrono::milliseconds(std::llround(*seconds * 1000));
   };
   return app.add_option_function<std::string>(name, read, help);
 }

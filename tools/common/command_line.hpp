@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -27,7 +28,8 @@ CLI::Option *addNumber(CLI::App &app, const std::string &name, Number &variable,
 }
 
 // Adds an option whose value is a time in seconds, from a millisecond to eleven days.
-CLI::Option *addSeconds(CLI::App &app, const std::string &name, double &variable, const std::string &help);
+CLI::Option *addSeconds(CLI::App &app, const std::string &name, std::chrono::milliseconds &variable,
+                        const std::string &help);
 
 // Adds --format and --csv-raw.
 void addStyle(CLI::App &app, kepserver::Style &style);

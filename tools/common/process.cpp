@@ -222,6 +222,18 @@ void readPortions(const Descriptor &file, const std::string &path,
   }
 }
 
+std::string contentOf(const std::string &path, size_t maxMebibytes) {
+  std::string content;
+  readPortions(openInput(path), path, [&](const char *bytes, size_t size) {
+    content.append(bytes, size);
+    if (content.size() > maxMebibytes << 20) {
+      throw Failure{kDamaged, path + ": more than " + std::to_string(maxMebibytes) + " MiB"};
+    }
+    return true;
+  });
+  return content;
+}
+
 bool writeAll(int fd, const char *bytes, size_t size) {
   while (size > 0) {
     const ssize_t count = write(fd, bytes, size);

@@ -73,6 +73,9 @@ Descriptor openInput(const std::string &path);
 void readPortions(const Descriptor &file, const std::string &path,
                   const std::function<bool(const char *bytes, size_t size)> &take);
 
+// A file's content, of at most so many MiB. Throws Failure, with kDamaged for a larger one.
+std::string contentOf(const std::string &path, size_t maxMebibytes);
+
 // Writes all of it, unless it fails; also false when the time after a signal is over, and nothing more is to be
 // written.
 bool writeAll(int fd, const char *bytes, size_t size);

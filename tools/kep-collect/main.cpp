@@ -1,24 +1,20 @@
 // main.cpp: the command line of kep-collect.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <iostream>
 #include <optional>
-#include <random>
 #include <string>
 
 #include "common/command_line.hpp"
 #include "common/process.hpp"
+#include "common/session.hpp"
 #include "server/run_report.hpp"
-#include "session.hpp"
 
 namespace {
 
-using namespace kepcollect;
 using namespace kepcommand;
 using namespace kepserver;
 
@@ -44,27 +40,15 @@ constexpr const char *kExitStatuses =
     "     the output or the raw file could not be written or the file not be read\n"
     "With --watch, the status of the last run that was not 0.\n";
 
-// A board cannot tell a request with this sequence from a damaged datagram.
-constexpr int32_t kNeverAnswered = -1;
-
 struct Options {
   Request request;
   std::optional<int32_t> sequence;
   bool selfTest = false;
-  double timeout = 10;
-  double watch = 0;  // 0: a single run
+  std::chrono::milliseconds watch{0};  // 0: a single run
   std::string rawFile;
   std::string replayFile;
   Style style;
 };
-
-// The system lets a socket listen at a multicast address and at the broadcast as well.
-std::string checkListenAddress(const std::string &text) {
-  in_addr address{};
-  if (inet_pton(AF_INET, text.c_str(), &address) != 1) return checkAddress(text);
-  const bool isMany = ntohl(address.s_addr) >> 28 == 0xE || address.s_addr == INADDR_BROADCAST;
-  return isMany ? "nobody can connect to " + text : "";
-}
 
 void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   Request &request = options.request;
@@ -72,19 +56,11 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
     return option->type_name(type)->excludes(replay);
   };
   live(app.add_option("HOST", request.host, "Name or IPv4 address of the board"), "")->check(checkHost);
-  live(addNumber(app, "--port", request.port, 1, 65535, "UDP port at which the board takes requests [9099]"), "PORT");
-  CLI::Option *type = live(
-      addNumber(app, "--type", request.type, 0, 2, "What to collect; the board says what each means [0]"), "0|1|2");
-  live(app.add_flag("--selftest", options.selfTest, "Ask for a self-test run"), "")->excludes(type);
-  live(app.add_option("--listen", request.listenAddress, "Local IPv4 address that the board connects to [any]"), "ADDR")
-      ->check(checkListenAddress);
-  live(app.add_flag("--any-source", request.anySource, "Let the board connect from any address, not only from HOST's"),
-       "");
+  for (CLI::Option *option : addRequestOptions(app, request)) option->excludes(replay);
+  live(app.add_flag("--selftest", options.selfTest, "Ask for a self-test run"), "")->excludes("--type");
   live(addNumber(app, "--sequence", options.sequence, INT32_MIN, INT32_MAX,
                  "Number of the first message, not -1; 0: the board's next [random]"),
        "N");
-  live(addSeconds(app, "--timeout", options.timeout, "Longest wait for the connection, and for data each time [10]"),
-       "SECONDS");
   live(addSeconds(app, "--watch", options.watch, "Start a run every so many seconds until interrupted"), "SECONDS");
   live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run overwrites FILE"), "FILE")
       ->check(checkFile);
@@ -97,16 +73,6 @@ void addOptions(CLI::App &app, Options &options) {
   replay->type_name("FILE")->check(checkFile);
   addLiveOptions(app, options, replay);
   addStyle(app, options.style);
-}
-
-// A number that nobody can guess, so that neither a stranger nor a late answer to an earlier request is taken for the
-// answer to this one. 0 and -1 mean something else.
-int32_t randomSequence() {
-  std::random_device random;
-  for (;;) {
-    const auto sequence = static_cast<int32_t>(random());
-    if (sequence != 0 && sequence != kNeverAnswered) return sequence;
-  }
 }
 
 ExitStatus report(const Outcome &outcome, RunReporter &reporter) {
@@ -145,16 +111,14 @@ ExitStatus runOnce(const Options &options, RunReporter &reporter) {
 
 // One run, or with a period to watch runs until a signal comes or the command itself cannot go on.
 ExitStatus runAll(Options options, RunReporter &reporter) {
-  using std::chrono::duration;
-  const auto period = std::chrono::duration_cast<Clock::duration>(duration<double>(options.watch));
   ExitStatus status = kGood;
   for (;;) {
     const Clock::time_point start = Clock::now();
     options.request.sequence = options.sequence ? *options.sequence : randomSequence();
     const ExitStatus last = runOnce(options, reporter);
     if (last != kGood) status = last;
-    if (options.watch == 0 || last == kUsage) return status;
-    if (waitUntil(nullptr, 0, start + period) == Wake::kSignal) return status;
+    if (options.watch.count() == 0 || last == kUsage) return status;
+    if (waitUntil(nullptr, 0, start + options.watch) == Wake::kSignal) return status;
   }
 }
 
@@ -169,8 +133,6 @@ ExitStatus runCommand(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? kGood : kUsage;
   }
-  options.request.timeout =
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(options.timeout));
   if (options.selfTest) options.request.type = kSelfTestRequest;
   RunReporter reporter(std::cout, options.style);
   return options.replayFile.empty() ? runAll(options, reporter) : replayFile(options.replayFile, reporter);

@@ -17,7 +17,7 @@ namespace {
 using namespace kepcommand;
 using namespace kepconfig;
 
-constexpr size_t kMaxFileSize = 16 << 20;
+constexpr size_t kMaxMebibytes = 16;  // of the file
 
 constexpr char kUsageText[] =
     "Usage: kep-config FILE [--listen ADDR] [--port PORT] [--echo-default]\n"
@@ -49,7 +49,7 @@ struct Options {
   bool echoDefault = false;
   bool asks = false;
   Query query;
-  double timeout = 1;
+  std::chrono::milliseconds timeout{1000};
 };
 
 // Returns the option whose three texts are the query.
@@ -94,18 +94,8 @@ void settle(Options &options, const CLI::Option &query) {
   if (options.port == 0) throw CLI::ValidationError("--port", "nobody can be asked at port 0");
 }
 
-std::string contentOf(const std::string &path) {
-  std::string content;
-  readPortions(openInput(path), path, [&](const char *bytes, size_t size) {
-    content.append(bytes, size);
-    if (content.size() > kMaxFileSize) throw Failure{kDamaged, path + ": more than 16 MiB"};
-    return true;
-  });
-  return content;
-}
-
 Settings settingsIn(const std::string &path) {
-  std::istringstream text(contentOf(path));
+  std::istringstream text(contentOf(path, kMaxMebibytes));
   try {
     return parseIni(text);
   } catch (const IniError &error) {
@@ -139,10 +129,8 @@ void print(const std::string &value) {
 
 // Prints what a board would go on with.
 ExitStatus runQuery(const Options &options) {
-  const auto timeout =
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(options.timeout));
   try {
-    const std::string reply = ask(options.server, options.query, timeout);
+    const std::string reply = ask(options.server, options.query, options.timeout);
     print(reply.empty() ? options.query.defaultValue : reply);
     if (reply.empty()) complain("the answer is empty: a board takes the default");
     return kGood;

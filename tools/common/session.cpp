@@ -7,7 +7,7 @@
 //
 // The request is sent once, never again: every datagram that a board takes starts a run of its own.
 
-#include "session.hpp"
+#include "common/session.hpp"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -20,12 +20,14 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <random>
 
-namespace kepcollect {
+#include "common/command_line.hpp"
+
+namespace kepcommand {
 
 namespace {
 
-using namespace kepcommand;
 using namespace kepserver;
 
 constexpr size_t kRequestSize = 16;
@@ -166,9 +168,40 @@ void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decode
   }
 }
 
+// The system lets a socket listen at a multicast address and at the broadcast as well.
+std::string checkListenAddress(const std::string &text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) != 1) return checkAddress(text);
+  const bool isMany = ntohl(address.s_addr) >> 28 == 0xE || address.s_addr == INADDR_BROADCAST;
+  return isMany ? "nobody can connect to " + text : "";
+}
+
 }  // namespace
 
-Outcome outcomeOf(kepserver::StreamDecoder &decoder) {
+int32_t randomSequence() {
+  std::random_device random;
+  for (;;) {
+    const auto sequence = static_cast<int32_t>(random());
+    if (sequence != 0 && sequence != kNeverAnswered) return sequence;
+  }
+}
+
+std::vector<CLI::Option *> addRequestOptions(CLI::App &app, Request &request) {
+  return {
+      addNumber(app, "--port", request.port, 1, 65535, "UDP port at which the board takes requests [9099]")
+          ->type_name("PORT"),
+      addNumber(app, "--type", request.type, 0, 2, "What to collect; the board says what each means [0]")
+          ->type_name("0|1|2"),
+      app.add_option("--listen", request.listenAddress, "Local IPv4 address that the board connects to [any]")
+          ->type_name("ADDR")
+          ->check(checkListenAddress),
+      app.add_flag("--any-source", request.anySource, "Let the board connect from any address, not only from HOST's"),
+      addSeconds(app, "--timeout", request.timeout, "Longest wait for the connection, and for data each time [10]")
+          ->type_name("SECONDS"),
+  };
+}
+
+Outcome outcomeOf(StreamDecoder &decoder) {
   Outcome outcome;
   outcome.run = decoder.takeRun();
   if (const std::optional<Damage> &damage = decoder.damage()) {
@@ -195,4 +228,4 @@ Outcome collect(const Request &request, int raw) {
   return outcome;
 }
 
-}  // namespace kepcollect
+}  // namespace kepcommand
