@@ -295,8 +295,9 @@ void writeAll(File *file, Run *run) {
   held.takeBack(file->writeError);
 }
 
+// A close that a signal interrupts has closed the file all the same.
 void closeFile(File *file) {
-  if (close(file->fd) != 0) noteFailure(file, errno);
+  if (close(file->fd) != 0 && errno != EINTR) noteFailure(file, errno);
 }
 
 int openUninterrupted(const char *path, int flags) {
