@@ -470,11 +470,13 @@ int32_t ZuFault_SetValue(ZuFault *fault, uint32_t id, const void *data, int32_t 
 }
 
 int32_t ZuFault_ShowInitLogToBuf(ZuFault *fault, ZuBuf *buffer) {
+  const Waiting mark(__func__);
   if (fault) ZuLogger_ShowToBuf(fault->initLog, buffer);
   return 0;
 }
 
 int32_t ZuFault_ShowRunLogToBuf(ZuFault *fault, ZuBuf *buffer) {
+  const Waiting mark(__func__);
   if (fault) ZuLogger_ShowToBuf(fault->runLog, buffer);
   return 0;
 }
