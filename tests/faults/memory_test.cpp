@@ -31,8 +31,8 @@ constexpr char kUnlistedEntry[] = "a hash entry for which its bucket found no no
 constexpr char kDeletedEntry[] = "a host may hold the address of a deleted entry's value";
 constexpr char kCallRecords[] = "a host may hold addresses in the records of a released function log";
 constexpr char kRegistry[] = "faults and timers are registered for the life of the process";
-// Not in these books: the shared print object and a thread's buffers, made by the first text that is shown or formatted,
-// before they are opened; and the logger that was there when the service began, as a host may be showing it (requests_test).
+// Not in these books: the shared print object and a thread's buffers, made by the first text shown or formatted, before
+// they are opened; and the logger there was when the service began, which a host may be showing (requests_test).
 
 constexpr int kEntrySize = 3;  // odd, as nothing else is
 int unlistedEntries;           // of this round
