@@ -177,7 +177,7 @@ int32_t beginItems() {
 int32_t endItems(bool isDone) {
   countRun(isDone);
   const Locked locked;
-  if (--l_runs == 0) freeReleased();
+  if (--l_runs == 0 && l_released != 0) freeReleased();
   return isDone;
 }
 

@@ -244,13 +244,14 @@ int32_t putPiece(uint8_t pieceType, int32_t index, int32_t section, int32_t key,
 
 // The size of the next datagram, of which at most 16 bytes are kept, or -1.
 ssize_t receiveRequest(int fd, uint8_t *request, sockaddr_in *sender) {
-  constexpr int kFlags = MSG_DONTWAIT | MSG_TRUNC;  // the true size, so that a longer datagram is no good one cut
+  const bool mayStop = isServing();  // elsewhere the socket is the host's, and waits as the host wants it to
+  const int flags = MSG_TRUNC | (mayStop ? MSG_DONTWAIT : 0);  // the true size: a longer datagram is no good one cut
   socklen_t senderSize = sizeof *sender;
   ssize_t size;
   do {
-    if (!waitUnlessStopped(Deadline(Deadline::kNoLimit), fd, POLLIN)) return -1;
-    size = recvfrom(fd, request, kRequestSize, kFlags, reinterpret_cast<sockaddr *>(sender), &senderSize);
-  } while (size < 0 && (errno == EINTR || errno == EAGAIN));
+    if (mayStop && !waitUnlessStopped(Deadline(Deadline::kNoLimit), fd, POLLIN)) return -1;
+    size = recvfrom(fd, request, kRequestSize, flags, reinterpret_cast<sockaddr *>(sender), &senderSize);
+  } while (size < 0 && (errno == EINTR || (mayStop && errno == EAGAIN)));
   return size;
 }
 

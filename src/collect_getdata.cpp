@@ -26,7 +26,7 @@ bool sendCatalogue(int32_t itemCount) {
 
 bool collectItem(const CollectItem *item, int32_t requestType) {
   logItem(item, "begin...");
-  item->collect(requestType);
+  if (itemOfRun(item->index)) item->collect(requestType);  // not released while the line was printed
   logItem(item, "end");
   return flushToServer();
 }

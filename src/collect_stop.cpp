@@ -7,6 +7,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -22,6 +23,7 @@ constexpr int kStopped = 2;
 int l_state;          // the two above
 int l_stopsUnderWay;  // who may yet shut the socket down
 int l_wake = -1;      // the socket; -1 outside the service
+pid_t l_process;      // whose service it is: a child that it forks has the socket, too
 
 int read(const int &value) { return __atomic_load_n(&value, __ATOMIC_RELAXED); }
 
@@ -38,8 +40,8 @@ void closeWake() {
 bool beginService() {
   if (__atomic_fetch_or(&l_state, kServing, __ATOMIC_SEQ_CST) & kServing) return false;
   const int wake = aboveStandard(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  __atomic_store_n(&l_wake, wake, __ATOMIC_RELAXED);
-  __atomic_thread_fence(__ATOMIC_SEQ_CST);  // a stop that does not find the socket yet has set the flag for the loop
+  __atomic_store_n(&l_process, getpid(), __ATOMIC_RELAXED);
+  __atomic_store_n(&l_wake, wake, __ATOMIC_SEQ_CST);  // a stop that does not find it yet has set the flag for the loop
   if (wake < 0) __atomic_fetch_and(&l_state, ~kServing, __ATOMIC_SEQ_CST);
   return wake >= 0;
 }
@@ -49,7 +51,9 @@ bool endService() {
   return __atomic_exchange_n(&l_state, 0, __ATOMIC_SEQ_CST) & kStopped;
 }
 
-bool isStopped() { return read(l_state) == (kServing | kStopped); }
+bool isServing() { return read(l_wake) >= 0; }
+
+bool isStopped() { return __atomic_load_n(&l_state, __ATOMIC_SEQ_CST) == (kServing | kStopped); }
 
 bool waitUnlessStopped(const Deadline &deadline, int fd, short events) {
   return !isStopped() && deadline.waitFor(fd, events, read(l_wake));
@@ -66,7 +70,7 @@ void Collect_Stop(void) {
   __atomic_add_fetch(&l_stopsUnderWay, 1, __ATOMIC_SEQ_CST);
   __atomic_fetch_or(&l_state, kStopped, __ATOMIC_SEQ_CST);
   const int wake = __atomic_load_n(&l_wake, __ATOMIC_SEQ_CST);
-  if (wake >= 0) shutdown(wake, SHUT_RDWR);
+  if (wake >= 0 && read(l_process) == getpid()) shutdown(wake, SHUT_RDWR);
   __atomic_sub_fetch(&l_stopsUnderWay, 1, __ATOMIC_SEQ_CST);
   errno = savedErrno;
 }

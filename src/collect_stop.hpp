@@ -9,6 +9,8 @@ bool beginService();
 // Ends it. Returns whether it was stopped, which then no longer counts for the next.
 bool endService();
 
+bool isServing();
+
 // Whether the service shall stop. Never outside of it.
 bool isStopped();
 

@@ -97,6 +97,7 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
       {exchange, "recvfrom", EAGAIN, 3, 16, 16},  // there seemed to be a datagram
       {outwait, "poll", EINTR, kOn, 0, 0},        // signals do not put off the end
       {waitFor, "recvfrom", ENOMEM, 1, -1, 77, "size=16\n"},
+      {waitFor, "recvfrom", EAGAIN, 1, -1, 77, "size=16\n"},  // a host's socket need not wait
       {waitFor, "recvfrom", EINTR, 3, 77, 77, "size=16\n"},
       {waitFor, "write", EINTR, 3, 77, 77, "size=16\n"},
       {waitFor, "write", 0, kOn, 77, 77, "size=16\n"},  // a byte at a time
