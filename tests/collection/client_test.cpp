@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "collection/server.hpp"
+#include "server/annotated.hpp"
 #include "support/platform_double.hpp"
 #include "transport/own_network.hpp"
 
@@ -44,6 +45,51 @@ TEST(Client, LaysOutEveryRecordAsTheWireWantsIt) {
                                                  "84 00000001 00000000 00000006 0002 0080"));
   EXPECT_EQ(server.messages().at(1).substr(12, 15), wire::bytes("84 00000001 00000002 00000003 03F1"));
   EXPECT_EQ(server.messages().at(2).substr(12, 15), wire::bytes("03 00000001 00000002 00000003 03F1"));
+}
+
+CollectItem *l_system, *l_network;
+
+int32_t reportSystem(int32_t) {
+  Collect_PutInt(l_system, 2, -5);
+  Collect_PutStruct(l_system, 3, "\0\0\1\x90\0\0\0\xFA\0\0\0\x4B", 12);
+  return 0;
+}
+
+int32_t reportNetwork(int32_t) {
+  Collect_BeginSection(l_network, 1);
+  Collect_PutString(l_network, 1, "eth0", 0);
+  Collect_PutLong(l_network, 2, 672176260);
+  Collect_EndSection(l_network);
+  return 0;
+}
+
+TEST(Client, IsOnThePageAsItGoesOut) {
+  l_system = Collect_New("system", reportSystem, nullptr);
+  l_network = Collect_New("network", reportNetwork, nullptr);
+  CollectItem *const quiet = Collect_New(
+      "quiet", [](int32_t) { return 0; }, nullptr);
+  Server server;
+  int32_t boardPort, port = 0;
+  const int board = openSocket(SOCK_DGRAM, "127.0.0.1", &boardPort);
+  std::string stream = wire::request(16, 0, 77, server.port());
+  ask(stream, boardPort);
+  {
+    const StdoutCapture trace;
+    uint32_t type;
+    char address[16];
+    const int32_t sequence = CollectClient_WaitFor(board, 0, 0, &type, address, &port);
+    Collect_Start(address, port, static_cast<int32_t>(type), sequence, 'K', 'B');
+  }
+  // The port is the system's choice, and the count that of all runs of the process.
+  stream.replace(12, 4, wire::word(9300));
+  const int32_t first = wire::wordAt(server.messages().at(1), 8);
+  for (std::string message : server.messages()) {
+    const int32_t number = wire::wordAt(message, 8);
+    stream += message.replace(8, 4, wire::word(stream.size() == 16 ? number : number - first + 42));
+  }
+  EXPECT_EQ(stream, annotatedBytes(KEP_PAGE));
+  for (CollectItem *item : {quiet, l_network, l_system}) Collect_Release(item);
+  close(board);
 }
 
 // Puts something where so many bytes of a message are free. What is appended and does not fit is left out whole.
