@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "server/log_lines.hpp"
+#include "server/meant.hpp"
+#include "server/present.hpp"
 
 namespace kepserver {
 
@@ -23,6 +25,9 @@ struct Row {
   LogLine line;                       // where it is one
   const FaultValue *value = nullptr;  // otherwise
   std::string note;
+  std::vector<Shown> shown;  // of a named value: itself, or each named field
+
+  bool hasFields() const { return !shown.empty() && shown[0].meaning != &shown[0].key->meaning; }
 };
 
 std::string_view typeOf(const FaultValue &value) {
@@ -48,26 +53,43 @@ std::string noteOf(const FaultValue &value) {
   return isCut ? "cut from " + std::to_string(value.recordedSize) + " bytes" : "";
 }
 
+Sent sentOf(const FaultValue &value) {
+  if (holdsBytes(value.item)) return sentBytes(value.bytes, false);
+  Sent sent = sentNumber(value.number, isLong(value.item) ? 8 : 4);
+  sent.hexadecimal = value.item == FaultItem::kRegister || value.item == FaultItem::kRegister64;
+  return sent;
+}
+
+std::vector<Shown> shownOf(const Names *names, const FaultValue &value) {
+  std::vector<Shown> shown;
+  const FaultNames *const fault = names ? names->fault(value.fault) : nullptr;
+  const Key *const key = fault ? fault->find(static_cast<FaultRecord>(value.item), value.id) : nullptr;
+  if (key) present(*names, key, sentOf(value), shown);
+  return shown;
+}
+
+bool isHex(const Shown &shown) { return !shown.sent.number && !shown.sent.isText; }
+
 size_t logRecordCount(const FaultFile &file) {
   size_t count = 0;
   for (const FaultLog &log : file.logs) count += log.records.size();
   return count;
 }
 
-std::vector<Row> rowsOf(const FaultFile &file) {
+std::vector<Row> rowsOf(const FaultFile &file, const Names *names) {
   std::vector<Row> rows;
   std::map<std::string_view, size_t> places;  // of the faults
   for (const FaultLog &log : file.logs) {
     places.emplace(log.fault, places.size());
     const char *const type = log.kind == FaultLogKind::kInit ? "init" : "run";
     for (const LogLine &line : joinLogLines(log.records, log.isCutShort)) {
-      rows.push_back({log.fault, type, line, nullptr, log.isGuessed ? "the name may be longer or shorter" : ""});
+      rows.push_back({log.fault, type, line, nullptr, log.isGuessed ? "the name may be longer or shorter" : "", {}});
     }
   }
   const size_t lineCount = rows.size();
   for (const FaultValue &value : file.values) {
     places.emplace(value.fault, places.size());
-    rows.push_back({value.fault, typeOf(value), {}, &value, noteOf(value)});
+    rows.push_back({value.fault, typeOf(value), {}, &value, noteOf(value), shownOf(names, value)});
   }
   const auto order = [&places](const Row &row) {
     return std::tuple(places.at(row.fault), row.type == "value" ? 2 : row.type == "counter" ? 1 : 0);
@@ -91,13 +113,14 @@ std::string hexNumber(uint64_t number, int digits) {
   return text;
 }
 
-RowTable::Row cellsOf(const Row &row) {
+RowTable::Row cellsOf(const Row &row, const Shown *shown) {
   std::string where(row.line.time);
   if (row.value) where = row.type == "register" ? hexNumber(row.value->id, 1) : std::to_string(row.value->id);
+  if (shown) where = shown->name();
   return {printable(row.fault), std::string(row.type), where};
 }
 
-void putLast(Sink &out, const Row &row) {
+void putSent(Sink &out, const Row &row) {
   if (!row.value) {
     putPrintable(out, row.line.text);
   } else if (holdsBytes(row.value->item)) {
@@ -109,26 +132,47 @@ void putLast(Sink &out, const Row &row) {
   }
 }
 
-void putTable(Sink &out, const std::vector<Row> &rows, bool ofValues) {
-  const RowTable::Row head = {"fault", "type", ofValues ? "id" : "time"};
-  RowTable table({false, false, ofValues});
-  table.widen(head);
-  bool isEmpty = true;
+void putShown(Sink &out, const Shown &shown, size_t numberWidth) {
+  const std::string text = printable(shown.text);
+  if (isNumber(shown)) out << std::string(numberWidth - widthOf(text), ' ');
+  out << text;
+  if (!shown.misfit && !shown.meaning->unit.empty()) out << ' ' << shown.meaning->unit;
+}
+
+// Calls take(row, shown) for each line of one of the two tables; what is not named has nothing that is shown.
+template <class Take>
+void forEachLine(const std::vector<Row> &rows, bool ofValues, const Take &take) {
   for (const Row &row : rows) {
     if ((row.value != nullptr) != ofValues) continue;
-    table.widen(cellsOf(row));
-    isEmpty = false;
+    for (const Shown &shown : row.shown) take(row, &shown);
+    if (row.shown.empty()) take(row, static_cast<const Shown *>(nullptr));
   }
+}
+
+void putTable(Sink &out, const std::vector<Row> &rows, bool ofValues, bool isNamed) {
+  const RowTable::Row head = {"fault", "type", !ofValues ? "time" : isNamed ? "name" : "id"};
+  RowTable table({false, false, ofValues && !isNamed});
+  table.widen(head);
+  bool isEmpty = true;
+  size_t numberWidth = 0;
+  forEachLine(rows, ofValues, [&](const Row &row, const Shown *shown) {
+    table.widen(cellsOf(row, shown));
+    if (shown && isNumber(*shown)) numberWidth = std::max(numberWidth, widthOf(shown->text));
+    isEmpty = false;
+  });
   if (isEmpty) return;
   table.put(out, head);
   out << (ofValues ? "value\n" : "line\n");
-  for (const Row &row : rows) {
-    if ((row.value != nullptr) != ofValues) continue;
-    table.put(out, cellsOf(row));
-    putLast(out, row);
+  forEachLine(rows, ofValues, [&](const Row &row, const Shown *shown) {
+    table.put(out, cellsOf(row, shown));
+    if (shown) {
+      putShown(out, *shown, numberWidth);
+    } else {
+      putSent(out, row);
+    }
     if (!row.note.empty()) out << "  (" << row.note << ')';
     out << '\n';
-  }
+  });
 }
 
 // JSON.
@@ -147,14 +191,26 @@ void putJson(Sink &out, const Row &row) {
     }
   }
   if (!row.note.empty()) line.word("note", row.note);
+  if (row.hasFields()) {
+    line.text("id_name", row.shown[0].key->meaning.name);
+  } else if (!row.shown.empty()) {
+    putMeant(line, "id_name", meantOf(row.shown[0], isHex(row.shown[0])));
+  }
   line.end();
+  if (!row.hasFields()) return;
+  for (const Shown &shown : row.shown) {
+    JsonLine field(out, "field");
+    field.text("fault", row.fault).word("type", row.type).number("id", row.value->id);
+    putMeant(field, "id_name", meantOf(shown, false)).end();
+  }
 }
 
 // CSV.
 
-constexpr const char *kCsvHeader = "row,fault,type,time,id,kind,value,note\n";
+constexpr const char *kCsvHeader = "row,fault,type,time,id,kind,value,note";
+constexpr const char *kCsvAdded = ",id_name,unit,number,shown";
 
-void putCsv(Sink &out, const Style &style, const Row &row) {
+void putCsv(Sink &out, const Style &style, const Row &row, bool isNamed) {
   CsvLine line(out, style, row.value ? "value" : "line");
   line.text(row.fault).word(row.type).word(row.line.time);
   if (!row.value) {
@@ -167,20 +223,36 @@ void putCsv(Sink &out, const Style &style, const Row &row) {
       line.number(row.value->number);
     }
   }
-  line.word(row.note).end();
+  line.word(row.note);
+  Meant meant;
+  if (row.hasFields()) {
+    meant.name = row.shown[0].key->meaning.name;
+  } else if (!row.shown.empty()) {
+    meant = meantOf(row.shown[0], isHex(row.shown[0]));
+  }
+  if (isNamed) putMeant(line, meant);
+  line.end();
+  if (!row.hasFields()) return;
+  for (const Shown &shown : row.shown) {
+    CsvLine field(out, style, "field");
+    field.text(row.fault).word(row.type).empty(1).number(row.value->id).empty(3);
+    putMeant(field, meantOf(shown, false)).end();
+  }
 }
 
 }  // namespace
 
-void writeFaultFile(std::ostream &out, const Style &style, const FaultFile &file, const FaultFilter &filter) {
-  std::vector<Row> rows = rowsOf(file);
+void writeFaultFile(std::ostream &out, const Style &style, const FaultFile &file, const FaultFilter &filter,
+                    const Names *names) {
+  const bool isNamed = names != nullptr;
+  std::vector<Row> rows = rowsOf(file, names);
   rows.erase(std::remove_if(rows.begin(), rows.end(), [&filter](const Row &row) { return !passes(row, filter); }),
              rows.end());
   Sink sink(out);
   switch (style.format) {
     case Format::kText:
-      putTable(sink, rows, false);
-      putTable(sink, rows, true);
+      putTable(sink, rows, false, isNamed);
+      putTable(sink, rows, true, isNamed);
       sink << countsOf(file) << (file.whole ? "" : ", not whole") << '\n';
       break;
     case Format::kJson:
@@ -194,8 +266,8 @@ void writeFaultFile(std::ostream &out, const Style &style, const FaultFile &file
           .end();
       break;
     case Format::kCsv:
-      sink << kCsvHeader;
-      for (const Row &row : rows) putCsv(sink, style, row);
+      sink << kCsvHeader << (isNamed ? kCsvAdded : "") << '\n';
+      for (const Row &row : rows) putCsv(sink, style, row, isNamed);
       break;
   }
   sink.flush();

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "server/fault_file.hpp"
+#include "server/names.hpp"
 #include "server/print.hpp"
 
 namespace kepserver {
@@ -21,8 +22,10 @@ struct FaultFilter {
 constexpr std::array<const char *, 5> kFaultTypes = {"init", "run", "register", "counter", "value"};
 
 // Log lines with their times come first, in the file's order, then the values: fault by fault, as the file first names
-// them, registers, counters and others. Nothing that the file holds can steer a terminal.
-void writeFaultFile(std::ostream &out, const Style &style, const FaultFile &file, const FaultFilter &filter);
+// them, registers, counters and others. Nothing that the file holds can steer a terminal. With names, values stand with
+// what they mean: in text in the place of their numbers, else beside them.
+void writeFaultFile(std::ostream &out, const Style &style, const FaultFile &file, const FaultFilter &filter,
+                    const Names *names = nullptr);
 
 // "L log records, V values, B bytes", of what is whole; a line of a log has two records, its time and its text.
 std::string countsOf(const FaultFile &file);

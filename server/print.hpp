@@ -10,6 +10,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <numeric>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,10 @@ enum class Format { kText, kJson, kCsv };
 struct Style {
   Format format = Format::kText;
   bool csvRaw = false;  // texts in CSV as they are, even where a spreadsheet would take them for a formula
+
+  // Of text with names.
+  size_t width = 0;  // of a line, in characters; 0: as long as it likes
+  bool colours = false;
 };
 
 // A table of `kCount` columns, and a last one behind them, which ends the line and is as long as it likes. Rows are
@@ -36,6 +41,9 @@ class Table {
   void widen(const Row &row) {
     for (size_t i = 0; i < kCount; ++i) widths_[i] = std::max(widths_[i], widthOf(row[i]));
   }
+
+  // Of a line in front of the last column.
+  size_t width() const { return std::accumulate(widths_.begin(), widths_.end(), 2 * kCount); }
 
   // Leaves the line open for the last column.
   void put(Sink &out, const Row &row) const {

@@ -1,11 +1,12 @@
-// run_report.cpp: a run in the three formats. Values are printed by item, section and key; among equals, which is how
-// the lines of a log arrive, the order of arrival stays.
+// run_report.cpp: a run in the three formats, as it was sent; in JSON and CSV with what its names add.
 
 #include "server/run_report.hpp"
 
-#include <algorithm>
-#include <tuple>
+#include <string>
 #include <vector>
+
+#include "server/meant.hpp"
+#include "server/named_text.hpp"
 
 namespace kepserver {
 
@@ -21,15 +22,6 @@ const char *kindName(ValueKind kind) {
     case ValueKind::kBuffer: return "buffer";
   }
   return "";
-}
-
-std::vector<const Value *> sortedValues(const Run &run) {
-  std::vector<const Value *> values;
-  for (const Value &value : run.values) values.push_back(&value);
-  const auto order = [](const Value *v) { return std::tie(v->testedCount, v->item, v->section, v->key); };
-  std::stable_sort(values.begin(), values.end(),
-                   [&order](const Value *a, const Value *b) { return order(a) < order(b); });
-  return values;
 }
 
 // Text.
@@ -71,44 +63,155 @@ void putText(Sink &out, const Run &run) {
   for (const auto &[index, name] : run.catalogue) out << "item " << index << ' ' << printable(name) << '\n';
   for (const std::string &name : run.tested) out << "self-test of " << printable(name) << '\n';
   putTable(out, run);
+}
+
+void putCounts(Sink &out, const Run &run) {
   out << run.messageCount << " messages, " << run.recordCount << " records, " << run.byteCount << " bytes"
       << (run.whole ? "" : ", not whole") << '\n';
 }
 
+// What names add to a row of JSON or CSV.
+
+struct Added {
+  std::string_view sectionName;
+  Meant meant;
+  Verdict verdict = Verdict::kNone;
+  std::string time;  // with its year and zone, of a log's line
+};
+
+const char *verdictName(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::kNone: return "";
+    case Verdict::kPass: return "pass";
+    case Verdict::kFail: return "fail";
+  }
+  return "";
+}
+
+Added addedOf(const NamedRun &named, const NamedValue &value, const Shown &shown) {
+  const bool isText = value.value->kind == ValueKind::kString;
+  const bool isInRow = !value.hasFields() && !shown.sent.number && (isText || !shown.sent.isText);
+  return {value.sectionName, meantOf(shown, isInRow), shown.verdict, named.fullTime(value.time)};
+}
+
+// Of a value whose fields have rows of their own.
+Added addedOf(const NamedValue &value) {
+  Added added;
+  added.sectionName = value.sectionName;
+  if (value.key) added.meant.name = value.key->meaning.name;
+  return added;
+}
+
+// Calls take(value, added, shown) for each row: a value, and behind it its fields, for which `shown` is not nullptr.
+template <class Take>
+void forEachRow(const NamedRun &named, const Take &take) {
+  named.forEach([&](const NamedValue &value) {
+    const bool isWhole = value.shown.empty() || value.hasFields();
+    take(*value.value, isWhole ? addedOf(value) : addedOf(named, value, value.shown[0]), nullptr);
+    if (!value.hasFields()) return;
+    for (const Shown &shown : value.shown) take(*value.value, addedOf(named, value, shown), &shown);
+  });
+}
+
 // JSON.
 
-void putJsonValue(Sink &out, const Run &run, const Value &value) {
-  JsonLine line(out, "value");
+JsonLine beginJsonValue(Sink &out, const char *row, const Run &run, const Value &value) {
+  JsonLine line(out, row);
   line.number("item", value.item).text("name", itemName(run, value)).number("section", value.section);
-  line.number("key", value.key).word("kind", kindName(value.kind));
+  line.number("key", value.key);
+  return line;
+}
+
+void putJsonContent(JsonLine &line, const Value &value) {
+  line.word("kind", kindName(value.kind));
   switch (value.kind) {
     case ValueKind::kInt:
     case ValueKind::kLong: line.number("value", value.number); break;
     case ValueKind::kString: line.text("value", value.bytes); break;
     case ValueKind::kBuffer: line.hex("value", value.bytes); break;
   }
-  line.end();
 }
 
-void putJson(Sink &out, const Run &run) {
+void putJsonAdded(JsonLine &line, const Added &added) {
+  if (!added.sectionName.empty()) line.text("section_name", added.sectionName);
+  putMeant(line, "key_name", added.meant);
+  if (added.verdict != Verdict::kNone) line.word("verdict", verdictName(added.verdict));
+  if (!added.time.empty()) line.word("time", added.time);
+}
+
+void putJsonHead(Sink &out, const Run &run) {
   if (run.identity) {
     JsonLine(out, "identity").hex("identity", run.identity->bytes).number("sequence", run.identity->sequence).end();
   }
   for (const auto &[index, name] : run.catalogue) JsonLine(out, "item").number("item", index).text("name", name).end();
   for (const std::string &name : run.tested) JsonLine(out, "tested").text("name", name).end();
-  for (const Value *value : sortedValues(run)) putJsonValue(out, run, *value);
+}
+
+JsonLine &putJsonCounts(JsonLine &line, const Run &run) {
+  line.number("messages", run.messageCount).number("records", run.recordCount).number("bytes", run.byteCount);
+  return line.flag("whole", run.whole);
+}
+
+void putJson(Sink &out, const Run &run) {
+  putJsonHead(out, run);
+  for (const Value *value : sortedValues(run)) {
+    JsonLine line = beginJsonValue(out, "value", run, *value);
+    putJsonContent(line, *value);
+    line.end();
+  }
   JsonLine summary(out, "summary");
-  summary.number("messages", run.messageCount).number("records", run.recordCount).number("bytes", run.byteCount);
-  summary.flag("whole", run.whole).end();
+  putJsonCounts(summary, run).end();
+}
+
+Tally putJsonVerdicts(Sink &out, const std::vector<ItemResult> &results) {
+  for (const ItemResult &result : results) {
+    for (const TestResult &test : result.tests) {
+      if (test.value) continue;
+      JsonLine(out, "missing")
+          .text("name", result.item)
+          .text("key_name", testName(test.shown))
+          .word("verdict", verdictName(Verdict::kFail))
+          .end();
+    }
+  }
+  for (const ItemResult &result : results) {
+    JsonLine line(out, "result");
+    line.text("name", result.item);
+    if (result.verdict != Verdict::kNone) line.word("verdict", verdictName(result.verdict));
+    line.end();
+  }
+  return tally(results);
+}
+
+void putJson(Sink &out, const NamedRun &named) {
+  const Run &run = named.run();
+  putJsonHead(out, run);
+  forEachRow(named, [&](const Value &value, const Added &added, const Shown *field) {
+    JsonLine line = beginJsonValue(out, field ? "field" : "value", run, value);
+    if (!field) putJsonContent(line, value);
+    putJsonAdded(line, added);
+    line.end();
+  });
+  const Tally all = run.selfTest ? putJsonVerdicts(out, judge(named.names(), run)) : Tally();
+  JsonLine summary(out, "summary");
+  putJsonCounts(summary, run);
+  if (run.selfTest) summary.number("tests", all.tests).number("failed", all.failedTests);
+  summary.end();
 }
 
 // CSV.
 
-constexpr const char *kCsvHeader = "row,item,name,section,key,kind,value\n";
+constexpr const char *kCsvHeader = "row,item,name,section,key,kind,value";
+constexpr const char *kCsvAdded = ",section_name,key_name,unit,number,shown,verdict,time";
+constexpr size_t kAddedColumns = 7;
 
-void putCsvValue(Sink &out, const Style &style, const Run &run, const Value &value) {
-  CsvLine line(out, style, "value");
+CsvLine beginCsvValue(Sink &out, const Style &style, const char *row, const Run &run, const Value &value) {
+  CsvLine line(out, style, row);
   line.number(value.item).text(itemName(run, value)).number(value.section).number(value.key);
+  return line;
+}
+
+void putCsvContent(CsvLine &line, const Value &value) {
   line.word(kindName(value.kind));
   switch (value.kind) {
     case ValueKind::kInt:
@@ -116,35 +219,112 @@ void putCsvValue(Sink &out, const Style &style, const Run &run, const Value &val
     case ValueKind::kString: line.text(value.bytes); break;
     case ValueKind::kBuffer: line.hex(value.bytes); break;
   }
-  line.end();
+}
+
+void putCsvAdded(CsvLine &line, const Added &added) {
+  putMeant(line.text(added.sectionName), added.meant).word(verdictName(added.verdict)).word(added.time);
+}
+
+void putCsvHead(Sink &out, const Style &style, const Run &run, size_t added) {
+  if (run.identity) CsvLine(out, style, "identity").empty(5).hex(run.identity->bytes).empty(added).end();
+  for (const auto &[index, name] : run.catalogue) {
+    CsvLine(out, style, "item").number(index).text(name).empty(4 + added).end();
+  }
+  for (const std::string &name : run.tested) CsvLine(out, style, "tested").empty(1).text(name).empty(4 + added).end();
 }
 
 void putCsv(Sink &out, const Style &style, const Run &run) {
-  if (run.identity) CsvLine(out, style, "identity").empty(5).hex(run.identity->bytes).end();
-  for (const auto &[index, name] : run.catalogue) CsvLine(out, style, "item").number(index).text(name).empty(4).end();
-  for (const std::string &name : run.tested) CsvLine(out, style, "tested").empty(1).text(name).empty(4).end();
-  for (const Value *value : sortedValues(run)) putCsvValue(out, style, run, *value);
+  putCsvHead(out, style, run, 0);
+  for (const Value *value : sortedValues(run)) {
+    CsvLine line = beginCsvValue(out, style, "value", run, *value);
+    putCsvContent(line, *value);
+    line.end();
+  }
+}
+
+void putCsvVerdict(Sink &out, const Style &style, const char *row, std::string_view item, const Added &added) {
+  CsvLine line(out, style, row);
+  line.empty(1).text(item).empty(4);
+  putCsvAdded(line, added);
+  line.end();
+}
+
+void putCsvVerdicts(Sink &out, const Style &style, const std::vector<ItemResult> &results) {
+  for (const ItemResult &result : results) {
+    for (const TestResult &test : result.tests) {
+      if (test.value) continue;
+      Added added;
+      added.meant.name = testName(test.shown);
+      added.verdict = Verdict::kFail;
+      putCsvVerdict(out, style, "missing", result.item, added);
+    }
+  }
+  for (const ItemResult &result : results) {
+    Added added;
+    added.verdict = result.verdict;
+    putCsvVerdict(out, style, "result", result.item, added);
+  }
+}
+
+void putCsv(Sink &out, const Style &style, const NamedRun &named) {
+  const Run &run = named.run();
+  putCsvHead(out, style, run, kAddedColumns);
+  forEachRow(named, [&](const Value &value, const Added &added, const Shown *field) {
+    CsvLine line = beginCsvValue(out, style, field ? "field" : "value", run, value);
+    if (field) {
+      line.empty(2);
+    } else {
+      putCsvContent(line, value);
+    }
+    putCsvAdded(line, added);
+    line.end();
+  });
+  if (run.selfTest) putCsvVerdicts(out, style, judge(named.names(), run));
 }
 
 }  // namespace
 
-void RunReporter::write(const Run &run) {
-  Sink out(out_);
+void RunReporter::begin(Sink &out, bool isNamed) {
   switch (style_.format) {
     case Format::kText:
       if (!first_) out << '\n';
-      putText(out, run);
       break;
     case Format::kJson:
       if (first_) putLayout(out, "kep-collect", kLayoutVersion);
-      putJson(out, run);
       break;
     case Format::kCsv:
-      if (first_) out << kCsvHeader;
-      putCsv(out, style_, run);
+      if (first_) out << kCsvHeader << (isNamed ? kCsvAdded : "") << '\n';
       break;
   }
   first_ = false;
+}
+
+void RunReporter::write(const Run &run) {
+  Sink out(out_);
+  begin(out, false);
+  switch (style_.format) {
+    case Format::kText:
+      putText(out, run);
+      putCounts(out, run);
+      break;
+    case Format::kJson: putJson(out, run); break;
+    case Format::kCsv: putCsv(out, style_, run); break;
+  }
+  out.flush();
+}
+
+void RunReporter::write(const Run &run, const Names &names, int64_t collected) {
+  Sink out(out_);
+  begin(out, true);
+  const NamedRun named(names, run, collected);
+  switch (style_.format) {
+    case Format::kText:
+      putNamedText(out, style_, named);
+      putCounts(out, run);
+      break;
+    case Format::kJson: putJson(out, named); break;
+    case Format::kCsv: putCsv(out, style_, named); break;
+  }
   out.flush();
 }
 

@@ -1,5 +1,7 @@
 // collect_session_test.cpp: the command kep-collect against a board that the test plays, over loopback.
 
+#include <utime.h>
+
 #include <functional>
 #include <optional>
 
@@ -152,6 +154,65 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
   }
 }
 
+// With everything that names can say, and with values that they do not fit.
+TEST_F(Collect, ShowsWhatTheNamesMake) {
+  const auto text = [](int32_t item, int32_t section, int32_t key, const std::string &bytes) {
+    return head(0x83, item, section, key) + counted(bytes);
+  };
+  const auto number = [](int32_t item, int32_t section, int32_t key, int64_t value) {
+    return head(0x82, item, section, key) + board::number(static_cast<uint64_t>(value), 8);
+  };
+  const std::string begun =
+      message(0, 77, std::string("KB\0\0", 4)) +
+      message(1, 1,
+              word(0) + counted("system") + word(1) + counted("network") + word(2) + counted("log") + word(3) +
+                  counted("other")) +
+      message(2, 2,
+              number(0, 0, 1, 123456789) + number(0, 0, 2, 9) + head(0x84, 0, 0, 3) +
+                  counted(word(412) + word(0) + board::number(0x46293E5939A08CEA, 8)) + number(0, 0, 9, -5));
+  std::ofstream("cut") << begun << message(2, 3, "");
+  std::ofstream("run") << begun
+                       << message(2, 3,
+                                  text(1, 1, 1, "eth0") + number(1, 1, 2, 672176260) + text(1, 2, 1, "eth1") +
+                                      number(1, 3, 2, -1) + text(1, 3, 2, "none\x1B"))
+                       << message(2, 4,
+                                  text(2, 1, 1, "lost its time") + text(2, 1, 1, "11/23 03:50:21") +
+                                      text(2, 1, 1, "a line that is rather long, and is broken somewhere") +
+                                      text(2, 2, 1, "11/23 03:50:22") + text(2, 2, 1, ""))
+                       << message(2, 5, head(0x84, 3, 4, 1) + counted(std::string("\0\xFF", 2))) << message(2, 6, "");
+  std::ofstream("test") << message(0, 77, std::string("KB\0\0", 4))
+                        << message(2, 1, text(65535, 0, 0, "system") + number(0, 0, 1, 4899) + text(0, 0, 2, "ok"))
+                        << message(2, 2, text(65535, 0, 0, "fan") + number(3, 0, 1, 0))
+                        << message(2, 3, text(65535, 0, 0, "network") + number(1, 0, 1, 2)) << message(2, 4, "");
+  std::filesystem::create_directory("dir");
+  std::filesystem::copy(KEP_GOLDEN "/shown.toml", "dir/4b42.toml");
+  utimbuf collected = {0, 1795478400};  // 2026-11-24: the year of a time that has none
+  utime("run", &collected);
+  struct Case {
+    std::string arguments;
+    int status;
+    std::string printed, err;
+  };
+  const std::vector<Case> cases = {
+      {"run --names-dir dir --width 72", 0, "shown.text", ""},
+      {"run --names dir/4b42.toml --format json", 0, "shown.json", ""},
+      {"run --names dir/4b42.toml --format csv", 0, "shown.csv", ""},
+      {"test --names dir/4b42.toml", 5, "tested.text", ""},
+      {"test --names dir/4b42.toml --format json", 5, "tested.json", ""},
+      {"test --names dir/4b42.toml --format csv", 5, "tested.csv", ""},
+      {"cut --names dir/4b42.toml", 1, "shown-cut.text",
+       "cut short at offset 191: fewer data messages than the items that report, and the last one"},
+      {"run --names-dir .", 2, "unnamed.text", "cannot open ./4b42.toml: No such file or directory"},
+      {"run --names none", 2, "", "cannot open none: No such file or directory"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.arguments);
+    EXPECT_EQ(run("--replay " + c.arguments), c.status);
+    EXPECT_EQ(out(), c.printed.empty() ? "" : golden(c.printed));
+    EXPECT_EQ(err(), c.err.empty() ? "" : "kep-collect: " + c.err + "\n");
+  }
+}
+
 TEST_F(Collect, TellsWhyThereIsNoRun) {
   const std::string port = requests_.port(), closedPort = Peer().port();
   EXPECT_EQ(run("127.0.0.1 --timeout 0.05 --port 0" + port), 3) << "in decimal";
@@ -162,7 +223,8 @@ TEST_F(Collect, TellsWhyThereIsNoRun) {
 
   expectWrongUsage("",
                    "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|::1|a/b|a%b|' a'|--replay none|--replay .|"
-                   "--replay err --raw raw|--replay err --any-source");
+                   "--replay err --raw raw|--replay err --any-source|"
+                   "--replay err --width 9|--replay err --names ''|--replay err --names a --names-dir b");
   expectWrongUsage("localhost ",
                    "extra|--unknown|--port 0|--port 65536|--port 0x10|--type 3|--type 010|"
                    "--type 0 --selftest|--sequence -1|--sequence 2147483648|--sequence 0x1|--timeout 0|"

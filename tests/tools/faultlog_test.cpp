@@ -11,6 +11,14 @@ class FaultLogCommand : public CommandTest {
     CommandTest::SetUp();
     const std::string file = annotatedBytes(KEP_PAGE);
     std::ofstream("whole", std::ios::binary) << file;
+    std::ofstream("names") << R"(
+[fault.net]
+registers = { 0x10 = { name = "heat", unit = "K", scale = 0.1 }, 24 = { name = "mask" } }
+values.7 = { name = "state", kind = "text" }
+[fault."disk 0"]
+counters.1 = { name = "errors" }
+register_data.64 = { name = "head", format = "BB", fields = [{ name = "arm" }, { name = "lift", unit = "mm" }] }
+)";
     std::ofstream("cut", std::ios::binary) << file.substr(0, 99);
     std::ofstream("damaged", std::ios::binary) << file.substr(0, 98) + std::string(2, '\0') + file.substr(98);
   }
@@ -41,6 +49,10 @@ TEST_F(FaultLogCommand, PrintsWhatIsWholeAndTellsWhatIsNot) {
        "fault  type        id  value\nnet    register  0x10  0x00000020\nnet    register  0x18  0x0102030405060708\n"
        "4 log records, 7 values, 224 bytes\n",
        ""},
+      {"whole --names names", 0, golden("named.text"), ""},
+      {"whole --names names --format json", 0, golden("named.json"), ""},
+      {"whole --names names --format csv", 0, golden("named.csv"), ""},
+      {"whole --names none", 2, "", "cannot open none: No such file or directory"},
       {"whole >/dev/full", 4, "", "cannot write the output"},
   };
   for (const auto &c : cases) {
@@ -48,7 +60,9 @@ TEST_F(FaultLogCommand, PrintsWhatIsWholeAndTellsWhatIsNot) {
     EXPECT_EQ(out(), c.out);
     EXPECT_EQ(err(), c.err.empty() ? "" : "kep-faultlog: " + c.err + "\n");
   }
-  expectWrongUsage("", "|''|none|.|whole whole|whole --type log|whole --format xml|whole --check --fault x");
+  expectWrongUsage(
+      "",
+      "|''|none|.|whole whole|whole --type log|whole --format xml|whole --check --fault x|whole --check --names names");
   expectHelpAsInManPage();
 }
 

@@ -3,9 +3,12 @@
 #include "common/command_line.hpp"
 
 #include <arpa/inet.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -82,6 +85,19 @@ void addStyle(CLI::App &app, kepserver::Style &style) {
       ->check(CLI::IsMember({"text", "json", "csv"}));
   app.add_flag("--csv-raw", style.csvRaw,
                "In csv, texts as they are, even those that a spreadsheet takes for formulas");
+}
+
+void addWidth(CLI::App &app, kepserver::Style &style) {
+  addNumber(app, "--width", style.width, 1, 10'000, "With names, where to break lines [a terminal's width]")
+      ->type_name("N");
+}
+
+void fitToTerminal(kepserver::Style &style) {
+  if (isatty(STDOUT_FILENO) == 0) return;
+  winsize size{};
+  if (style.width == 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) style.width = size.ws_col;
+  const char *const noColour = std::getenv("NO_COLOR");
+  style.colours = !noColour || *noColour == '\0';
 }
 
 std::string checkAddress(const std::string &text) {

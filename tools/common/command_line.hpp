@@ -34,6 +34,12 @@ CLI::Option *addSeconds(CLI::App &app, const std::string &name, std::chrono::mil
 // Adds --format and --csv-raw.
 void addStyle(CLI::App &app, kepserver::Style &style);
 
+// Adds --width, for text with names.
+void addWidth(CLI::App &app, kepserver::Style &style);
+
+// Where the output is a terminal: its width, unless another is given, and colours, unless NO_COLOR is set.
+void fitToTerminal(kepserver::Style &style);
+
 // Checks for options, empty when all is well. An address is four decimal numbers and nothing else; a host is one, or a
 // name that no system call would take for some other form of one, such as 127.1 or 0x7f000001, and that may be one:
 // no URL, no address with a port, a scope or a blank. A file has a name; whether it can be opened, the opening tells.

@@ -2,7 +2,9 @@
 
 #include <stdexcept>
 
+#include "common/command_line.hpp"
 #include "common/process.hpp"
+#include "server/text.hpp"
 
 namespace kepcommand {
 
@@ -29,6 +31,34 @@ kepserver::Names readNamesFile(const std::string &path) {
   } catch (const kepserver::NamesError &error) {
     throw Failure{kDamaged, error.text()};
   }
+}
+
+CLI::Option *addNames(CLI::App &app, std::string &path) {
+  return app.add_option("--names", path, "Names file: what the numbers mean")->type_name("FILE")->check(checkFile);
+}
+
+std::vector<CLI::Option *> BoardNames::addOptions(CLI::App &app) {
+  CLI::Option *const file = addNames(app, file_);
+  CLI::Option *const folder =
+      app.add_option("--names-dir", folder_, "Folder of names files, as 0b01.toml for board 0b01");
+  folder->type_name("DIR")->check(checkFile)->excludes(file);
+  return {file, folder};
+}
+
+void BoardNames::prepare() {
+  if (!file_.empty()) namesIn(file_);
+}
+
+const kepserver::Names &BoardNames::of(const kepserver::Run &run) {
+  static const kepserver::Names kNone;
+  if (!file_.empty()) return namesIn(file_);
+  if (!run.identity) return kNone;
+  return namesIn(folder_ + "/" + kepserver::hex(run.identity->bytes.substr(0, 2)) + ".toml");
+}
+
+const kepserver::Names &BoardNames::namesIn(const std::string &path) {
+  const auto known = read_.find(path);
+  return known != read_.end() ? known->second : read_.emplace(path, readNamesFile(path)).first->second;
 }
 
 }  // namespace kepcommand

@@ -19,7 +19,7 @@
 
 namespace kepcommand {
 
-enum ExitStatus { kGood = 0, kDamaged = 1, kUsage = 2, kNoAnswer = 3, kBrokenOff = 4 };
+enum ExitStatus { kGood = 0, kDamaged = 1, kUsage = 2, kNoAnswer = 3, kBrokenOff = 4, kTestFailed = 5 };
 
 // Ends what a command is at, and mostly the command.
 struct Failure {

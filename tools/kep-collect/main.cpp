@@ -1,16 +1,23 @@
 // main.cpp: the command line of kep-collect.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/command_line.hpp"
+#include "common/names_file.hpp"
 #include "common/process.hpp"
 #include "common/session.hpp"
+#include "server/present.hpp"
 #include "server/run_report.hpp"
 
 namespace {
@@ -20,7 +27,8 @@ using namespace kepserver;
 
 constexpr char kUsageText[] =
     "Usage: kep-collect HOST [OPTIONS]\n"
-    "       kep-collect --replay FILE [--format text|json|csv] [--csv-raw]\n";
+    "       kep-collect --replay FILE [--names FILE | --names-dir DIR] [--width N]\n"
+    "                   [--format text|json|csv] [--csv-raw]\n";
 
 constexpr const char *kDescription =
     "Asks a board for a collection or a self-test run and prints what it sends, or\n"
@@ -32,12 +40,13 @@ constexpr const char *kExitStatuses =
     "  0  all whole\n"
     "  1  the data is damaged, or cut short: the board closed the connection, or the\n"
     "     file ended, before the run's last message (as far as can be told: see the man\n"
-    "     page)\n"
+    "     page); or the names file has an error\n"
     "  2  wrong usage, a file that cannot be opened, or an ADDR that is not local\n"
     "  3  no answer: HOST is unknown, cannot be reached or refuses, or a wait timed\n"
     "     out, be it for the connection or for data in the middle of a run\n"
     "  4  broken off: by SIGINT or SIGTERM, by a connection that was reset, or because\n"
     "     the output or the raw file could not be written or the file not be read\n"
+    "  5  all whole, but a test has failed, or one that is named did not come\n"
     "With --watch, the status of the last run that was not 0.\n";
 
 struct Options {
@@ -48,6 +57,7 @@ struct Options {
   std::string rawFile;
   std::string replayFile;
   Style style;
+  BoardNames names;
 };
 
 void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
@@ -72,11 +82,46 @@ void addOptions(CLI::App &app, Options &options) {
                                        "Decode FILE, kept by --raw (-: standard input), and ask no board");
   replay->type_name("FILE")->check(checkFile);
   addLiveOptions(app, options, replay);
+  options.names.addOptions(app);
+  addWidth(app, options.style);
   addStyle(app, options.style);
 }
 
-ExitStatus report(const Outcome &outcome, RunReporter &reporter) {
-  if (outcome.connected) reporter.write(outcome.run);
+bool hasFailed(const Names &names, const Run &run) {
+  const std::vector<ItemResult> results = judge(names, run);
+  return std::any_of(results.begin(), results.end(), [](const auto &r) { return r.verdict == Verdict::kFail; });
+}
+
+// What an outcome comes to in the light of its names.
+void judgeOutcome(const Names &names, Outcome &outcome) {
+  if (outcome.status != kGood) return;
+  if (isCutShort(names, outcome.run)) {
+    outcome.run.whole = false;
+    outcome.status = kDamaged;
+    outcome.diagnostic =
+        describe({outcome.run.byteCount, "fewer data messages than the items that report, and the last one", true});
+  } else if (outcome.run.selfTest && hasFailed(names, outcome.run)) {
+    outcome.status = kTestFailed;
+  }
+}
+
+// The run of a board whose names are refused is printed without them.
+void print(Outcome &outcome, int64_t collected, Options &options, RunReporter &reporter) {
+  if (!options.names.areGiven()) return reporter.write(outcome.run);
+  try {
+    const Names &names = options.names.of(outcome.run);
+    judgeOutcome(names, outcome);
+    reporter.write(outcome.run, names, collected);
+  } catch (const Failure &failure) {
+    reporter.write(outcome.run, {}, collected);
+    if (outcome.status != kGood) return;
+    outcome.status = failure.status;
+    outcome.diagnostic = failure.text;
+  }
+}
+
+ExitStatus report(Outcome outcome, int64_t collected, Options &options, RunReporter &reporter) {
+  if (outcome.connected) print(outcome, collected, options, reporter);
   if (signalled()) {  // be it while it was printed
     complain("interrupted");
     return kBrokenOff;
@@ -85,7 +130,14 @@ ExitStatus report(const Outcome &outcome, RunReporter &reporter) {
   return outcome.status;
 }
 
-ExitStatus replayFile(const std::string &path, RunReporter &reporter) {
+// A file was written when its run was collected; a pipe brings what has just been.
+int64_t collectedAt(const Descriptor &file) {
+  struct stat status {};
+  return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) ? status.st_mtime : std::time(nullptr);
+}
+
+ExitStatus replayFile(Options &options, RunReporter &reporter) {
+  const std::string &path = options.replayFile;
   const Descriptor file = openInput(path);
   StreamDecoder decoder({});
   Outcome outcome;
@@ -100,17 +152,18 @@ ExitStatus replayFile(const std::string &path, RunReporter &reporter) {
     outcome = {failure.status, failure.text, false, decoder.takeRun()};
   }
   outcome.connected = true;
-  return report(outcome, reporter);
+  return report(std::move(outcome), collectedAt(file), options, reporter);
 }
 
-ExitStatus runOnce(const Options &options, RunReporter &reporter) {
-  if (options.rawFile.empty()) return report(collect(options.request, -1), reporter);
-  const Descriptor raw = openFile(options.rawFile, O_WRONLY | O_CREAT | O_TRUNC);
-  return report(collect(options.request, raw.get()), reporter);
+ExitStatus runOnce(Options &options, RunReporter &reporter) {
+  const Descriptor raw =
+      options.rawFile.empty() ? Descriptor(-1) : openFile(options.rawFile, O_WRONLY | O_CREAT | O_TRUNC);
+  Outcome outcome = collect(options.request, raw.get());
+  return report(std::move(outcome), std::time(nullptr), options, reporter);
 }
 
 // One run, or with a period to watch runs until a signal comes or the command itself cannot go on.
-ExitStatus runAll(Options options, RunReporter &reporter) {
+ExitStatus runAll(Options &options, RunReporter &reporter) {
   ExitStatus status = kGood;
   for (;;) {
     const Clock::time_point start = Clock::now();
@@ -129,13 +182,16 @@ ExitStatus runCommand(int argc, char **argv) {
   try {
     app.parse(argc, argv);
     if (options.request.host.empty() && options.replayFile.empty()) throw CLI::RequiredError("HOST or --replay");
+    if (options.style.width != 0 && !options.names.areGiven()) throw CLI::RequiredError("--names or --names-dir");
     if (options.sequence == kNeverAnswered) throw CLI::ValidationError("--sequence", "no board answers -1");
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? kGood : kUsage;
   }
   if (options.selfTest) options.request.type = kSelfTestRequest;
+  options.names.prepare();
+  fitToTerminal(options.style);
   RunReporter reporter(std::cout, options.style);
-  return options.replayFile.empty() ? runAll(options, reporter) : replayFile(options.replayFile, reporter);
+  return options.replayFile.empty() ? runAll(options, reporter) : replayFile(options, reporter);
 }
 
 }  // namespace

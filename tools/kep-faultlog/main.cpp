@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/command_line.hpp"
+#include "common/names_file.hpp"
 #include "common/process.hpp"
 #include "server/fault_file.hpp"
 #include "server/fault_report.hpp"
@@ -17,7 +18,7 @@ using namespace kepcommand;
 using namespace kepserver;
 
 constexpr char kUsageText[] =
-    "Usage: kep-faultlog FILE [--format text|json|csv] [--csv-raw]\n"
+    "Usage: kep-faultlog FILE [--names FILE] [--format text|json|csv] [--csv-raw]\n"
     "                    [--fault NAME] [--type init|run|register|counter|value]\n"
     "       kep-faultlog FILE --check\n";
 
@@ -28,7 +29,8 @@ constexpr const char *kDescription =
 constexpr const char *kExitStatuses =
     "Exit status:\n"
     "  0  all whole\n"
-    "  1  the file is damaged or cut short, as far as can be told: see the man page\n"
+    "  1  the file is damaged or cut short, as far as can be told: see the man page; or\n"
+    "     the names file has an error\n"
     "  2  wrong usage, or a file that cannot be opened\n"
     "  4  broken off: by SIGINT or SIGTERM, or because the output could not be written\n"
     "     or the file not be read\n";
@@ -37,6 +39,7 @@ struct Options {
   std::string file;
   Style style;
   FaultFilter filter;
+  std::string namesFile;
   bool checks = false;
 };
 
@@ -44,6 +47,7 @@ void addOptions(CLI::App &app, Options &options) {
   describe(app, kUsageText, kExitStatuses);
   app.add_option("FILE", options.file, "The file; - for standard input")->required()->check(checkFile)->type_name("");
   CLI::Option *check = app.add_flag("--check", options.checks, "Print only whether the file is whole");
+  addNames(app, options.namesFile)->excludes(check);
   addStyle(app, options.style);
   app.add_option("--fault", options.filter.fault, "Print only what belongs to the fault of this name")
       ->type_name("NAME")
@@ -60,6 +64,8 @@ void printVerdict(const FaultFile &file, const std::optional<Damage> &damage) {
 
 // Prints also what came of a file that is not whole, or that cannot be read to its end.
 ExitStatus run(const Options &options) {
+  std::optional<Names> names;
+  if (!options.namesFile.empty()) names = readNamesFile(options.namesFile);
   const Descriptor input = openInput(options.file);
   FaultFileReader reader;
   std::optional<Failure> failure;
@@ -74,7 +80,7 @@ ExitStatus run(const Options &options) {
   FaultFile file = reader.finish();
   if (failure) file.whole = false;
   if (!options.checks) {
-    writeFaultFile(std::cout, options.style, file, options.filter);
+    writeFaultFile(std::cout, options.style, file, options.filter, names ? &*names : nullptr);
   } else if (!failure) {
     printVerdict(file, reader.damage());
   }
