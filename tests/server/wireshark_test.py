@@ -214,7 +214,8 @@ def test_names(folder):
     shown = dissect(folder + "/capture", "kep.value.kind", ["kep.value.shown"], *named(folder, folder + "/names.toml"))
     assert shown == [
         "all it status 0x00AB, angle -1.5 deg, level 255, time 1970-01-02 01:00:00, power 1.5, "
-        "work -4611686018427387905, count 18446744073709551615, flags up, bit 1, hot,all mode lost,all alarms bit 0, fire"
+        "work -4611686018427387905, count 18446744073709551615, flags up, bit 1, hot,all mode lost,"
+        "all alarms bit 0, fire"
     ], shown
 
 
