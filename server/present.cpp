@@ -113,11 +113,12 @@ std::string bitsText(const Meaning &meaning, uint64_t bits) {
 }
 
 std::string stateText(const Meaning &meaning, const Sent::Number &number) {
+  std::optional<int64_t> whole;
+  if (const auto *asSigned = std::get_if<int64_t>(&number)) whole = *asSigned;
   const auto *asUnsigned = std::get_if<uint64_t>(&number);
-  const auto *asSigned = std::get_if<int64_t>(&number);
-  const bool isKnown = asSigned || (asUnsigned && *asUnsigned <= INT64_MAX);
-  const auto state =
-      isKnown ? meaning.states.find(asSigned ? *asSigned : static_cast<int64_t>(*asUnsigned)) : meaning.states.end();
+  if (asUnsigned && *asUnsigned <= INT64_MAX) whole = static_cast<int64_t>(*asUnsigned);
+  if (!whole) return shortest(number);
+  const auto state = meaning.states.find(*whole);
   return state == meaning.states.end() ? shortest(number) : state->second;
 }
 
