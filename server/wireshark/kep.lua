@@ -447,7 +447,7 @@ local function dissect_message(run, tvb, offset, pinfo, root)
   local left = tvb:len() - offset
   if left < HEADER then return nil, DESEGMENT_ONE_MORE_SEGMENT end
   local before = copied(state)
-  local ok, size, type = pcall(read_header, state, tvb(offset):tvb())
+  local ok, size, kind = pcall(read_header, state, tvb(offset):tvb())
   if ok and size > left then return nil, size - left end
   local part = tvb(offset, ok and size or left)
   local tree = root:add(kep, part, "kep message")
@@ -458,16 +458,16 @@ local function dissect_message(run, tvb, offset, pinfo, root)
   if ok then
     local infos = {}
     local found
-    ok, found = pcall(read_message, state, part:tvb(), type, tree, infos)
-    local what = TYPES[type] .. (#infos > 0 and ": " .. table.concat(infos, "; ", 1, math.min(#infos, 8)) or
+    ok, found = pcall(read_message, state, part:tvb(), kind, tree, infos)
+    local what = TYPES[kind] .. (#infos > 0 and ": " .. table.concat(infos, "; ", 1, math.min(#infos, 8)) or
                                  state.is_empty and ", empty" or "") .. (#infos > 8 and "; .." or "")
-    tree:set_text(("kep %s, sequence %d"):format(TYPES[type], tvb(offset + 8, 4):int()))
+    tree:set_text(("kep %s, sequence %d"):format(TYPES[kind], tvb(offset + 8, 4):int()))
     pinfo.cols.info:append((run.shown == pinfo.number and " | " or "") .. what)
     run.shown = pinfo.number
     if not ok then size = found end
   end
   if not ok then
-    if _G.type(size) ~= "table" then error(size, 0) end
+    if type(size) ~= "table" then error(size, 0) end  -- no damage, but an error of this file
     show_damage(state, tree, size, pinfo)
     size = 0
   end
