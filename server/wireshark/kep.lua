@@ -93,24 +93,25 @@ local function printable(bytes)
   return (bytes:gsub("[%c\127]", function(c) return ("\\x%02x"):format(c:byte()) end))
 end
 
--- What a number is shown as. `number` is a Lua number or an Int64, which keeps all its digits unless it is scaled.
-local function number_shown(meaning, number)
-  local plain = tonumber(tostring(number))
-  local text = meaning.states and meaning.states[plain]
-  if not text and meaning.bits then
-    local words = {}
-    local high, low = math.floor(plain / 2 ^ 32) % 2 ^ 32, plain % 2 ^ 32
-    for bit = 0, 63 do
-      local word = bit < 32 and math.floor(low / 2 ^ bit) or math.floor(high / 2 ^ (bit - 32))
-      if word % 2 == 1 then table.insert(words, meaning.bits[bit] or "bit " .. bit) end
-    end
-    text = #words == 0 and "none" or table.concat(words, ", ")
+local function bits_shown(meaning, range)
+  local words = {}
+  for bit = 0, 8 * range:len() - 1 do
+    local byte = range:range(range:len() - 1 - math.floor(bit / 8), 1):uint()
+    if math.floor(byte / 2 ^ (bit % 8)) % 2 == 1 then table.insert(words, meaning.bits[bit] or "bit " .. bit) end
   end
+  return #words == 0 and "none" or table.concat(words, ", ")
+end
+
+-- What a number is shown as, whose bytes are `range`. It is a Lua number or an Int64, and keeps its digits unless it is
+-- scaled.
+local function number_shown(meaning, number, range)
+  local plain = tonumber(tostring(number))
+  local text = meaning.states and meaning.states[plain] or meaning.bits and bits_shown(meaning, range)
   if not text and (meaning.scale or meaning.offset) then
     local scaled = plain * tonumber(meaning.scale or "1") + tonumber(meaning.offset or "0")
     text = meaning.decimals and ("%." .. meaning.decimals .. "f"):format(scaled) or tostring(scaled)
   end
-  text = text or meaning.hex and ("0x%x"):format(plain) or tostring(number)
+  text = text or meaning.hex and "0x" .. tostring(range:bytes()) or tostring(number)
   return meaning.unit and text .. " " .. meaning.unit or text
 end
 
@@ -118,10 +119,10 @@ local function field_shown(field, range)
   local part = range:range(field.start, field.size)
   if field.type == "string" then return printable(part:raw():match("^[^%z]*")) end
   if field.type == "bytes" then return tostring(part:bytes()):lower() end
-  if field.type == "float" then return number_shown(field, part:float()) end
-  if field.type == "time" then return os.date("!%Y-%m-%d %H:%M:%S", part:uint()) end
-  if field.size > 4 then return number_shown(field, field.type == "int" and part:int64() or part:uint64()) end
-  return number_shown(field, field.type == "int" and part:int() or part:uint())
+  if field.type == "time" then return os.date("!%Y-%m-%d %H:%M:%S", part:uint() + 60 * (names.zone or 0)) end
+  if field.type == "float" then return number_shown(field, part:float(), part) end
+  local number = field.type .. (field.size > 4 and "64" or "")
+  return number_shown(field, part[number](part), part)
 end
 
 local function fields_shown(meaning, range)
@@ -150,7 +151,7 @@ local function value_shown(run, value)
   if not meaning then return nil end
   local text
   if value.number then
-    text = number_shown(meaning, value.number)
+    text = number_shown(meaning, value.number, value.range)
   elseif value.kind == "string" then
     text = printable(value.bytes)
   elseif meaning.fields and meaning.size == #value.bytes then
@@ -435,16 +436,18 @@ end
 -- Shows the message at `offset` of what has come. Returns its size; 0 behind a damage, where nothing can be told any
 -- more; or nil and how many bytes are missing.
 local function dissect_message(run, tvb, offset, pinfo, root)
-  local place = ("%d:%d"):format(pinfo.number, tvb(offset):offset())  -- unlike in a packet in what is reassembled
+  local place = ("%d:%d"):format(pinfo.number, tvb:offset() + offset)  -- unlike in a packet in what is reassembled
+  if pinfo.visited and not seen[place] then return nil, DESEGMENT_ONE_MORE_SEGMENT end  -- as it was at first
   local state = copied(pinfo.visited and seen[place] or run.state)
   if state.damage then
+    seen[place] = state
     root:add(kep, tvb(offset), "kep, behind the damage of its run")
     return 0
   end
   local left = tvb:len() - offset
   if left < HEADER then return nil, DESEGMENT_ONE_MORE_SEGMENT end
   local before = copied(state)
-  local ok, size, type = pcall(read_header, state, tvb(offset):tvb())
+  local ok, size, kind = pcall(read_header, state, tvb(offset):tvb())
   if ok and size > left then return nil, size - left end
   local part = tvb(offset, ok and size or left)
   local tree = root:add(kep, part, "kep message")
@@ -455,16 +458,16 @@ local function dissect_message(run, tvb, offset, pinfo, root)
   if ok then
     local infos = {}
     local found
-    ok, found = pcall(read_message, state, part:tvb(), type, tree, infos)
-    local what = TYPES[type] .. (#infos > 0 and ": " .. table.concat(infos, "; ", 1, math.min(#infos, 8)) or
+    ok, found = pcall(read_message, state, part:tvb(), kind, tree, infos)
+    local what = TYPES[kind] .. (#infos > 0 and ": " .. table.concat(infos, "; ", 1, math.min(#infos, 8)) or
                                  state.is_empty and ", empty" or "") .. (#infos > 8 and "; .." or "")
-    tree:set_text(("kep %s, sequence %d"):format(TYPES[type], tvb(offset + 8, 4):int()))
+    tree:set_text(("kep %s, sequence %d"):format(TYPES[kind], tvb(offset + 8, 4):int()))
     pinfo.cols.info:append((run.shown == pinfo.number and " | " or "") .. what)
     run.shown = pinfo.number
     if not ok then size = found end
   end
   if not ok then
-    if _G.type(size) ~= "table" then error(size, 0) end
+    if type(size) ~= "table" then error(size, 0) end  -- no damage, but an error of this file
     show_damage(state, tree, size, pinfo)
     size = 0
   end

@@ -121,10 +121,10 @@ def dissect(capture, condition, fields, *options):
     return shark.stdout.splitlines()
 
 
-def as_dissected(capture):
+def as_dissected(capture, *options):
     """What is told of each run, by its number."""
     runs = {}
-    for line in dissect(capture, "tcp.stream && (kep || kepend)", FIELDS):
+    for line in dissect(capture, "tcp.stream && (kep || kepend)", FIELDS, *options):
         row = dict(zip(FIELDS, line.split("\t")))
         lists = {field: text.split(",") if text else [] for field, text in row.items()}
         new = {key: [] for key in ("identity", "item", "names", "tested", "values")}
@@ -169,11 +169,54 @@ def test_random_runs(folder):
             pcap.write_run(capture, number, stream, portions)
             if number >= 200 and sum(int(told["summary"][1]) for told in expected) >= 10000:
                 break
-    found = as_dissected(capture_path)
-    assert len(found) == len(expected), (len(found), len(expected))
-    for number, told in enumerate(expected):
-        for key, value in told.items():
-            assert found[number][key] == value, "run %d, %s:\n%s\nnot\n%s" % (number, key, found[number][key], value)
+    for options in ((), ("-2",)):  # looked at once, and again as it is when somebody clicks
+        found = as_dissected(capture_path, *options)
+        assert len(found) == len(expected), (len(found), len(expected))
+        for number, told in enumerate(expected):
+            for key, value in told.items():
+                assert found[number][key] == value, "run %d, %s: %s\nnot\n%s" % (number, key, found[number], value)
+
+
+def named(folder, path):
+    with open(folder + "/names.lua", "w") as names:
+        subprocess.run([NAMES, "--lua", path], stdout=names, check=True)
+    return "-o", "kep.names:" + folder + "/names.lua"
+
+
+NAMED = """
+board = { zone = "+01:00" }
+[item.all.keys]
+1.name = "it"
+1.format = "HhbT4s8s8s3sB"
+1.fields = [{ name = "status" }, { name = "angle", unit = "deg", scale = 0.1 }, { name = "level" }, { name = "time" },
+  { name = "power", as = "f" }, { name = "work", as = "i64" }, { name = "count", as = "u64" }, {},
+  { name = "flags", bits = { 0 = "up", 7 = "hot" } }]
+2 = { name = "mode", kind = "state", states = { -1 = "lost" } }
+3 = { name = "alarms", bits = { 31 = "fire" } }
+"""
+
+
+def test_names(folder):
+    board = Board(random.Random(0), 0)
+    board.stream = b""
+    board.send(0, 0, b"KB\0\0")
+    board.send(1, 1, struct.pack(">iH", 0, 3) + b"all")
+    buffer = struct.pack(">HhBIfqQ3sB", 171, -15, 255, 86400, 1.5, -(2**62) - 1, 2**64 - 1, b"xyz", 0x83)
+    board.put(0x84, (0, 0, 1), struct.pack(">H", len(buffer)) + buffer)
+    board.put(0x81, (0, 0, 2), b"\xff" * 4)
+    board.put(0x81, (0, 0, 3), b"\x80\0\0\1")
+    board.sequence = 1
+    board.flush()
+    with open(folder + "/names.toml", "w") as names:
+        names.write(NAMED)
+    with pcap.Capture(folder + "/capture") as capture:
+        pcap.write_run(capture, 0, board.stream)
+    shown = dissect(folder + "/capture", "kep.value.kind", ["kep.value.shown"], *named(folder, folder + "/names.toml"))
+    assert shown == [
+        "all it status 0x00AB, angle -1.5 deg, level 255, time 1970-01-02 01:00:00, power 1.5, "
+        "work -4611686018427387905, count 18446744073709551615, flags up, bit 1, hot,all mode lost,"
+        "all alarms bit 0, fire"
+    ], shown
 
 
 def test_sample(folder):
@@ -185,9 +228,7 @@ def test_sample(folder):
     sample = SOURCE + "/server/wireshark/sample.pcap"
     with open(folder + "/sample", "rb") as made, open(sample, "rb") as kept:
         assert made.read() == kept.read(), "the sample is not the page's run"
-    with open(folder + "/names.lua", "w") as names:
-        subprocess.run([NAMES, "--lua", SOURCE + "/examples/board/board.toml"], stdout=names, check=True)
-    shown = dissect(sample, "kep && !kep.ack", ["_ws.col.Info"], "-o", "kep.names:" + folder + "/names.lua")
+    shown = dissect(sample, "kep && !kep.ack", ["_ws.col.Info"], *named(folder, SOURCE + "/examples/board/board.toml"))
     assert shown == [
         "Request: collection, type 0, sequence 77, to port 20000",
         "identity",
@@ -233,6 +274,6 @@ if __name__ == "__main__":
     if not shutil.which("tshark"):
         print("tshark is missing")
         sys.exit(77)
-    for test in (test_random_runs, test_sample, test_datagrams):
+    for test in (test_random_runs, test_names, test_sample, test_datagrams):
         with tempfile.TemporaryDirectory() as folder:
             test(folder)
