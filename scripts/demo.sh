@@ -46,7 +46,7 @@ say "building"
 tools=$PWD/build/demo
 host=$PWD/build/demo${kind#-}
 quietly "$tools/build.log" cmake -S . -B "$tools" -G Ninja -DKEP_FAULT_LOG_PATH="$tools/kep.log"
-quietly "$tools/build.log" cmake --build "$tools" --target kep-{board,station,worker,collect,config}
+quietly "$tools/build.log" cmake --build "$tools" --target kep-{board,station,worker,collect,config,faultlog}
 if [ -n "$kind" ]; then
   quietly "$host/build.log" cmake -S . -B "$host" -G Ninja "${flags[@]}" -DKEP_BUILD_TOOLS=OFF \
     -DKEP_FAULT_LOG_PATH="$host/kep.log"
@@ -156,4 +156,5 @@ say "ending kep-worker, which saves them"
 endByItself
 say "its fault file"
 ls "$host/faults"
-strings -n 6 "$host/faults/worker.faults" | tail -n 3
+"$tools/tools/kep-faultlog/kep-faultlog" --check "$host/faults/worker.faults"
+"$tools/tools/kep-faultlog/kep-faultlog" "$host/faults/worker.faults" | tail -n 12

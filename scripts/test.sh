@@ -14,6 +14,7 @@ esac
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${board_packages[@]}" \
   git clang clang-format clang-tidy cppcheck libgtest-dev googletest pkg-config binutils mandoc iproute2 \
+  python3 tshark \
   ${all:+gcovr valgrind "${fuzz_packages[@]}"}
 
 presets=(dev release release-clang board)

@@ -163,7 +163,8 @@ Decimal operator+(const Decimal &a, const Decimal &b) {
 }
 
 Decimal operator*(const Decimal &a, const Decimal &b) {
-  std::array<uint64_t, 2 * Decimal::kLimbs> limbs{};
+  constexpr size_t kProductLimbs = 2 * Decimal::kLimbs;
+  std::array<uint64_t, kProductLimbs> limbs{};
   const size_t count = Decimal::used(b.limbs_);
   for (size_t i = 0; i < Decimal::kLimbs; ++i) {
     if (a.limbs_[i] == 0) continue;

@@ -109,7 +109,7 @@ std::string_view typeOf(const toml::node &node) {
 std::string_view literalOf(const File &file, const toml::node &node) {
   const auto [begin, end] = std::pair{node.source().begin, node.source().end};
   const std::string_view line = file.lines.at(begin.line - 1);
-  size_t column = 0, first = line.size(), last = line.size();
+  size_t column = 0, first = line.size(), last = first;
   for (size_t i = 0; i < line.size(); ++i) {
     if ((static_cast<uint8_t>(line[i]) & 0xC0) == 0x80) continue;  // columns count characters
     if (++column == begin.column) first = i;

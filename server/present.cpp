@@ -87,8 +87,9 @@ std::string numberText(const Meaning &meaning, const Sent::Number &number) {
 }
 
 uint64_t bitsOf(const Sent &sent) {
-  const uint64_t bits = std::visit(
-      [](auto n) { return std::is_floating_point_v<decltype(n)> ? 0 : static_cast<uint64_t>(n); }, *sent.number);
+  uint64_t bits = 0;
+  if (const auto *whole = std::get_if<int64_t>(&*sent.number)) bits = static_cast<uint64_t>(*whole);
+  if (const auto *whole = std::get_if<uint64_t>(&*sent.number)) bits = *whole;
   return sent.size < 8 ? bits & ((uint64_t{1} << (8 * sent.size)) - 1) : bits;
 }
 
@@ -112,11 +113,12 @@ std::string bitsText(const Meaning &meaning, uint64_t bits) {
 }
 
 std::string stateText(const Meaning &meaning, const Sent::Number &number) {
+  std::optional<int64_t> whole;
+  if (const auto *asSigned = std::get_if<int64_t>(&number)) whole = *asSigned;
   const auto *asUnsigned = std::get_if<uint64_t>(&number);
-  const auto *asSigned = std::get_if<int64_t>(&number);
-  const bool isKnown = asSigned || (asUnsigned && *asUnsigned <= INT64_MAX);
-  const auto state =
-      isKnown ? meaning.states.find(asSigned ? *asSigned : static_cast<int64_t>(*asUnsigned)) : meaning.states.end();
+  if (asUnsigned && *asUnsigned <= INT64_MAX) whole = static_cast<int64_t>(*asUnsigned);
+  if (!whole) return shortest(number);
+  const auto state = meaning.states.find(*whole);
   return state == meaning.states.end() ? shortest(number) : state->second;
 }
 

@@ -4,6 +4,9 @@
 // nothing that waits: no callback of the host's, no socket, no delay, no console, no fault file. A waiting one takes
 // the lock piece by piece, with Locked, and is never called by a guarded one. Without a lock, the default, each mark is
 // a branch that is never taken.
+//
+// What any thread may call beside the serving one even without a lock carries no mark, which would complain of it:
+// containers, the codec, sockets, dates, the timers' loop, and the stops.
 #pragma once
 
 #pragma GCC visibility push(hidden)

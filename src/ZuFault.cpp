@@ -295,8 +295,9 @@ void writeAll(File *file, Run *run) {
   held.takeBack(file->writeError);
 }
 
+// A close that a signal interrupts has closed the file all the same.
 void closeFile(File *file) {
-  if (close(file->fd) != 0) noteFailure(file, errno);
+  if (close(file->fd) != 0 && errno != EINTR) noteFailure(file, errno);
 }
 
 int openUninterrupted(const char *path, int flags) {
@@ -470,11 +471,13 @@ int32_t ZuFault_SetValue(ZuFault *fault, uint32_t id, const void *data, int32_t 
 }
 
 int32_t ZuFault_ShowInitLogToBuf(ZuFault *fault, ZuBuf *buffer) {
+  const Waiting mark(__func__);
   if (fault) ZuLogger_ShowToBuf(fault->initLog, buffer);
   return 0;
 }
 
 int32_t ZuFault_ShowRunLogToBuf(ZuFault *fault, ZuBuf *buffer) {
+  const Waiting mark(__func__);
   if (fault) ZuLogger_ShowToBuf(fault->runLog, buffer);
   return 0;
 }

@@ -506,6 +506,7 @@ int32_t ZuInfo_Append(ZuInfo *info, const void *key, int32_t keyLen, const void 
 }
 
 int32_t ZuInfo_Write(ZuInfo *info, const char *key, const char *text) {
+  const Guarded guard(__func__);
   if (!key || !text) return -1;
   return ZuInfo_Append(info, key, static_cast<int32_t>(std::strlen(key) & 0xFF), text,
                        static_cast<int32_t>(std::strlen(text) & 0xFFFF));

@@ -242,7 +242,10 @@ void ZuLogger_CopyToBuf(ZuLogger *logger, ZuBuf *buffer) {
   }
 }
 
-void ZuLogger_ShowInfo(ZuLogger *logger) { ZuLogger_ShowToBuf(logger, nullptr); }
+void ZuLogger_ShowInfo(ZuLogger *logger) {
+  const Waiting mark(__func__);
+  ZuLogger_ShowToBuf(logger, nullptr);
+}
 
 void ZuLogger_ClearInfo(ZuLogger *logger) {
   const Guarded guard(__func__);

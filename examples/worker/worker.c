@@ -38,6 +38,7 @@ static Sensor sensors[] = {
 enum { SENSOR_COUNT = sizeof sensors / sizeof sensors[0] };
 
 static pthread_t threads[SENSOR_COUNT + 1]; /* the last one is the timer's */
+static int threadCount;
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static int isStopping; /* under the lock */
 static CollectItem *item;
@@ -74,7 +75,7 @@ static int readLine(const char *path, char *line, int size) {
 
 static void *watch(void *argument) {
   Sensor *sensor = argument;
-  for (int goesOn = 1; goesOn; ZuTime_Sleep(READ_MS)) {
+  for (;; ZuTime_Sleep(READ_MS)) {
     char line[80];
     const int error = readLine(sensor->path, line, sizeof line);
     if (error) {
@@ -83,9 +84,8 @@ static void *watch(void *argument) {
     } else {
       ZuLogger_Write(g_kep_logger, ZULOGGER_INFO, ZuString_SFormat("%s: %s", sensor->name, line));
     }
-    goesOn = note(sensor, error != 0);
+    if (!note(sensor, error != 0)) return NULL;
   }
-  return NULL;
 }
 
 static int32_t report(int32_t interval) {
@@ -153,22 +153,22 @@ static void setUpService(void) {
   sigaction(SIGINT, &action, NULL);
 }
 
-static void start(int number, void *(*run)(void *), void *argument) {
-  if (pthread_create(&threads[number], NULL, run, argument) == 0) return;
-  fputs("kep-worker: no thread can be had\n", stderr);
-  exit(EXIT_FAILURE);
+static int start(void *(*run)(void *), void *argument) {
+  errno = pthread_create(&threads[threadCount], NULL, run, argument);
+  if (errno == 0) ++threadCount;
+  return errno == 0;
 }
 
-static void startThreads(void) {
+static int startThreads(void) {
   g_kep_logger = ZuLogger_New(ZULOGGER_ACCEPT_ALL | ZULOGGER_KEEP); /* and prints nothing */
   ZuLogger_SetInfoSize(g_kep_logger, LOG_BYTES);
   ZuTimer_Regist(report, REPORT_MS);
   for (int i = 0; i < SENSOR_COUNT; ++i) {
     sensors[i].fault = ZuFault_Regist(sensors[i].name, NULL);
     ZuFault_SetLogSize(sensors[i].fault, LOG_BYTES);
-    start(i, watch, &sensors[i]);
+    if (!start(watch, &sensors[i])) return 0;
   }
-  start(SENSOR_COUNT, runTimers, NULL);
+  return start(runTimers, NULL);
 }
 
 static void joinThreads(void) {
@@ -176,7 +176,7 @@ static void joinThreads(void) {
   isStopping = 1;
   pthread_mutex_unlock(&lock);
   ZuTimer_Stop();
-  for (int i = 0; i <= SENSOR_COUNT; ++i) pthread_join(threads[i], NULL);
+  for (int i = 0; i < threadCount; ++i) pthread_join(threads[i], NULL);
 }
 
 int main(int argc, char **argv) {
@@ -186,9 +186,9 @@ int main(int argc, char **argv) {
     return 2;
   }
   setUpService();
-  startThreads();
-  const int wasStopped = Collect_Init(IDENTITY) == 0;
-  if (!wasStopped) perror("kep-worker: cannot serve on UDP port 9099");
+  const int isUp = startThreads();
+  const int wasStopped = isUp && Collect_Init(IDENTITY) == 0;
+  if (!wasStopped) perror(isUp ? "kep-worker: cannot serve on UDP port 9099" : "kep-worker: cannot start a thread");
   joinThreads();
   ZuFault_Start();
   const int32_t saved = ZuFault_GetResult();

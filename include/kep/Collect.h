@@ -12,14 +12,13 @@
  *
  * Threads. With a lock (Kep_SetLock) items, settings, statistics and the log may be used from any thread at any time; a
  * run serves the items that it began with, under the indexes that its catalogue tells. Sections, Collect_Put... and the
- * runs belong to the serving thread, and g_collect_param is the host's to serialise. Without a lock every call to the
- * library is made on the serving thread once Collect_Init serves, but for Collect_Stop and Collect_GetStats, which need
- * none. A host that holds a lock of its own while it calls what reports, runs or shows holds it for as long as that
- * waits.
+ * runs belong to the serving thread, and g_collect_param is the host's to serialise. Without a lock what other threads
+ * may call once Collect_Init serves is what kep.h says, and Collect_Stop and Collect_GetStats. A host that holds a lock
+ * of its own while it calls what reports, runs or shows holds it for as long as that waits.
  *
  * Processes. A program that the host executes inherits no socket of the library's. A child that goes on without
  * executing one has copies of them all: a port stays taken, and a connection open, until the child has ended as well.
- * Collect_Stop there does not reach the parent.
+ * Collect_Stop there does not reach the parent, and the service is not for such a child of a process that serves.
  */
 #ifndef KEP_COLLECT_H
 #define KEP_COLLECT_H
@@ -65,7 +64,10 @@ KEP_API int32_t Collect_Init(uint32_t identity);
  * waits in the service ends at once: for a request, a connection, a server that does not read or acknowledge, or behind
  * a failure of the socket. A callback that runs is waited for, but what it reports is not sent any more. A run under
  * way has failed, as with a server that breaks it off. While nobody serves, a stop ends the next Collect_Init as soon
- * as it begins to; several are one. Runs that the host makes itself, outside Collect_Init, are not stopped. */
+ * as it begins to; several are one. Runs that the host makes itself, outside Collect_Init, are not stopped.
+ *
+ * What is printed is not cut short: a console that nobody reads holds up a stop too, unless CollectClient_SetTrace has
+ * silenced the service. */
 KEP_API void Collect_Stop(void);
 
 /* Sets where the service listens, and from which address its connections leave: four decimal numbers or NULL, any

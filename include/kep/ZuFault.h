@@ -46,7 +46,8 @@ enum {
   ZUFAULT_VALUE = 6
 };
 
-/* The registered faults, NULL before the first; the recorded values, NULL while there are none. */
+/* The registered faults, NULL before the first; the recorded values, NULL while there are none. With a lock other
+ * threads change both at any time: who reads them sees to it that none does. */
 extern KEP_API ZuList *g_ZuFault_List;
 extern KEP_API ZuInfo *g_ZuFault_Info;
 

@@ -23,7 +23,10 @@
  * The lock is not held across a callback of the host's, a network call, a delay, a call of VRK_RawPrint or the writing
  * of the fault file, so what waits there holds up no thread that logs (but for the store's trace, an aid for
  * debugging). A host that holds a lock of its own around a call that prints, shows, sends or runs callbacks holds that
- * one across the wait; so it does with the lock that it gave to the library, if it takes that itself. */
+ * one across the wait; so it does with the lock that it gave to the library, if it takes that itself.
+ *
+ * A child that the host forks while other threads run may find the lock held for ever: until it executes a program it
+ * calls nothing of the library. */
 #ifndef KEP_KEP_H
 #define KEP_KEP_H
 

@@ -22,7 +22,10 @@ void install() {
   pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
   // A thread that waits lends its priority to the one that holds the lock, so that no third one holds up both.
   if (KEP_POSIX_PRIO_INHERIT) pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
-  pthread_mutex_init(&l_mutex, &attributes);
+  if (pthread_mutex_init(&l_mutex, &attributes) != 0) {  // not every kernel knows how
+    pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_NONE);
+    pthread_mutex_init(&l_mutex, &attributes);
+  }
   pthread_mutexattr_destroy(&attributes);
   Kep_SetLock(lock, unlock);
 }

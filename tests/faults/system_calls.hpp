@@ -6,7 +6,8 @@
 #include <cstdint>
 
 // Holds, while it lives, for the calls that its thread makes: a server on another thread is left alone. Several may
-// hold at once; each counts for itself, "*" all calls. A plan that no call has met fails the test, unless the test asks.
+// hold at once; each counts for itself, "*" all calls. A plan that no call has met fails the test, unless the test
+// asks.
 class Plan {
  public:
   static constexpr int kOn = INT_MAX;  // as `times`: from the n-th call on

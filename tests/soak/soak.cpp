@@ -117,10 +117,13 @@ int faultFiles;
 
 void checkPrinted() {
   for (const std::string &call : platform::takePrintCalls()) {
-    for (size_t at = 0, end; (at = call.find("<E", at)) != std::string::npos; at = end) {
+    for (size_t at = 0, end; (at = call.find('<', at)) != std::string::npos; at = end) {
+      end = at + 1;
+      Lines shown("a shown log", call[end]);
+      if (shown.stream != kEchoed && shown.stream != kKept && shown.stream != kRun) continue;  // of a dump
       end = call.find(">\n", at);
       expect(end != std::string::npos, "printed in parts: " + call);
-      printed.take(call.substr(at, ++end - at));
+      (shown.stream == kEchoed ? printed : shown).take(call.substr(at, ++end - at));
     }
   }
 }

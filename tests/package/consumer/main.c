@@ -1,5 +1,5 @@
-/* A host in C, small enough to show that an installed kep compiles, links and runs with nothing but a C compiler, with a
- * lock as well: the object of KepPosix_UseThreads asks the library for another. */
+/* A host in C, small enough to show that an installed kep compiles, links and runs with nothing but a C compiler, with
+ * a lock as well: the object of KepPosix_UseThreads asks the library for another. */
 #include <kep/kep.h>
 #include <string.h>
 
