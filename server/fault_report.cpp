@@ -177,8 +177,8 @@ void putTable(Sink &out, const std::vector<Row> &rows, bool ofValues, bool isNam
 
 // JSON.
 
-void putJson(Sink &out, const Row &row) {
-  JsonLine line(out, row.value ? "value" : "line");
+void putJson(Sink &out, const Style &style, const Row &row) {
+  JsonLine line(out, row.value ? "value" : "line", style);
   line.text("fault", row.fault).word("type", row.type);
   if (!row.value) {
     line.word("time", row.line.time).text("text", row.line.text);
@@ -199,7 +199,7 @@ void putJson(Sink &out, const Row &row) {
   line.end();
   if (!row.hasFields()) return;
   for (const Shown &shown : row.shown) {
-    JsonLine field(out, "field");
+    JsonLine field(out, "field", style);
     field.text("fault", row.fault).word("type", row.type).number("id", row.value->id);
     putMeant(field, "id_name", meantOf(shown, false)).end();
   }
@@ -257,7 +257,7 @@ void writeFaultFile(std::ostream &out, const Style &style, const FaultFile &file
       break;
     case Format::kJson:
       putLayout(sink, "kep-faultlog", kLayoutVersion);
-      for (const Row &row : rows) putJson(sink, row);
+      for (const Row &row : rows) putJson(sink, style, row);
       JsonLine(sink, "summary")
           .number("log_records", logRecordCount(file))
           .number("values", file.values.size())

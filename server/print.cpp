@@ -40,7 +40,9 @@ bool beginsAsFormula(std::string_view bytes) {
 
 }  // namespace
 
-JsonLine::JsonLine(Sink &out, std::string_view row) : out_(out) { out_ << R"({"row":")" << row << '"'; }
+JsonLine::JsonLine(Sink &out, std::string_view row, const Style &style) : out_(out), bigAsText_(style.bigAsText) {
+  out_ << R"({"row":")" << row << '"';
+}
 
 Sink &JsonLine::begin(std::string_view key) { return out_ << ",\"" << key << "\":"; }
 

@@ -10,9 +10,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <numeric>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "server/text.hpp"
 
@@ -22,7 +24,8 @@ enum class Format { kText, kJson, kCsv };
 
 struct Style {
   Format format = Format::kText;
-  bool csvRaw = false;  // texts in CSV as they are, even where a spreadsheet would take them for a formula
+  bool csvRaw = false;     // texts in CSV as they are, even where a spreadsheet would take them for a formula
+  bool bigAsText = false;  // whole numbers in JSON that a double could not hold exactly, in quotes
 
   // Of text with names.
   size_t width = 0;  // of a line, in characters; 0: as long as it likes
@@ -65,7 +68,7 @@ class Table {
 // steer a terminal leaves as \uXXXX.
 class JsonLine {
  public:
-  JsonLine(Sink &out, std::string_view row);
+  JsonLine(Sink &out, std::string_view row, const Style &style = {});
 
   JsonLine &word(std::string_view key, std::string_view word);  // nothing in it needs an escape
   JsonLine &hex(std::string_view key, std::string_view bytes);
@@ -76,7 +79,8 @@ class JsonLine {
 
   template <class Number>
   JsonLine &number(std::string_view key, Number number) {
-    begin(key) << number;
+    const char *const quote = bigAsText_ && isBig(number) ? "\"" : "";
+    begin(key) << quote << number << quote;
     return *this;
   }
 
@@ -85,7 +89,15 @@ class JsonLine {
  private:
   Sink &begin(std::string_view key);
 
+  template <class Number>
+  static bool isBig(Number number) {
+    constexpr Number kMost = sizeof number < 8 ? std::numeric_limits<Number>::max() : static_cast<Number>(1ull << 53);
+    return number > kMost || (std::is_signed_v<Number> && number < -kMost);
+  }
+  static bool isBig(std::string_view digits) { return digits.size() > 15; }
+
   Sink &out_;
+  bool bigAsText_;
 };
 
 void putLayout(Sink &out, std::string_view layout, int version);

@@ -2,11 +2,13 @@
 
 #include "server/run_report.hpp"
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "server/meant.hpp"
 #include "server/named_text.hpp"
+#include "server/times.hpp"
 
 namespace kepserver {
 
@@ -115,8 +117,8 @@ void forEachRow(const NamedRun &named, const Take &take) {
 
 // JSON.
 
-JsonLine beginJsonValue(Sink &out, const char *row, const Run &run, const Value &value) {
-  JsonLine line(out, row);
+JsonLine beginJsonValue(Sink &out, const Style &style, const char *row, const Run &run, const Value &value) {
+  JsonLine line(out, row, style);
   line.number("item", value.item).text("name", itemName(run, value)).number("section", value.section);
   line.number("key", value.key);
   return line;
@@ -152,10 +154,10 @@ JsonLine &putJsonCounts(JsonLine &line, const Run &run) {
   return line.flag("whole", run.whole);
 }
 
-void putJson(Sink &out, const Run &run) {
+void putJson(Sink &out, const Style &style, const Run &run) {
   putJsonHead(out, run);
   for (const Value *value : sortedValues(run)) {
-    JsonLine line = beginJsonValue(out, "value", run, *value);
+    JsonLine line = beginJsonValue(out, style, "value", run, *value);
     putJsonContent(line, *value);
     line.end();
   }
@@ -183,11 +185,11 @@ Tally putJsonVerdicts(Sink &out, const std::vector<ItemResult> &results) {
   return tally(results);
 }
 
-void putJson(Sink &out, const NamedRun &named) {
+void putJson(Sink &out, const Style &style, const NamedRun &named) {
   const Run &run = named.run();
   putJsonHead(out, run);
   forEachRow(named, [&](const Value &value, const Added &added, const Shown *field) {
-    JsonLine line = beginJsonValue(out, field ? "field" : "value", run, value);
+    JsonLine line = beginJsonValue(out, style, field ? "field" : "value", run, value);
     if (!field) putJsonContent(line, value);
     putJsonAdded(line, added);
     line.end();
@@ -297,6 +299,29 @@ void RunReporter::begin(Sink &out, bool isNamed) {
       break;
   }
   first_ = false;
+  if (!stamp_.empty()) putStamp(out, isNamed);
+}
+
+void RunReporter::putStamp(Sink &out, bool isNamed) const {
+  switch (style_.format) {
+    case Format::kText: out << "run " << number_ << ", " << stamp_ << '\n'; break;
+    case Format::kJson: JsonLine(out, "run").number("run", number_).word("time", stamp_).end(); break;
+    case Format::kCsv:
+      CsvLine(out, style_, "run")
+          .empty(3)
+          .number(number_)
+          .empty(1)
+          .word(stamp_)
+          .empty(isNamed ? kAddedColumns : 0)
+          .end();
+      break;
+  }
+}
+
+void RunReporter::stampNext(uint64_t number, int64_t collected) {
+  const std::optional<BoardTime> time = readTime(timeText(static_cast<uint32_t>(collected), 0));
+  number_ = number;
+  stamp_ = time ? isoTime(*time, 0, collected) : "";
 }
 
 void RunReporter::write(const Run &run) {
@@ -307,7 +332,7 @@ void RunReporter::write(const Run &run) {
       putText(out, run);
       putCounts(out, run);
       break;
-    case Format::kJson: putJson(out, run); break;
+    case Format::kJson: putJson(out, style_, run); break;
     case Format::kCsv: putCsv(out, style_, run); break;
   }
   out.flush();
@@ -322,7 +347,7 @@ void RunReporter::write(const Run &run, const Names &names, int64_t collected) {
       putNamedText(out, style_, named);
       putCounts(out, run);
       break;
-    case Format::kJson: putJson(out, named); break;
+    case Format::kJson: putJson(out, style_, named); break;
     case Format::kCsv: putCsv(out, style_, named); break;
   }
   out.flush();

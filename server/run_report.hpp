@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string>
 
 #include "server/names.hpp"
 #include "server/print.hpp"
@@ -16,6 +17,9 @@ class RunReporter {
  public:
   RunReporter(std::ostream &out, const Style &style) : out_(out), style_(style) {}
 
+  // The run that is written next begins with its number and the time of its collection, in seconds since 1970.
+  void stampNext(uint64_t number, int64_t collected);
+
   // Prints also what came of a run that did not end well.
   void write(const Run &run);
 
@@ -25,10 +29,13 @@ class RunReporter {
 
  private:
   void begin(Sink &out, bool isNamed);
+  void putStamp(Sink &out, bool isNamed) const;
 
   std::ostream &out_;
   Style style_;
   bool first_ = true;
+  uint64_t number_ = 0;
+  std::string stamp_;  // empty: none
 };
 
 }  // namespace kepserver

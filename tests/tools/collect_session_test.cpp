@@ -90,6 +90,10 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
       EXPECT_LE(takeAcknowledgement(), 0) << "the command closes the connection";
     };
   };
+  const auto hangs = [=] {
+    sends({all[0], all[1], message(2, 43, head(0x81, 1, 0, 1) + word(5))})();
+    EXPECT_LE(takeAcknowledgement(), 0);
+  };
   const auto resets = [=] {
     sendAcknowledged(begun);
     const linger atOnce = {1, 0};
@@ -116,10 +120,13 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
   const std::string begunText = golden("begun.text");
   std::string rawCsv = golden("collection.csv");
   rawCsv.erase(rawCsv.find("'="), 1);
+  const std::string quotedJson =
+      std::regex_replace(golden("collection.json"), std::regex("-9223372036854775808"), "\"$&\"");
   const std::string early = ": the stream ends before the run's last message";
   const std::vector<Case> cases = {
       {"text", "", 0, 77, sends(all), 0, "", golden("collection.text")},
       {"json", "--type 2", 2, 77, sends(all), 0, "", golden("collection.json")},
+      {"json --big-as-text", "", 0, 77, sends(all), 0, "", quotedJson},
       {"csv", "--type 1", 1, 77, sends(all), 0, "", golden("collection.csv")},
       {"csv --csv-raw", "", 0, 77, sends(all), 0, "", rawCsv},
       {"text", "--selftest", 3, 77, sends(selfTest()), 0, "", golden("self-test.text")},
@@ -135,11 +142,18 @@ TEST_F(Collect, EndsAsTheBoardAndTheNetworkHaveIt) {
       {"text", "", 0, 77, resets, 4, "the connection broke: Connection reset by peer", begunText},
       {"text", "", 0, 77, waits("", SIGINT), 4, "interrupted", begunText},
       {"text", "", 0, 77, waits("", SIGTERM), 4, "interrupted", begunText},
-      {"text", "--timeout 2", 0, 77, waits(""), 3, "timed out: no more data from the board", begunText},
+      {"text", "--timeout 2", 0, 77, waits(""), 3,
+       "timed out: no more data from the board, which has reported nothing yet", begunText},
+      {"text", "--timeout 2", 0, 77, hangs, 3,
+       "timed out: no more data from the board, which reported caf\xC3\xA9 last",
+       begunText.substr(0, begunText.find("2 messages")) +
+           "item  name  section  key  kind  value\n   1  caf\xC3\xA9        0    1  int   5\n"
+           "3 messages, 1 records, 77 bytes, not whole\n"},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.arguments + c.err + c.printed);
     const std::string format = " --format " + c.format;
+    std::filesystem::remove("raw");
     launch(format + " --listen 127.0.0.2 --raw raw --sequence " + std::to_string(c.sequence) + " " + c.arguments);
     EXPECT_EQ(beginVisit(), word(16) + word(c.type) + word(c.sequence));
     EXPECT_STREQ(inet_ntoa(requests_.sender.sin_addr), "127.0.0.2");
@@ -215,20 +229,24 @@ TEST_F(Collect, ShowsWhatTheNamesMake) {
 
 TEST_F(Collect, TellsWhyThereIsNoRun) {
   const std::string port = requests_.port(), closedPort = Peer().port();
-  EXPECT_EQ(run("127.0.0.1 --timeout 0.05 --port 0" + port), 3) << "in decimal";
+  std::ofstream("kept") << "a run before";
+  EXPECT_EQ(run("127.0.0.1:0" + port + " --timeout 0.05 --raw kept"), 3) << "in decimal";
+  EXPECT_EQ(contentOf("kept"), "a run before");
   EXPECT_EQ(err(), "kep-collect: timed out: no connection from 127.0.0.1 port " + port + "\n");
   EXPECT_EQ(run("127.0.0.1 --port " + closedPort), 3);
   EXPECT_NE(err().find("Connection refused"), std::string::npos) << err();
   EXPECT_EQ(run(std::string(64, 'a') + ".invalid"), 3) << "no such name can exist";
 
-  expectWrongUsage("",
-                   "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|::1|a/b|a%b|' a'|--replay none|--replay .|"
-                   "--replay err --raw raw|--replay err --any-source|"
-                   "--replay err --width 9|--replay err --names ''|--replay err --names a --names-dir b");
+  expectWrongUsage(
+      "",
+      "|''|1.2.3|127.1|300.1.1.1|010.0.0.1|0x7f000001|::1|a/b|a%b|' a'|a:|a:0|:1|a:1 --port 1|--replay none|--replay .|"
+      "--replay err --raw raw|--replay err --any-source|"
+      "--replay err --width 9|--replay err --names ''|--replay err --names a --names-dir b");
   expectWrongUsage("localhost ",
                    "extra|--unknown|--port 0|--port 65536|--port 0x10|--type 3|--type 010|"
                    "--type 0 --selftest|--sequence -1|--sequence 2147483648|--sequence 0x1|--timeout 0|"
-                   "--timeout nan|--timeout 0x10|--watch -5|--format xml|--listen localhost|"
+                   "--timeout nan|--timeout 0x10|--watch -5|--until-pass|--watch 1 --selftest --until-pass|--format "
+                   "xml|--listen localhost|"
                    "--listen 1.2.3|--listen 0x7f.0.0.01|--listen 192.0.2.1|--listen 224.0.0.1|--listen "
                    "255.255.255.255|--raw ''|--raw no/such/folder|"
                    "--replay err");
@@ -397,13 +415,27 @@ TEST_F(Collect, WatchesUntilInterruptedWhateverBecomesOfARun) {
   takeRequest();
   command_->signal(SIGINT);
   EXPECT_EQ(command_->status(), 4) << "within the third run";
-  EXPECT_EQ(out(), golden("collection.csv").insert(37, "identity,,,,,,4b420000\n")) << "the header comes once";
+  const std::regex time("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ");
+  EXPECT_EQ(std::regex_replace(out(), time, "TIME"),
+            golden("collection.csv").insert(37, "run,,,,1,,TIME\nidentity,,,,,,4b420000\nrun,,,,2,,TIME\n"))
+      << "the header comes once";
 
   launch(" --sequence 77 --watch 1000");
   visit({collection()[0]});
   EXPECT_EQ(waitFor("err", "(cut) short"), "cut");
   command_->signal(SIGINT);
-  EXPECT_EQ(command_->status(), 1) << "of the last run that was not whole";
+  EXPECT_EQ(command_->status(), 1) << "of the last run";
+
+  std::ofstream("names") << "item.fan.tests.1 = { name = 'speed', pass = 1 }";
+  launch(" --sequence 77 --watch 0.001 --selftest --until-pass --names names");
+  for (const int speed : {0, 1}) {
+    visit({message(0, 77, "KB12"),
+           message(2, 1, head(0x83, 65535, 0, 0) + counted("fan") + head(0x81, 3, 0, 1) + word(speed)),
+           message(2, 2, "")});
+  }
+  EXPECT_EQ(command_->status(), 0);
+  EXPECT_NE(out().find("FAIL  1 of 1 tests failed, 1 of 1 items\n"), std::string::npos) << out();
+  EXPECT_NE(out().find("\nrun 2, "), std::string::npos) << out();
 }
 
 TEST_F(Collect, HelpsAsItsManPageDoes) { expectHelpAsInManPage(); }

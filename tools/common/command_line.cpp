@@ -83,6 +83,7 @@ void addStyle(CLI::App &app, kepserver::Style &style) {
   app.add_option_function<std::string>("--format", read, "How to print [text]")
       ->type_name("text|json|csv")
       ->check(CLI::IsMember({"text", "json", "csv"}));
+  app.add_flag("--big-as-text", style.bigAsText, "In json, whole numbers beyond 2^53 in quotes");
   app.add_flag("--csv-raw", style.csvRaw,
                "In csv, texts as they are, even those that a spreadsheet takes for formulas");
 }

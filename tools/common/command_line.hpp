@@ -31,7 +31,7 @@ CLI::Option *addNumber(CLI::App &app, const std::string &name, Number &variable,
 CLI::Option *addSeconds(CLI::App &app, const std::string &name, std::chrono::milliseconds &variable,
                         const std::string &help);
 
-// Adds --format and --csv-raw.
+// Adds --format, --big-as-text and --csv-raw.
 void addStyle(CLI::App &app, kepserver::Style &style);
 
 // Adds --width, for text with names.

@@ -14,6 +14,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -21,8 +22,10 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <utility>
 
 #include "common/command_line.hpp"
+#include "server/text.hpp"
 
 namespace kepcommand {
 
@@ -145,14 +148,30 @@ void acknowledge(int fd, std::chrono::milliseconds timeout) {
   }
 }
 
+// Where the board was, as far as it has said.
+std::string placeIn(const Run &run) {
+  if (run.values.empty()) return ", which has reported nothing yet";
+  const std::string name = printable(itemName(run, run.values.back()));
+  return ", which reported " + (name.empty() ? "item " + std::to_string(run.values.back().item) : name) + " last";
+}
+
+// What is no file, as a pipe, has nothing in it to go.
+void clearFile(int raw) {
+  if (ftruncate(raw, 0) < 0 && errno != EINVAL) failWithErrno(kBrokenOff, "cannot write the raw file");
+}
+
 // Returns when the board has closed the connection or the data is damaged.
 void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decoder, int raw) {
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // acknowledgements are small and waited for
   std::array<char, 4096> buffer;
+  bool hasBegun = false;
   while (!decoder.damage()) {
     pollfd entry = {fd, POLLIN, 0};
-    waitOrFail(&entry, 1, Clock::now() + timeout, "no more data from the board");
+    const Wake wake = waitUntil(&entry, 1, Clock::now() + timeout);
+    if (wake == Wake::kTimeout)
+      throw Failure{kNoAnswer, "timed out: no more data from the board" + placeIn(decoder.run())};
+    failIfSignalled();
     const ssize_t size = recv(fd, buffer.data(), buffer.size(), 0);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (size < 0) failWithErrno(kBrokenOff, "the connection broke");
@@ -160,6 +179,7 @@ void receiveRun(int fd, std::chrono::milliseconds timeout, StreamDecoder &decode
       decoder.finish();
       return;
     }
+    if (raw >= 0 && !std::exchange(hasBegun, true)) clearFile(raw);
     if (raw >= 0 && !writeAll(raw, buffer.data(), static_cast<size_t>(size))) {
       failWithErrno(kBrokenOff, "cannot write the raw file");
     }
@@ -184,6 +204,19 @@ int32_t randomSequence() {
     const auto sequence = static_cast<int32_t>(random());
     if (sequence != 0 && sequence != kNeverAnswered) return sequence;
   }
+}
+
+CLI::Option *addHost(CLI::App &app, const std::string &name, Request &request, const std::string &help) {
+  const auto read = [&app, name, &request](const std::string &text) {
+    const size_t colon = text.rfind(':');
+    request.host = text.substr(0, colon);
+    const std::string complaint = checkHost(request.host);
+    if (!complaint.empty()) throw CLI::ValidationError(name, complaint);
+    if (colon == std::string::npos) return;
+    if (app.count("--port") > 0) throw CLI::ValidationError(name, "a port in " + text + ", and --port");
+    request.port = static_cast<uint16_t>(wholeNumber(name, text.substr(colon + 1), 1, 65535));
+  };
+  return app.add_option_function<std::string>(name, read, help);
 }
 
 std::vector<CLI::Option *> addRequestOptions(CLI::App &app, Request &request) {

@@ -36,10 +36,14 @@ constexpr int32_t kNeverAnswered = -1;    // a board cannot tell this sequence f
 // answer to this one. 0 and kNeverAnswered mean something else.
 int32_t randomSequence();
 
+// Adds an option whose value is a HOST, or HOST:PORT; two ports are wrong usage.
+CLI::Option *addHost(CLI::App &app, const std::string &name, Request &request, const std::string &help);
+
 // Adds --port, --type, --listen, --any-source and --timeout, and returns them.
 std::vector<CLI::Option *> addRequestOptions(CLI::App &app, Request &request);
 
-// Asks the board once and takes its run to the end. The bytes received go to the file `raw` as well, unless it is -1.
+// Asks the board once and takes its run to the end. The bytes received go to the file `raw` as well, unless it is -1;
+// what is in it goes when the first of them come.
 Outcome collect(const Request &request, int raw);
 
 // Turns what the decoder found, after the stream's end, into an outcome, and takes its run.

@@ -28,7 +28,7 @@ using namespace kepserver;
 constexpr char kUsageText[] =
     "Usage: kep-collect HOST [OPTIONS]\n"
     "       kep-collect --replay FILE [--names FILE | --names-dir DIR] [--width N]\n"
-    "                   [--format text|json|csv] [--csv-raw]\n";
+    "                   [--format text|json|csv] [--big-as-text] [--csv-raw]\n";
 
 constexpr const char *kDescription =
     "Asks a board for a collection or a self-test run and prints what it sends, or\n"
@@ -47,12 +47,13 @@ constexpr const char *kExitStatuses =
     "  4  broken off: by SIGINT or SIGTERM, by a connection that was reset, or because\n"
     "     the output or the raw file could not be written or the file not be read\n"
     "  5  all whole, but a test has failed, or one that is named did not come\n"
-    "With --watch, the status of the last run that was not 0.\n";
+    "With --watch, the status of the last run.\n";
 
 struct Options {
   Request request;
   std::optional<int32_t> sequence;
   bool selfTest = false;
+  bool untilPass = false;
   std::chrono::milliseconds watch{0};  // 0: a single run
   std::string rawFile;
   std::string replayFile;
@@ -65,14 +66,18 @@ void addLiveOptions(CLI::App &app, Options &options, CLI::Option *replay) {
   const auto live = [replay](CLI::Option *option, const std::string &type) {
     return option->type_name(type)->excludes(replay);
   };
-  live(app.add_option("HOST", request.host, "Name or IPv4 address of the board"), "")->check(checkHost);
+  live(addHost(app, "HOST", request, "Name or IPv4 address of the board, and :PORT where it is another"), "");
   for (CLI::Option *option : addRequestOptions(app, request)) option->excludes(replay);
   live(app.add_flag("--selftest", options.selfTest, "Ask for a self-test run"), "")->excludes("--type");
   live(addNumber(app, "--sequence", options.sequence, INT32_MIN, INT32_MAX,
                  "Number of the first message, not -1; 0: the board's next [random]"),
        "N");
   live(addSeconds(app, "--watch", options.watch, "Start a run every so many seconds until interrupted"), "SECONDS");
-  live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run overwrites FILE"), "FILE")
+  app.add_flag("--until-pass", options.untilPass, "With names, watch self-tests until one passes")
+      ->needs("--selftest")
+      ->needs("--watch");
+  live(app.add_option("--raw", options.rawFile, "Keep the bytes received; every run that begins overwrites FILE"),
+       "FILE")
       ->check(checkFile);
 }
 
@@ -156,21 +161,19 @@ ExitStatus replayFile(Options &options, RunReporter &reporter) {
 }
 
 ExitStatus runOnce(Options &options, RunReporter &reporter) {
-  const Descriptor raw =
-      options.rawFile.empty() ? Descriptor(-1) : openFile(options.rawFile, O_WRONLY | O_CREAT | O_TRUNC);
+  const Descriptor raw = options.rawFile.empty() ? Descriptor(-1) : openFile(options.rawFile, O_WRONLY | O_CREAT);
   Outcome outcome = collect(options.request, raw.get());
   return report(std::move(outcome), std::time(nullptr), options, reporter);
 }
 
 // One run, or with a period to watch runs until a signal comes or the command itself cannot go on.
 ExitStatus runAll(Options &options, RunReporter &reporter) {
-  ExitStatus status = kGood;
-  for (;;) {
+  for (uint64_t number = 1;; ++number) {
     const Clock::time_point start = Clock::now();
     options.request.sequence = options.sequence ? *options.sequence : randomSequence();
-    const ExitStatus last = runOnce(options, reporter);
-    if (last != kGood) status = last;
-    if (options.watch.count() == 0 || last == kUsage) return status;
+    if (options.watch.count() != 0) reporter.stampNext(number, std::time(nullptr));
+    const ExitStatus status = runOnce(options, reporter);
+    if (options.watch.count() == 0 || status == kUsage || (options.untilPass && status == kGood)) return status;
     if (waitUntil(nullptr, 0, start + options.watch) == Wake::kSignal) return status;
   }
 }
@@ -182,7 +185,8 @@ ExitStatus runCommand(int argc, char **argv) {
   try {
     app.parse(argc, argv);
     if (options.request.host.empty() && options.replayFile.empty()) throw CLI::RequiredError("HOST or --replay");
-    if (options.style.width != 0 && !options.names.areGiven()) throw CLI::RequiredError("--names or --names-dir");
+    if ((options.style.width != 0 || options.untilPass) && !options.names.areGiven())
+      throw CLI::RequiredError("--names or --names-dir");
     if (options.sequence == kNeverAnswered) throw CLI::ValidationError("--sequence", "no board answers -1");
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? kGood : kUsage;

@@ -19,7 +19,8 @@ using namespace kepserver;
 
 constexpr char kUsageText[] =
     "Usage: kep-faultlog FILE [--names FILE] [--format text|json|csv] [--csv-raw]\n"
-    "                    [--fault NAME] [--type init|run|register|counter|value]\n"
+    "                    [--big-as-text] [--fault NAME]\n"
+    "                    [--type init|run|register|counter|value]\n"
     "       kep-faultlog FILE --check\n";
 
 constexpr const char *kDescription =

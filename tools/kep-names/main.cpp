@@ -50,10 +50,10 @@ void addOptions(CLI::App &app, Options &options) {
       app.add_option("--check", options.check, "Look for errors in FILE, and in what it includes (-: standard input)");
   CLI::Option *const lua = app.add_option("--lua", options.lua, "Print the names in FILE as a table of Lua");
   CLI::Option *const draft =
-      app.add_option("--draft", options.request.host, "Print a first names file for the board at HOST");
+      addHost(app, "--draft", options.request, "Print a first names file for the board at HOST, or HOST:PORT");
   check->type_name("FILE")->check(checkFile);
   lua->type_name("FILE")->check(checkFile)->excludes(check);
-  draft->type_name("HOST")->check(checkHost)->excludes(check)->excludes(lua);
+  draft->type_name("HOST")->excludes(check)->excludes(lua);
   for (CLI::Option *option : addRequestOptions(app, options.request)) option->needs(draft);
 }
 
