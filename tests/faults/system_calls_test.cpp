@@ -258,7 +258,7 @@ TEST(Service, IsStoppedByNothingThatHitsAnotherFile) {
   std::thread others([&] {
     Plan late("shutdown", EINTR, 1, kOn);
     for (; !isDone; usleep(100)) Collect_Stop();  // mostly while it waits
-    late.wasMet();  // on a slow machine each stop may come before the service
+    late.wasMet();                                // on a slow machine each stop may come before the service
   });
   for (int i = 0; i < 50; ++i) {
     EXPECT_EQ(Collect_Init(0), 0);
