@@ -56,6 +56,16 @@ void describe(CLI::App &app, const std::string &usage, const std::string &exitSt
   app.failure_message(complaint);
 }
 
+std::optional<ExitStatus> readLine(CLI::App &app, int argc, char **argv, const std::function<void()> &check) {
+  try {
+    app.parse(argc, argv);
+    check();
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? kGood : kUsage;
+  }
+  return std::nullopt;
+}
+
 int64_t wholeNumber(const std::string &option, const std::string &text, int64_t smallest, int64_t largest) {
   const std::optional<int64_t> number = decimal<int64_t>(text);
   if (number && *number >= smallest && *number <= largest) return *number;

@@ -5,14 +5,22 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 
+#include "common/process.hpp"
 #include "server/print.hpp"
 
 namespace kepcommand {
 
 // Gives a command its help and --version, and its complaints the command's name in front.
 void describe(CLI::App &app, const std::string &usage, const std::string &exitStatuses);
+
+// Reads a command's line, which `check` then looks at as a whole; either throws a CLI::ParseError. Returns the
+// command's status where there is nothing left to be done: the help is printed, or what is wrong.
+std::optional<ExitStatus> readLine(
+    CLI::App &app, int argc, char **argv, const std::function<void()> &check = [] {});
 
 // Throws a CLI::ParseError unless `text` is a whole number of that range, all decimal: a zero in front means nothing.
 int64_t wholeNumber(const std::string &option, const std::string &text, int64_t smallest, int64_t largest);

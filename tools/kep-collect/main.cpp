@@ -182,15 +182,14 @@ ExitStatus runCommand(int argc, char **argv) {
   Options options;
   CLI::App app(kDescription, "kep-collect");
   addOptions(app, options);
-  try {
-    app.parse(argc, argv);
+  const auto check = [&options] {
     if (options.request.host.empty() && options.replayFile.empty()) throw CLI::RequiredError("HOST or --replay");
-    if ((options.style.width != 0 || options.untilPass) && !options.names.areGiven())
+    if ((options.style.width != 0 || options.untilPass) && !options.names.areGiven()) {
       throw CLI::RequiredError("--names or --names-dir");
+    }
     if (options.sequence == kNeverAnswered) throw CLI::ValidationError("--sequence", "no board answers -1");
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? kGood : kUsage;
-  }
+  };
+  if (const auto status = readLine(app, argc, argv, check)) return *status;
   if (options.selfTest) options.request.type = kSelfTestRequest;
   options.names.prepare();
   fitToTerminal(options.style);

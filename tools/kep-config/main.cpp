@@ -144,12 +144,7 @@ ExitStatus runCommand(int argc, char **argv) {
   Options options;
   CLI::App app(kDescription, "kep-config");
   const CLI::Option *query = addOptions(app, options);
-  try {
-    app.parse(argc, argv);
-    settle(options, *query);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? kGood : kUsage;
-  }
+  if (const auto status = readLine(app, argc, argv, [&] { settle(options, *query); })) return *status;
   return options.asks ? runQuery(options) : runServer(options);
 }
 

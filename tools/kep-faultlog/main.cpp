@@ -96,11 +96,7 @@ ExitStatus runCommand(int argc, char **argv) {
   Options options;
   CLI::App app(kDescription, "kep-faultlog");
   addOptions(app, options);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? kGood : kUsage;
-  }
+  if (const auto status = readLine(app, argc, argv)) return *status;
   return run(options);
 }
 

@@ -95,14 +95,12 @@ ExitStatus runCommand(int argc, char **argv) {
   Options options;
   CLI::App app(kDescription, "kep-names");
   addOptions(app, options);
-  try {
-    app.parse(argc, argv);
+  const auto check = [&options] {
     if (options.check.empty() && options.lua.empty() && options.request.host.empty()) {
       throw CLI::RequiredError("--check, --lua or --draft");
     }
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? kGood : kUsage;
-  }
+  };
+  if (const auto status = readLine(app, argc, argv, check)) return *status;
   if (!options.check.empty()) return checkNames(options.check);
   if (options.lua.empty()) return draft(options);
   print(luaNames(readNamesFile(options.lua), options.lua));
