@@ -12,7 +12,7 @@ case "${1-}" in
   *) echo "usage: scripts/test.sh [--all]" >&2; exit 2 ;;
 esac
 
-need "${build_packages[@]}" "${tool_packages[@]}" "${board_packages[@]}" \
+need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
   git clang clang-format clang-tidy cppcheck libgtest-dev googletest pkg-config binutils mandoc iproute2 \
   python3 tshark \
   ${all:+gcovr valgrind "${fuzz_packages[@]}"}
