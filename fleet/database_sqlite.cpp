@@ -51,7 +51,7 @@ struct Reset {
   }
 };
 
-class Sqlite : public Database {
+class Sqlite final : public Database {
  public:
   Sqlite(const std::string &path, Access access) : path_(path) {
     if (access == Access::kWrite) makeFile();

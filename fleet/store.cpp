@@ -184,6 +184,7 @@ Written SqlStore::write(const std::vector<Run> &runs, const std::vector<Event> &
 
 Written SqlStore::writeOnce(const std::vector<Run> &runs, const std::vector<Event> &events) {
   std::vector<Coded> coded;
+  coded.reserve(runs.size());
   for (const Run &run : runs) coded.push_back({&run, dictionaries_.encode(run)});
   try {
     prepare(runs, events);
