@@ -1,10 +1,9 @@
-// string_time_test.cpp: formatting, hex dumps, clocks and zones. Splits and date patterns are for a harness to compare.
+// string_time_test.cpp: formatting, hex dumps, clocks. Splits and date patterns are for a harness to compare.
 #include <gtest/gtest.h>
 #include <kep/ZuString.h>
 #include <kep/ZuTime.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "containers/codec_model.hpp"
@@ -19,7 +18,6 @@ std::string timeText(const char *pattern, int64_t t) {
 }
 
 constexpr char kLong[] = "YYYY/MM/DD HH:MI:SS";
-constexpr time_t kMarch = 1709622489;  // 5 March 2024, 07:08:09 UTC
 
 }  // namespace
 
@@ -85,23 +83,4 @@ TEST(Time, ClocksFollowTheSystemsAndZeroMeansNow) {
 
   const std::string text = timeText(kLong, 0);
   EXPECT_TRUE(text >= timeText(kLong, now) && text <= timeText(kLong, ZuTime_Now())) << text;
-}
-
-TEST(Time, FollowsTheZoneWithTheNextCall) {
-  const std::string longZone = "<" + std::string(50, 'Z') + ">-", early = "EST5EDT,M1.1.0,M12.5.0";
-  const struct {
-    std::string zone, before;  // what TZ is, and what it was for the C library alone since the last call
-    time_t t;
-  } steps[] = {{"EAST-5", "", 0}, {"EAST-6", "", 0},  {"", "", 0},    {longZone + "1", "", 0}, {longZone + "2", "", 0},
-               {"none", "", 0},   {"none", early, 1}, {early, "", 1}, {"EST5EDT", "", 1},      {"EST5EDT", early, 2}};
-  for (const auto &[zone, before, later] : steps) {
-    if (!before.empty()) setenv("TZ", before.c_str(), 1), tzset();
-    zone == "none" ? unsetenv("TZ") : setenv("TZ", zone.c_str(), 1);
-    const time_t t = kMarch + later;
-    const std::string text = timeText("HH", t);
-    EXPECT_EQ(text, timeText("HH", t));
-    char expected[3];
-    std::strftime(expected, sizeof expected, "%H", std::localtime(&t));
-    EXPECT_EQ(text, expected) << zone << " " << before;
-  }
 }

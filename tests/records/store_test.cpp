@@ -97,19 +97,6 @@ TEST(Store, SaysHowItMakesRoom) {
   EXPECT_EQ(said, growth + begin + "2048\nfree addr:   1200\nuse  addr:   1200\nmaxsize: 2048\nfreesize: 0\n");
 }
 
-TEST(Store, ComparesKeysToTheEndOfTheBlock) {
-  const Store store = makeStore(1024);
-  put(store, "z", std::string(1020, '6'));
-  const std::string key = "z\x03\xFC" + std::string(1020, '6') + "??";  // the last byte is not compared
-  const auto found = [&](int32_t keyLength) {
-    int32_t cursor = -1;
-    return ZuInfo_Get(store.get(), key.c_str(), keyLength, &cursor, nullptr, nullptr, nullptr, nullptr);
-  };
-  EXPECT_EQ(found(1024), 1);
-  EXPECT_EQ(found(1025), 0) << "would go beyond";
-  EXPECT_EQ(found(-1), 0);
-}
-
 // A record at the start that claims to reach past the oldest, into what the walk has seen.
 TEST(Store, EndsAWalkThatADamagedLengthLeadsBack) {
   ZuInfo *info = ZuInfo_New(1024);

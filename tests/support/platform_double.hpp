@@ -34,9 +34,6 @@ int64_t liveBytes();
 std::vector<std::string> takePrintCalls();
 std::string takePrinted();
 
-// How often PLM_snprintf has been asked since the program began.
-int boundedPrints();
-
 // The milliseconds of the calls of VRK_Delay since the last call of this function.
 std::vector<uint32_t> takeDelays();
 
