@@ -25,8 +25,6 @@ std::vector<Peer> peersFor(size_t messages) {
       {"acknowledges with 1 byte", {0, Manner::kResets, 1}},
       {"acknowledges with 16 bytes", {0, Manner::kResets, 16}},
       {"acknowledges with 17 bytes", {0, Manner::kResets, 17}},
-      {"acknowledges byte by byte", {0, Manner::kResets, 16, true}},
-      {"reads a byte a second", {0, Manner::kResets, 4, false, 1000}, "rs", false, kAck},
       {"acknowledges two messages at once", {2, Manner::kFallsSilent, 32}, "..rs", false, kAck},
       {"acknowledges three messages at once", {2, Manner::kFallsSilent, 33}, "...rs", false, kAck},
       {"acknowledges all at once and reads no more", {1, Manner::kStopsReading, kFlood / 32}, ".s", true, kSend},

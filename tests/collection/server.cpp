@@ -141,7 +141,7 @@ Server::~Server() {
 }
 
 void Server::begin() {
-  if (manner_.readPauseMs > 0 || manner_.ending == Manner::kStopsReading) {
+  if (manner_.ending == Manner::kStopsReading) {
     // Small buffers, the client's too, which goes by the segments: what is not read soon holds it up.
     const int bytes = 1, segment = 536;
     setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
@@ -179,39 +179,30 @@ void Server::serve() {
 }
 
 bool Server::readMessage() {
+  const auto receive = [this](char *out, size_t size) {  // no bytes at once: a receive of none waits for some
+    return size == 0 ? 0 : static_cast<size_t>(std::max<ssize_t>(recv(connection_, out, size, MSG_WAITALL), 0));
+  };
   std::string bytes(12, '\0');
   if (receive(bytes.data(), 12) != 12) return false;
   const auto size = static_cast<size_t>(std::max(wire::wordAt(bytes, 0), 12));
   bytes.resize(std::min<size_t>(size, 100000));
-  // A receive of no bytes would wait for the next message.
-  if (bytes.size() > 12) bytes.resize(12 + receive(bytes.data() + 12, bytes.size() - 12));
+  bytes.resize(12 + receive(bytes.data() + 12, bytes.size() - 12));
   messages_.push_back(bytes);
   ++messageCount_;
   return bytes.size() == size;
-}
-
-size_t Server::receive(char *out, size_t size) {
-  if (manner_.readPauseMs == 0) {
-    return static_cast<size_t>(std::max<ssize_t>(recv(connection_, out, size, MSG_WAITALL), 0));
-  }
-  size_t got = 0;
-  while (got < size && recv(connection_, out + got, 1, 0) == 1) {
-    ++got;
-    awaitHangUp(manner_.readPauseMs);
-  }
-  return got;
 }
 
 // False when the connection is over.
 bool Server::answer() {
   if (manner_.endsAt == 0 || messages_.size() < manner_.endsAt) return acknowledge(), true;
   const linger atOnce = {1, 0};
+  pollfd client = {connection_, POLLRDHUP, 0};
   switch (manner_.ending) {
     case Manner::kFallsSilent: return true;
     case Manner::kResets: setsockopt(connection_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce); return false;
     case Manner::kStopsReading:
       acknowledge();
-      awaitHangUp(-1);
+      poll(&client, 1, -1);
       return false;
     default: return false;
   }
@@ -221,16 +212,7 @@ void Server::acknowledge() {
   char next;
   if (recv(connection_, &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0) hurried_ = true;
   const std::string ack(manner_.ackSize, 'A');
-  const size_t step = manner_.acksBytewise ? 1 : ack.size();
-  for (size_t sent = 0; sent < ack.size(); sent += step) {
-    send(connection_, ack.data(), step, MSG_NOSIGNAL);
-    if (manner_.acksBytewise) awaitHangUp(1);
-  }
-}
-
-void Server::awaitHangUp(int timeoutMs) {
-  pollfd client = {connection_, POLLRDHUP, 0};
-  poll(&client, 1, timeoutMs);
+  send(connection_, ack.data(), ack.size(), MSG_NOSIGNAL);
 }
 
 static int countDescriptors(int flags) {

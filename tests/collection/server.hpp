@@ -59,9 +59,7 @@ struct Manner {
   };
   size_t endsAt = 0;  // the message (1: the first) with which, in place of an acknowledgement, it ends; 0: none
   Ending ending = kResets;
-  size_t ackSize = 4;         // bytes that acknowledge a message
-  bool acksBytewise = false;  // in as many packets
-  int readPauseMs = 0;        // reads byte by byte, so long after one another; 0: as it comes
+  size_t ackSize = 4;  // bytes that acknowledge a message
 };
 
 // Takes one connection and reads its messages on a thread of its own.
@@ -90,10 +88,8 @@ class Server {
   void fillQueue(const char *address);
   void serve();
   bool readMessage();
-  size_t receive(char *out, size_t size);
   bool answer();
   void acknowledge();
-  void awaitHangUp(int timeoutMs);
 
   const Manner manner_;
   int listener_;
