@@ -114,8 +114,8 @@ TEST(Client, TellsHowMuchOfAValueItHasWritten) {
   EXPECT_EQ(CollectClient_CollectBuffer(1, 2, 3, value.data(), 1009), 1009);  // fills a message and is whole
   EXPECT_EQ(CollectClient_CollectString(1, 2, 3, value.data(), 1010), 1009);
   CollectClient_End();
-  EXPECT_EQ(server.messages().at(1).substr(12, 15), wire::bytes("84 00000001 00000002 00000003 03F1"));
-  EXPECT_EQ(server.messages().at(2).substr(12, 15), wire::bytes("03 00000001 00000002 00000003 03F1"));
+  EXPECT_EQ(server.messages().at(1).substr(12, 15), bytesOf("84 00000001 00000002 00000003 03F1"));
+  EXPECT_EQ(server.messages().at(2).substr(12, 15), bytesOf("03 00000001 00000002 00000003 03F1"));
 }
 
 TEST(Client, LeavesNothingOfAFailedRunToTheNext) {
@@ -133,7 +133,7 @@ TEST(Client, LeavesNothingOfAFailedRunToTheNext) {
   Server next;
   start(next);
   CollectClient_End();
-  EXPECT_EQ(next.messages().at(0).substr(0, 8), wire::bytes("0000000C 00000000"));
+  EXPECT_EQ(next.messages().at(0).substr(0, 8), bytesOf("0000000C 00000000"));
   EXPECT_EQ(output.take(), "recv error.\nsend error.\nconnect error.\n");
 }
 

@@ -181,7 +181,7 @@ TEST_F(Runs, ServesTheItemsOfItsCatalogueUnderTheirIndexes) {
       EXPECT_EQ(host::start(type, server.port(), 7), 1);
       const std::vector<std::string> messages = server.messages();
       EXPECT_EQ(called, "ac");
-      EXPECT_NE(messages.at(messages.size() - 2).find(wire::bytes("81 00000002 00000000 00000001 00000002")),
+      EXPECT_NE(messages.at(messages.size() - 2).find(bytesOf("81 00000002 00000000 00000001 00000002")),
                 std::string::npos);
       Collect_Release(items[1]);  // once more, freed as it is
       EXPECT_EQ(g_collect_param.count, 2);

@@ -84,19 +84,6 @@ int32_t start(int32_t type, int32_t port, int32_t sequence) {
   return Collect_Start("127.0.0.1", port, type, sequence, 0xAB, 0xCD);
 }
 
-namespace {
-
-bool isListening() {
-  for (int fd = 0; fd < 100; ++fd) {
-    sockaddr_in name{};
-    socklen_t size = sizeof name;
-    if (getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size) == 0 && name.sin_port == htons(9099)) return true;
-  }
-  return false;
-}
-
-}  // namespace
-
 const std::string &Service::address() {
   static const std::string address = [pid = getpid()] {
     const int bytes[] = {128 | pid >> 16, pid >> 8 & 255, pid & 255};
@@ -112,7 +99,7 @@ Service::Service(int32_t (*serve)()) {
     result_ = serve();
     hasReturned_ = true;
   });
-  while (!isListening() && !hasReturned_) std::this_thread::yield();
+  while (!isBound(9099) && !hasReturned_) std::this_thread::yield();
 }
 
 void Service::awaitSleep() const {

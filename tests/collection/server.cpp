@@ -11,32 +11,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <fstream>
 
 namespace wire {
-
-std::string bytes(const char *hexDigits) {
-  std::string bytes;
-  for (; *hexDigits; hexDigits += *hexDigits == ' ' ? 1 : 2) {
-    if (*hexDigits != ' ') bytes += static_cast<char>(std::stoi(std::string(hexDigits, 2), nullptr, 16));
-  }
-  return bytes;
-}
-
-static std::string number(uint64_t value, size_t size) {
-  std::string bytes;
-  while (size > 0) bytes += static_cast<char>(value >> 8 * --size & 0xFF);
-  return bytes;
-}
-
-std::string word(int64_t value) { return number(static_cast<uint64_t>(value), 4); }
-
-std::string counted(const std::string &bytes) { return number(bytes.size(), 2) + bytes; }
-
-static std::string head(int type, int32_t index, int32_t section, int32_t key) {
-  return static_cast<char>(type) + word(index) + word(section) + word(key);
-}
 
 std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port) {
   return word(length) + word(type) + word(sequence) + word(port);
@@ -50,12 +26,12 @@ int32_t wordAt(const std::string &bytes, size_t offset) {
 
 void Stream::putInt(int32_t index, int32_t section, int32_t key, int32_t value) {
   if (room() < 17) flush();
-  append(head(0x81, index, section, key) + word(value));
+  append(board::head(0x81, index, section, key) + word(value));
 }
 
 void Stream::putLong(int32_t index, int32_t section, int32_t key, int64_t value) {
   if (room() < 21) flush();
-  append(head(0x82, index, section, key) + number(static_cast<uint64_t>(value), 8));
+  append(board::head(0x82, index, section, key) + board::number(static_cast<uint64_t>(value), 8));
 }
 
 void Stream::put(int type, int32_t index, int32_t section, int32_t key, std::string bytes) {
@@ -64,13 +40,13 @@ void Stream::put(int type, int32_t index, int32_t section, int32_t key, std::str
     const std::string piece = bytes.substr(0, room() - 15);
     bytes.erase(0, piece.size());
     more = !bytes.empty();
-    append(head(more ? type : type | 0x80, index, section, key) + counted(piece));
+    append(board::head(static_cast<uint8_t>(more ? type : type | 0x80), index, section, key) + counted(piece));
   }
 }
 
 void Stream::flush(int32_t sequence) {
   if (sequence == 0) sequence = ++sequence_;
-  messages_.push_back(word(static_cast<int64_t>(payload_.size()) + 12) + word(type_) + word(sequence) + payload_);
+  messages_.push_back(board::message(type_, sequence, payload_));
   payload_.clear();
 }
 
@@ -114,10 +90,11 @@ void ask(const std::string &datagram, int32_t port, const char *address, const s
 }
 
 bool isBound(int32_t port) {
-  std::ifstream table("/proc/net/udp");
-  unsigned bound = 0;
-  for (std::string line; std::getline(table, line);) {
-    if (std::sscanf(line.c_str(), " %*d: %*x:%x", &bound) == 1 && bound == static_cast<unsigned>(port)) return true;
+  for (int fd = 0; fd < 100; ++fd) {
+    sockaddr_in name{};
+    socklen_t size = sizeof name;
+    const bool isNamed = getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size) == 0;
+    if (isNamed && ntohs(name.sin_port) == port) return true;
   }
   return false;
 }

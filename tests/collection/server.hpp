@@ -8,11 +8,11 @@
 #include <thread>
 #include <vector>
 
+#include "server/board_stream.hpp"
+
 namespace wire {
 
-std::string bytes(const char *hexDigits);       // blanks are passed over
-std::string word(int64_t value);                // 4 bytes, big endian
-std::string counted(const std::string &bytes);  // behind a length of 2 bytes
+using board::counted, board::word;
 std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port);
 
 int32_t wordAt(const std::string &bytes, size_t offset);
@@ -107,7 +107,7 @@ class Server {
 void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1",
          const std::string &board = "127.0.0.1");
 
-// Whether a UDP socket of this machine is bound to the port.
+// Whether a socket of this process is bound to the port.
 bool isBound(int32_t port);
 
 // Opens a socket of this kind at an address of loopback.

@@ -50,9 +50,7 @@ class TextTable : public testing::Test {
   std::string appended() {
     ZuBuf *buffer = ZuBuf_New(1, 16, 0);
     ZuTable_ShowToBuf(table_, buffer);
-    void *text = nullptr;
-    ZuBuf_Get(buffer, 0, &text);
-    std::string all(static_cast<char *>(text), ZuBuf_Length(buffer));
+    const std::string all = heldBy(buffer);
     ZuBuf_Release(buffer);
     return all;
   }

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <thread>
 
@@ -136,12 +134,12 @@ TEST(Zone, IsFollowedAndLookedAtOnceASecondAndWhenTZIsAnotherOne) {
     bool looks;
     std::string before;  // what TZ was for the C library alone since the last time
   } steps[] = {
-      {"none", 0, true, ""},    {"none", 0, false, ""},        {"none", 1, true, ""},
-      {"none", 0, true, ""},    {"none", 0, false, ""},        {"EAST-5", 0, true, ""},
-      {"EAST-6", 0, true, ""},       {"none", 0, true, ""},
-      {"", 0, true, ""},        {longZone + "1", 0, true, ""}, {longZone + "2", 0, true, ""},
-      {"none", 0, true, early}, {"none", 0, true, early},      {early, 0, true, ""},
-      {"EST5EDT", 0, true, ""}, {"EST5EDT", 0, true, early},
+      {"none", 0, true, ""},         {"none", 0, false, ""},        {"none", 1, true, ""},
+      {"none", 0, true, ""},         {"none", 0, false, ""},        {"EAST-5", 0, true, ""},
+      {"EAST-6", 0, true, ""},       {"none", 0, true, ""},         {"", 0, true, ""},
+      {longZone + "1", 0, true, ""}, {longZone + "2", 0, true, ""}, {"none", 0, true, early},
+      {"none", 0, true, early},      {early, 0, true, ""},          {"EST5EDT", 0, true, ""},
+      {"EST5EDT", 0, true, early},
   };
   time_t t = 1709622489;
   for (const auto &[zone, second, looks, before] : steps) {
@@ -347,17 +345,11 @@ ZuFault *fault() {
   return fault;
 }
 
-// "none" if there is no file.
-std::string content(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
-}
-
 // Runs a collection with one value more, or none, and returns its file.
 std::string collect(uint32_t value) {
   if (value > 0) ZuFault_SetRegist(fault(), value, 0);
   ZuFault_Start();
-  return content(kFile);
+  return contentOf(kFile);
 }
 
 // Runs a collection whose n-th call fails, or is the last of a process of its own. True if there was such a call.
@@ -395,7 +387,7 @@ TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
         ASSERT_TRUE(!c.isLinked || symlink("nowhere", kBeside.c_str()) == 0);
         ZuFault_SetRegist(fault(), 2, 0);
         isMet = failsAt(n, error);
-        const std::string file = content(kFile), whole = logs + value(2);
+        const std::string file = contentOf(kFile), whole = logs + value(2);
         const bool isOld = file == logs + value(1), isKilled = error == Plan::kAct;
         const bool succeeds = !isKilled && ZuFault_GetResult() == 1;
         EXPECT_TRUE(isOld || file == whole.substr(0, file.size()));
@@ -414,7 +406,7 @@ TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
     EXPECT_EQ(syncing.wasMet() + noFolder.wasMet(), c.isSafe ? 2 : 0);
   }
   EXPECT_EQ(openDescriptors(), descriptors);
-  EXPECT_EQ(content("nowhere"), "none");
+  EXPECT_EQ(contentOf("nowhere"), "none");
   std::remove(kFile.c_str());
 }
 

@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <thread>
@@ -46,27 +44,11 @@ class Faults : public testing::Test {
   // Runs a collection and returns its file, "none" if there is none.
   static std::string collect() {
     ZuFault_Start();
-    std::ifstream file(KEP_FAULT_LOG_PATH, std::ios::binary);
-    return file ? withoutTimes(std::string(std::istreambuf_iterator<char>(file), {})) : "none";
+    return withoutTimes(contentOf(KEP_FAULT_LOG_PATH));
   }
 
   static std::string printed() { return withoutTimes(platform::takePrinted()); }
 };
-
-// Digits in pairs stand for bytes, 'text' for itself, T for a time.
-std::string bytes(const std::string &notation) {
-  std::string out;
-  for (size_t i = 0; i < notation.size(); ++i) {
-    if (notation[i] == '\'') {
-      for (++i; notation[i] != '\''; ++i) out += notation[i];
-    } else if (notation[i] == 'T') {
-      out += "MM/DD HH:MI:SS";
-    } else if (notation[i] != ' ') {
-      out += static_cast<char>(std::stoi(notation.substr(i++, 2), nullptr, 16));
-    }
-  }
-  return out;
-}
 
 TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   EXPECT_EQ(collect(), "none") << "before the first registration";
@@ -103,18 +85,18 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   ZuInfo_Append(g_ZuFault_Info, "\0\0\0", 3, "x", 1);
   ZuInfo_Append(g_ZuFault_Info, "\0\2", 2, "x", 1);
 
-  const std::string logs = bytes(
+  const std::string logs = bytesOf(
       "0016 'log net ' T 000A 'log net up'    0016 'log net ' T 000D 'log net shown'"
       "0016 'run net ' T 000C 'run net late'"
       "0017 'run disk ' T 000C 'run disk run' 0017 'run disk ' T 0009 'run disk ' 0000");
-  EXPECT_EQ(collect(), logs + bytes("000D 04 00 'net' 00000010 00000020"
-                                    "0012 05 01 'disk' 00000011 0102030405060708"
-                                    "0010 04 02 'net' 00000012 00000003 'abc'"
-                                    "000D 04 03 'net' FFFFFFFF 80000000"
-                                    "0011 04 04 'net' 00000001 FFFFFFFFFFFFFFFE"
-                                    "000E 05 05 'disk' 00000002 00000000"
-                                    "000F 04 06 'net' 00000003 00000002 00FF"
-                                    "000D 04 00 'net' 00000001 00000002"));
+  EXPECT_EQ(collect(), logs + bytesOf("000D 04 00 'net' 00000010 00000020"
+                                      "0012 05 01 'disk' 00000011 0102030405060708"
+                                      "0010 04 02 'net' 00000012 00000003 'abc'"
+                                      "000D 04 03 'net' FFFFFFFF 80000000"
+                                      "0011 04 04 'net' 00000001 FFFFFFFFFFFFFFFE"
+                                      "000E 05 05 'disk' 00000002 00000000"
+                                      "000F 04 06 'net' 00000003 00000002 00FF"
+                                      "000D 04 00 'net' 00000001 00000002"));
   EXPECT_EQ(printed(), "start callback [net]\nend callback [net]\n");
   EXPECT_EQ(g_ZuFault_Info, nullptr);
 
@@ -122,7 +104,7 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   EXPECT_EQ(ZuFault_SetFile(longest.c_str(), 1), 1);
   EXPECT_EQ(ZuFault_SetFile(("/" + longest).c_str(), 0) | ZuFault_SetFile("", 0), 0);
   ZuFault_SetCounter(disk, 5, 6);  // the logs come again, of the values only the new one
-  EXPECT_EQ(collect(), logs + bytes("000E 05 03 'disk' 00000005 00000006 000D 04 00 'net' 00000001 00000002"));
+  EXPECT_EQ(collect(), logs + bytesOf("000E 05 03 'disk' 00000005 00000006 000D 04 00 'net' 00000001 00000002"));
 }
 
 // ---- whatever the file is
@@ -239,8 +221,8 @@ TEST_F(Faults, CutsWhatALengthFieldCannotSay) {
   ZuFault_SetInitLog(fault, 1, 0, longest.c_str());
   ZuFault_SetValue(fault, 1, longest.data(), 65527);
   for (const int length : {65528, -1}) ZuFault_SetRegistEx(fault, 3, longest.data(), length);
-  EXPECT_EQ(collect(), bytes("0016 'log net ' T FFFF 'log net '") + longest.substr(0, 65527) +
-                           bytes("0000 FFFF 04 06 'net' 00000001 0000FFF7") + longest.substr(0, 65522));
+  EXPECT_EQ(collect(), bytesOf("0016 'log net ' T FFFF 'log net '") + longest.substr(0, 65527) +
+                           bytesOf("0000 FFFF 04 06 'net' 00000001 0000FFF7") + longest.substr(0, 65522));
 }
 
 TEST_F(Faults, NamesAreCutAndPositionsWrapAt256) {
@@ -249,7 +231,7 @@ TEST_F(Faults, NamesAreCutAndPositionsWrapAt256) {
   ZuFault_Regist(name.c_str(), nullptr);
   for (int i = 1; i < 256; ++i) ZuFault_Regist("x", nullptr);
   ZuFault_SetCounter(ZuFault_Regist("late", nullptr), 1, 2);  // its index is that of the first
-  EXPECT_EQ(collect(), bytes("0000 0020 17 03") + name.substr(0, 22) + bytes("00000001 00000002"));
+  EXPECT_EQ(collect(), bytesOf("0000 0020 17 03") + name.substr(0, 22) + bytesOf("00000001 00000002"));
 }
 
 }  // namespace

@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -163,6 +165,31 @@ int PLM_snprintf(char *buffer, size_t size, const char *format, ...) {
   const int length = std::vsnprintf(buffer, size, format, args);
   va_end(args);
   return length;
+}
+
+std::string heldBy(ZuBuf *buffer) {
+  void *text = nullptr;
+  ZuBuf_Get(buffer, 0, &text);
+  return text ? std::string(static_cast<char *>(text), ZuBuf_Length(buffer)) : "";
+}
+
+std::string contentOf(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
+}
+
+std::string bytesOf(const std::string &notation) {
+  std::string out;
+  for (size_t i = 0; i < notation.size(); ++i) {
+    if (notation[i] == '\'') {
+      for (++i; notation[i] != '\''; ++i) out += notation[i];
+    } else if (notation[i] == 'T') {
+      out += "MM/DD HH:MI:SS";
+    } else if (notation[i] != ' ') {
+      out += static_cast<char>(std::stoi(notation.substr(i++, 2), nullptr, 16));
+    }
+  }
+  return out;
 }
 
 StdoutCapture::StdoutCapture() {

@@ -3,6 +3,8 @@
 // gives the library a lock before anything else is called.
 #pragma once
 
+#include <kep/ZuBuf.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -38,6 +40,15 @@ std::string takePrinted();
 std::vector<uint32_t> takeDelays();
 
 }  // namespace platform
+
+// Digits in pairs stand for bytes, 'text' for itself, T for a time that is masked.
+std::string bytesOf(const std::string &notation);
+
+// What a buffer of bytes holds.
+std::string heldBy(ZuBuf *buffer);
+
+// What is in a file, "none" if there is none.
+std::string contentOf(const std::string &path);
 
 // Catches what goes to standard output directly, descriptor and stdio alike, until it is taken or destroyed.
 class StdoutCapture {
