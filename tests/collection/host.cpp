@@ -59,7 +59,7 @@ int32_t reportLogs(int32_t) {
 
 void registerItems() {
   fault = ZuFault_Regist("fault", nullptr);
-  ZuFault_SetInitLog(fault, 1, 0, "up");
+  ZuFault_SetInitLog(fault, 1, 0, "u");
   ZuFault_SetInitLog(fault, 1, 0, "");
   setContent(0);
   figures = Collect_New("figures", reportFigures, testFigures);
@@ -147,7 +147,7 @@ Run::Run(int32_t type, int32_t sequence, int32_t lastNumber) : stream(lastNumber
     stream.putBuffer(0, 0, 6, text(1100));
     flushAndCheck(beginAndEnd("[figures] "));
     flushAndCheck(beginAndEnd("[a name longer than ] "));  // it reports nothing
-    const std::string time = "##/## ##:##:##", initLog[] = {time, "up", time, ""}, runLog[] = {time, text(1100)};
+    const std::string time = "##/## ##:##:##", initLog[] = {time, "u", time, ""}, runLog[] = {time, text(1100)};
     for (const std::string &record : initLog) stream.putString(3, 0, 7, record);
     for (const std::string &record : runLog) stream.putString(3, 0, 8, record);
     for (const std::string &record : initLog) stream.putString(3, 0, 9, record);

@@ -130,6 +130,7 @@ TEST_F(Logger, ShowsRecordsLineByLineAndPausesAtEveryHundredth) {
 TEST_F(Logger, StacksHeadersAndCutsTexts) {
   ZuLogger_SetFileName(nullptr, "x"), ZuLogger_SetUDP(nullptr, "x", 1), ZuLogger_Header(nullptr, "x");
   ZuLogger_Header(logger_, nullptr), ZuLogger_Tail(nullptr), ZuLogger_Tail(logger_);
+  ZuLogger_Header(logger_, "gone"), ZuLogger_Tail(logger_);
   for (int i = 0; i < 101; ++i) ZuLogger_Header(logger_, std::to_string(i).c_str());
   EXPECT_EQ(logger_->headers[0] + std::string(" ") + logger_->headers[98] + " " + logger_->headers[99], "0 98 100");
   ZuLogger_Tail(logger_);
