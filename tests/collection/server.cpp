@@ -1,16 +1,16 @@
 #include "collection/server.hpp"
 
-#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+
+#include "transport/own_network.hpp"
 
 namespace wire {
 
@@ -52,21 +52,9 @@ void Stream::flush(int32_t sequence) {
 
 }  // namespace wire
 
-namespace {
-
-sockaddr_in addressOf(const char *address, int32_t port) {
-  sockaddr_in name{};
-  name.sin_family = AF_INET;
-  name.sin_addr.s_addr = inet_addr(address);
-  name.sin_port = htons(static_cast<uint16_t>(port));
-  return name;
-}
-
-}  // namespace
-
 int openSocket(int kind, const char *address, int32_t *portOut) {
   const int fd = socket(AF_INET, kind | SOCK_CLOEXEC, 0);
-  sockaddr_in name = addressOf(address, 0);
+  sockaddr_in name = socketAddress(address, 0);
   socklen_t size = sizeof name;
   EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&name), size), 0);
   EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size), 0);
@@ -83,7 +71,7 @@ int32_t closedPort() {
 void ask(const std::string &datagram, int32_t port, const char *address, const std::string &board) {
   int32_t ownPort;
   const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
-  const sockaddr_in to = addressOf(board.c_str(), port);
+  const sockaddr_in to = socketAddress(board, port);
   EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
             static_cast<ssize_t>(datagram.size()));
   close(fd);
@@ -131,7 +119,7 @@ void Server::begin() {
 // With room for one, a connection that nobody takes keeps all others waiting.
 void Server::fillQueue(const char *address) {
   EXPECT_EQ(listen(listener_, 0), 0);
-  const sockaddr_in name = addressOf(address, port_);
+  const sockaddr_in name = socketAddress(address, port_);
   queued_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   EXPECT_EQ(connect(queued_, reinterpret_cast<const sockaddr *>(&name), sizeof name), 0);
   pollfd queue = {listener_, POLLIN, 0};

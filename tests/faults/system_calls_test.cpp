@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <optional>
+#include <set>
 #include <thread>
 
 #include "Kep.hpp"
@@ -332,13 +333,15 @@ TEST(Queries, GiveTheDefaultAndAskAgainOnceAServerIsKnown) {
 const std::string kFile = "system_calls_test.log", kBeside = kFile + ".new";
 const std::string kValueHead("\0\15\4\0net", 7);  // then id and value
 
+void (*callback)() = [] {};
+
 // The one whose logs take several writes.
 ZuFault *fault() {
   static ZuFault *fault;
   static ZuList *ofOtherTests;
   if (fault) return fault;
   ofOtherTests = std::exchange(g_ZuFault_List, ofOtherTests);
-  fault = ZuFault_Regist("net", nullptr);
+  fault = ZuFault_Regist("net", [] { callback(); });
   for (const size_t size : {5U, 2000U, 900U, 900U, 2000U, 10U}) {
     ZuFault_SetInitLog(fault, 1, 0, "up"), ZuFault_SetRunLog(fault, 1, 0, std::string(size, 'x').c_str());
   }
@@ -408,6 +411,50 @@ TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_EQ(contentOf("nowhere"), "none");
   std::remove(kFile.c_str());
+}
+
+uint32_t recorded;
+std::set<uint32_t> evicted;
+int64_t latest = -1;
+int runs;
+
+// On another thread, during a run: there is no waiting for its lock, and no second run.
+void record() {
+  static int calls;
+  for (int count = calls++ % 12 == runs % 12 ? 150 : 5; count > 0; --count) {
+    const Locked locked;
+    if (!g_ZuFault_Info) g_ZuFault_Info = ZuInfo_New(4096);  // small, and at times full
+    uint32_t oldest = recorded - numberOfNext(g_ZuFault_Info) + numberOfOldest(g_ZuFault_Info);
+    ZuFault_SetRegist(fault(), recorded++, 0);
+    const uint32_t left = recorded - numberOfNext(g_ZuFault_Info) + numberOfOldest(g_ZuFault_Info);
+    while (oldest < left) evicted.insert(oldest++);
+  }
+  ZuFault_Start();
+}
+
+TEST(FaultFile, HasEveryValueOnceThatIsNotEvicted) {
+  if (!platform::isLocking()) GTEST_SKIP() << "nobody records meanwhile without a lock";
+  fault(), callback = [] { ++runs, ZuFault_SetFile("system_calls_test.late", 0); };
+  Plan::action = [] { std::thread(record).join(); };
+  for (int run = 0; run < 90; ++run) {
+    ZuFault_SetFile(kFile.c_str(), run % 5), std::remove(kFile.c_str());
+    std::optional<Plan> recording, failing;
+    if (run < 89) recording.emplace("*", Plan::kAct, 1, kOn);
+    if (run % 5 == 2) failing.emplace("rename", EIO);
+    const std::string file = collect(0);
+    EXPECT_EQ(runs, run + 1);
+    EXPECT_EQ(file == "none", failing.has_value());
+    for (size_t i = file.find(kValueHead); i < file.size(); i += kValueHead.size() + 8) {
+      const int64_t number = wire::wordAt(file, i + kValueHead.size());
+      EXPECT_GT(number, latest);
+      while (++latest < number) ASSERT_EQ(evicted.count(static_cast<uint32_t>(latest)), 1U) << latest;
+    }
+  }
+  EXPECT_EQ(latest + 1, recorded);
+  EXPECT_FALSE(evicted.empty());
+  EXPECT_EQ(g_ZuFault_Info, nullptr);
+  std::remove(kFile.c_str());
+  callback = [] {};
 }
 
 }  // namespace
