@@ -71,8 +71,8 @@ class TextTable : public testing::Test {
 TEST_F(TextTable, DrawsEveryTypeAndAlignment) {
   ZuTable_SetCaption(table_, "Load");
   column(0, "Name", kText, "%s");
-  column(1, "Double", kDouble, "%.2f", 'R'), column(2, "F", kFloat, "%.1lf", 'L');
-  column(3, "Int", kInt32, "%i", 'r'), column(4, "Long", kInt64, "%lld", 'l');
+  column(1, "Double", kDouble, "%.2lf", 'R'), column(2, "F", kFloat, "%.1lf", 'L');
+  column(3, "Int", kInt32, "%i", 'r'), column(4, "Long", kInt64, "%lli", 'l');
   cell(0, 0, "ab"), cell(0, 1, 1.5), cell(0, 2, 0.5F), cell(0, 3, 7), cell(0, 4, int64_t{123456789012});
   cell(1, 1, 2.25), cell(1, 2, -1.5F), cell(1, 3, -3), cell(1, 4, int64_t{1});
   cell(3, 0, "longer name");
