@@ -95,7 +95,7 @@ void putText(Sink &out, const Part &part) {
 
 void putEnd(Sink &out, const Part &part) {
   const Run &run = part.run;
-  if (part.before && isEmpty(part)) out << "nothing has changed\n";
+  if (part.before && run.whole && isEmpty(part)) out << "nothing has changed\n";
   out << run.messageCount << " messages, " << run.recordCount << " records, " << run.byteCount << " bytes"
       << (run.whole ? "" : ", not whole") << '\n';
 }

@@ -72,14 +72,15 @@ ExitStatus Report::write(size_t board, Outcome outcome, Heading heading, int64_t
   reporter_.setHeading(heading);
   const bool hasBefore = options_.onlyChanges && before_[board];
   print(outcome, names, collected, hasBefore ? &*before_[board] : nullptr);
+  const bool isBrokenOff = signalled();  // be it while it was printed
   if (!outcome.diagnostic.empty()) {
     // Who has not come is named already.
     complain((areMany_ && outcome.connected ? heading.board + ": " : "") + outcome.diagnostic);
   }
   if (options_.onlyChanges && outcome.run.whole) before_[board].emplace(std::move(outcome.run));
-  if (!signalled()) return outcome.status;
+  if (!isBrokenOff) return outcome.status;
   if (!std::exchange(hasToldSignal_, true)) complain("interrupted");
-  return kBrokenOff;  // be it while it was printed
+  return kBrokenOff;
 }
 
 // Judges the outcome by them, too. They are none where they are refused, and nullptr where none are asked for.
