@@ -137,7 +137,7 @@ ExitStatus replayFile(Options &options) {
 
 // One run of each board; returns what they come to. All are over before the first is printed: a reader who takes his
 // time holds up none of them.
-std::vector<ExitStatus> runOnce(Options &options, Heading heading, Report &report) {
+std::vector<ExitStatus> runOnce(Options &options, const Heading &heading, Report &report) {
   for (Request &request : options.requests) request.sequence = options.sequence ? *options.sequence : randomSequence();
   const Descriptor raw = options.rawFile.empty() ? Descriptor(-1) : openFile(options.rawFile, O_WRONLY | O_CREAT);
   std::vector<Outcome> outcomes = collect(options.requests, raw.get());
