@@ -319,9 +319,8 @@ void RunReporter::putStamp(Sink &out, bool isNamed) const {
 }
 
 void RunReporter::stampNext(uint64_t number, int64_t collected) {
-  const std::optional<BoardTime> time = readTime(timeText(static_cast<uint32_t>(collected), 0));
   number_ = number;
-  stamp_ = time ? isoTime(*time, 0, collected) : "";
+  stamp_ = absl::FormatTime("%Y-%m-%dT%H:%M:%SZ", absl::FromUnixSeconds(collected), absl::UTCTimeZone());
 }
 
 void RunReporter::write(const Run &run) {

@@ -115,11 +115,20 @@ local function number_shown(meaning, number, range)
   return meaning.unit and text .. " " .. meaning.unit or text
 end
 
+-- What a clock in the board's zone shows.
+local function time_shown(seconds)
+  local minutes = 0
+  for _, change in ipairs(names.zone or {}) do
+    if change[1] <= seconds then minutes = change[2] end
+  end
+  return os.date("!%Y/%m/%d %H:%M:%S", seconds + 60 * minutes)
+end
+
 local function field_shown(field, range)
   local part = range:range(field.start, field.size)
   if field.type == "string" then return printable(part:raw():match("^[^%z]*")) end
   if field.type == "bytes" then return tostring(part:bytes()):lower() end
-  if field.type == "time" then return os.date("!%Y-%m-%d %H:%M:%S", part:uint() + 60 * (names.zone or 0)) end
+  if field.type == "time" then return time_shown(part:uint()) end
   if field.type == "float" then return number_shown(field, part:float(), part) end
   local number = field.type .. (field.size > 4 and "64" or "")
   return number_shown(field, part[number](part), part)

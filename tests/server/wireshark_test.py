@@ -184,7 +184,7 @@ def named(folder, path):
 
 
 NAMED = """
-board = { zone = "+01:00" }
+board = { zone = "Europe/Berlin" }
 [item.all.keys]
 1.name = "it"
 1.format = "HhbT4s8s8s3sB"
@@ -201,7 +201,7 @@ def test_names(folder):
     board.stream = b""
     board.send(0, 0, b"KB\0\0")
     board.send(1, 1, struct.pack(">iH", 0, 3) + b"all")
-    buffer = struct.pack(">HhBIfqQ3sB", 171, -15, 255, 86400, 1.5, -(2**62) - 1, 2**64 - 1, b"xyz", 0x83)
+    buffer = struct.pack(">HhBIfqQ3sB", 171, -15, 255, 1782907200, 1.5, -(2**62) - 1, 2**64 - 1, b"xyz", 0x83)
     board.put(0x84, (0, 0, 1), struct.pack(">H", len(buffer)) + buffer)
     board.put(0x81, (0, 0, 2), b"\xff" * 4)
     board.put(0x81, (0, 0, 3), b"\x80\0\0\1")
@@ -213,7 +213,7 @@ def test_names(folder):
         pcap.write_run(capture, 0, board.stream)
     shown = dissect(folder + "/capture", "kep.value.kind", ["kep.value.shown"], *named(folder, folder + "/names.toml"))
     assert shown == [
-        "all it status 0x00AB, angle -1.5 deg, level 255, time 1970-01-02 01:00:00, power 1.5, "
+        "all it status 0x00AB, angle -1.5 deg, level 255, time 2026/07/01 14:00:00, power 1.5, "
         "work -4611686018427387905, count 18446744073709551615, flags up, bit 1, hot,all mode lost,"
         "all alarms bit 0, fire"
     ], shown

@@ -58,7 +58,7 @@ tests_in.2.7 = { name = "t", bits = { 3 = "three" } }
 return {
   version = 1,
   title = "a\034b\092c",
-  zone = -90,
+  zone = { { 0, -90 } },
   items = {
     ["i"] = {
       reports = false,
