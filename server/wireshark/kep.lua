@@ -104,15 +104,18 @@ end
 
 -- What a number is shown as, whose bytes are `range`. It is a Lua number or an Int64, and keeps its digits unless it is
 -- scaled.
-local function number_shown(meaning, number, range)
+local function number_text(meaning, number, range)
   local plain = tonumber(tostring(number))
   local text = meaning.states and meaning.states[plain] or meaning.bits and bits_shown(meaning, range)
   if not text and (meaning.scale or meaning.offset) then
     local scaled = plain * tonumber(meaning.scale or "1") + tonumber(meaning.offset or "0")
     text = meaning.decimals and ("%." .. meaning.decimals .. "f"):format(scaled) or tostring(scaled)
   end
-  text = text or meaning.hex and "0x" .. tostring(range:bytes()) or tostring(number)
-  return meaning.unit and text .. " " .. meaning.unit or text
+  return text or meaning.hex and "0x" .. tostring(range:bytes()) or tostring(number)
+end
+
+local function number_shown(meaning, number, range)
+  return number_text(meaning, number, range) .. (meaning.unit and " " .. meaning.unit or "")
 end
 
 -- What a clock in the board's zone shows.
@@ -142,21 +145,30 @@ local function fields_shown(meaning, range)
   return table.concat(texts, ", ")
 end
 
--- Returns a value as its names file has it, nil when it does not say. Learns the names that sections take from values.
+-- Returns what a value's section is called. Learns the names that sections take from values, of which the first counts.
+local function section_shown(run, item, value, meaning)
+  if value.section == 0 then return "" end
+  local where = item.sections[value.section]
+  if item.named_by and not value.self_test then
+    local of_item = run.sections[value.item] or {}
+    run.sections[value.item] = of_item
+    if value.key == item.named_by and not of_item[value.section] and value.kind ~= "buffer" then
+      of_item[value.section] = value.bytes and printable(value.bytes) or
+        number_text(meaning or {}, value.number, value.range)
+    end
+    where = of_item[value.section]
+  end
+  return where or (item.label or "section") .. " " .. value.section
+end
+
+-- Returns a value as its names file has it, nil when it does not say.
 local function value_shown(run, value)
   local item = names and names.items[value.name]
   if not item then return nil end
-  local where = item.sections[value.section]
-  if item.named_by and value.section ~= 0 then
-    local of_item = run.sections[value.name] or {}
-    run.sections[value.name] = of_item
-    if value.key == item.named_by and value.kind == "string" then of_item[value.section] = printable(value.bytes) end
-    where = of_item[value.section] or where
-  end
-  if not where and value.section ~= 0 then where = (item.label or "section") .. " " .. value.section end
   local general, inner = item.keys, item.keys_in
   if value.self_test then general, inner = item.tests, item.tests_in end
   local meaning = inner[value.section] and inner[value.section][value.key] or general[value.key]
+  local where = section_shown(run, item, value, meaning)
   if not meaning then return nil end
   local text
   if value.number then
@@ -169,7 +181,7 @@ local function value_shown(run, value)
     text = #value.bytes .. " bytes"
   end
   local what = meaning.name or "key " .. value.key
-  return table.concat({ value.name, where or "", what }, " "):gsub("  ", " ") .. " " .. text
+  return table.concat({ value.name, where, what }, " "):gsub("  ", " ") .. " " .. text
 end
 
 -- ---- requests
@@ -288,7 +300,7 @@ local function read_entry(state, fields, tree)
   state.run.catalogue[index] = raw(name)
   local entry = tree:add(kep, range, ("Item %d: %s"):format(index, printable(raw(name))))
   entry:add(f.entry_item, range)
-  entry:add_packet_field(f.entry_name, name, ENC_UTF_8)
+  entry:add(f.entry_name, name, printable(raw(name)))
 end
 
 -- A value that has become complete; `state` knows what it means.
@@ -296,7 +308,7 @@ local function show_value(state, value, tree, record)
   if state.self_test and value.kind == "string" and value.item == TESTED_ITEM and value.section == 0 and
      value.key == 0 then
     state.tested = value.bytes
-    record:add_packet_field(f.tested, value.range, ENC_UTF_8)
+    record:add(f.tested, value.range, printable(value.bytes))
     return "self-test of " .. printable(value.bytes)
   end
   value.self_test = state.self_test

@@ -187,8 +187,8 @@ NAMED = """
 board = { zone = "Europe/Berlin" }
 [item.all.keys]
 1.name = "it"
-1.format = "HhbT4s8s8s3sB"
-1.fields = [{ name = "status" }, { name = "angle", unit = "deg", scale = 0.1 }, { name = "level" }, { name = "time" },
+1.format = "HhBT4s8s8s3sB"
+1.fields = [{ name = "status" }, { name = "angle", unit = "deg", scale = 0.1 }, { name = "level", kind = "gauge" }, { name = "time" },
   { name = "power", as = "f" }, { name = "work", as = "i64" }, { name = "count", as = "u64" }, {},
   { name = "flags", bits = { 0 = "up", 7 = "hot" } }]
 2 = { name = "mode", kind = "state", states = { -1 = "lost" } }
