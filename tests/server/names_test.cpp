@@ -133,6 +133,7 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
   run.catalogue = {{0, "system"}, {1, "memory"}, {2, "network"}, {3, "faults"}, {4, "other"}};
   run.messageCount = 7;
   run.values = {{ValueKind::kBuffer, 0, 0, 3, 0, number(0x190, 4) + number(0x116, 4) + number(0xb2, 4), 0},
+                {ValueKind::kString, 2, 0, 1, 0, "none", 0},
                 {ValueKind::kString, 2, 1, 1, 0, "eth0", 0},
                 {ValueKind::kLong, 2, 1, 2, 672176260, "", 0},
                 {ValueKind::kString, 3, 1, 2, 0, "11/23 03:50:21", 0},
@@ -147,7 +148,7 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
         std::string(lookup.section(value)) + (lookup.namesSection(value) ? "!" : "") + ": " + describe(shown) + "\n";
   }
   EXPECT_EQ(lines,
-            ": load 1 min=4.00; load 5 min=2.78; load 15 min=1.78\neth0!: name=eth0\n"
+            ": load 1 min=4.00; load 5 min=2.78; load 15 min=1.78\n: name=none\neth0!: name=eth0\n"
             "eth0: received=672 176 260 B (672176260)\nmemory: run log=11/23 03:50:21\n: faults saved=2\n: 2\n");
   EXPECT_FALSE(isCutShort(names, run)) << "four items that report, and the end";
   run.messageCount = 6;
