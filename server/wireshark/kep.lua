@@ -75,6 +75,7 @@ local udp_ports, tcp_ports = DissectorTable.get("udp.port"), DissectorTable.get(
 local names                          -- nil without a names file
 local request_port                   -- under which kep is registered
 local requests, runs, seen, queries  -- of the capture
+local server_ports = {}              -- that its requests name
 
 -- ---- names
 
@@ -237,6 +238,7 @@ local function dissect_request(tvb, pinfo, root)
   local server = tostring(pinfo.src) .. ":" .. port
   requests[server] = requests[server] or {}
   table.insert(requests[server], request)
+  server_ports[port] = true
   tcp_ports:add(port, kep)
 end
 
@@ -644,7 +646,11 @@ local function register()
   load_names()
 end
 
-local function reset() requests, runs, seen, queries = {}, {}, {}, {} end
+local function reset()
+  requests, runs, seen, queries = {}, {}, {}, {}
+  for port in pairs(server_ports) do tcp_ports:remove(port, kep) end  -- in another capture they are somebody else's
+  server_ports = {}
+end
 
 kep.init = reset
 kep.prefs_changed = register
