@@ -2,7 +2,8 @@
 -- both, and how to use this file.
 --
 -- A run is found by its request, which names the server's port. The messages of a run depend on those before: what a
--- message found when it came first is kept, so that it is shown the same in whatever order packets are looked at.
+-- message found when it came first is kept, so that it is shown the same in whatever order packets are looked at. When
+-- packets come first, fields of other protocols may not be there yet, so that nothing of a run hangs on them.
 
 local kep = Proto("kep", "kep collection")
 local conf = Proto("kepconfig", "kep configuration")
@@ -68,7 +69,6 @@ for _, field in pairs(e) do table.insert(kep.experts, field) end
 kep.prefs.port = Pref.uint("Port of requests", 9099, "The UDP port at which boards take requests")
 kep.prefs.names = Pref.string("Names", "", "What kep-names --lua made of a names file")
 
-local tcp_stream = Field.new("tcp.stream")
 local tcp_fin, tcp_seq, tcp_len = Field.new("tcp.flags.fin"), Field.new("tcp.seq"), Field.new("tcp.len")
 local udp_ports, tcp_ports = DissectorTable.get("udp.port"), DissectorTable.get("tcp.port")
 
@@ -527,14 +527,36 @@ local function request_of(pinfo, server, port)
   end
 end
 
+-- The runs between the two ends of a packet, in turn.
+local function runs_of(pinfo)
+  local ends = { pinfo.src_port .. " " .. tostring(pinfo.src), pinfo.dst_port .. " " .. tostring(pinfo.dst) }
+  table.sort(ends)
+  local key = ends[1] .. " " .. ends[2]
+  runs[key] = runs[key] or {}
+  return runs[key]
+end
+
+-- The run that a packet belongs to, nil if none has begun.
+local function run_at(pinfo)
+  local between = runs_of(pinfo)
+  for i = #between, 1, -1 do
+    if between[i].first <= pinfo.number then return between[i] end
+  end
+end
+
+-- Whether a connection between the ends of an earlier one has begun: its identity comes, and another request asks for it.
+local function is_next(run, request, tvb)
+  return run.state.messages > 0 and request ~= run.request and tvb:len() >= HEADER and tvb(0, 4):int() == HEADER + 4 and
+    tvb(4, 4):int() == 0
+end
+
 local function dissect_tcp(tvb, pinfo, root)
-  local stream = tcp_stream().value
-  local run = runs[stream]
-  if not run then
-    run = { board = pinfo.src_port, request = request_of(pinfo, pinfo.dst, pinfo.dst_port), catalogue = {},
-            sections = {}, state = { messages = 0, records = 0, bytes = 0 } }
+  local run, request = run_at(pinfo), request_of(pinfo, pinfo.dst, pinfo.dst_port)
+  if not run or (not pinfo.visited and is_next(run, request, tvb)) then
+    run = { board = pinfo.src_port, request = request, first = pinfo.number, catalogue = {}, sections = {},
+            state = { messages = 0, records = 0, bytes = 0 } }
     run.state.run = run
-    runs[stream] = run
+    table.insert(runs_of(pinfo), run)
   end
   pinfo.cols.protocol = "KEP"
   if pinfo.src_port ~= run.board then
@@ -566,12 +588,10 @@ end
 -- Says where a connection ends that its run was not over.
 local ending = Proto("kepend", "kep end of a run")
 function ending.dissector(tvb, pinfo, root)
-  local stream, fin = tcp_stream(), tcp_fin()
-  local run = stream and runs[stream.value]
-  if not run or not fin or not fin.value or pinfo.src_port ~= run.board then return end
-  if not pinfo.visited then seen["end" .. pinfo.number] = run.state end
-  local state = seen["end" .. pinfo.number]
-  if not state or state.damage then return end
+  local fin = tcp_fin()
+  local run = fin and fin.value and run_at(pinfo)
+  if not run or pinfo.src_port ~= run.board or run.state.damage then return end
+  local state = run.state
   local size = tcp_seq().value + tcp_len().value - 1
   local reason
   if size > state.bytes then
