@@ -94,7 +94,7 @@ TEST(Names, RefuseWhatTheyDoNotKnow) {
                        {"dir/sub/bad.toml", "[board]\ntitle = 1"}};
   for (const auto &row : rowsOf("refused.txt")) {
     std::string text = row[0];
-    if (text.find('~') == std::string::npos) text = "[item.i.tests]~1 = { name = 'x', " + text + " }";
+    if (text.find('~') == std::string::npos) text = "[item.i.tests]~1 = { name = 'x', " + row[0] + " }";
     std::replace(text.begin(), text.end(), '~', '\n');
     EXPECT_EQ(errorOf(text, files), row[1]) << text;
   }
