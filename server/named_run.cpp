@@ -110,7 +110,7 @@ void NamedRun::forEach(const std::function<void(const NamedValue &)> &takeAny) c
 
 std::string NamedRun::fullTime(std::string_view time) const {
   const std::optional<BoardTime> known = readTime(time);
-  return known ? isoTime(*known, names_.zoneMinutes, collected_) : "";
+  return known ? isoTime(*known, names_.zone, collected_) : "";
 }
 
 std::string testName(const Shown &shown) {

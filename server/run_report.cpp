@@ -399,8 +399,7 @@ void RunReporter::putCsvHeading(Sink &out, size_t added) const {
 }
 
 std::string RunReporter::stamp() const {
-  const std::optional<BoardTime> time = readTime(timeText(static_cast<uint32_t>(heading_.time), 0));
-  return time ? isoTime(*time, 0, heading_.time) : "";
+  return absl::FormatTime("%Y-%m-%dT%H:%M:%SZ", absl::FromUnixSeconds(heading_.time), absl::UTCTimeZone());
 }
 
 void RunReporter::writeNone(bool isNamed) {
