@@ -28,16 +28,32 @@ bool hasNeighbour(const Values &values, size_t i) {
   return isIn(i - 1) || isIn(i + 1);
 }
 
-}  // namespace
-
-std::vector<const Value *> sortedValues(const Run &run) {
-  Values values;
-  for (const Value &value : run.values) values.push_back(&value);
-  const auto order = [](const Value *v) { return std::tie(v->testedCount, v->item, v->section, v->key); };
-  std::stable_sort(values.begin(), values.end(),
-                   [&order](const Value *a, const Value *b) { return order(a) < order(b); });
-  return values;
+Tally tally(const std::vector<ItemResult> &results) {
+  Tally tally;
+  for (const ItemResult &result : results) {
+    tally.items += result.verdict != Verdict::kNone ? 1 : 0;
+    tally.failedItems += result.verdict == Verdict::kFail ? 1 : 0;
+    for (const TestResult &test : result.tests) {
+      tally.tests += test.shown.verdict != Verdict::kNone ? 1 : 0;
+      tally.failedTests += test.shown.verdict == Verdict::kFail ? 1 : 0;
+    }
+  }
+  return tally;
 }
+
+std::string missingTests(const ItemResult &result) {
+  std::string names;
+  for (const TestResult &test : result.tests) {
+    if (!test.value) names += testName(test.shown) + '\n';
+  }
+  return names;
+}
+
+bool isSame(const ItemResult &a, const ItemResult &b) {
+  return a.item == b.item && a.verdict == b.verdict && missingTests(a) == missingTests(b);
+}
+
+}  // namespace
 
 bool NamedRun::isOfLog(const Value &value) const {
   const Key *const key = lookup_.key(value);
@@ -54,8 +70,15 @@ NamedValue NamedRun::named(const Value &value) const {
   return named;
 }
 
-void NamedRun::forEach(const std::function<void(const NamedValue &)> &take) const {
-  const Values values = sortedValues(run_);
+void NamedRun::forEach(const std::function<void(const NamedValue &)> &takeAny) const {
+  const Values all = part_.before ? sortedValues(part_.run) : Values();
+  const Values &values = part_.before ? all : part_.values;
+  auto next = part_.values.begin();
+  const auto take = [&](const NamedValue &value) {  // what is not in the part only stands beside it
+    if (next == part_.values.end() || *next != value.value) return;
+    ++next;
+    takeAny(value);
+  };
   for (size_t i = 0; i < values.size();) {
     if (!isOfLog(*values[i])) {
       NamedValue one = named(*values[i]);
@@ -70,7 +93,7 @@ void NamedRun::forEach(const std::function<void(const NamedValue &)> &take) cons
     const size_t begin = i;
     for (; i < values.size() && isSamePlace(values[begin], values[i]) && isOfLog(*values[i]); ++i) {
       records.push_back(values[i]->bytes);
-      isCutShort |= !run_.whole && values[i] == &run_.values.back();
+      isCutShort |= !run().whole && values[i] == &run().values.back();
     }
     size_t record = begin;
     for (const LogLine &line : joinLogLines(records, isCutShort)) {
@@ -87,7 +110,7 @@ void NamedRun::forEach(const std::function<void(const NamedValue &)> &take) cons
 
 std::string NamedRun::fullTime(std::string_view time) const {
   const std::optional<BoardTime> known = readTime(time);
-  return known ? isoTime(*known, names_.zoneMinutes, collected_) : "";
+  return known ? isoTime(*known, names_.zone, collected_) : "";
 }
 
 std::string testName(const Shown &shown) {
@@ -99,17 +122,19 @@ std::string testName(const Shown &shown) {
   return name;
 }
 
-Tally tally(const std::vector<ItemResult> &results) {
-  Tally tally;
-  for (const ItemResult &result : results) {
-    tally.items += result.verdict != Verdict::kNone ? 1 : 0;
-    tally.failedItems += result.verdict == Verdict::kFail ? 1 : 0;
-    for (const TestResult &test : result.tests) {
-      tally.tests += test.shown.verdict != Verdict::kNone ? 1 : 0;
-      tally.failedTests += test.shown.verdict == Verdict::kFail ? 1 : 0;
-    }
+Verdicts verdictsOf(const NamedRun &named) {
+  Verdicts verdicts;
+  verdicts.results = judge(named.names(), named.run());
+  verdicts.all = tally(verdicts.results);
+  if (const Run *const before = named.part().before) {
+    const std::vector<ItemResult> known = judge(named.names(), *before);
+    const auto isKnown = [&known](const ItemResult &result) {
+      return std::any_of(known.begin(), known.end(), [&result](const ItemResult &k) { return isSame(result, k); });
+    };
+    std::vector<ItemResult> &results = verdicts.results;
+    results.erase(std::remove_if(results.begin(), results.end(), isKnown), results.end());
   }
-  return tally;
+  return verdicts;
 }
 
 }  // namespace kepserver

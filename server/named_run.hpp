@@ -7,13 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "server/part.hpp"
 #include "server/present.hpp"
 #include "server/stream.hpp"
 
 namespace kepserver {
-
-// By item, section and key; among equals, which is how the lines of a log arrive, the order of arrival stays.
-std::vector<const Value *> sortedValues(const Run &run);
 
 struct NamedValue {
   const Value *value = nullptr;
@@ -28,15 +26,16 @@ struct NamedValue {
 };
 
 // Makes the values one by one, as often as it is asked to: a run can have more of them than there is memory for all
-// that is to be said of them. Lives as long as both the names and the run.
+// that is to be said of them. Lives as long as both the names and the part of the run.
 class NamedRun {
  public:
-  NamedRun(const Names &names, const Run &run, int64_t collected)
-      : names_(names), run_(run), collected_(collected), lookup_(names, run) {}
+  NamedRun(const Names &names, const Part &part, int64_t collected)
+      : names_(names), part_(part), collected_(collected), lookup_(names, part.run) {}
 
   void forEach(const std::function<void(const NamedValue &)> &take) const;
 
-  const Run &run() const { return run_; }
+  const Part &part() const { return part_; }
+  const Run &run() const { return part_.run; }
   const Names &names() const { return names_; }
 
   // A board's time with what it lacks of a year and a zone; empty when it is none.
@@ -49,7 +48,7 @@ class NamedRun {
   NamedValue named(const Value &value) const;
 
   const Names &names_;
-  const Run &run_;
+  const Part &part_;
   int64_t collected_;  // seconds since 1970
   RunNames lookup_;
 };
@@ -62,6 +61,10 @@ struct Tally {
   size_t tests = 0, failedTests = 0;  // of those that have a rule, or are missing
   size_t items = 0, failedItems = 0;  // likewise
 };
-Tally tally(const std::vector<ItemResult> &results);
+struct Verdicts {
+  Tally all;
+  std::vector<ItemResult> results;  // of what differs from the run before, where only that is printed
+};
+Verdicts verdictsOf(const NamedRun &named);
 
 }  // namespace kepserver
