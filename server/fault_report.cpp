@@ -134,7 +134,7 @@ void putSent(Sink &out, const Row &row) {
 
 void putShown(Sink &out, const Shown &shown, size_t numberWidth) {
   const std::string text = printable(shown.text);
-  if (isNumber(shown)) out << std::string(numberWidth - widthOf(text), ' ');
+  if (isNumber(shown)) out.blanks(numberWidth - widthOf(text));
   out << text;
   if (!shown.misfit && !shown.meaning->unit.empty()) out << ' ' << shown.meaning->unit;
 }

@@ -102,7 +102,7 @@ void Page::putWrapped(std::string_view text, size_t column) {
     if (end == text.size()) break;
     const size_t blank = text.rfind(' ', end);
     if (blank != std::string_view::npos && blank > 0) end = blank;
-    out_ << text.substr(0, end) << '\n' << std::string(column, ' ');
+    (out_ << text.substr(0, end) << '\n').blanks(column);
     text.remove_prefix(end + (text[end] == ' ' ? 1 : 0));
   }
   out_ << text;
@@ -111,7 +111,7 @@ void Page::putWrapped(std::string_view text, size_t column) {
 void Page::putShown(const NamedValue &value, const Shown &shown, size_t numberWidth, size_t column) {
   const std::string text = printable(shown.text);
   if (isNumber(shown)) {
-    out_ << std::string(numberWidth - widthOf(text), ' ') << text;
+    out_.blanks(numberWidth - widthOf(text)) << text;
     if (!shown.misfit && shown.meaning && !shown.meaning->unit.empty()) {
       out_ << ' ';
       put(kDim, shown.meaning->unit);
