@@ -94,26 +94,4 @@ std::string NamedRun::fullTime(std::string_view time) const {
   return known ? isoTime(*known, names_.zoneMinutes, collected_) : "";
 }
 
-std::string testName(const Shown &shown) {
-  std::string name = shown.name();
-  if (!name.empty() || !shown.key) return name;
-  for (const Field &field : shown.key->fields) {
-    if (!field.meaning.name.empty()) name += (name.empty() ? "" : ", ") + field.meaning.name;
-  }
-  return name;
-}
-
-Tally tally(const std::vector<ItemResult> &results) {
-  Tally tally;
-  for (const ItemResult &result : results) {
-    tally.items += result.verdict != Verdict::kNone ? 1 : 0;
-    tally.failedItems += result.verdict == Verdict::kFail ? 1 : 0;
-    for (const TestResult &test : result.tests) {
-      tally.tests += test.shown.verdict != Verdict::kNone ? 1 : 0;
-      tally.failedTests += test.shown.verdict == Verdict::kFail ? 1 : 0;
-    }
-  }
-  return tally;
-}
-
 }  // namespace kepserver

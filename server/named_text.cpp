@@ -38,7 +38,8 @@ class Page {
   void put(const char *colour, std::string_view text);
   void putVerdict(Verdict verdict);
   void putShown(const NamedValue &value, const Shown &shown, size_t numberWidth, size_t column);
-  void putWrapped(std::string_view text, size_t column);
+  void putLines(std::string &text, size_t column);
+  void putWrapped(std::string_view bytes, size_t column);
 
   Sink &out_;
   const Style &style_;
@@ -94,24 +95,34 @@ void Page::putVerdict(Verdict verdict) {
   out_ << "  ";
 }
 
-// Breaks at blanks where it can.
-void Page::putWrapped(std::string_view text, size_t column) {
-  const bool isWrapped = style_.width >= column + kLeastRoom;
-  while (isWrapped) {
-    size_t end = prefixOf(text, style_.width - column);
-    if (end == text.size()) break;
-    const size_t blank = text.rfind(' ', end);
+// Puts all of a text but what fits into its last line, which is left of it; breaks at blanks where it can.
+void Page::putLines(std::string &text, size_t column) {
+  std::string_view rest = text;
+  for (size_t end; (end = prefixOf(rest, style_.width - column)) < rest.size();) {
+    const size_t blank = rest.rfind(' ', end);
     if (blank != std::string_view::npos && blank > 0) end = blank;
-    (out_ << text.substr(0, end) << '\n').blanks(column);
-    text.remove_prefix(end + (text[end] == ' ' ? 1 : 0));
+    (out_ << rest.substr(0, end) << '\n').blanks(column);
+    rest.remove_prefix(end + (rest[end] == ' ' ? 1 : 0));
+  }
+  text.erase(0, text.size() - rest.size());
+}
+
+// A text can have as much as a whole run, and four times as much when it is made printable: portion by portion.
+void Page::putWrapped(std::string_view bytes, size_t column) {
+  if (style_.width < column + kLeastRoom) return putPrintable(out_, bytes);
+  std::string text;
+  while (!bytes.empty()) {
+    const size_t size = portionOf(bytes);
+    text += printable(bytes.substr(0, size));
+    bytes.remove_prefix(size);
+    putLines(text, column);
   }
   out_ << text;
 }
 
 void Page::putShown(const NamedValue &value, const Shown &shown, size_t numberWidth, size_t column) {
-  const std::string text = printable(shown.text);
   if (isNumber(shown)) {
-    out_.blanks(numberWidth - widthOf(text)) << text;
+    out_.blanks(numberWidth - widthOf(shown.text)) << shown.text;
     if (!shown.misfit && shown.meaning && !shown.meaning->unit.empty()) {
       out_ << ' ';
       put(kDim, shown.meaning->unit);
@@ -122,7 +133,7 @@ void Page::putShown(const NamedValue &value, const Shown &shown, size_t numberWi
       out_ << "  ";
       column += value.time.size() + 2;
     }
-    putWrapped(text, column);
+    putWrapped(shown.text, column);
   }
   out_ << '\n';
 }
@@ -143,29 +154,22 @@ void Page::putValues() {
 }
 
 void Page::putVerdicts() {
-  const std::vector<ItemResult> results = judge(named_.names(), named_.run());
+  const Judgement judgement = judge(named_.names(), named_.run());
   Table<1> table({false});
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (!test.value) table.widen({printable(result.item)});
-    }
+  for (const MissingTest &test : judgement.missing) table.widen({printable(test.item)});
+  for (const MissingTest &test : judgement.missing) {
+    putVerdict(Verdict::kFail);
+    table.put(out_, {printable(test.item)});
+    out_ << test.name << " is missing\n";
   }
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      putVerdict(test.shown.verdict);
-      table.put(out_, {printable(result.item)});
-      out_ << testName(test.shown) << " is missing\n";
-    }
+  for (const ItemResult &result : judgement.items) {
+    putVerdict(result.tests.verdict());
+    putPrintable(out_, result.item);
+    out_ << '\n';
   }
-  for (const ItemResult &result : results) {
-    putVerdict(result.verdict);
-    out_ << printable(result.item) << '\n';
-  }
-  const Tally all = tally(results);
-  putVerdict(all.failedTests > 0 ? Verdict::kFail : all.tests > 0 ? Verdict::kPass : Verdict::kNone);
-  out_ << all.failedTests << " of " << all.tests << " tests failed, " << all.failedItems << " of " << all.items
-       << " items\n";
+  putVerdict(judgement.tests.verdict());
+  out_ << judgement.tests.failed << " of " << judgement.tests.count << " tests failed, " << judgement.testedItems.failed
+       << " of " << judgement.testedItems.count << " items\n";
 }
 
 void Page::putHead() {

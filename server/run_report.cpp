@@ -165,24 +165,20 @@ void putJson(Sink &out, const Style &style, const Run &run) {
   putJsonCounts(summary, run).end();
 }
 
-Tally putJsonVerdicts(Sink &out, const std::vector<ItemResult> &results) {
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      JsonLine(out, "missing")
-          .text("name", result.item)
-          .text("key_name", testName(test.shown))
-          .word("verdict", verdictName(Verdict::kFail))
-          .end();
-    }
+void putJsonVerdicts(Sink &out, const Judgement &judgement) {
+  for (const MissingTest &test : judgement.missing) {
+    JsonLine(out, "missing")
+        .text("name", test.item)
+        .text("key_name", test.name)
+        .word("verdict", verdictName(Verdict::kFail))
+        .end();
   }
-  for (const ItemResult &result : results) {
+  for (const ItemResult &result : judgement.items) {
     JsonLine line(out, "result");
     line.text("name", result.item);
-    if (result.verdict != Verdict::kNone) line.word("verdict", verdictName(result.verdict));
+    if (result.tests.verdict() != Verdict::kNone) line.word("verdict", verdictName(result.tests.verdict()));
     line.end();
   }
-  return tally(results);
 }
 
 void putJson(Sink &out, const Style &style, const NamedRun &named) {
@@ -194,10 +190,11 @@ void putJson(Sink &out, const Style &style, const NamedRun &named) {
     putJsonAdded(line, added);
     line.end();
   });
-  const Tally all = run.selfTest ? putJsonVerdicts(out, judge(named.names(), run)) : Tally();
+  const Judgement judgement = run.selfTest ? judge(named.names(), run) : Judgement();
+  putJsonVerdicts(out, judgement);
   JsonLine summary(out, "summary");
   putJsonCounts(summary, run);
-  if (run.selfTest) summary.number("tests", all.tests).number("failed", all.failedTests);
+  if (run.selfTest) summary.number("tests", judgement.tests.count).number("failed", judgement.tests.failed);
   summary.end();
 }
 
@@ -251,19 +248,16 @@ void putCsvVerdict(Sink &out, const Style &style, const char *row, std::string_v
   line.end();
 }
 
-void putCsvVerdicts(Sink &out, const Style &style, const std::vector<ItemResult> &results) {
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      Added added;
-      added.meant.name = testName(test.shown);
-      added.verdict = Verdict::kFail;
-      putCsvVerdict(out, style, "missing", result.item, added);
-    }
-  }
-  for (const ItemResult &result : results) {
+void putCsvVerdicts(Sink &out, const Style &style, const Judgement &judgement) {
+  for (const MissingTest &test : judgement.missing) {
     Added added;
-    added.verdict = result.verdict;
+    added.meant.name = test.name;
+    added.verdict = Verdict::kFail;
+    putCsvVerdict(out, style, "missing", test.item, added);
+  }
+  for (const ItemResult &result : judgement.items) {
+    Added added;
+    added.verdict = result.tests.verdict();
     putCsvVerdict(out, style, "result", result.item, added);
   }
 }

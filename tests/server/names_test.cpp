@@ -162,7 +162,7 @@ TEST(Names, JudgeWhatASelfTestSends) {
         run.tested = {"i"};
         run.values = {value};
         run.values[0].testedCount = 1;
-        EXPECT_EQ(judge(names, run).at(0).verdict, passes ? Verdict::kPass : Verdict::kFail)
+        EXPECT_EQ(judge(names, run).tests.verdict(), passes ? Verdict::kPass : Verdict::kFail)
             << rule.attributes << " " << value.number << value.bytes;
       }
     }
@@ -306,15 +306,16 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
   test.selfTest = true;
   test.tested = {"system", "extra", "network"};
   test.values = {{ValueKind::kInt, 0, 0, 1, 1, "", 1}, {ValueKind::kInt, 2, 0, 1, 0, "", 3}};
+  const Judgement judgement = judge(names, test);
   std::string verdicts;
-  for (const ItemResult &result : judge(names, test)) {
-    verdicts += std::string(result.item) + " " + "-+!"[static_cast<int>(result.verdict)];
-    for (const TestResult &one : result.tests) verdicts += (one.value ? " " : " no ") + one.shown.name();
-    verdicts += "\n";
+  for (const ItemResult &result : judgement.items) {
+    verdicts += std::string(result.item) + "-+!"[static_cast<int>(result.tests.verdict())] + "\n";
   }
-  EXPECT_EQ(
-      verdicts,
-      "system + sampling\nextra -\nnetwork ! interfaces\nfaults ! no faults registered\nmemory ! no /proc/meminfo\n");
+  for (const MissingTest &missing : judgement.missing) {
+    verdicts += "no " + std::string(missing.item) + " " + missing.name + "\n";
+  }
+  EXPECT_EQ(verdicts,
+            "system+\nextra-\nnetwork!\nfaults!\nmemory!\nno faults faults registered\nno memory /proc/meminfo\n");
 
   const FaultNames &fault = *names.fault("memory");
   EXPECT_EQ(fault.find(FaultRecord::kRegister64, 0x11)->meaning.name, "free");

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <iostream>
@@ -92,11 +91,6 @@ void addOptions(CLI::App &app, Options &options) {
   addStyle(app, options.style);
 }
 
-bool hasFailed(const Names &names, const Run &run) {
-  const std::vector<ItemResult> results = judge(names, run);
-  return std::any_of(results.begin(), results.end(), [](const auto &r) { return r.verdict == Verdict::kFail; });
-}
-
 // What an outcome comes to in the light of its names.
 void judgeOutcome(const Names &names, Outcome &outcome) {
   if (outcome.status != kGood) return;
@@ -105,7 +99,7 @@ void judgeOutcome(const Names &names, Outcome &outcome) {
     outcome.status = kDamaged;
     outcome.diagnostic =
         describe({outcome.run.byteCount, "fewer data messages than the items that report, and the last one", true});
-  } else if (outcome.run.selfTest && hasFailed(names, outcome.run)) {
+  } else if (outcome.run.selfTest && judge(names, outcome.run).tests.failed > 0) {
     outcome.status = kTestFailed;
   }
 }
