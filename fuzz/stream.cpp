@@ -55,7 +55,7 @@ std::string describe(const Run &run) {
 // The keys that Board picks, with what could do harm in a table.
 constexpr const char *kItem = R"(
 [item.any]
-sections = { label = "=port", names = { 65535 = "@one" }, named_by = 1 }
+sections = { label = "=port", named_by = 1 }
 [item.any.keys]
 0 = { name = "-zero", unit = '=u,"', scale = 0.001, offset = -3 }
 1 = { name = "+text", kind = "text" }

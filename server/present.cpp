@@ -325,7 +325,7 @@ std::string RunNames::section(const Value &value) const {
   if (naming != sections_.end()) {
     std::vector<Shown> shown;
     present(names_, key(*naming->second), sentOf(*naming->second), shown);
-    return shown[0].text;
+    if (!shown.empty()) return shown[0].text;
   }
   const Item *const found = item(value);
   if (!found) return "";

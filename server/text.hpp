@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -29,8 +28,7 @@ class Sink {
       out_.write(text.data(), static_cast<std::streamsize>(text.size()));
       return *this;
     }
-    std::memcpy(portion_.data() + size_, text.data(), text.size());
-    size_ += text.size();
+    size_ += text.copy(portion_.data() + size_, text.size());
     return *this;
   }
 
