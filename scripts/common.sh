@@ -27,6 +27,6 @@ quietly() {
 }
 
 build_packages=(cmake ninja-build g++)
-tool_packages=(libcli11-dev nlohmann-json3-dev libtomlplusplus-dev)
+tool_packages=(libcli11-dev nlohmann-json3-dev libtomlplusplus-dev libabsl-dev)
 board_packages=(g++-powerpc-linux-gnu qemu-user)
 fuzz_packages=(clang libclang-rt-dev)

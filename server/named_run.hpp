@@ -7,13 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "server/part.hpp"
 #include "server/present.hpp"
 #include "server/stream.hpp"
 
 namespace kepserver {
-
-// By item, section and key; among equals, which is how the lines of a log arrive, the order of arrival stays.
-std::vector<const Value *> sortedValues(const Run &run);
 
 struct NamedValue {
   const Value *value = nullptr;
@@ -28,15 +26,16 @@ struct NamedValue {
 };
 
 // Makes the values one by one, as often as it is asked to: a run can have more of them than there is memory for all
-// that is to be said of them. Lives as long as both the names and the run.
+// that is to be said of them. Lives as long as both the names and the part of the run.
 class NamedRun {
  public:
-  NamedRun(const Names &names, const Run &run, int64_t collected)
-      : names_(names), run_(run), collected_(collected), lookup_(names, run) {}
+  NamedRun(const Names &names, const Part &part, int64_t collected)
+      : names_(names), part_(part), collected_(collected), lookup_(names, part.run) {}
 
   void forEach(const std::function<void(const NamedValue &)> &take) const;
 
-  const Run &run() const { return run_; }
+  const Part &part() const { return part_; }
+  const Run &run() const { return part_.run; }
   const Names &names() const { return names_; }
 
   // A board's time with what it lacks of a year and a zone; empty when it is none.
@@ -49,9 +48,13 @@ class NamedRun {
   NamedValue named(const Value &value) const;
 
   const Names &names_;
-  const Run &run_;
+  const Part &part_;
   int64_t collected_;  // seconds since 1970
   RunNames lookup_;
 };
+
+// What came of a self-test; of its items and what is missing only those that differ from the run before, where only
+// changes are printed.
+Judgement verdictsOf(const NamedRun &named);
 
 }  // namespace kepserver

@@ -249,7 +249,8 @@ void presentFields(const Names &names, const Key &key, const Sent &sent, std::ve
     showOne(shown);
     if (field.layout == Layout::kTime) {
       shown.number.clear();
-      shown.text = timeText(static_cast<uint32_t>(bigEndian(shown.sent.bytes)), names.zoneMinutes.value_or(0));
+      shown.text =
+          timeText(static_cast<int64_t>(bigEndian(shown.sent.bytes)), names.zone.value_or(absl::UTCTimeZone()));
     }
     out.push_back(std::move(shown));
   }

@@ -28,7 +28,8 @@ struct Style {
   bool bigAsText = false;  // whole numbers in JSON that a double could not hold exactly, in quotes
 
   // Of text with names.
-  size_t width = 0;  // of a line, in characters; 0: as long as it likes
+  size_t width = 0;    // of a line, in characters; 0: as long as it likes
+  bool isCut = false;  // what is longer, rather than broken
   bool colours = false;
 };
 

@@ -18,6 +18,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "server/text.hpp"
+
 namespace kepserver {
 
 namespace {
@@ -168,6 +170,14 @@ void StreamDecoder::finish() {
     damage_ = Damage{end, "the stream ends before the run's last message", true};
   }
   run_.whole = !damage_;
+}
+
+std::string StreamDecoder::lastItem() const {
+  if (run_.selfTest && !run_.tested.empty()) return printable(run_.tested.back());
+  if (!openValue_ && run_.values.empty()) return "";
+  const Value &last = openValue_ ? *openValue_ : run_.values.back();
+  const std::string_view name = itemName(run_, last);
+  return name.empty() ? "item " + std::to_string(last.item) : printable(name);
 }
 
 // Items without a callback send no message and stand in the catalogue all the same: all that can be asked for is that

@@ -74,6 +74,9 @@ class StreamDecoder {
   // behind the message of an item that reported nothing looks like one that is over.
   void finish();
 
+  // The item that the board was at when it sent last, by name or number, fit to be shown; empty before the first.
+  std::string lastItem() const;
+
   const Run &run() const { return run_; }
   Run takeRun() { return std::move(run_); }  // the last thing to be done with a decoder
   const std::optional<Damage> &damage() const { return damage_; }
