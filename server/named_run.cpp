@@ -3,6 +3,7 @@
 #include "server/named_run.hpp"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <tuple>
 
@@ -28,29 +29,14 @@ bool hasNeighbour(const Values &values, size_t i) {
   return isIn(i - 1) || isIn(i + 1);
 }
 
-Tally tally(const std::vector<ItemResult> &results) {
-  Tally tally;
-  for (const ItemResult &result : results) {
-    tally.items += result.verdict != Verdict::kNone ? 1 : 0;
-    tally.failedItems += result.verdict == Verdict::kFail ? 1 : 0;
-    for (const TestResult &test : result.tests) {
-      tally.tests += test.shown.verdict != Verdict::kNone ? 1 : 0;
-      tally.failedTests += test.shown.verdict == Verdict::kFail ? 1 : 0;
-    }
+// The verdict of each item and what is missing of it, to be compared.
+std::map<std::string_view, std::string> outcomesOf(const Judgement &judgement) {
+  std::map<std::string_view, std::string> outcomes;
+  for (const ItemResult &result : judgement.items) {
+    outcomes[result.item] = std::to_string(static_cast<int>(result.tests.verdict()));
   }
-  return tally;
-}
-
-std::string missingTests(const ItemResult &result) {
-  std::string names;
-  for (const TestResult &test : result.tests) {
-    if (!test.value) names += testName(test.shown) + '\n';
-  }
-  return names;
-}
-
-bool isSame(const ItemResult &a, const ItemResult &b) {
-  return a.item == b.item && a.verdict == b.verdict && missingTests(a) == missingTests(b);
+  for (const MissingTest &test : judgement.missing) outcomes[test.item] += '\n' + test.name;
+  return outcomes;
 }
 
 }  // namespace
@@ -113,28 +99,19 @@ std::string NamedRun::fullTime(std::string_view time) const {
   return known ? isoTime(*known, names_.zone, collected_) : "";
 }
 
-std::string testName(const Shown &shown) {
-  std::string name = shown.name();
-  if (!name.empty() || !shown.key) return name;
-  for (const Field &field : shown.key->fields) {
-    if (!field.meaning.name.empty()) name += (name.empty() ? "" : ", ") + field.meaning.name;
-  }
-  return name;
-}
-
-Verdicts verdictsOf(const NamedRun &named) {
-  Verdicts verdicts;
-  verdicts.results = judge(named.names(), named.run());
-  verdicts.all = tally(verdicts.results);
-  if (const Run *const before = named.part().before) {
-    const std::vector<ItemResult> known = judge(named.names(), *before);
-    const auto isKnown = [&known](const ItemResult &result) {
-      return std::any_of(known.begin(), known.end(), [&result](const ItemResult &k) { return isSame(result, k); });
-    };
-    std::vector<ItemResult> &results = verdicts.results;
-    results.erase(std::remove_if(results.begin(), results.end(), isKnown), results.end());
-  }
-  return verdicts;
+Judgement verdictsOf(const NamedRun &named) {
+  Judgement judgement = judge(named.names(), named.run());
+  if (!named.part().before) return judgement;
+  const auto outcomes = outcomesOf(judgement), known = outcomesOf(judge(named.names(), *named.part().before));
+  const auto isKnown = [&](const auto &of) {
+    const auto before = known.find(of.item);
+    return before != known.end() && before->second == outcomes.at(of.item);
+  };
+  std::vector<ItemResult> &items = judgement.items;
+  items.erase(std::remove_if(items.begin(), items.end(), isKnown), items.end());
+  std::vector<MissingTest> &missing = judgement.missing;
+  missing.erase(std::remove_if(missing.begin(), missing.end(), isKnown), missing.end());
+  return judgement;
 }
 
 }  // namespace kepserver

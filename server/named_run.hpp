@@ -15,12 +15,12 @@ namespace kepserver {
 
 struct NamedValue {
   const Value *value = nullptr;
-  const Key *key = nullptr;      // nullptr: not named
-  std::vector<Shown> shown;      // one, or one for each named field; none when no field is named
-  std::string_view sectionName;  // empty: not named
-  std::string_view time;         // of a log's line, as the board wrote it; of a time, itself
-  bool isTime = false;           // the time of the log's line behind it
-  bool isSection = false;        // the name of the section in which others stand
+  const Key *key = nullptr;  // nullptr: not named
+  std::vector<Shown> shown;  // one, or one for each named field; none when no field is named
+  std::string sectionName;   // empty: not named
+  std::string_view time;     // of a log's line, as the board wrote it; of a time, itself
+  bool isTime = false;       // the time of the log's line behind it
+  bool isSection = false;    // the name of the section in which others stand
 
   bool hasFields() const { return !shown.empty() && key && shown[0].meaning != &key->meaning; }
 };
@@ -53,18 +53,8 @@ class NamedRun {
   RunNames lookup_;
 };
 
-// How the tests of a self-test are called, also one that is missing.
-std::string testName(const Shown &shown);
-
-// What all tests of a self-test came to.
-struct Tally {
-  size_t tests = 0, failedTests = 0;  // of those that have a rule, or are missing
-  size_t items = 0, failedItems = 0;  // likewise
-};
-struct Verdicts {
-  Tally all;
-  std::vector<ItemResult> results;  // of what differs from the run before, where only that is printed
-};
-Verdicts verdictsOf(const NamedRun &named);
+// What came of a self-test; of its items and what is missing only those that differ from the run before, where only
+// changes are printed.
+Judgement verdictsOf(const NamedRun &named);
 
 }  // namespace kepserver

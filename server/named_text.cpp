@@ -40,7 +40,8 @@ class Page {
   void putVerdict(Verdict verdict);
   void putMark(Verdict verdict, bool isGone);
   void putShown(const NamedValue &value, const Shown &shown, size_t numberWidth, size_t column);
-  void putLong(std::string_view text, size_t column);
+  void putLines(std::string &text, size_t room, size_t column);
+  void putLong(std::string_view bytes, size_t column);
 
   Sink &out_;
   const Style &style_;
@@ -100,28 +101,45 @@ void Page::putVerdict(Verdict verdict) {
   out_ << "  ";
 }
 
-// Breaks at blanks where it can.
-void Page::putLong(std::string_view text, size_t column) {
+// Puts all of a text but what fits into its last line, which is left of it; breaks at blanks where it can.
+void Page::putLines(std::string &text, size_t room, size_t column) {
+  std::string_view rest = text;
+  for (size_t end; (end = prefixOf(rest, room)) < rest.size();) {
+    const size_t blank = rest.rfind(' ', end);
+    if (blank != std::string_view::npos && blank > 0) end = blank;
+    (out_ << rest.substr(0, end) << '\n').blanks(column);
+    rest.remove_prefix(end + (rest[end] == ' ' ? 1 : 0));
+  }
+  text.erase(0, text.size() - rest.size());
+}
+
+// A text can have as much as a whole run, and four times as much when it is made printable: portion by portion.
+void Page::putLong(std::string_view bytes, size_t column) {
   const size_t room = style_.width >= column + kLeastRoom ? style_.width - column : 0;
-  if (style_.isCut && room > 0 && widthOf(text) > room) {
-    out_ << text.substr(0, prefixOf(text, room - 1)) << kEllipsis;
+  if (room == 0) return putPrintable(out_, bytes);
+  if (style_.isCut) {
+    constexpr size_t kMostBytes = 4;  // of a character
+    const std::string text = printable(bytes.substr(0, kMostBytes * (room + 1)));
+    if (widthOf(text) <= room) {
+      out_ << text;
+    } else {
+      out_ << text.substr(0, prefixOf(text, room - 1)) << kEllipsis;
+    }
     return;
   }
-  while (room > 0) {
-    size_t end = prefixOf(text, room);
-    if (end == text.size()) break;
-    const size_t blank = text.rfind(' ', end);
-    if (blank != std::string_view::npos && blank > 0) end = blank;
-    out_ << text.substr(0, end) << '\n' << std::string(column, ' ');
-    text.remove_prefix(end + (text[end] == ' ' ? 1 : 0));
+  std::string text;
+  while (!bytes.empty()) {
+    const size_t size = portionOf(bytes);
+    text += printable(bytes.substr(0, size));
+    bytes.remove_prefix(size);
+    putLines(text, room, column);
   }
   out_ << text;
 }
 
 void Page::putShown(const NamedValue &value, const Shown &shown, size_t numberWidth, size_t column) {
-  const std::string text = printable(shown.text);
   if (isNumber(shown)) {
-    out_ << std::string(numberWidth - widthOf(text), ' ') << text;
+    out_.blanks(numberWidth - widthOf(shown.text)) << shown.text;
     if (!shown.misfit && shown.meaning && !shown.meaning->unit.empty()) {
       out_ << ' ';
       put(kDim, shown.meaning->unit);
@@ -132,7 +150,7 @@ void Page::putShown(const NamedValue &value, const Shown &shown, size_t numberWi
       out_ << "  ";
       column += value.time.size() + 2;
     }
-    putLong(text, column);
+    putLong(shown.text, column);
   }
   out_ << '\n';
 }
@@ -159,28 +177,22 @@ void Page::putValues() {
 }
 
 void Page::putVerdicts() {
-  const auto [all, results] = verdictsOf(named_);
+  const Judgement judgement = verdictsOf(named_);
   Table<1> table({false});
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (!test.value) table.widen({printable(result.item)});
-    }
+  for (const MissingTest &test : judgement.missing) table.widen({printable(test.item)});
+  for (const MissingTest &test : judgement.missing) {
+    putVerdict(Verdict::kFail);
+    table.put(out_, {printable(test.item)});
+    out_ << test.name << " is missing\n";
   }
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      putVerdict(test.shown.verdict);
-      table.put(out_, {printable(result.item)});
-      out_ << testName(test.shown) << " is missing\n";
-    }
+  for (const ItemResult &result : judgement.items) {
+    putVerdict(result.tests.verdict());
+    putPrintable(out_, result.item);
+    out_ << '\n';
   }
-  for (const ItemResult &result : results) {
-    putVerdict(result.verdict);
-    out_ << printable(result.item) << '\n';
-  }
-  putVerdict(all.failedTests > 0 ? Verdict::kFail : all.tests > 0 ? Verdict::kPass : Verdict::kNone);
-  out_ << all.failedTests << " of " << all.tests << " tests failed, " << all.failedItems << " of " << all.items
-       << " items\n";
+  putVerdict(judgement.tests.verdict());
+  out_ << judgement.tests.failed << " of " << judgement.tests.count << " tests failed, " << judgement.testedItems.failed
+       << " of " << judgement.testedItems.count << " items\n";
 }
 
 void Page::putHead() {

@@ -52,10 +52,10 @@ class Table {
   // Leaves the line open for the last column.
   void put(Sink &out, const Row &row) const {
     for (size_t i = 0; i < kCount; ++i) {
-      const std::string padding(widths_[i] - widthOf(row[i]), ' ');
-      if (rightAligned_[i]) out << padding;
+      const size_t padding = widths_[i] - widthOf(row[i]);
+      if (rightAligned_[i]) out.blanks(padding);
       out << row[i];
-      if (!rightAligned_[i]) out << padding;
+      if (!rightAligned_[i]) out.blanks(padding);
       out << "  ";
     }
   }

@@ -207,21 +207,18 @@ void putJson(Sink &out, const Style &style, const Part &part) {
   putJsonCounts(summary, part.run).end();
 }
 
-void putJsonVerdicts(Sink &out, const std::vector<ItemResult> &results) {
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      JsonLine(out, "missing")
-          .text("name", result.item)
-          .text("key_name", testName(test.shown))
-          .word("verdict", verdictName(Verdict::kFail))
-          .end();
-    }
+void putJsonVerdicts(Sink &out, const Judgement &judgement) {
+  for (const MissingTest &test : judgement.missing) {
+    JsonLine(out, "missing")
+        .text("name", test.item)
+        .text("key_name", test.name)
+        .word("verdict", verdictName(Verdict::kFail))
+        .end();
   }
-  for (const ItemResult &result : results) {
+  for (const ItemResult &result : judgement.items) {
     JsonLine line(out, "result");
     line.text("name", result.item);
-    if (result.verdict != Verdict::kNone) line.word("verdict", verdictName(result.verdict));
+    if (result.tests.verdict() != Verdict::kNone) line.word("verdict", verdictName(result.tests.verdict()));
     line.end();
   }
 }
@@ -241,11 +238,11 @@ void putJson(Sink &out, const Style &style, const NamedRun &named, const NamedRu
   putJsonHead(out, named.part());
   putJsonValues(out, style, false, named);
   putJsonValues(out, style, true, gone);
-  const Verdicts verdicts = run.selfTest ? verdictsOf(named) : Verdicts();
-  putJsonVerdicts(out, verdicts.results);
+  const Judgement judgement = run.selfTest ? verdictsOf(named) : Judgement();
+  putJsonVerdicts(out, judgement);
   JsonLine summary(out, "summary");
   putJsonCounts(summary, run);
-  if (run.selfTest) summary.number("tests", verdicts.all.tests).number("failed", verdicts.all.failedTests);
+  if (run.selfTest) summary.number("tests", judgement.tests.count).number("failed", judgement.tests.failed);
   summary.end();
 }
 
@@ -316,19 +313,16 @@ void putCsvVerdict(Sink &out, const Style &style, const char *row, std::string_v
   line.end();
 }
 
-void putCsvVerdicts(Sink &out, const Style &style, const std::vector<ItemResult> &results) {
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      Added added;
-      added.meant.name = testName(test.shown);
-      added.verdict = Verdict::kFail;
-      putCsvVerdict(out, style, "missing", result.item, added);
-    }
-  }
-  for (const ItemResult &result : results) {
+void putCsvVerdicts(Sink &out, const Style &style, const Judgement &judgement) {
+  for (const MissingTest &test : judgement.missing) {
     Added added;
-    added.verdict = result.verdict;
+    added.meant.name = test.name;
+    added.verdict = Verdict::kFail;
+    putCsvVerdict(out, style, "missing", test.item, added);
+  }
+  for (const ItemResult &result : judgement.items) {
+    Added added;
+    added.verdict = result.tests.verdict();
     putCsvVerdict(out, style, "result", result.item, added);
   }
 }
@@ -351,7 +345,7 @@ void putCsv(Sink &out, const Style &style, const NamedRun &named, const NamedRun
   putCsvHead(out, style, named.part(), kAddedColumns);
   putCsvValues(out, style, false, named);
   putCsvValues(out, style, true, gone);
-  if (named.run().selfTest) putCsvVerdicts(out, style, verdictsOf(named).results);
+  if (named.run().selfTest) putCsvVerdicts(out, style, verdictsOf(named));
 }
 
 }  // namespace

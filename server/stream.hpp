@@ -88,8 +88,8 @@ class StreamDecoder {
   void checkSequence(uint32_t sequence, uint64_t offset);
   void readMessage();
   void readRecord(FieldReader &fields);
-  void joinPiece(Value piece, bool last, uint64_t offset);
-  void keep(Value value);
+  void joinPiece(Value &&piece, bool last, uint64_t offset);
+  void keep(Value &&value);
 
   Expectation expectation_;
   Run run_;

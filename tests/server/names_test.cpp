@@ -158,15 +158,14 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
   test.selfTest = true;
   test.tested = {"system", "extra", "network"};
   test.values = {{ValueKind::kInt, 0, 0, 1, 1, "", 1}, {ValueKind::kInt, 2, 0, 1, 0, "", 3}};
+  const Judgement judgement = judge(names, test);
   std::string verdicts;
-  for (const ItemResult &result : judge(names, test)) {
-    verdicts += std::string(result.item) + " " + "-+!"[static_cast<int>(result.verdict)];
-    for (const TestResult &one : result.tests) verdicts += (one.value ? " " : " no ") + one.shown.name();
-    verdicts += "\n";
+  for (const ItemResult &result : judgement.items) {
+    verdicts += std::string(result.item) + "-+!"[static_cast<int>(result.tests.verdict())] + " ";
   }
-  EXPECT_EQ(
-      verdicts,
-      "system + sampling\nextra -\nnetwork ! interfaces\nfaults ! no faults registered\nmemory ! no /proc/meminfo\n");
+  for (const MissingTest &missing : judgement.missing)
+    verdicts += std::string(missing.item) + ": " + missing.name + " ";
+  EXPECT_EQ(verdicts, "system+ extra- network! faults! memory! faults: faults registered memory: /proc/meminfo ");
 
   const FaultNames &fault = *names.fault("memory");
   EXPECT_EQ(fault.find(FaultRecord::kRegister64, 0x11)->meaning.name, "free");

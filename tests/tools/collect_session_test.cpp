@@ -185,6 +185,16 @@ TEST_F(Collect, ShowsWhatTheNamesMake) {
     EXPECT_EQ(out(), c.printed.empty() ? "" : golden(c.printed));
     EXPECT_EQ(err(), c.err.empty() ? "" : "kep-collect: " + c.err + "\n");
   }
+
+  std::string printed = contentOf(KEP_GOLDEN "/../../server/golden/faults.named.json");
+  for (const std::string path : {"run", "test"}) {
+    run("--replay " + path + " --names dir/4b42.toml --format json");
+    printed += out();
+  }
+  std::istringstream page(contentOf(KEP_GOLDEN "/../../../docs/json.md"));
+  for (std::string line; std::getline(page, line);) {
+    EXPECT_TRUE(line[0] != '{' || printed.find(line + "\n") != std::string::npos) << line;
+  }
 }
 
 TEST_F(Collect, TellsWhyThereIsNoRun) {

@@ -24,11 +24,6 @@ using namespace kepcollect;
 using namespace kepcommand;
 using namespace kepserver;
 
-bool hasFailed(const Names &names, const Run &run) {
-  const std::vector<ItemResult> results = judge(names, run);
-  return std::any_of(results.begin(), results.end(), [](const auto &r) { return r.verdict == Verdict::kFail; });
-}
-
 // What an outcome comes to in the light of its names.
 void judgeOutcome(const Names &names, Outcome &outcome) {
   if (outcome.status != kGood) return;
@@ -37,7 +32,7 @@ void judgeOutcome(const Names &names, Outcome &outcome) {
     outcome.status = kDamaged;
     outcome.diagnostic =
         describe({outcome.run.byteCount, "fewer data messages than the items that report, and the last one", true});
-  } else if (outcome.run.selfTest && hasFailed(names, outcome.run)) {
+  } else if (outcome.run.selfTest && judge(names, outcome.run).tests.failed > 0) {
     outcome.status = kTestFailed;
   }
 }
