@@ -81,7 +81,9 @@ std::vector<Figures> measureTimes(const Case &row, int repeats, double span) {
 // ---- instructions: each side in a process of its own, which counts what runs inside of Run's loop
 
 // A few items more or less must not show, nor a long pass run for minutes.
-int64_t countedPasses(double items) { return std::max<int64_t>(8, static_cast<int64_t>(20000 / items)); }
+int64_t countedPasses(double items) {
+  return std::max<int64_t>(items < 100000 ? 8 : 1, static_cast<int64_t>(20000 / items));
+}
 
 double countInstructions(size_t row, size_t side) {
   char program[4096] = {};

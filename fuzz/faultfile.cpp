@@ -13,9 +13,28 @@ namespace {
 
 using namespace kepserver;
 
-Lines printed(const FaultFile &file, const Style &style) {
+// The lowest ids of every kind, with what could do harm in a table.
+constexpr const char *kFault = R"(
+[fault.any]
+registers = { 0 = { name = "-zero", unit = '=u,"', scale = 0.001 }, 1 = { name = "+bits", bits = { 0 = "=on" } } }
+counters = { 0 = { name = "=count" }, 1 = { name = "real", scale = 1e9 } }
+values = { 0 = { name = "=v", format = "B", fields = [{ name = "s", states = { 0 = "=on" } }] }, 1 = { name = "@w" } }
+[fault.any.register_data]
+0 = { name = "=buffer", format = "Bh", fields = [{ name = "=a" }, { name = "b" }] }
+1 = { name = "text", format = "4s", fields = [{ name = "s" }] }
+)";
+
+// Says the same of all faults of a file.
+Names namesOf(const FaultFile &file) {
+  static const FaultNames fault = parseNames(kFault, "fault", [](const std::string &) { return ""; }).faults.at("any");
+  Names names;
+  for (const FaultValue &value : file.values) names.faults[std::string(value.fault)] = fault;
+  return names;
+}
+
+Lines printed(const FaultFile &file, const Style &style, const Names *names = nullptr) {
   std::stringstream out;
-  writeFaultFile(out, style, file, {});
+  writeFaultFile(out, style, file, {}, names);
   return harmlessLines(out);
 }
 
@@ -38,7 +57,13 @@ void checkReports(const FaultFile &file) {
   require(valueCount == file.values.size() && textSize == recordedSize ? "" : "JSON has not all that was read");
   const size_t titles = (json.size() > valueCount + 2 ? 1 : 0) + (valueCount > 0 ? 1 : 0);
   require(printed(file, {Format::kText}).size() + 1 == json.size() + titles ? "" : "text has not a line for each");
-  checkCsv(csv, printed(file, {Format::kCsv, true}), 8, 1);
+  checkCsv(csv, printed(file, {Format::kCsv, true}), 8, {1, 6});
+
+  const Names names = namesOf(file);
+  const Lines named = printed(file, {Format::kCsv}, &names), raw = printed(file, {Format::kCsv, true}, &names);
+  checkCsv(named, raw, 12, {1, 6, 8, 9, 11});
+  checkNamed(json, printed(file, {Format::kJson}, &names), csv, named);
+  printed(file, {Format::kText}, &names);
 }
 
 }  // namespace

@@ -52,10 +52,45 @@ std::string describe(const Run &run) {
   return out.str() + (run.selfTest ? " self-test" : "") + (run.whole ? " whole" : "");
 }
 
-Lines printed(const Run &run, const Style &style) {
+// The keys that Board picks, with what could do harm in a table.
+constexpr const char *kItem = R"(
+[item.any]
+sections = { label = "=port", named_by = 1 }
+[item.any.keys]
+0 = { name = "-zero", unit = '=u,"', scale = 0.001, offset = -3 }
+1 = { name = "+text", kind = "text" }
+65535 = { name = "@log", kind = "log" }
+2147483647 = { name = "=buffer", format = "Bh", fields = [{ name = "=a", states = { 0 = "=on" } }, { name = "b" }] }
+[item.any.tests]
+0 = { name = "-zero", unit = '=u,"', pass = 0 }
+1 = { name = "+text", kind = "text", pass = { pattern = "*a*" } }
+2147483647 = { name = "=missing", pass = 1 }
+)";
+
+// Says the same of all items of a run.
+Names namesOf(const Run &run) {
+  static const Item item = parseNames(kItem, "item", [](const std::string &) { return ""; }).items.at("any");
+  Names names;
+  for (const auto &[index, name] : run.catalogue) names.items[name] = item;
+  for (const std::string &name : run.tested) names.items[name] = item;
+  names.items["none"] = item;
+  return names;
+}
+
+Lines printed(const Run &run, const Style &style, const Names *names = nullptr) {
   std::stringstream out;
-  RunReporter(out, style).write(run);
+  RunReporter reporter(out, style);
+  names ? reporter.write(run, *names, 1'795'000'000) : reporter.write(run);
   return harmlessLines(out);
+}
+
+void checkNamedReports(const Run &run, const Lines &json, const Lines &csv) {
+  const Names names = namesOf(run);
+  const Lines named = printed(run, {Format::kCsv}, &names), raw = printed(run, {Format::kCsv, true}, &names);
+  checkCsv(named, raw, 14, {2, 6, 7, 8, 9, 11});
+  checkNamed(json, printed(run, {Format::kJson}, &names), csv, named);
+  Style style;
+  for (style.width = 0; style.width < 100; style.width += 60) printed(run, style, &names);
 }
 
 // Every format has its lines and no more; JSON gives back every value.
@@ -68,7 +103,8 @@ void checkReports(const Run &run) {
   require(printed(run, {Format::kText}).size() == others + values + (values > 0 ? 1 : 0)
               ? ""
               : "text has not a line for each");
-  checkCsv(csv, printed(run, {Format::kCsv, true}), 7, 2);
+  checkCsv(csv, printed(run, {Format::kCsv, true}), 7, {2, 6});
+  checkNamedReports(run, json, csv);
 
   Lines read;
   for (const std::string &line : json) {

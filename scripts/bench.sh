@@ -13,7 +13,7 @@ for argument in "$@"; do
   esac
 done
 
-need "${build_packages[@]}" pkg-config valgrind \
+need "${build_packages[@]}" "${tool_packages[@]}" pkg-config valgrind \
   libsmartcols-dev libglib2.0-dev libfmt-dev libspdlog-dev libmsgpack-dev libzmq3-dev
 
 say "building the benchmarks"

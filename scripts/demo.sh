@@ -111,22 +111,29 @@ start() {
   launch "$1" 9099 "${run[@]}" "$host/examples/$@"
 }
 
+# collect ARGUMENT...: collects from the host that runs, with its names where there are any.
+names=()
 collect() {
-  say "kep-collect 127.0.0.1 $*"
-  "$tools/tools/kep-collect/kep-collect" 127.0.0.1 "$@"
+  say "kep-collect 127.0.0.1${names:+ ${names[*]}} $*"
+  "$tools/tools/kep-collect/kep-collect" 127.0.0.1 "${names[@]}" "$@"
+}
+
+faultlog() {
+  say "kep-faultlog $*"
+  "$tools/tools/kep-faultlog/kep-faultlog" "$@"
 }
 
 # What a host printed, without the lines of the service itself.
 printed() { grep -v -e '^size=' -e '\[[a-z]*\] \(begin...\|end\)$' "$host/$1.out"; }
 
 rm -f "$host/kep.log" "$host"/*.out
+names=(--names examples/board/board.toml)
 start kep-board
 collect --type 1
 collect --selftest
 sleep 1.5 # while the host's other thread takes a sample
 collect --type 2
-say "the fault log"
-wc -c "$host/kep.log"
+faultlog "$host/kep.log" "${names[@]}" --type register
 say "the host's memory table"
 printed kep-board | sed -n '/   id        size/,$p'
 stop
@@ -134,6 +141,7 @@ stop
 say "starting a configuration server"
 printf '[station]\ninterval = 200\n' >"$host/station.ini"
 launch kep-config 8999 "$tools/tools/kep-config/kep-config" "$host/station.ini"
+names=(--names examples/station/station.toml)
 start kep-station
 sleep 1 # a few samples
 collect --type 1
@@ -146,6 +154,7 @@ stop
 
 rm -rf "$host/faults"
 mkdir "$host/faults"
+names=()
 start kep-worker "$host/faults"
 sleep 1.5 # some readings, and a report
 collect --type 1
@@ -156,5 +165,5 @@ say "ending kep-worker, which saves them"
 endByItself
 say "its fault file"
 ls "$host/faults"
-"$tools/tools/kep-faultlog/kep-faultlog" --check "$host/faults/worker.faults"
-"$tools/tools/kep-faultlog/kep-faultlog" "$host/faults/worker.faults" | tail -n 12
+faultlog --check "$host/faults/worker.faults"
+faultlog "$host/faults/worker.faults" | tail -n 12

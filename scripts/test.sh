@@ -31,6 +31,9 @@ run_tests() {
 say "formatting"
 sources . | xargs clang-format --dry-run -Werror
 
+say "the share of the tests"
+scripts/share.sh
+
 say "configuring"
 for preset in "${compiled[@]}"; do
   cmake --preset "$preset" >/dev/null

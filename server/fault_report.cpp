@@ -134,7 +134,7 @@ void putSent(Sink &out, const Row &row) {
 
 void putShown(Sink &out, const Shown &shown, size_t numberWidth) {
   const std::string text = printable(shown.text);
-  if (isNumber(shown)) out << std::string(numberWidth - widthOf(text), ' ');
+  if (isNumber(shown)) out.blanks(numberWidth - widthOf(text));
   out << text;
   if (!shown.misfit && !shown.meaning->unit.empty()) out << ' ' << shown.meaning->unit;
 }
@@ -177,26 +177,34 @@ void putTable(Sink &out, const std::vector<Row> &rows, bool ofValues, bool isNam
 
 // JSON.
 
+// What names add to a row; of a value whose fields have rows of their own, no more than its name.
+Meant meantOf(const Row &row) {
+  if (row.shown.empty()) return {};
+  if (!row.hasFields()) return meantOf(row.shown[0], isHex(row.shown[0]));
+  Meant meant;
+  meant.name = row.shown[0].key->meaning.name;
+  return meant;
+}
+
+void putSent(JsonLine &line, const FaultValue &value) {
+  line.number("id", value.id).word("kind", kindOf(value.item));
+  if (holdsBytes(value.item)) {
+    line.hex("value", value.bytes);
+  } else {
+    line.number("value", value.number);
+  }
+}
+
 void putJson(Sink &out, const Style &style, const Row &row) {
   JsonLine line(out, row.value ? "value" : "line", style);
   line.text("fault", row.fault).word("type", row.type);
-  if (!row.value) {
-    line.word("time", row.line.time).text("text", row.line.text);
+  if (row.value) {
+    putSent(line, *row.value);
   } else {
-    line.number("id", row.value->id).word("kind", kindOf(row.value->item));
-    if (holdsBytes(row.value->item)) {
-      line.hex("value", row.value->bytes);
-    } else {
-      line.number("value", row.value->number);
-    }
+    line.word("time", row.line.time).text("text", row.line.text);
   }
   if (!row.note.empty()) line.word("note", row.note);
-  if (row.hasFields()) {
-    line.text("id_name", row.shown[0].key->meaning.name);
-  } else if (!row.shown.empty()) {
-    putMeant(line, "id_name", meantOf(row.shown[0], isHex(row.shown[0])));
-  }
-  line.end();
+  putMeant(line, "id_name", meantOf(row)).end();
   if (!row.hasFields()) return;
   for (const Shown &shown : row.shown) {
     JsonLine field(out, "field", style);
@@ -210,27 +218,25 @@ void putJson(Sink &out, const Style &style, const Row &row) {
 constexpr const char *kCsvHeader = "row,fault,type,time,id,kind,value,note";
 constexpr const char *kCsvAdded = ",id_name,unit,number,shown";
 
+void putSent(CsvLine &line, const FaultValue &value) {
+  line.number(value.id).word(kindOf(value.item));
+  if (holdsBytes(value.item)) {
+    line.hex(value.bytes);
+  } else {
+    line.number(value.number);
+  }
+}
+
 void putCsv(Sink &out, const Style &style, const Row &row, bool isNamed) {
   CsvLine line(out, style, row.value ? "value" : "line");
   line.text(row.fault).word(row.type).word(row.line.time);
-  if (!row.value) {
-    line.empty(2).text(row.line.text);
+  if (row.value) {
+    putSent(line, *row.value);
   } else {
-    line.number(row.value->id).word(kindOf(row.value->item));
-    if (holdsBytes(row.value->item)) {
-      line.hex(row.value->bytes);
-    } else {
-      line.number(row.value->number);
-    }
+    line.empty(2).text(row.line.text);
   }
   line.word(row.note);
-  Meant meant;
-  if (row.hasFields()) {
-    meant.name = row.shown[0].key->meaning.name;
-  } else if (!row.shown.empty()) {
-    meant = meantOf(row.shown[0], isHex(row.shown[0]));
-  }
-  if (isNamed) putMeant(line, meant);
+  if (isNamed) putMeant(line, meantOf(row));
   line.end();
   if (!row.hasFields()) return;
   for (const Shown &shown : row.shown) {

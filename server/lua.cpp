@@ -15,7 +15,7 @@ constexpr const char *kLayout = R"(-- Load it with dofile, or require; it return
 --
 --   version           1, the version of this layout
 --   title             of the board, or nil
---   zone              minutes east of UTC, of the board's times, or nil
+--   zone              of the board's times, or nil: a list of { since, minutes east of UTC }, in seconds since 1970
 --   items[NAME]       an item, by the name in the catalogue:
 --     reports         whether a collection asks it
 --     label           of its sections, or nil
@@ -131,13 +131,28 @@ std::string itemText(const std::string &name, const Item &item) {
   return text + setText(item.keys, "keys") + setText(item.tests, "tests") + "    },\n";
 }
 
+// What the zone's clocks do as long as 32 bits of seconds last.
+std::string zoneText(const absl::TimeZone &zone) {
+  std::string text;
+  absl::Time since = absl::UnixEpoch();
+  absl::TimeZone::CivilTransition next;
+  do {
+    const int minutes = zone.At(since).offset / 60;
+    text += (text.empty() ? "{ " : ", ") + ("{ " + std::to_string(absl::ToUnixSeconds(since)) + ", ") +
+            std::to_string(minutes) + " }";
+    if (!zone.NextTransition(since, &next)) break;
+    since = zone.At(next.to).trans;
+  } while (absl::ToUnixSeconds(since) <= UINT32_MAX);
+  return text + " }";
+}
+
 }  // namespace
 
 std::string luaNames(const Names &names, const std::string &origin) {
   std::string text = "-- Names of a board, made by kep-names --lua from " + printable(origin) + ".\n" + kLayout;
   text += "return {\n  version = 1,\n";
   if (!names.title.empty()) text += "  title = " + luaText(names.title) + ",\n";
-  if (names.zoneMinutes) text += "  zone = " + std::to_string(*names.zoneMinutes) + ",\n";
+  if (names.zone) text += "  zone = " + zoneText(*names.zone) + ",\n";
   text += "  items = {\n";
   for (const auto &[name, item] : names.items) text += itemText(name, item);
   return text + "  },\n}\n";

@@ -3,6 +3,7 @@
 #include "server/named_run.hpp"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <tuple>
 
@@ -28,16 +29,17 @@ bool hasNeighbour(const Values &values, size_t i) {
   return isIn(i - 1) || isIn(i + 1);
 }
 
-}  // namespace
-
-std::vector<const Value *> sortedValues(const Run &run) {
-  Values values;
-  for (const Value &value : run.values) values.push_back(&value);
-  const auto order = [](const Value *v) { return std::tie(v->testedCount, v->item, v->section, v->key); };
-  std::stable_sort(values.begin(), values.end(),
-                   [&order](const Value *a, const Value *b) { return order(a) < order(b); });
-  return values;
+// The verdict of each item and what is missing of it, to be compared.
+std::map<std::string_view, std::string> outcomesOf(const Judgement &judgement) {
+  std::map<std::string_view, std::string> outcomes;
+  for (const ItemResult &result : judgement.items) {
+    outcomes[result.item] = std::to_string(static_cast<int>(result.tests.verdict()));
+  }
+  for (const MissingTest &test : judgement.missing) outcomes[test.item] += '\n' + test.name;
+  return outcomes;
 }
+
+}  // namespace
 
 bool NamedRun::isOfLog(const Value &value) const {
   const Key *const key = lookup_.key(value);
@@ -54,8 +56,15 @@ NamedValue NamedRun::named(const Value &value) const {
   return named;
 }
 
-void NamedRun::forEach(const std::function<void(const NamedValue &)> &take) const {
-  const Values values = sortedValues(run_);
+void NamedRun::forEach(const std::function<void(const NamedValue &)> &takeAny) const {
+  const Values all = part_.before ? sortedValues(part_.run) : Values();
+  const Values &values = part_.before ? all : part_.values;
+  auto next = part_.values.begin();
+  const auto take = [&](const NamedValue &value) {  // what is not in the part only stands beside it
+    if (next == part_.values.end() || *next != value.value) return;
+    ++next;
+    takeAny(value);
+  };
   for (size_t i = 0; i < values.size();) {
     if (!isOfLog(*values[i])) {
       NamedValue one = named(*values[i]);
@@ -70,7 +79,7 @@ void NamedRun::forEach(const std::function<void(const NamedValue &)> &take) cons
     const size_t begin = i;
     for (; i < values.size() && isSamePlace(values[begin], values[i]) && isOfLog(*values[i]); ++i) {
       records.push_back(values[i]->bytes);
-      isCutShort |= !run_.whole && values[i] == &run_.values.back();
+      isCutShort |= !run().whole && values[i] == &run().values.back();
     }
     size_t record = begin;
     for (const LogLine &line : joinLogLines(records, isCutShort)) {
@@ -87,29 +96,22 @@ void NamedRun::forEach(const std::function<void(const NamedValue &)> &take) cons
 
 std::string NamedRun::fullTime(std::string_view time) const {
   const std::optional<BoardTime> known = readTime(time);
-  return known ? isoTime(*known, names_.zoneMinutes, collected_) : "";
+  return known ? isoTime(*known, names_.zone, collected_) : "";
 }
 
-std::string testName(const Shown &shown) {
-  std::string name = shown.name();
-  if (!name.empty() || !shown.key) return name;
-  for (const Field &field : shown.key->fields) {
-    if (!field.meaning.name.empty()) name += (name.empty() ? "" : ", ") + field.meaning.name;
-  }
-  return name;
-}
-
-Tally tally(const std::vector<ItemResult> &results) {
-  Tally tally;
-  for (const ItemResult &result : results) {
-    tally.items += result.verdict != Verdict::kNone ? 1 : 0;
-    tally.failedItems += result.verdict == Verdict::kFail ? 1 : 0;
-    for (const TestResult &test : result.tests) {
-      tally.tests += test.shown.verdict != Verdict::kNone ? 1 : 0;
-      tally.failedTests += test.shown.verdict == Verdict::kFail ? 1 : 0;
-    }
-  }
-  return tally;
+Judgement verdictsOf(const NamedRun &named) {
+  Judgement judgement = judge(named.names(), named.run());
+  if (!named.part().before) return judgement;
+  const auto outcomes = outcomesOf(judgement), known = outcomesOf(judge(named.names(), *named.part().before));
+  const auto isKnown = [&](const auto &of) {
+    const auto before = known.find(of.item);
+    return before != known.end() && before->second == outcomes.at(of.item);
+  };
+  std::vector<ItemResult> &items = judgement.items;
+  items.erase(std::remove_if(items.begin(), items.end(), isKnown), items.end());
+  std::vector<MissingTest> &missing = judgement.missing;
+  missing.erase(std::remove_if(missing.begin(), missing.end(), isKnown), missing.end());
+  return judgement;
 }
 
 }  // namespace kepserver

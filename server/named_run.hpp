@@ -7,36 +7,35 @@
 #include <string_view>
 #include <vector>
 
+#include "server/part.hpp"
 #include "server/present.hpp"
 #include "server/stream.hpp"
 
 namespace kepserver {
 
-// By item, section and key; among equals, which is how the lines of a log arrive, the order of arrival stays.
-std::vector<const Value *> sortedValues(const Run &run);
-
 struct NamedValue {
   const Value *value = nullptr;
-  const Key *key = nullptr;      // nullptr: not named
-  std::vector<Shown> shown;      // one, or one for each named field; none when no field is named
-  std::string_view sectionName;  // empty: not named
-  std::string_view time;         // of a log's line, as the board wrote it; of a time, itself
-  bool isTime = false;           // the time of the log's line behind it
-  bool isSection = false;        // the name of the section in which others stand
+  const Key *key = nullptr;  // nullptr: not named
+  std::vector<Shown> shown;  // one, or one for each named field; none when no field is named
+  std::string sectionName;   // empty: not named
+  std::string_view time;     // of a log's line, as the board wrote it; of a time, itself
+  bool isTime = false;       // the time of the log's line behind it
+  bool isSection = false;    // the name of the section in which others stand
 
   bool hasFields() const { return !shown.empty() && key && shown[0].meaning != &key->meaning; }
 };
 
 // Makes the values one by one, as often as it is asked to: a run can have more of them than there is memory for all
-// that is to be said of them. Lives as long as both the names and the run.
+// that is to be said of them. Lives as long as both the names and the part of the run.
 class NamedRun {
  public:
-  NamedRun(const Names &names, const Run &run, int64_t collected)
-      : names_(names), run_(run), collected_(collected), lookup_(names, run) {}
+  NamedRun(const Names &names, const Part &part, int64_t collected)
+      : names_(names), part_(part), collected_(collected), lookup_(names, part.run) {}
 
   void forEach(const std::function<void(const NamedValue &)> &take) const;
 
-  const Run &run() const { return run_; }
+  const Part &part() const { return part_; }
+  const Run &run() const { return part_.run; }
   const Names &names() const { return names_; }
 
   // A board's time with what it lacks of a year and a zone; empty when it is none.
@@ -49,19 +48,13 @@ class NamedRun {
   NamedValue named(const Value &value) const;
 
   const Names &names_;
-  const Run &run_;
+  const Part &part_;
   int64_t collected_;  // seconds since 1970
   RunNames lookup_;
 };
 
-// How the tests of a self-test are called, also one that is missing.
-std::string testName(const Shown &shown);
-
-// What all tests of a self-test came to.
-struct Tally {
-  size_t tests = 0, failedTests = 0;  // of those that have a rule, or are missing
-  size_t items = 0, failedItems = 0;  // likewise
-};
-Tally tally(const std::vector<ItemResult> &results);
+// What came of a self-test; of its items and what is missing only those that differ from the run before, where only
+// changes are printed.
+Judgement verdictsOf(const NamedRun &named);
 
 }  // namespace kepserver

@@ -17,32 +17,36 @@ constexpr const char *kDim = "2";
 constexpr const char *kGreen = "32";
 constexpr const char *kRed = "31";
 
-constexpr size_t kLeastRoom = 16;  // characters beside each other; with less, no line is broken
+constexpr size_t kLeastRoom = 16;  // characters beside each other; with less, no line is broken or cut
+constexpr const char *kEllipsis = "\xE2\x80\xA6";
+
+using Cells = Table<3>;
 
 class Page {
  public:
-  Page(Sink &out, const Style &style, const NamedRun &named) : out_(out), style_(style), named_(named) {}
+  Page(Sink &out, const Style &style, const NamedRun &named, const NamedRun &gone)
+      : out_(out), style_(style), named_(named), gone_(gone) {}
 
   void putValues();
   void putVerdicts();
   void putHead();
 
  private:
-  using Cells = Table<3>;
-
-  // Calls take(cells, value, shown) for each line.
+  // Calls take(cells, value, shown, isGone) for each line.
   template <class Take>
   void forEachLine(const Take &take) const;
-  Cells::Row cellsOf(const NamedValue &value, const Shown *shown) const;
 
   void put(const char *colour, std::string_view text);
   void putVerdict(Verdict verdict);
+  void putMark(Verdict verdict, bool isGone);
   void putShown(const NamedValue &value, const Shown &shown, size_t numberWidth, size_t column);
-  void putWrapped(std::string_view text, size_t column);
+  void putLines(std::string &text, size_t room, size_t column);
+  void putLong(std::string_view bytes, size_t column);
 
   Sink &out_;
   const Style &style_;
   const NamedRun &named_;
+  const NamedRun &gone_;
 };
 
 std::string numbered(std::string_view what, int32_t number) { return std::string(what) + " " + std::to_string(number); }
@@ -63,20 +67,23 @@ size_t prefixOf(std::string_view text, size_t characters) {
   return size;
 }
 
-Page::Cells::Row Page::cellsOf(const NamedValue &value, const Shown *shown) const {
+Cells::Row cellsOf(const NamedRun &named, const NamedValue &value, const Shown &shown) {
   const Value &sent = *value.value;
-  const std::string_view item = itemName(named_.run(), sent);
-  const std::string name = shown ? shown->name() : "";
-  return {item.empty() ? numbered("item", sent.item) : printable(item), sectionOf(value, named_.item(sent)),
+  const std::string_view item = itemName(named.run(), sent);
+  const std::string name = shown.name();
+  return {item.empty() ? numbered("item", sent.item) : printable(item), sectionOf(value, named.item(sent)),
           name.empty() ? numbered("key", sent.key) : name};
 }
 
+// A section's own name is seen with every other value; where those are left out it stands for itself.
 template <class Take>
 void Page::forEachLine(const Take &take) const {
-  named_.forEach([&](const NamedValue &value) {
-    if (value.isTime || value.isSection) return;
-    for (const Shown &shown : value.shown) take(cellsOf(value, &shown), value, shown);
-  });
+  for (const NamedRun *named : {&named_, &gone_}) {
+    named->forEach([&](const NamedValue &value) {
+      if (value.isTime || (value.isSection && !named_.part().before)) return;
+      for (const Shown &shown : value.shown) take(cellsOf(*named, value, shown), value, shown, named == &gone_);
+    });
+  }
 }
 
 void Page::put(const char *colour, std::string_view text) {
@@ -94,24 +101,45 @@ void Page::putVerdict(Verdict verdict) {
   out_ << "  ";
 }
 
-// Breaks at blanks where it can.
-void Page::putWrapped(std::string_view text, size_t column) {
-  const bool isWrapped = style_.width >= column + kLeastRoom;
-  while (isWrapped) {
-    size_t end = prefixOf(text, style_.width - column);
-    if (end == text.size()) break;
-    const size_t blank = text.rfind(' ', end);
+// Puts all of a text but what fits into its last line, which is left of it; breaks at blanks where it can.
+void Page::putLines(std::string &text, size_t room, size_t column) {
+  std::string_view rest = text;
+  for (size_t end; (end = prefixOf(rest, room)) < rest.size();) {
+    const size_t blank = rest.rfind(' ', end);
     if (blank != std::string_view::npos && blank > 0) end = blank;
-    out_ << text.substr(0, end) << '\n' << std::string(column, ' ');
-    text.remove_prefix(end + (text[end] == ' ' ? 1 : 0));
+    (out_ << rest.substr(0, end) << '\n').blanks(column);
+    rest.remove_prefix(end + (rest[end] == ' ' ? 1 : 0));
+  }
+  text.erase(0, text.size() - rest.size());
+}
+
+// A text can have as much as a whole run, and four times as much when it is made printable: portion by portion.
+void Page::putLong(std::string_view bytes, size_t column) {
+  const size_t room = style_.width >= column + kLeastRoom ? style_.width - column : 0;
+  if (room == 0) return putPrintable(out_, bytes);
+  if (style_.isCut) {
+    constexpr size_t kMostBytes = 4;  // of a character
+    const std::string text = printable(bytes.substr(0, kMostBytes * (room + 1)));
+    if (widthOf(text) <= room) {
+      out_ << text;
+    } else {
+      out_ << text.substr(0, prefixOf(text, room - 1)) << kEllipsis;
+    }
+    return;
+  }
+  std::string text;
+  while (!bytes.empty()) {
+    const size_t size = portionOf(bytes);
+    text += printable(bytes.substr(0, size));
+    bytes.remove_prefix(size);
+    putLines(text, room, column);
   }
   out_ << text;
 }
 
 void Page::putShown(const NamedValue &value, const Shown &shown, size_t numberWidth, size_t column) {
-  const std::string text = printable(shown.text);
   if (isNumber(shown)) {
-    out_ << std::string(numberWidth - widthOf(text), ' ') << text;
+    out_.blanks(numberWidth - widthOf(shown.text)) << shown.text;
     if (!shown.misfit && shown.meaning && !shown.meaning->unit.empty()) {
       out_ << ' ';
       put(kDim, shown.meaning->unit);
@@ -122,63 +150,62 @@ void Page::putShown(const NamedValue &value, const Shown &shown, size_t numberWi
       out_ << "  ";
       column += value.time.size() + 2;
     }
-    putWrapped(text, column);
+    putLong(shown.text, column);
   }
   out_ << '\n';
+}
+
+void Page::putMark(Verdict verdict, bool isGone) {
+  if (!isGone) return putVerdict(verdict);
+  put(kDim, "GONE");
+  out_ << "  ";
 }
 
 void Page::putValues() {
   Cells table({false, false, false});
   size_t numberWidth = 0;
-  forEachLine([&](const Cells::Row &cells, const NamedValue &, const Shown &shown) {
+  forEachLine([&](const Cells::Row &cells, const NamedValue &, const Shown &shown, bool) {
     table.widen(cells);
     if (isNumber(shown)) numberWidth = std::max(numberWidth, widthOf(shown.text));
   });
-  const size_t verdictWidth = named_.run().selfTest ? 6 : 0;
-  forEachLine([&](const Cells::Row &cells, const NamedValue &value, const Shown &shown) {
-    if (verdictWidth > 0) putVerdict(shown.verdict);
+  const size_t markWidth = named_.run().selfTest || !named_.part().gone.empty() ? 6 : 0;
+  forEachLine([&](const Cells::Row &cells, const NamedValue &value, const Shown &shown, bool isGone) {
+    if (markWidth > 0) putMark(shown.verdict, isGone);
     table.put(out_, cells);
-    putShown(value, shown, numberWidth, verdictWidth + table.width());
+    putShown(value, shown, numberWidth, markWidth + table.width());
   });
 }
 
 void Page::putVerdicts() {
-  const std::vector<ItemResult> results = judge(named_.names(), named_.run());
+  const Judgement judgement = verdictsOf(named_);
   Table<1> table({false});
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (!test.value) table.widen({printable(result.item)});
-    }
+  for (const MissingTest &test : judgement.missing) table.widen({printable(test.item)});
+  for (const MissingTest &test : judgement.missing) {
+    putVerdict(Verdict::kFail);
+    table.put(out_, {printable(test.item)});
+    out_ << test.name << " is missing\n";
   }
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      putVerdict(test.shown.verdict);
-      table.put(out_, {printable(result.item)});
-      out_ << testName(test.shown) << " is missing\n";
-    }
+  for (const ItemResult &result : judgement.items) {
+    putVerdict(result.tests.verdict());
+    putPrintable(out_, result.item);
+    out_ << '\n';
   }
-  for (const ItemResult &result : results) {
-    putVerdict(result.verdict);
-    out_ << printable(result.item) << '\n';
-  }
-  const Tally all = tally(results);
-  putVerdict(all.failedTests > 0 ? Verdict::kFail : all.tests > 0 ? Verdict::kPass : Verdict::kNone);
-  out_ << all.failedTests << " of " << all.tests << " tests failed, " << all.failedItems << " of " << all.items
-       << " items\n";
+  putVerdict(judgement.tests.verdict());
+  out_ << judgement.tests.failed << " of " << judgement.tests.count << " tests failed, " << judgement.testedItems.failed
+       << " of " << judgement.testedItems.count << " items\n";
 }
 
 void Page::putHead() {
   const Run &run = named_.run();
-  if (!run.identity) return;
+  if (!run.identity || !named_.part().identity) return;
   if (!named_.names().title.empty()) out_ << named_.names().title << ", ";
   out_ << "identity " << hex(run.identity->bytes) << ", sequence " << run.identity->sequence << '\n';
 }
 
 }  // namespace
 
-void putNamedText(Sink &out, const Style &style, const NamedRun &named) {
-  Page page(out, style, named);
+void putNamedText(Sink &out, const Style &style, const NamedRun &named, const NamedRun &gone) {
+  Page page(out, style, named, gone);
   page.putHead();
   page.putValues();
   if (named.run().selfTest) page.putVerdicts();

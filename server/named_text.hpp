@@ -7,7 +7,8 @@
 namespace kepserver {
 
 // Prints item, section, key and value with its unit, the lines of logs behind their times, and of a self-test what
-// came of it. Long texts go on under their column where there is a width to keep.
-void putNamedText(Sink &out, const Style &style, const NamedRun &named);
+// came of it; behind the values, and marked, those that are gone. Where there is a width to keep long texts go on under
+// their column, or are cut.
+void putNamedText(Sink &out, const Style &style, const NamedRun &named, const NamedRun &gone);
 
 }  // namespace kepserver

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "server/text.hpp"
+#include "server/times.hpp"
 
 namespace kepserver {
 
@@ -513,21 +514,13 @@ void readFault(const File &file, const std::string &name, const toml::node &node
   table.finish();
 }
 
-// UTC, or an offset such as +05:30.
-std::optional<int> minutesOf(const std::string &zone) {
-  if (zone == "UTC") return 0;
-  const auto digit = [&zone](size_t i) { return zone[i] >= '0' && zone[i] <= '9' ? zone[i] - '0' : 100; };
-  if (zone.size() != 6 || (zone[0] != '+' && zone[0] != '-') || zone[3] != ':') return std::nullopt;
-  const int hours = digit(1) * 10 + digit(2), minutes = digit(4) * 10 + digit(5);
-  if (hours > 14 || minutes > 59) return std::nullopt;
-  return (hours * 60 + minutes) * (zone[0] == '-' ? -1 : 1);
-}
-
 void readBoard(Table table, Names &names) {
   if (const auto title = table.text("title")) names.title = *title;
   if (const auto zone = table.text("zone")) {
-    names.zoneMinutes = minutesOf(*zone);
-    if (!names.zoneMinutes) table.fail("zone", inQuotes(*zone) + "; expected UTC or an offset such as +05:30");
+    names.zone = readZone(*zone);
+    if (!names.zone) {
+      table.fail("zone", inQuotes(*zone) + "; expected UTC, an offset such as +05:30, or one such as Europe/Berlin");
+    }
   }
   table.finish();
 }

@@ -4,6 +4,8 @@
 // refused, with its file, its line and what was expected.
 #pragma once
 
+#include <absl/time/time.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -114,7 +116,7 @@ struct FaultNames {
 
 struct Names {
   std::string title;
-  std::optional<int> zoneMinutes;  // east of UTC, of the board's times
+  std::optional<absl::TimeZone> zone;  // of the board's times
   std::map<std::string, Item, std::less<>> items;
   std::map<std::string, FaultNames, std::less<>> faults;
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <set>
+#include <unordered_map>
 #include <utility>
 
 #include "server/text.hpp"
@@ -248,7 +249,8 @@ void presentFields(const Names &names, const Key &key, const Sent &sent, std::ve
     showOne(shown);
     if (field.layout == Layout::kTime) {
       shown.number.clear();
-      shown.text = timeText(static_cast<uint32_t>(bigEndian(shown.sent.bytes)), names.zoneMinutes.value_or(0));
+      shown.text =
+          timeText(static_cast<int64_t>(bigEndian(shown.sent.bytes)), names.zone.value_or(absl::UTCTimeZone()));
     }
     out.push_back(std::move(shown));
   }
@@ -307,12 +309,8 @@ void present(const Names &names, const Key *key, const Sent &sent, std::vector<S
 // ---- runs
 
 RunNames::RunNames(const Names &names, const Run &run) : names_(names), run_(run) {
-  std::vector<Shown> shown;
   for (const Value &value : run.values) {
-    if (!namesSection(value)) continue;
-    shown.clear();
-    present(names, key(value), sentOf(value), shown);
-    if (!shown.empty()) sections_.emplace(std::tuple(value.item, value.section), shown[0].text);
+    if (namesSection(value)) sections_.emplace(std::tuple(value.item, value.section), &value);
   }
 }
 
@@ -323,13 +321,17 @@ const Key *RunNames::key(const Value &value) const {
   return found ? (run_.selfTest ? found->tests : found->keys).find(value.section, value.key) : nullptr;
 }
 
-std::string_view RunNames::section(const Value &value) const {
-  const auto named = sections_.find(std::tuple(value.item, value.section));
-  if (named != sections_.end()) return named->second;
+std::string RunNames::section(const Value &value) const {
+  const auto naming = sections_.find(std::tuple(value.item, value.section));
+  if (naming != sections_.end()) {
+    std::vector<Shown> shown;
+    present(names_, key(*naming->second), sentOf(*naming->second), shown);
+    if (!shown.empty()) return shown[0].text;
+  }
   const Item *const found = item(value);
   if (!found) return "";
   const auto name = found->sections.names.find(value.section);
-  return name == found->sections.names.end() ? std::string_view() : name->second;
+  return name == found->sections.names.end() ? "" : name->second;
 }
 
 bool RunNames::namesSection(const Value &value) const {
@@ -341,56 +343,76 @@ bool RunNames::namesSection(const Value &value) const {
 
 namespace {
 
-Verdict overall(const std::vector<TestResult> &tests) {
-  Verdict verdict = Verdict::kNone;
-  for (const TestResult &test : tests) verdict = std::max(verdict, test.shown.verdict);
-  return verdict;
-}
-
-void addMissing(const Keys &keys, const std::set<const Key *> &seen, std::vector<TestResult> &tests) {
-  for (const auto &[id, key] : keys) {
-    if (seen.count(&key) != 0) continue;
-    TestResult missing;
-    missing.shown.key = &key;
-    missing.shown.meaning = &key.meaning;
-    missing.shown.verdict = Verdict::kFail;
-    tests.push_back(std::move(missing));
+std::string testName(const Key &key) {
+  std::string name = key.meaning.name;
+  if (!name.empty()) return name;
+  for (const Field &field : key.fields) {
+    if (!field.meaning.name.empty()) name += (name.empty() ? "" : ", ") + field.meaning.name;
   }
+  return name;
 }
 
-// An item of that name, made where there is none yet.
-ItemResult &resultOf(std::string_view item, std::vector<ItemResult> &results) {
-  const auto found = std::find_if(results.begin(), results.end(), [item](const auto &r) { return r.item == item; });
-  if (found != results.end()) return *found;
-  results.push_back({item, {}, Verdict::kNone});
-  return results.back();
+void add(Verdict verdict, Tally &tally) {
+  tally.count += verdict != Verdict::kNone ? 1 : 0;
+  tally.failed += verdict == Verdict::kFail ? 1 : 0;
 }
+
+// Adds to a judgement, and finds the items in it.
+class Judge {
+ public:
+  ItemResult &item(std::string_view name) {
+    const auto [place, isNew] = places_.emplace(name, judgement.items.size());
+    if (isNew) judgement.items.push_back({name, {}});
+    return judgement.items[place->second];
+  }
+
+  void addMissing(std::string_view name, const Keys &keys, const std::set<const Key *> &seen) {
+    ItemResult &result = item(name);
+    for (const auto &[id, key] : keys) {
+      if (seen.count(&key) != 0) continue;
+      judgement.missing.push_back({name, testName(key)});
+      add(Verdict::kFail, result.tests);
+    }
+  }
+
+  void count() {
+    for (const ItemResult &item : judgement.items) {
+      judgement.tests.count += item.tests.count;
+      judgement.tests.failed += item.tests.failed;
+      add(item.tests.verdict(), judgement.testedItems);
+    }
+  }
+
+  Judgement judgement;
+
+ private:
+  std::unordered_map<std::string_view, size_t> places_;
+};
 
 }  // namespace
 
-std::vector<ItemResult> judge(const Names &names, const Run &run) {
-  std::vector<ItemResult> results;
+Judgement judge(const Names &names, const Run &run) {
+  Judge judge;
   std::set<const Key *> seen;
   const RunNames lookup(names, run);
   std::vector<Shown> shown;
-  for (const std::string &item : run.tested) resultOf(item, results);
+  for (const std::string &item : run.tested) judge.item(item);
   for (const Value &value : run.values) {
     const Key *const key = lookup.key(value);
     if (!key) continue;
     seen.insert(key);
     shown.clear();
     present(names, key, sentOf(value), shown);
-    std::vector<TestResult> &tests = resultOf(itemName(run, value), results).tests;
-    for (Shown &one : shown) tests.push_back({lookup.section(value), &value, std::move(one)});
+    ItemResult &result = judge.item(itemName(run, value));
+    for (const Shown &one : shown) add(one.verdict, result.tests);
   }
   for (const auto &[name, item] : names.items) {
     if (item.tests.empty()) continue;
-    std::vector<TestResult> &tests = resultOf(name, results).tests;
-    addMissing(item.tests.keys, seen, tests);
-    for (const auto &[section, keys] : item.tests.in) addMissing(keys, seen, tests);
+    judge.addMissing(name, item.tests.keys, seen);
+    for (const auto &[section, keys] : item.tests.in) judge.addMissing(name, keys, seen);
   }
-  for (ItemResult &result : results) result.verdict = overall(result.tests);
-  return results;
+  judge.count();
+  return std::move(judge.judgement);
 }
 
 bool isCutShort(const Names &names, const Run &run) {

@@ -55,9 +55,9 @@ class RunNames {
  public:
   RunNames(const Names &names, const Run &run);
 
-  const Item *item(const Value &value) const;          // nullptr: not named
-  const Key *key(const Value &value) const;            // likewise
-  std::string_view section(const Value &value) const;  // "eth0"; empty: not named
+  const Item *item(const Value &value) const;     // nullptr: not named
+  const Key *key(const Value &value) const;       // likewise
+  std::string section(const Value &value) const;  // "eth0"; empty: not named
 
   // Whether the value names its section, and so is seen with every other of that section.
   bool namesSection(const Value &value) const;
@@ -65,23 +65,36 @@ class RunNames {
  private:
   const Names &names_;
   const Run &run_;
-  std::map<std::tuple<int32_t, int32_t>, std::string> sections_;  // that a value names, by item and section
+  std::map<std::tuple<int32_t, int32_t>, const Value *> sections_;  // what names them, by item and section
 };
 
-// Of a self-test run. A named test that did not come has failed.
-struct TestResult {
-  std::string_view section;
-  const Value *value = nullptr;  // nullptr: missing
-  Shown shown;
+// Of all that has a rule, or is missing.
+struct Tally {
+  size_t count = 0, failed = 0;
+
+  Verdict verdict() const { return failed > 0 ? Verdict::kFail : count > 0 ? Verdict::kPass : Verdict::kNone; }
 };
+
 struct ItemResult {
   std::string_view item;
-  std::vector<TestResult> tests;
-  Verdict verdict = Verdict::kNone;  // kFail when a test failed; kPass when all that have a rule passed
+  Tally tests;  // its values and named fields
 };
 
-// In the order of the run; behind it, what is missing.
-std::vector<ItemResult> judge(const Names &names, const Run &run);
+// A named test that did not come, and so has failed.
+struct MissingTest {
+  std::string_view item;
+  std::string name;
+};
+
+// What came of a self-test run: little, however many values it has.
+struct Judgement {
+  std::vector<ItemResult> items;  // as the run turned to them, each once; behind them those of which all is missing
+  std::vector<MissingTest> missing;
+  Tally tests;        // of all items
+  Tally testedItems;  // those that have tests
+};
+
+Judgement judge(const Names &names, const Run &run);
 
 // Whether a collection has fewer data messages than its items report, the end's included, be it whole otherwise.
 bool isCutShort(const Names &names, const Run &run);

@@ -10,16 +10,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The size of the first portion of `bytes`, which cuts no character: behind it stands none of the bytes that go on with
-// one, unless there are more of them than a character has.
-size_t portionOf(std::string_view bytes) {
-  if (bytes.size() <= Sink::kPortion) return bytes.size();
-  for (size_t size = Sink::kPortion; size > Sink::kPortion - 4; --size) {
-    if ((static_cast<uint8_t>(bytes[size]) & 0xC0) != 0x80) return size;
-  }
-  return Sink::kPortion;
-}
-
 void putJsonText(Sink &out, std::string_view bytes) {
   while (!bytes.empty()) {
     const size_t size = portionOf(bytes);

@@ -28,7 +28,8 @@ struct Style {
   bool bigAsText = false;  // whole numbers in JSON that a double could not hold exactly, in quotes
 
   // Of text with names.
-  size_t width = 0;  // of a line, in characters; 0: as long as it likes
+  size_t width = 0;    // of a line, in characters; 0: as long as it likes
+  bool isCut = false;  // what is longer, rather than broken
   bool colours = false;
 };
 
@@ -51,10 +52,10 @@ class Table {
   // Leaves the line open for the last column.
   void put(Sink &out, const Row &row) const {
     for (size_t i = 0; i < kCount; ++i) {
-      const std::string padding(widths_[i] - widthOf(row[i]), ' ');
-      if (rightAligned_[i]) out << padding;
+      const size_t padding = widths_[i] - widthOf(row[i]);
+      if (rightAligned_[i]) out.blanks(padding);
       out << row[i];
-      if (!rightAligned_[i]) out << padding;
+      if (!rightAligned_[i]) out.blanks(padding);
       out << "  ";
     }
   }

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/meant.hpp"
@@ -15,6 +16,8 @@ namespace kepserver {
 namespace {
 
 constexpr int kLayoutVersion = 1;
+
+using Values = std::vector<const Value *>;
 
 const char *kindName(ValueKind kind) {
   switch (kind) {
@@ -30,9 +33,9 @@ const char *kindName(ValueKind kind) {
 
 using ValueTable = Table<5>;
 
-ValueTable::Row rowOf(const Run &run, const Value &value) {
+ValueTable::Row rowOf(const Run &run, const Value &value, const char *kind) {
   return {std::to_string(value.item), printable(itemName(run, value)), std::to_string(value.section),
-          std::to_string(value.key), kindName(value.kind)};
+          std::to_string(value.key), kind};
 }
 
 void putValue(Sink &out, const Value &value) {
@@ -44,30 +47,55 @@ void putValue(Sink &out, const Value &value) {
   }
 }
 
-void putTable(Sink &out, const Run &run) {
-  const std::vector<const Value *> values = sortedValues(run);
-  if (values.empty()) return;
+// Calls take(row, value) for each line; of what is gone it is the last that was there.
+template <class Take>
+void forEachLine(const Part &part, const Take &take) {
+  for (const Value *value : part.values) take(rowOf(part.run, *value, kindName(value->kind)), *value);
+  for (const Value *value : part.gone) take(rowOf(*part.before, *value, "gone"), *value);
+}
+
+void putTable(Sink &out, const Part &part) {
+  if (part.values.empty() && part.gone.empty()) return;
   const ValueTable::Row head = {"item", "name", "section", "key", "kind"};
   ValueTable table({true, false, true, true, false});
   table.widen(head);
-  for (const Value *value : values) table.widen(rowOf(run, *value));
+  forEachLine(part, [&table](const ValueTable::Row &row, const Value &) { table.widen(row); });
   table.put(out, head);
   out << "value\n";
-  for (const Value *value : values) {
-    table.put(out, rowOf(run, *value));
-    putValue(out, *value);
+  forEachLine(part, [&](const ValueTable::Row &row, const Value &value) {
+    table.put(out, row);
+    putValue(out, value);
     out << '\n';
+  });
+}
+
+void putItems(Sink &out, const std::vector<Announced> &items, const char *end) {
+  for (const auto &[index, name] : items) {
+    if (index) {
+      out << "item " << *index << ' ' << printable(name) << end;
+    } else {
+      out << "self-test of " << printable(name) << end;
+    }
   }
 }
 
-void putText(Sink &out, const Run &run) {
-  if (run.identity) out << "identity " << hex(run.identity->bytes) << ", sequence " << run.identity->sequence << '\n';
-  for (const auto &[index, name] : run.catalogue) out << "item " << index << ' ' << printable(name) << '\n';
-  for (const std::string &name : run.tested) out << "self-test of " << printable(name) << '\n';
-  putTable(out, run);
+void putItems(Sink &out, const Part &part) {
+  putItems(out, part.items, "\n");
+  putItems(out, part.goneItems, " is gone\n");
 }
 
-void putCounts(Sink &out, const Run &run) {
+void putText(Sink &out, const Part &part) {
+  const std::optional<Identity> &identity = part.run.identity;
+  if (identity && part.identity) {
+    out << "identity " << hex(identity->bytes) << ", sequence " << identity->sequence << '\n';
+  }
+  putItems(out, part);
+  putTable(out, part);
+}
+
+void putEnd(Sink &out, const Part &part) {
+  const Run &run = part.run;
+  if (part.before && run.whole && isEmpty(part)) out << "nothing has changed\n";
   out << run.messageCount << " messages, " << run.recordCount << " records, " << run.byteCount << " bytes"
       << (run.whole ? "" : ", not whole") << '\n';
 }
@@ -141,12 +169,21 @@ void putJsonAdded(JsonLine &line, const Added &added) {
   if (!added.time.empty()) line.word("time", added.time);
 }
 
-void putJsonHead(Sink &out, const Run &run) {
-  if (run.identity) {
-    JsonLine(out, "identity").hex("identity", run.identity->bytes).number("sequence", run.identity->sequence).end();
+void putJsonItems(Sink &out, const std::vector<Announced> &items, const char *goneRow) {
+  for (const auto &[index, name] : items) {
+    JsonLine line(out, goneRow ? goneRow : index ? "item" : "tested");
+    if (index) line.number("item", *index);
+    line.text("name", name).end();
   }
-  for (const auto &[index, name] : run.catalogue) JsonLine(out, "item").number("item", index).text("name", name).end();
-  for (const std::string &name : run.tested) JsonLine(out, "tested").text("name", name).end();
+}
+
+void putJsonHead(Sink &out, const Part &part) {
+  const std::optional<Identity> &identity = part.run.identity;
+  if (identity && part.identity) {
+    JsonLine(out, "identity").hex("identity", identity->bytes).number("sequence", identity->sequence).end();
+  }
+  putJsonItems(out, part.items, nullptr);
+  putJsonItems(out, part.goneItems, "gone");
 }
 
 JsonLine &putJsonCounts(JsonLine &line, const Run &run) {
@@ -154,50 +191,58 @@ JsonLine &putJsonCounts(JsonLine &line, const Run &run) {
   return line.flag("whole", run.whole);
 }
 
-void putJson(Sink &out, const Style &style, const Run &run) {
-  putJsonHead(out, run);
-  for (const Value *value : sortedValues(run)) {
-    JsonLine line = beginJsonValue(out, style, "value", run, *value);
+void putJsonValues(Sink &out, const Style &style, const char *row, const Run &run, const Values &values) {
+  for (const Value *value : values) {
+    JsonLine line = beginJsonValue(out, style, row, run, *value);
     putJsonContent(line, *value);
     line.end();
   }
-  JsonLine summary(out, "summary");
-  putJsonCounts(summary, run).end();
 }
 
-Tally putJsonVerdicts(Sink &out, const std::vector<ItemResult> &results) {
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      JsonLine(out, "missing")
-          .text("name", result.item)
-          .text("key_name", testName(test.shown))
-          .word("verdict", verdictName(Verdict::kFail))
-          .end();
-    }
+void putJson(Sink &out, const Style &style, const Part &part) {
+  putJsonHead(out, part);
+  putJsonValues(out, style, "value", part.run, part.values);
+  if (part.before) putJsonValues(out, style, "gone", *part.before, part.gone);
+  JsonLine summary(out, "summary");
+  putJsonCounts(summary, part.run).end();
+}
+
+void putJsonVerdicts(Sink &out, const Judgement &judgement) {
+  for (const MissingTest &test : judgement.missing) {
+    JsonLine(out, "missing")
+        .text("name", test.item)
+        .text("key_name", test.name)
+        .word("verdict", verdictName(Verdict::kFail))
+        .end();
   }
-  for (const ItemResult &result : results) {
+  for (const ItemResult &result : judgement.items) {
     JsonLine line(out, "result");
     line.text("name", result.item);
-    if (result.verdict != Verdict::kNone) line.word("verdict", verdictName(result.verdict));
+    if (result.tests.verdict() != Verdict::kNone) line.word("verdict", verdictName(result.tests.verdict()));
     line.end();
   }
-  return tally(results);
 }
 
-void putJson(Sink &out, const Style &style, const NamedRun &named) {
-  const Run &run = named.run();
-  putJsonHead(out, run);
+void putJsonValues(Sink &out, const Style &style, bool areGone, const NamedRun &named) {
   forEachRow(named, [&](const Value &value, const Added &added, const Shown *field) {
-    JsonLine line = beginJsonValue(out, style, field ? "field" : "value", run, value);
+    if (field && areGone) return;
+    JsonLine line = beginJsonValue(out, style, field ? "field" : areGone ? "gone" : "value", named.run(), value);
     if (!field) putJsonContent(line, value);
     putJsonAdded(line, added);
     line.end();
   });
-  const Tally all = run.selfTest ? putJsonVerdicts(out, judge(named.names(), run)) : Tally();
+}
+
+void putJson(Sink &out, const Style &style, const NamedRun &named, const NamedRun &gone) {
+  const Run &run = named.run();
+  putJsonHead(out, named.part());
+  putJsonValues(out, style, false, named);
+  putJsonValues(out, style, true, gone);
+  const Judgement judgement = run.selfTest ? verdictsOf(named) : Judgement();
+  putJsonVerdicts(out, judgement);
   JsonLine summary(out, "summary");
   putJsonCounts(summary, run);
-  if (run.selfTest) summary.number("tests", all.tests).number("failed", all.failedTests);
+  if (run.selfTest) summary.number("tests", judgement.tests.count).number("failed", judgement.tests.failed);
   summary.end();
 }
 
@@ -227,21 +272,38 @@ void putCsvAdded(CsvLine &line, const Added &added) {
   putMeant(line.text(added.sectionName), added.meant).word(verdictName(added.verdict)).word(added.time);
 }
 
-void putCsvHead(Sink &out, const Style &style, const Run &run, size_t added) {
-  if (run.identity) CsvLine(out, style, "identity").empty(5).hex(run.identity->bytes).empty(added).end();
-  for (const auto &[index, name] : run.catalogue) {
-    CsvLine(out, style, "item").number(index).text(name).empty(4 + added).end();
+void putCsvItems(Sink &out, const Style &style, const std::vector<Announced> &items, const char *goneRow,
+                 size_t added) {
+  for (const auto &[index, name] : items) {
+    CsvLine line(out, style, goneRow ? goneRow : index ? "item" : "tested");
+    if (index) {
+      line.number(*index);
+    } else {
+      line.empty(1);
+    }
+    line.text(name).empty(4 + added).end();
   }
-  for (const std::string &name : run.tested) CsvLine(out, style, "tested").empty(1).text(name).empty(4 + added).end();
 }
 
-void putCsv(Sink &out, const Style &style, const Run &run) {
-  putCsvHead(out, style, run, 0);
-  for (const Value *value : sortedValues(run)) {
-    CsvLine line = beginCsvValue(out, style, "value", run, *value);
+void putCsvHead(Sink &out, const Style &style, const Part &part, size_t added) {
+  const std::optional<Identity> &identity = part.run.identity;
+  if (identity && part.identity) CsvLine(out, style, "identity").empty(5).hex(identity->bytes).empty(added).end();
+  putCsvItems(out, style, part.items, nullptr, added);
+  putCsvItems(out, style, part.goneItems, "gone", added);
+}
+
+void putCsvValues(Sink &out, const Style &style, const char *row, const Run &run, const Values &values) {
+  for (const Value *value : values) {
+    CsvLine line = beginCsvValue(out, style, row, run, *value);
     putCsvContent(line, *value);
     line.end();
   }
+}
+
+void putCsv(Sink &out, const Style &style, const Part &part) {
+  putCsvHead(out, style, part, 0);
+  putCsvValues(out, style, "value", part.run, part.values);
+  if (part.before) putCsvValues(out, style, "gone", *part.before, part.gone);
 }
 
 void putCsvVerdict(Sink &out, const Style &style, const char *row, std::string_view item, const Added &added) {
@@ -251,28 +313,24 @@ void putCsvVerdict(Sink &out, const Style &style, const char *row, std::string_v
   line.end();
 }
 
-void putCsvVerdicts(Sink &out, const Style &style, const std::vector<ItemResult> &results) {
-  for (const ItemResult &result : results) {
-    for (const TestResult &test : result.tests) {
-      if (test.value) continue;
-      Added added;
-      added.meant.name = testName(test.shown);
-      added.verdict = Verdict::kFail;
-      putCsvVerdict(out, style, "missing", result.item, added);
-    }
-  }
-  for (const ItemResult &result : results) {
+void putCsvVerdicts(Sink &out, const Style &style, const Judgement &judgement) {
+  for (const MissingTest &test : judgement.missing) {
     Added added;
-    added.verdict = result.verdict;
+    added.meant.name = test.name;
+    added.verdict = Verdict::kFail;
+    putCsvVerdict(out, style, "missing", test.item, added);
+  }
+  for (const ItemResult &result : judgement.items) {
+    Added added;
+    added.verdict = result.tests.verdict();
     putCsvVerdict(out, style, "result", result.item, added);
   }
 }
 
-void putCsv(Sink &out, const Style &style, const NamedRun &named) {
-  const Run &run = named.run();
-  putCsvHead(out, style, run, kAddedColumns);
+void putCsvValues(Sink &out, const Style &style, bool areGone, const NamedRun &named) {
   forEachRow(named, [&](const Value &value, const Added &added, const Shown *field) {
-    CsvLine line = beginCsvValue(out, style, field ? "field" : "value", run, value);
+    if (field && areGone) return;
+    CsvLine line = beginCsvValue(out, style, field ? "field" : areGone ? "gone" : "value", named.run(), value);
     if (field) {
       line.empty(2);
     } else {
@@ -281,74 +339,100 @@ void putCsv(Sink &out, const Style &style, const NamedRun &named) {
     putCsvAdded(line, added);
     line.end();
   });
-  if (run.selfTest) putCsvVerdicts(out, style, judge(named.names(), run));
+}
+
+void putCsv(Sink &out, const Style &style, const NamedRun &named, const NamedRun &gone) {
+  putCsvHead(out, style, named.part(), kAddedColumns);
+  putCsvValues(out, style, false, named);
+  putCsvValues(out, style, true, gone);
+  if (named.run().selfTest) putCsvVerdicts(out, style, verdictsOf(named));
 }
 
 }  // namespace
 
 void RunReporter::begin(Sink &out, bool isNamed) {
+  const bool isFirst = std::exchange(first_, false);
+  const size_t added = isNamed ? kAddedColumns : 0;
   switch (style_.format) {
     case Format::kText:
-      if (!first_) out << '\n';
-      break;
+      if (!isFirst) out << '\n';
+      return putHeading(out);
     case Format::kJson:
-      if (first_) putLayout(out, "kep-collect", kLayoutVersion);
-      break;
+      if (isFirst) putLayout(out, "kep-collect", kLayoutVersion);
+      return putJsonHeading(out);
     case Format::kCsv:
-      if (first_) out << kCsvHeader << (isNamed ? kCsvAdded : "") << '\n';
-      break;
-  }
-  first_ = false;
-  if (!stamp_.empty()) putStamp(out, isNamed);
-}
-
-void RunReporter::putStamp(Sink &out, bool isNamed) const {
-  switch (style_.format) {
-    case Format::kText: out << "run " << number_ << ", " << stamp_ << '\n'; break;
-    case Format::kJson: JsonLine(out, "run").number("run", number_).word("time", stamp_).end(); break;
-    case Format::kCsv:
-      CsvLine(out, style_, "run")
-          .empty(3)
-          .number(number_)
-          .empty(1)
-          .word(stamp_)
-          .empty(isNamed ? kAddedColumns : 0)
-          .end();
-      break;
+      if (isFirst) out << kCsvHeader << (isNamed ? kCsvAdded : "") << '\n';
+      return putCsvHeading(out, added);
   }
 }
 
-void RunReporter::stampNext(uint64_t number, int64_t collected) {
-  const std::optional<BoardTime> time = readTime(timeText(static_cast<uint32_t>(collected), 0));
-  number_ = number;
-  stamp_ = time ? isoTime(*time, 0, collected) : "";
+void RunReporter::putHeading(Sink &out) const {
+  const bool isOfBoard = !heading_.board.empty(), isStamped = heading_.number != 0;
+  if (!isOfBoard && !isStamped) return;
+  if (isOfBoard) out << "board " << printable(heading_.board) << (isStamped ? ", " : "");
+  if (isStamped) out << "run " << heading_.number << ", " << stamp();
+  out << '\n';
 }
 
-void RunReporter::write(const Run &run) {
+void RunReporter::putJsonHeading(Sink &out) const {
+  if (!heading_.board.empty()) {
+    JsonLine(out, "board").text("board", heading_.board).number("status", heading_.status).end();
+  }
+  if (heading_.number != 0) JsonLine(out, "run").number("run", heading_.number).word("time", stamp()).end();
+}
+
+void RunReporter::putCsvHeading(Sink &out, size_t added) const {
+  if (!heading_.board.empty()) {
+    CsvLine line(out, style_, "board");
+    line.empty(1).text(heading_.board).empty(3).number(heading_.status).empty(added).end();
+  }
+  if (heading_.number != 0) {
+    CsvLine line(out, style_, "run");
+    line.empty(3).number(heading_.number).empty(1).word(stamp()).empty(added).end();
+  }
+}
+
+std::string RunReporter::stamp() const {
+  return absl::FormatTime("%Y-%m-%dT%H:%M:%SZ", absl::FromUnixSeconds(heading_.time), absl::UTCTimeZone());
+}
+
+void RunReporter::writeNone(bool isNamed) {
+  Sink out(out_);
+  begin(out, isNamed);
+  if (style_.format == Format::kText) out << "no run\n";
+  out.flush();
+}
+
+void RunReporter::write(const Run &run, const Run *before) {
   Sink out(out_);
   begin(out, false);
+  const Part part = before ? changesOf(*before, run) : wholeOf(run);
   switch (style_.format) {
     case Format::kText:
-      putText(out, run);
-      putCounts(out, run);
+      putText(out, part);
+      putEnd(out, part);
       break;
-    case Format::kJson: putJson(out, style_, run); break;
-    case Format::kCsv: putCsv(out, style_, run); break;
+    case Format::kJson: putJson(out, style_, part); break;
+    case Format::kCsv: putCsv(out, style_, part); break;
   }
   out.flush();
 }
 
-void RunReporter::write(const Run &run, const Names &names, int64_t collected) {
+void RunReporter::write(const Run &run, const Names &names, int64_t collected, const Run *before) {
+  static const Run kNone;
   Sink out(out_);
   begin(out, true);
-  const NamedRun named(names, run, collected);
+  const Part part = before ? changesOf(*before, run) : wholeOf(run);
+  const Part gonePart{before ? *before : kNone, nullptr, false, {}, {}, part.gone, {}};
+  const NamedRun named(names, part, collected), gone(names, gonePart, collected);
   switch (style_.format) {
     case Format::kText:
-      putNamedText(out, style_, named);
-      putCounts(out, run);
+      if (before) putItems(out, part);  // otherwise they stand with their values
+      putNamedText(out, style_, named, gone);
+      putEnd(out, part);
       break;
-    case Format::kJson: putJson(out, style_, named); break;
-    case Format::kCsv: putCsv(out, style_, named); break;
+    case Format::kJson: putJson(out, style_, named, gone); break;
+    case Format::kCsv: putCsv(out, style_, named, gone); break;
   }
   out.flush();
 }

@@ -18,6 +18,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "server/text.hpp"
+
 namespace kepserver {
 
 namespace {
@@ -82,14 +84,14 @@ class FieldReader {
   int32_t signedWord() { return static_cast<int32_t>(number<uint32_t>()); }
 
   // Bytes behind their own 2-byte count.
-  std::string countedBytes() {
+  std::string_view countedBytes() {
     const uint64_t countOffset = offset();
     const size_t count = number<uint16_t>();
     if (message_.size() - position_ < count) {
       fail(countOffset, "a length of " + std::to_string(count) + " runs past its message");
     }
     position_ += count;
-    return message_.substr(position_ - count, count);
+    return std::string_view(message_).substr(position_ - count, count);
   }
 
   std::string rest() { return message_.substr(std::exchange(position_, message_.size())); }
@@ -111,7 +113,7 @@ Identity readIdentity(FieldReader &fields, uint32_t sequence) {
   return identity;
 }
 
-void checkName(const std::string &name, uint64_t offset) {
+void checkName(std::string_view name, uint64_t offset) {
   if (name.size() > kMaxNameSize) fail(offset, "an item's name of more than 19 bytes");
 }
 
@@ -122,9 +124,9 @@ void readCatalogueEntry(FieldReader &fields, std::map<int32_t, std::string> &cat
     fail(offset, "catalogue index " + std::to_string(index) + " does not ascend");
   }
   const uint64_t nameOffset = fields.offset();
-  std::string name = fields.countedBytes();
+  const std::string_view name = fields.countedBytes();
   checkName(name, nameOffset);
-  catalogue.emplace(index, std::move(name));
+  catalogue.emplace(index, name);
 }
 
 }  // namespace
@@ -168,6 +170,14 @@ void StreamDecoder::finish() {
     damage_ = Damage{end, "the stream ends before the run's last message", true};
   }
   run_.whole = !damage_;
+}
+
+std::string StreamDecoder::lastItem() const {
+  if (run_.selfTest && !run_.tested.empty()) return printable(run_.tested.back());
+  if (!openValue_ && run_.values.empty()) return "";
+  const Value &last = openValue_ ? *openValue_ : run_.values.back();
+  const std::string_view name = itemName(run_, last);
+  return name.empty() ? "item " + std::to_string(last.item) : printable(name);
 }
 
 // Items without a callback send no message and stand in the catalogue all the same: all that can be asked for is that
@@ -259,7 +269,7 @@ void StreamDecoder::readRecord(FieldReader &fields) {
   ++run_.recordCount;
 }
 
-void StreamDecoder::joinPiece(Value piece, bool last, uint64_t offset) {
+void StreamDecoder::joinPiece(Value &&piece, bool last, uint64_t offset) {
   if (openValue_) {
     const bool continues = piece.kind == openValue_->kind && piece.item == openValue_->item &&
                            piece.section == openValue_->section && piece.key == openValue_->key;
@@ -277,7 +287,7 @@ void StreamDecoder::joinPiece(Value piece, bool last, uint64_t offset) {
   }
 }
 
-void StreamDecoder::keep(Value value) {
+void StreamDecoder::keep(Value &&value) {
   if (run_.selfTest && isTestedName(value)) {
     run_.tested.push_back(std::move(value.bytes));
     return;

@@ -74,6 +74,9 @@ class StreamDecoder {
   // behind the message of an item that reported nothing looks like one that is over.
   void finish();
 
+  // The item that the board was at when it sent last, by name or number, fit to be shown; empty before the first.
+  std::string lastItem() const;
+
   const Run &run() const { return run_; }
   Run takeRun() { return std::move(run_); }  // the last thing to be done with a decoder
   const std::optional<Damage> &damage() const { return damage_; }
@@ -85,8 +88,8 @@ class StreamDecoder {
   void checkSequence(uint32_t sequence, uint64_t offset);
   void readMessage();
   void readRecord(FieldReader &fields);
-  void joinPiece(Value piece, bool last, uint64_t offset);
-  void keep(Value value);
+  void joinPiece(Value &&piece, bool last, uint64_t offset);
+  void keep(Value &&value);
 
   Expectation expectation_;
   Run run_;

@@ -129,6 +129,14 @@ std::string hex(std::string_view bytes) {
 
 void putHex(Sink &out, std::string_view bytes) { appendHex(out, bytes); }
 
+size_t portionOf(std::string_view bytes) {
+  if (bytes.size() <= Sink::kPortion) return bytes.size();
+  for (size_t size = Sink::kPortion; size > Sink::kPortion - 4; --size) {
+    if ((static_cast<uint8_t>(bytes[size]) & 0xC0) != 0x80) return size;
+  }
+  return Sink::kPortion;
+}
+
 size_t widthOf(std::string_view text) {
   return static_cast<size_t>(
       std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<uint8_t>(c) & 0xC0) != 0x80; }));

@@ -18,13 +18,17 @@ class Sink {
  public:
   static constexpr size_t kPortion = 65536;
 
-  explicit Sink(std::ostream &out) : out_(out) {}
+  explicit Sink(std::ostream &out) : out_(out), portion_(kPortion, '\0') {}
   Sink(const Sink &) = delete;
   Sink &operator=(const Sink &) = delete;
 
   Sink &append(std::string_view text) {
-    text_.append(text);
-    if (text_.size() >= kPortion) pass();
+    if (text.size() > kPortion - size_) pass();
+    if (text.size() > kPortion) {
+      out_.write(text.data(), static_cast<std::streamsize>(text.size()));
+      return *this;
+    }
+    size_ += text.copy(portion_.data() + size_, text.size());
     return *this;
   }
 
@@ -32,9 +36,16 @@ class Sink {
   Sink &operator<<(char c) { return append({&c, 1}); }
   template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
   Sink &operator<<(Number number) {
-    char digits[24] = {};
-    const char *const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
-    return append({digits, static_cast<size_t>(end - digits)});
+    constexpr size_t kMostDigits = 20;
+    if (kPortion - size_ < kMostDigits) pass();
+    char *const digits = portion_.data() + size_;
+    size_ += static_cast<size_t>(std::to_chars(digits, digits + kMostDigits, number).ptr - digits);
+    return *this;
+  }
+
+  Sink &blanks(size_t count) {
+    for (; count > 0; --count) *this << ' ';
+    return *this;
   }
 
   void flush() {
@@ -44,12 +55,13 @@ class Sink {
 
  private:
   void pass() {
-    out_.write(text_.data(), static_cast<std::streamsize>(text_.size()));
-    text_.clear();
+    out_.write(portion_.data(), static_cast<std::streamsize>(size_));
+    size_ = 0;
   }
 
   std::ostream &out_;
-  std::string text_;
+  std::string portion_;
+  size_t size_ = 0;  // of what of it waits
 };
 
 bool isUtf8(std::string_view bytes);
@@ -65,6 +77,10 @@ void putPrintable(Sink &out, std::string_view bytes);
 // Two lower-case digits a byte.
 std::string hex(std::string_view bytes);
 void putHex(Sink &out, std::string_view bytes);
+
+// The size of the first portion of `bytes`, which cuts no character: behind it stands none of the bytes that go on with
+// one, unless there are more of them than a character has.
+size_t portionOf(std::string_view bytes);
 
 // How many characters a printable text has.
 size_t widthOf(std::string_view text);

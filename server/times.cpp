@@ -1,10 +1,11 @@
-// times.cpp: the calendar is the Gregorian one, and no day has a leap second.
+// times.cpp: the calendar and the zones are Abseil's; which year is meant, and what a zone does not tell, is said here.
 
 #include "server/times.hpp"
 
+#include <absl/time/civil_time.h>
+
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 
 #include "server/log_lines.hpp"
 
@@ -12,37 +13,21 @@ namespace kepserver {
 
 namespace {
 
-constexpr int64_t kDay = 86400;
-
-bool isLeap(int64_t year) { return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0); }
-
-int daysIn(int64_t year, int month) {
-  constexpr std::array<int, 12> kDays = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  return kDays[static_cast<size_t>(month - 1)] + (month == 2 && isLeap(year) ? 1 : 0);
+absl::CivilSecond civilTime(absl::civil_year_t year, const BoardTime &time) {
+  return absl::CivilSecond(year, time.month, time.day, time.hour, time.minute, time.second);
 }
 
-int64_t daysBefore(int64_t year) {  // since 1970, up to the year's first
-  const int64_t last = year - 1;
-  return 365 * (year - 1970) + (last / 4 - last / 100 + last / 400) - (1969 / 4 - 1969 / 100 + 1969 / 400);
+// Other days are carried over into the next month.
+bool isDay(absl::civil_year_t year, const BoardTime &time) {
+  const absl::CivilDay day(year, time.month, time.day);
+  return day.month() == time.month && day.day() == time.day;
 }
 
-int64_t yearAt(int64_t seconds) {
-  int64_t year = 1970 + seconds / (366 * kDay);
-  while (daysBefore(year + 1) * kDay <= seconds) ++year;
-  return year;
-}
-
-int64_t secondsOf(int64_t year, const BoardTime &time) {
-  int64_t days = daysBefore(year) + time.day - 1;
-  for (int month = 1; month < time.month; ++month) days += daysIn(year, month);
-  return days * kDay + int64_t{time.hour} * 3600 + int64_t{time.minute} * 60 + time.second;
-}
-
-int64_t yearOf(const BoardTime &time, int zoneMinutes, int64_t collected) {
+absl::civil_year_t yearOf(const BoardTime &time, const absl::TimeZone &zone, int64_t collected) {
   if (time.year) return *time.year;
-  const int64_t latest = collected + int64_t{zoneMinutes} * 60 + kDay;
-  int64_t year = yearAt(latest);
-  while (year > 1 && (time.day > daysIn(year, time.month) || secondsOf(year, time) > latest)) --year;
+  const absl::CivilSecond latest = zone.At(absl::FromUnixSeconds(collected) + absl::Hours(24)).cs;
+  absl::civil_year_t year = latest.year();
+  while (year > 1 && (!isDay(year, time) || civilTime(year, time) > latest)) --year;
   return year;
 }
 
@@ -61,38 +46,42 @@ std::optional<BoardTime> readTime(std::string_view text) {
   time.minute = two(start + 9);
   time.second = two(start + 12);
   constexpr int kSomeLeapYear = 2000;
-  const bool isTime = time.month >= 1 && time.month <= 12 && time.day >= 1 &&
-                      time.day <= daysIn(time.year.value_or(kSomeLeapYear), time.month) && time.hour < 24 &&
-                      time.minute < 60 && time.second <= 60;
+  const bool isTime =
+      isDay(time.year.value_or(kSomeLeapYear), time) && time.hour < 24 && time.minute < 60 && time.second <= 60;
   return isTime ? std::optional(time) : std::nullopt;
 }
 
-std::string isoTime(const BoardTime &time, std::optional<int> zoneMinutes, int64_t collected) {
-  const int zone = zoneMinutes.value_or(0);
-  std::array<char, 64> text;
-  std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d",
-                static_cast<int>(yearOf(time, zone, collected)), time.month, time.day, time.hour, time.minute,
-                time.second);
-  std::string iso = text.data();
-  if (!zoneMinutes) return iso;
-  std::snprintf(text.data(), text.size(), "%c%02d:%02d", zone < 0 ? '-' : '+', std::abs(zone) / 60,
-                std::abs(zone) % 60);
-  return iso + (zone == 0 ? "Z" : text.data());
+std::optional<absl::TimeZone> readZone(std::string_view text) {
+  if (text == "UTC") return absl::UTCTimeZone();
+  if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
+    const auto digit = [text](size_t i) { return text[i] >= '0' && text[i] <= '9' ? text[i] - '0' : 100; };
+    if (text.size() != 6 || text[3] != ':') return std::nullopt;
+    const int hours = digit(1) * 10 + digit(2), minutes = digit(4) * 10 + digit(5);
+    if (hours > 14 || minutes > 59) return std::nullopt;
+    return absl::FixedTimeZone((hours * 60 + minutes) * 60 * (text[0] == '-' ? -1 : 1));
+  }
+  // Only names of the database: no paths, and nothing that means another zone on another machine.
+  const bool isName = text.find_first_of(".:") == std::string_view::npos && text.substr(0, 1) != "/";
+  absl::TimeZone zone;
+  const bool isKnown = isName && text != "localtime" && absl::LoadTimeZone(std::string(text), &zone);
+  return isKnown ? std::optional(zone) : std::nullopt;
 }
 
-std::string timeText(uint32_t seconds, int zoneMinutes) {
-  const int64_t local = int64_t{seconds} + int64_t{zoneMinutes} * 60;
-  if (local < 0) return "1969/12/31 " + timeText(static_cast<uint32_t>(local + kDay), 0).substr(11);
-  const int64_t year = yearAt(local);
-  int64_t day = local / kDay - daysBefore(year);
-  int month = 1;
-  while (day >= daysIn(year, month)) day -= daysIn(year, month++);
-  const int64_t second = local % kDay;
+std::string isoTime(const BoardTime &time, const std::optional<absl::TimeZone> &zone, int64_t collected) {
+  const absl::civil_year_t year = yearOf(time, zone.value_or(absl::UTCTimeZone()), collected);
   std::array<char, 64> text;
-  std::snprintf(text.data(), text.size(), "%04d/%02d/%02d %02d:%02d:%02d", static_cast<int>(year), month,
-                static_cast<int>(day) + 1, static_cast<int>(second / 3600), static_cast<int>(second / 60 % 60),
-                static_cast<int>(second % 60));
-  return text.data();
+  std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d", static_cast<int>(year), time.month, time.day,
+                time.hour, time.minute, time.second);
+  std::string iso = text.data();
+  if (!zone) return iso;
+  const absl::TimeZone::TimeInfo moment = zone->At(civilTime(year, time));
+  if (moment.kind != absl::TimeZone::TimeInfo::UNIQUE) return iso;
+  const std::string offset = absl::FormatTime("%Ez", moment.pre, *zone);
+  return iso + (offset == "+00:00" ? "Z" : offset);
+}
+
+std::string timeText(int64_t seconds, const absl::TimeZone &zone) {
+  return absl::FormatTime("%Y/%m/%d %H:%M:%S", absl::FromUnixSeconds(seconds), zone);
 }
 
 }  // namespace kepserver

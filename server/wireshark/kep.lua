@@ -2,7 +2,8 @@
 -- both, and how to use this file.
 --
 -- A run is found by its request, which names the server's port. The messages of a run depend on those before: what a
--- message found when it came first is kept, so that it is shown the same in whatever order packets are looked at.
+-- message found when it came first is kept, so that it is shown the same in whatever order packets are looked at. When
+-- packets come first, fields of other protocols may not be there yet, so that nothing of a run hangs on them.
 
 local kep = Proto("kep", "kep collection")
 local conf = Proto("kepconfig", "kep configuration")
@@ -68,13 +69,13 @@ for _, field in pairs(e) do table.insert(kep.experts, field) end
 kep.prefs.port = Pref.uint("Port of requests", 9099, "The UDP port at which boards take requests")
 kep.prefs.names = Pref.string("Names", "", "What kep-names --lua made of a names file")
 
-local tcp_stream = Field.new("tcp.stream")
 local tcp_fin, tcp_seq, tcp_len = Field.new("tcp.flags.fin"), Field.new("tcp.seq"), Field.new("tcp.len")
 local udp_ports, tcp_ports = DissectorTable.get("udp.port"), DissectorTable.get("tcp.port")
 
 local names                          -- nil without a names file
 local request_port                   -- under which kep is registered
 local requests, runs, seen, queries  -- of the capture
+local server_ports = {}              -- that its requests name
 
 -- ---- names
 
@@ -104,22 +105,34 @@ end
 
 -- What a number is shown as, whose bytes are `range`. It is a Lua number or an Int64, and keeps its digits unless it is
 -- scaled.
-local function number_shown(meaning, number, range)
+local function number_text(meaning, number, range)
   local plain = tonumber(tostring(number))
   local text = meaning.states and meaning.states[plain] or meaning.bits and bits_shown(meaning, range)
   if not text and (meaning.scale or meaning.offset) then
     local scaled = plain * tonumber(meaning.scale or "1") + tonumber(meaning.offset or "0")
     text = meaning.decimals and ("%." .. meaning.decimals .. "f"):format(scaled) or tostring(scaled)
   end
-  text = text or meaning.hex and "0x" .. tostring(range:bytes()) or tostring(number)
-  return meaning.unit and text .. " " .. meaning.unit or text
+  return text or meaning.hex and "0x" .. tostring(range:bytes()) or tostring(number)
+end
+
+local function number_shown(meaning, number, range)
+  return number_text(meaning, number, range) .. (meaning.unit and " " .. meaning.unit or "")
+end
+
+-- What a clock in the board's zone shows.
+local function time_shown(seconds)
+  local minutes = 0
+  for _, change in ipairs(names.zone or {}) do
+    if change[1] <= seconds then minutes = change[2] end
+  end
+  return os.date("!%Y/%m/%d %H:%M:%S", seconds + 60 * minutes)
 end
 
 local function field_shown(field, range)
   local part = range:range(field.start, field.size)
   if field.type == "string" then return printable(part:raw():match("^[^%z]*")) end
   if field.type == "bytes" then return tostring(part:bytes()):lower() end
-  if field.type == "time" then return os.date("!%Y-%m-%d %H:%M:%S", part:uint() + 60 * (names.zone or 0)) end
+  if field.type == "time" then return time_shown(part:uint()) end
   if field.type == "float" then return number_shown(field, part:float(), part) end
   local number = field.type .. (field.size > 4 and "64" or "")
   return number_shown(field, part[number](part), part)
@@ -133,21 +146,30 @@ local function fields_shown(meaning, range)
   return table.concat(texts, ", ")
 end
 
--- Returns a value as its names file has it, nil when it does not say. Learns the names that sections take from values.
+-- Returns what a value's section is called. Learns the names that sections take from values, of which the first counts.
+local function section_shown(run, item, value, meaning)
+  if value.section == 0 then return "" end
+  local where = item.sections[value.section]
+  if item.named_by and not value.self_test then
+    local of_item = run.sections[value.item] or {}
+    run.sections[value.item] = of_item
+    if value.key == item.named_by and not of_item[value.section] and value.kind ~= "buffer" then
+      of_item[value.section] = value.bytes and printable(value.bytes) or
+        number_text(meaning or {}, value.number, value.range)
+    end
+    where = of_item[value.section]
+  end
+  return where or (item.label or "section") .. " " .. value.section
+end
+
+-- Returns a value as its names file has it, nil when it does not say.
 local function value_shown(run, value)
   local item = names and names.items[value.name]
   if not item then return nil end
-  local where = item.sections[value.section]
-  if item.named_by and value.section ~= 0 then
-    local of_item = run.sections[value.name] or {}
-    run.sections[value.name] = of_item
-    if value.key == item.named_by and value.kind == "string" then of_item[value.section] = printable(value.bytes) end
-    where = of_item[value.section] or where
-  end
-  if not where and value.section ~= 0 then where = (item.label or "section") .. " " .. value.section end
   local general, inner = item.keys, item.keys_in
   if value.self_test then general, inner = item.tests, item.tests_in end
   local meaning = inner[value.section] and inner[value.section][value.key] or general[value.key]
+  local where = section_shown(run, item, value, meaning)
   if not meaning then return nil end
   local text
   if value.number then
@@ -160,7 +182,7 @@ local function value_shown(run, value)
     text = #value.bytes .. " bytes"
   end
   local what = meaning.name or "key " .. value.key
-  return table.concat({ value.name, where or "", what }, " "):gsub("  ", " ") .. " " .. text
+  return table.concat({ value.name, where, what }, " "):gsub("  ", " ") .. " " .. text
 end
 
 -- ---- requests
@@ -216,6 +238,7 @@ local function dissect_request(tvb, pinfo, root)
   local server = tostring(pinfo.src) .. ":" .. port
   requests[server] = requests[server] or {}
   table.insert(requests[server], request)
+  server_ports[port] = true
   tcp_ports:add(port, kep)
 end
 
@@ -279,7 +302,7 @@ local function read_entry(state, fields, tree)
   state.run.catalogue[index] = raw(name)
   local entry = tree:add(kep, range, ("Item %d: %s"):format(index, printable(raw(name))))
   entry:add(f.entry_item, range)
-  entry:add_packet_field(f.entry_name, name, ENC_UTF_8)
+  entry:add(f.entry_name, name, printable(raw(name)))
 end
 
 -- A value that has become complete; `state` knows what it means.
@@ -287,7 +310,7 @@ local function show_value(state, value, tree, record)
   if state.self_test and value.kind == "string" and value.item == TESTED_ITEM and value.section == 0 and
      value.key == 0 then
     state.tested = value.bytes
-    record:add_packet_field(f.tested, value.range, ENC_UTF_8)
+    record:add(f.tested, value.range, printable(value.bytes))
     return "self-test of " .. printable(value.bytes)
   end
   value.self_test = state.self_test
@@ -504,14 +527,36 @@ local function request_of(pinfo, server, port)
   end
 end
 
+-- The runs between the two ends of a packet, in turn.
+local function runs_of(pinfo)
+  local ends = { pinfo.src_port .. " " .. tostring(pinfo.src), pinfo.dst_port .. " " .. tostring(pinfo.dst) }
+  table.sort(ends)
+  local key = ends[1] .. " " .. ends[2]
+  runs[key] = runs[key] or {}
+  return runs[key]
+end
+
+-- The run that a packet belongs to, nil if none has begun.
+local function run_at(pinfo)
+  local between = runs_of(pinfo)
+  for i = #between, 1, -1 do
+    if between[i].first <= pinfo.number then return between[i] end
+  end
+end
+
+-- Whether a connection between the ends of an earlier one has begun: its identity comes, and another request asks for it.
+local function is_next(run, request, tvb)
+  return run.state.messages > 0 and request ~= run.request and tvb:len() >= HEADER and tvb(0, 4):int() == HEADER + 4 and
+    tvb(4, 4):int() == 0
+end
+
 local function dissect_tcp(tvb, pinfo, root)
-  local stream = tcp_stream().value
-  local run = runs[stream]
-  if not run then
-    run = { board = pinfo.src_port, request = request_of(pinfo, pinfo.dst, pinfo.dst_port), catalogue = {},
-            sections = {}, state = { messages = 0, records = 0, bytes = 0 } }
+  local run, request = run_at(pinfo), request_of(pinfo, pinfo.dst, pinfo.dst_port)
+  if not run or (not pinfo.visited and is_next(run, request, tvb)) then
+    run = { board = pinfo.src_port, request = request, first = pinfo.number, catalogue = {}, sections = {},
+            state = { messages = 0, records = 0, bytes = 0 } }
     run.state.run = run
-    runs[stream] = run
+    table.insert(runs_of(pinfo), run)
   end
   pinfo.cols.protocol = "KEP"
   if pinfo.src_port ~= run.board then
@@ -543,12 +588,10 @@ end
 -- Says where a connection ends that its run was not over.
 local ending = Proto("kepend", "kep end of a run")
 function ending.dissector(tvb, pinfo, root)
-  local stream, fin = tcp_stream(), tcp_fin()
-  local run = stream and runs[stream.value]
-  if not run or not fin or not fin.value or pinfo.src_port ~= run.board then return end
-  if not pinfo.visited then seen["end" .. pinfo.number] = run.state end
-  local state = seen["end" .. pinfo.number]
-  if not state or state.damage then return end
+  local fin = tcp_fin()
+  local run = fin and fin.value and run_at(pinfo)
+  if not run or pinfo.src_port ~= run.board or run.state.damage then return end
+  local state = run.state
   local size = tcp_seq().value + tcp_len().value - 1
   local reason
   if size > state.bytes then
@@ -623,7 +666,11 @@ local function register()
   load_names()
 end
 
-local function reset() requests, runs, seen, queries = {}, {}, {}, {} end
+local function reset()
+  requests, runs, seen, queries = {}, {}, {}, {}
+  for port in pairs(server_ports) do tcp_ports:remove(port, kep) end  -- in another capture they are somebody else's
+  server_ports = {}
+end
 
 kep.init = reset
 kep.prefs_changed = register

@@ -11,6 +11,7 @@ import sys
 BOARD, SERVER = b"\x0a\0\0\x02", b"\x0a\0\0\x01"
 REQUEST_PORT = 9099
 FIN, SYN, PSH, ACK = 1, 2, 8, 16
+MOST_BYTES = 65000  # in a packet
 
 
 def checksum(data):
@@ -74,7 +75,8 @@ class Connection:
         self._sent[side] += len(payload) + (1 if flags & (SYN | FIN) else 0)
 
     def board_sends(self, payload):
-        self._send(0, PSH | ACK, payload)
+        for start in range(0, len(payload), MOST_BYTES):
+            self._send(0, PSH | ACK, payload[start : start + MOST_BYTES])
 
     def server_sends(self, payload):
         self._send(1, PSH | ACK, payload)

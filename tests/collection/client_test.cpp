@@ -17,36 +17,6 @@ void start(const Server &server) {
   ASSERT_EQ(CollectClient_Start("127.0.0.1", server.port() | 0x70000), 1);  // the port's low 16 bits count
 }
 
-TEST(Client, LaysOutEveryRecordAsTheWireWantsIt) {
-  Server server;
-  start(server);
-  CollectClient_SetType(2);
-  EXPECT_EQ(CollectClient_AppendInt(0x01020304), 4);
-  CollectClient_AppendString("ab");
-  CollectClient_AppendBuffer("\x00\xFF", 2);
-  CollectClient_CollectInt(1, 2, 3, -4);
-  CollectClient_CollectLong(0xFFFF, -1, 7, INT64_C(-0x0102030405060708));
-  EXPECT_EQ(CollectClient_CollectString(1, 0, 5, "text", 3), 3);
-  EXPECT_EQ(CollectClient_CollectString(1, 0, 5, "text", 0), 4);  // 0 measures
-  EXPECT_EQ(CollectClient_CollectString(1, 0, 5, "", 0), 0);
-  EXPECT_EQ(CollectClient_CollectBuffer(1, 0, 6, "\x00\x80", 2), 2);
-  EXPECT_EQ(CollectClient_Flush(-5), 1);
-  const std::string value(2000, 'v');
-  EXPECT_EQ(CollectClient_CollectBuffer(1, 2, 3, value.data(), 1009), 1009);  // fills a message and is whole
-  EXPECT_EQ(CollectClient_CollectString(1, 2, 3, value.data(), 1010), 1009);
-  CollectClient_End();
-  EXPECT_EQ(server.messages().at(0), wire::bytes("00000081 00000002 FFFFFFFB"
-                                                 "01020304 0002 6162 00FF"
-                                                 "81 00000001 00000002 00000003 FFFFFFFC"
-                                                 "82 0000FFFF FFFFFFFF 00000007 FEFDFCFBFAF9F8F8"
-                                                 "83 00000001 00000000 00000005 0003 746578"
-                                                 "83 00000001 00000000 00000005 0004 74657874"
-                                                 "83 00000001 00000000 00000005 0000"
-                                                 "84 00000001 00000000 00000006 0002 0080"));
-  EXPECT_EQ(server.messages().at(1).substr(12, 15), wire::bytes("84 00000001 00000002 00000003 03F1"));
-  EXPECT_EQ(server.messages().at(2).substr(12, 15), wire::bytes("03 00000001 00000002 00000003 03F1"));
-}
-
 CollectItem *l_system, *l_network;
 
 int32_t reportSystem(int32_t) {
@@ -92,22 +62,25 @@ TEST(Client, IsOnThePageAsItGoesOut) {
   close(board);
 }
 
-// Puts something where so many bytes of a message are free. What is appended and does not fit is left out whole.
+// Puts something, and the same into a run of which so many bytes are free: what is appended and does not fit is left
+// out whole.
 void put(int what, size_t free, wire::Stream &run) {
   switch (what) {
-    case 0: CollectClient_CollectInt(1, 2, 3, 4), run.putInt(1, 2, 3, 4); break;
-    case 1: CollectClient_CollectLong(1, 2, 3, 4), run.putLong(1, 2, 3, 4); break;
+    case 0: CollectClient_CollectInt(1, 0xFFFF, 3, -4), run.putInt(1, 0xFFFF, 3, -4); break;
+    case 1: CollectClient_CollectLong(-1, 2, 7, INT64_MIN + 9), run.putLong(-1, 2, 7, INT64_MIN + 9); break;
     case 2: CollectClient_CollectString(1, 2, 3, "0123456789", 0), run.putString(1, 2, 3, "0123456789"); break;
-    case 3: CollectClient_CollectBuffer(1, 2, 3, "x", 1), run.putBuffer(1, 2, 3, "x"); break;
-    case 4: CollectClient_AppendInt(7), run.append(free < 4 ? "" : wire::word(7)); break;
-    case 5: CollectClient_AppendString("ab"), run.append(free < 4 ? "" : wire::counted("ab")); break;
-    default: CollectClient_AppendBuffer("abc", 3), run.append(free < 3 ? "" : "abc");
+    case 3: CollectClient_CollectString(1, 2, 3, "0123456789", 9), run.putString(1, 2, 3, "012345678"); break;
+    case 4: CollectClient_CollectString(1, 0, 5, "", 0), run.putString(1, 0, 5, ""); break;
+    case 5: CollectClient_CollectBuffer(1, 0, 6, "\x80", 1), run.putBuffer(1, 0, 6, "\x80"); break;
+    case 6: CollectClient_AppendInt(0x01020304), run.append(free < 4 ? "" : wire::word(0x01020304)); break;
+    case 7: CollectClient_AppendString("ab"), run.append(free < 4 ? "" : wire::counted("ab")); break;
+    default: CollectClient_AppendBuffer("a\0\xFF", 3), run.append(free < 3 ? "" : std::string("a\0\xFF", 3));
   }
 }
 
 TEST(Client, FillsMessagesToTheLastByte) {
   for (size_t free = 0; free < 30; ++free) {
-    for (int what = 0; what < 7; ++what) {
+    for (int what = 0; what < 9; ++what) {
       Server server;
       start(server);
       const std::string begin(1024 - free, '.');
@@ -115,14 +88,34 @@ TEST(Client, FillsMessagesToTheLastByte) {
       wire::Stream run(0);
       run.append(begin);
       put(what, free, run);
+      EXPECT_EQ(CollectClient_Flush(-5), 1);
+      run.flush(-5);
+      put(what, 1024, run);
       CollectClient_End();
-      run.flush();
+      run.flush(wire::wordAt(server.messages().back(), 8));  // the library's count runs on
       ASSERT_EQ(server.messages().size(), run.messages().size()) << what << " where " << free << " are free";
       for (size_t i = 0; i < run.messages().size(); ++i) {
-        EXPECT_EQ(server.messages()[i].substr(12), run.messages()[i].substr(12)) << what << " where " << free;
+        const std::string &expected = run.messages()[i];
+        const bool isNumbered = i + 2 >= run.messages().size();  // not where a value has filled a message
+        EXPECT_EQ(server.messages()[i].substr(isNumbered ? 0 : 12), expected.substr(isNumbered ? 0 : 12)) << what;
       }
     }
   }
+}
+
+// Long values come in pieces, of which each call writes the first.
+TEST(Client, TellsHowMuchOfAValueItHasWritten) {
+  Server server;
+  start(server);
+  const std::string value(2000, 'v');
+  EXPECT_EQ(CollectClient_AppendInt(1), 4);
+  EXPECT_EQ(CollectClient_CollectString(1, 0, 5, "text", 3) * 10 + CollectClient_CollectString(1, 0, 5, "text", 0), 34);
+  EXPECT_EQ(CollectClient_Flush(0), 1);
+  EXPECT_EQ(CollectClient_CollectBuffer(1, 2, 3, value.data(), 1009), 1009);  // fills a message and is whole
+  EXPECT_EQ(CollectClient_CollectString(1, 2, 3, value.data(), 1010), 1009);
+  CollectClient_End();
+  EXPECT_EQ(server.messages().at(1).substr(12, 15), bytesOf("84 00000001 00000002 00000003 03F1"));
+  EXPECT_EQ(server.messages().at(2).substr(12, 15), bytesOf("03 00000001 00000002 00000003 03F1"));
 }
 
 TEST(Client, LeavesNothingOfAFailedRunToTheNext) {
@@ -136,17 +129,12 @@ TEST(Client, LeavesNothingOfAFailedRunToTheNext) {
       EXPECT_EQ(CollectClient_Flush(0), 0);
     }
   }
-  for (const char *address : {"127.0.0.1", "nowhere", static_cast<const char *>(nullptr)}) {
-    EXPECT_EQ(CollectClient_Start(address, closedPort()), 0);
-  }
+  EXPECT_EQ(CollectClient_Start(nullptr, closedPort()), 0);
   Server next;
   start(next);
-  EXPECT_EQ(CollectClient_Flush(0), 1);
-  CollectClient_SetType(-2);
   CollectClient_End();
-  EXPECT_EQ(wire::wordAt(next.messages().at(0), 4), 0);
-  EXPECT_EQ(wire::wordAt(next.messages().at(1), 4), -2);
-  EXPECT_EQ(output.take(), "recv error.\nsend error.\nconnect error.\nconnect error.\nconnect error.\n");
+  EXPECT_EQ(next.messages().at(0).substr(0, 8), bytesOf("0000000C 00000000"));
+  EXPECT_EQ(output.take(), "recv error.\nsend error.\nconnect error.\n");
 }
 
 // A host may run with its standard descriptors closed, and what it prints must not go out by a run's connection.

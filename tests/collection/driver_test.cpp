@@ -25,8 +25,6 @@ std::vector<Peer> peersFor(size_t messages) {
       {"acknowledges with 1 byte", {0, Manner::kResets, 1}},
       {"acknowledges with 16 bytes", {0, Manner::kResets, 16}},
       {"acknowledges with 17 bytes", {0, Manner::kResets, 17}},
-      {"acknowledges byte by byte", {0, Manner::kResets, 16, true}},
-      {"reads a byte a second", {0, Manner::kResets, 4, false, 1000}, "rs", false, kAck},
       {"acknowledges two messages at once", {2, Manner::kFallsSilent, 32}, "..rs", false, kAck},
       {"acknowledges three messages at once", {2, Manner::kFallsSilent, 33}, "...rs", false, kAck},
       {"acknowledges all at once and reads no more", {1, Manner::kStopsReading, kFlood / 32}, ".s", true, kSend},
@@ -183,7 +181,7 @@ TEST_F(Runs, ServesTheItemsOfItsCatalogueUnderTheirIndexes) {
       EXPECT_EQ(host::start(type, server.port(), 7), 1);
       const std::vector<std::string> messages = server.messages();
       EXPECT_EQ(called, "ac");
-      EXPECT_NE(messages.at(messages.size() - 2).find(wire::bytes("81 00000002 00000000 00000001 00000002")),
+      EXPECT_NE(messages.at(messages.size() - 2).find(bytesOf("81 00000002 00000000 00000001 00000002")),
                 std::string::npos);
       Collect_Release(items[1]);  // once more, freed as it is
       EXPECT_EQ(g_collect_param.count, 2);

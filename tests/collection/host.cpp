@@ -59,7 +59,7 @@ int32_t reportLogs(int32_t) {
 
 void registerItems() {
   fault = ZuFault_Regist("fault", nullptr);
-  ZuFault_SetInitLog(fault, 1, 0, "up");
+  ZuFault_SetInitLog(fault, 1, 0, "u");
   ZuFault_SetInitLog(fault, 1, 0, "");
   setContent(0);
   figures = Collect_New("figures", reportFigures, testFigures);
@@ -84,19 +84,6 @@ int32_t start(int32_t type, int32_t port, int32_t sequence) {
   return Collect_Start("127.0.0.1", port, type, sequence, 0xAB, 0xCD);
 }
 
-namespace {
-
-bool isListening() {
-  for (int fd = 0; fd < 100; ++fd) {
-    sockaddr_in name{};
-    socklen_t size = sizeof name;
-    if (getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size) == 0 && name.sin_port == htons(9099)) return true;
-  }
-  return false;
-}
-
-}  // namespace
-
 const std::string &Service::address() {
   static const std::string address = [pid = getpid()] {
     const int bytes[] = {128 | pid >> 16, pid >> 8 & 255, pid & 255};
@@ -112,7 +99,7 @@ Service::Service(int32_t (*serve)()) {
     result_ = serve();
     hasReturned_ = true;
   });
-  while (!isListening() && !hasReturned_) std::this_thread::yield();
+  while (!isBound(9099) && !hasReturned_) std::this_thread::yield();
 }
 
 void Service::awaitSleep() const {
@@ -160,7 +147,7 @@ Run::Run(int32_t type, int32_t sequence, int32_t lastNumber) : stream(lastNumber
     stream.putBuffer(0, 0, 6, text(1100));
     flushAndCheck(beginAndEnd("[figures] "));
     flushAndCheck(beginAndEnd("[a name longer than ] "));  // it reports nothing
-    const std::string time = "##/## ##:##:##", initLog[] = {time, "up", time, ""}, runLog[] = {time, text(1100)};
+    const std::string time = "##/## ##:##:##", initLog[] = {time, "u", time, ""}, runLog[] = {time, text(1100)};
     for (const std::string &record : initLog) stream.putString(3, 0, 7, record);
     for (const std::string &record : runLog) stream.putString(3, 0, 8, record);
     for (const std::string &record : initLog) stream.putString(3, 0, 9, record);

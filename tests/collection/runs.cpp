@@ -90,7 +90,7 @@ int32_t Runs::meet(int32_t type, const Manner &manner, Fates fates, bool breaksL
     CollectClient_Start("nowhere", 0);  // closes the connection of a broken run
     if (fates != "c") {
       arrived = host::withoutTimes(server.messages());
-      const bool isPatient = manner.ackSize <= 16 && !manner.acksBytewise && fates.find('r') == Fates::npos;
+      const bool isPatient = manner.ackSize <= 16 && fates.find('r') == Fates::npos;
       EXPECT_FALSE(isPatient && server.wasHurried());
     }
   }

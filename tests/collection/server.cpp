@@ -1,42 +1,18 @@
 #include "collection/server.hpp"
 
-#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <fstream>
+
+#include "transport/own_network.hpp"
 
 namespace wire {
-
-std::string bytes(const char *hexDigits) {
-  std::string bytes;
-  for (; *hexDigits; hexDigits += *hexDigits == ' ' ? 1 : 2) {
-    if (*hexDigits != ' ') bytes += static_cast<char>(std::stoi(std::string(hexDigits, 2), nullptr, 16));
-  }
-  return bytes;
-}
-
-static std::string number(uint64_t value, size_t size) {
-  std::string bytes;
-  while (size > 0) bytes += static_cast<char>(value >> 8 * --size & 0xFF);
-  return bytes;
-}
-
-std::string word(int64_t value) { return number(static_cast<uint64_t>(value), 4); }
-
-std::string counted(const std::string &bytes) { return number(bytes.size(), 2) + bytes; }
-
-static std::string head(int type, int32_t index, int32_t section, int32_t key) {
-  return static_cast<char>(type) + word(index) + word(section) + word(key);
-}
 
 std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port) {
   return word(length) + word(type) + word(sequence) + word(port);
@@ -50,12 +26,12 @@ int32_t wordAt(const std::string &bytes, size_t offset) {
 
 void Stream::putInt(int32_t index, int32_t section, int32_t key, int32_t value) {
   if (room() < 17) flush();
-  append(head(0x81, index, section, key) + word(value));
+  append(board::head(0x81, index, section, key) + word(value));
 }
 
 void Stream::putLong(int32_t index, int32_t section, int32_t key, int64_t value) {
   if (room() < 21) flush();
-  append(head(0x82, index, section, key) + number(static_cast<uint64_t>(value), 8));
+  append(board::head(0x82, index, section, key) + board::number(static_cast<uint64_t>(value), 8));
 }
 
 void Stream::put(int type, int32_t index, int32_t section, int32_t key, std::string bytes) {
@@ -64,33 +40,21 @@ void Stream::put(int type, int32_t index, int32_t section, int32_t key, std::str
     const std::string piece = bytes.substr(0, room() - 15);
     bytes.erase(0, piece.size());
     more = !bytes.empty();
-    append(head(more ? type : type | 0x80, index, section, key) + counted(piece));
+    append(board::head(static_cast<uint8_t>(more ? type : type | 0x80), index, section, key) + counted(piece));
   }
 }
 
 void Stream::flush(int32_t sequence) {
   if (sequence == 0) sequence = ++sequence_;
-  messages_.push_back(word(static_cast<int64_t>(payload_.size()) + 12) + word(type_) + word(sequence) + payload_);
+  messages_.push_back(board::message(type_, sequence, payload_));
   payload_.clear();
 }
 
 }  // namespace wire
 
-namespace {
-
-sockaddr_in addressOf(const char *address, int32_t port) {
-  sockaddr_in name{};
-  name.sin_family = AF_INET;
-  name.sin_addr.s_addr = inet_addr(address);
-  name.sin_port = htons(static_cast<uint16_t>(port));
-  return name;
-}
-
-}  // namespace
-
 int openSocket(int kind, const char *address, int32_t *portOut) {
   const int fd = socket(AF_INET, kind | SOCK_CLOEXEC, 0);
-  sockaddr_in name = addressOf(address, 0);
+  sockaddr_in name = socketAddress(address, 0);
   socklen_t size = sizeof name;
   EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&name), size), 0);
   EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size), 0);
@@ -107,17 +71,18 @@ int32_t closedPort() {
 void ask(const std::string &datagram, int32_t port, const char *address, const std::string &board) {
   int32_t ownPort;
   const int fd = openSocket(SOCK_DGRAM, address, &ownPort);
-  const sockaddr_in to = addressOf(board.c_str(), port);
+  const sockaddr_in to = socketAddress(board, port);
   EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
             static_cast<ssize_t>(datagram.size()));
   close(fd);
 }
 
 bool isBound(int32_t port) {
-  std::ifstream table("/proc/net/udp");
-  unsigned bound = 0;
-  for (std::string line; std::getline(table, line);) {
-    if (std::sscanf(line.c_str(), " %*d: %*x:%x", &bound) == 1 && bound == static_cast<unsigned>(port)) return true;
+  for (int fd = 0; fd < 100; ++fd) {
+    sockaddr_in name{};
+    socklen_t size = sizeof name;
+    const bool isNamed = getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size) == 0;
+    if (isNamed && ntohs(name.sin_port) == port) return true;
   }
   return false;
 }
@@ -141,7 +106,7 @@ Server::~Server() {
 }
 
 void Server::begin() {
-  if (manner_.readPauseMs > 0 || manner_.ending == Manner::kStopsReading) {
+  if (manner_.ending == Manner::kStopsReading) {
     // Small buffers, the client's too, which goes by the segments: what is not read soon holds it up.
     const int bytes = 1, segment = 536;
     setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
@@ -154,7 +119,7 @@ void Server::begin() {
 // With room for one, a connection that nobody takes keeps all others waiting.
 void Server::fillQueue(const char *address) {
   EXPECT_EQ(listen(listener_, 0), 0);
-  const sockaddr_in name = addressOf(address, port_);
+  const sockaddr_in name = socketAddress(address, port_);
   queued_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   EXPECT_EQ(connect(queued_, reinterpret_cast<const sockaddr *>(&name), sizeof name), 0);
   pollfd queue = {listener_, POLLIN, 0};
@@ -179,39 +144,30 @@ void Server::serve() {
 }
 
 bool Server::readMessage() {
+  const auto receive = [this](char *out, size_t size) {  // no bytes at once: a receive of none waits for some
+    return size == 0 ? 0 : static_cast<size_t>(std::max<ssize_t>(recv(connection_, out, size, MSG_WAITALL), 0));
+  };
   std::string bytes(12, '\0');
   if (receive(bytes.data(), 12) != 12) return false;
   const auto size = static_cast<size_t>(std::max(wire::wordAt(bytes, 0), 12));
   bytes.resize(std::min<size_t>(size, 100000));
-  // A receive of no bytes would wait for the next message.
-  if (bytes.size() > 12) bytes.resize(12 + receive(bytes.data() + 12, bytes.size() - 12));
+  bytes.resize(12 + receive(bytes.data() + 12, bytes.size() - 12));
   messages_.push_back(bytes);
   ++messageCount_;
   return bytes.size() == size;
-}
-
-size_t Server::receive(char *out, size_t size) {
-  if (manner_.readPauseMs == 0) {
-    return static_cast<size_t>(std::max<ssize_t>(recv(connection_, out, size, MSG_WAITALL), 0));
-  }
-  size_t got = 0;
-  while (got < size && recv(connection_, out + got, 1, 0) == 1) {
-    ++got;
-    awaitHangUp(manner_.readPauseMs);
-  }
-  return got;
 }
 
 // False when the connection is over.
 bool Server::answer() {
   if (manner_.endsAt == 0 || messages_.size() < manner_.endsAt) return acknowledge(), true;
   const linger atOnce = {1, 0};
+  pollfd client = {connection_, POLLRDHUP, 0};
   switch (manner_.ending) {
     case Manner::kFallsSilent: return true;
     case Manner::kResets: setsockopt(connection_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce); return false;
     case Manner::kStopsReading:
       acknowledge();
-      awaitHangUp(-1);
+      poll(&client, 1, -1);
       return false;
     default: return false;
   }
@@ -221,16 +177,7 @@ void Server::acknowledge() {
   char next;
   if (recv(connection_, &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0) hurried_ = true;
   const std::string ack(manner_.ackSize, 'A');
-  const size_t step = manner_.acksBytewise ? 1 : ack.size();
-  for (size_t sent = 0; sent < ack.size(); sent += step) {
-    send(connection_, ack.data(), step, MSG_NOSIGNAL);
-    if (manner_.acksBytewise) awaitHangUp(1);
-  }
-}
-
-void Server::awaitHangUp(int timeoutMs) {
-  pollfd client = {connection_, POLLRDHUP, 0};
-  poll(&client, 1, timeoutMs);
+  send(connection_, ack.data(), ack.size(), MSG_NOSIGNAL);
 }
 
 static int countDescriptors(int flags) {

@@ -8,11 +8,11 @@
 #include <thread>
 #include <vector>
 
+#include "server/board_stream.hpp"
+
 namespace wire {
 
-std::string bytes(const char *hexDigits);       // blanks are passed over
-std::string word(int64_t value);                // 4 bytes, big endian
-std::string counted(const std::string &bytes);  // behind a length of 2 bytes
+using board::counted, board::word;
 std::string request(int64_t length, int64_t type, int64_t sequence, int64_t port);
 
 int32_t wordAt(const std::string &bytes, size_t offset);
@@ -59,9 +59,7 @@ struct Manner {
   };
   size_t endsAt = 0;  // the message (1: the first) with which, in place of an acknowledgement, it ends; 0: none
   Ending ending = kResets;
-  size_t ackSize = 4;         // bytes that acknowledge a message
-  bool acksBytewise = false;  // in as many packets
-  int readPauseMs = 0;        // reads byte by byte, so long after one another; 0: as it comes
+  size_t ackSize = 4;  // bytes that acknowledge a message
 };
 
 // Takes one connection and reads its messages on a thread of its own.
@@ -90,10 +88,8 @@ class Server {
   void fillQueue(const char *address);
   void serve();
   bool readMessage();
-  size_t receive(char *out, size_t size);
   bool answer();
   void acknowledge();
-  void awaitHangUp(int timeoutMs);
 
   const Manner manner_;
   int listener_;
@@ -111,7 +107,7 @@ class Server {
 void ask(const std::string &datagram, int32_t port, const char *address = "127.0.0.1",
          const std::string &board = "127.0.0.1");
 
-// Whether a UDP socket of this machine is bound to the port.
+// Whether a socket of this process is bound to the port.
 bool isBound(int32_t port);
 
 // Opens a socket of this kind at an address of loopback.

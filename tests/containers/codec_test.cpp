@@ -1,9 +1,8 @@
-// codec_test.cpp: the bytes that formats describe, there and back, and their dumps.
+// codec_test.cpp: the bytes that formats describe, and their dumps; a harness compares both with a model.
 #include <gtest/gtest.h>
 #include <kep/ZuBuffer.h>
 
 #include <cstdlib>
-#include <random>
 
 #include "containers/codec_model.hpp"
 #include "support/platform_double.hpp"
@@ -26,21 +25,6 @@ TEST(Codec, LaysFieldsEndToEndMostSignificantByteFirst) {
   EXPECT_EQ(packed("4IsB", 9, "gone", 1), "00 00 00 09 01 ") << "a text without a count takes its argument";
   EXPECT_EQ(packed("*3*s5 s3ts1 2S", "a", "b", "c", "de"), "64 65 ") << "what is ignored clears the count";
   EXPECT_EQ(packed("B2sB", 1, static_cast<const char *>(nullptr), 2), "01 00 00 02 ");
-}
-
-TEST(Codec, RandomFormatsDoAsTheirModel) {
-  std::mt19937 random(90125);
-  for (int round = 0; round < 5000; ++round) {
-    std::string format, bytes;
-    for (size_t left = random() % 13; left > 0; --left) format += "BbHhIiTsSSs0123* t%"[random() % 19];
-    for (size_t left = random() % 40; left > 0; --left) bytes += static_cast<char>(random() % 3 ? random() : 0);
-    ASSERT_EQ(codec::difference(format, bytes, static_cast<unsigned>(random() & random())), "") << format;
-  }
-  const std::string blanks(1500, ' ');
-  for (const char *format : {"984sS", "1000sS", "3264SS", "3265SS", "6545Ss", "2147483648s", "4294967297S",
-                             "99999999999999999999s", "2147483647s9sI", "2147483640sII", "99999999999B2s2147483000s"}) {
-    EXPECT_EQ(codec::difference(format + blanks, "Z", 0), "") << format;
-  }
 }
 
 TEST(Codec, AcceptsNull) {

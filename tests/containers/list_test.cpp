@@ -41,17 +41,21 @@ TEST(List, BehavesAsASequenceUnderRandomOperations) {
     const auto size = static_cast<int32_t>(model.size());
     const int32_t index = random() % 20 == 0 ? INT32_MIN : static_cast<int32_t>(random() % 8) - 1;
     void *const element = value(static_cast<intptr_t>(random() % 9));
-    const auto operation = random() % 7;
+    const auto operation = random() % 8;
+    const bool memoryIsShort = random() % 3 == 0;
+    platform::failAllocation(memoryIsShort ? 0 : platform::kNever);
     if (operation == 0) {
-      ASSERT_EQ(ZuList_Insert(list, index, element), 1);
-      model.insert(at(index < 0 ? 0 : std::min(index + 1, size)), element);
+      ASSERT_EQ(ZuList_Insert(list, index, element), !memoryIsShort);
+      if (!memoryIsShort) model.insert(at(index < 0 ? 0 : std::min(index + 1, size)), element);
+    } else if (operation == 7) {
+      ASSERT_EQ(ZuList_Append(list, element), !memoryIsShort);
+      if (!memoryIsShort) model.push_back(element);
     } else if (operation == 1) {
       ASSERT_EQ(ZuList_Set(list, index, element), index >= 0 && index < size ? *at(index) : nullptr);
-      if (index >= size) model.resize(static_cast<size_t>(index) + 1);  // with zeros
-      if (index >= 0) *at(index) = element;
+      const bool fails = index >= size && memoryIsShort;  // the first new node; the others are zeros
+      if (index >= size && !fails) model.resize(static_cast<size_t>(index) + 1);
+      if (index >= 0 && !fails) *at(index) = element;
     } else if (operation == 2) {
-      const bool memoryIsShort = random() % 2;
-      platform::failAllocation(memoryIsShort ? 0 : platform::kNever);
       if (size >= kMaxLength) lose(size - 1);
       ASSERT_EQ(ZuList_Push(list, element), !memoryIsShort);
       if (!memoryIsShort) model.insert(at(0), element);
@@ -67,6 +71,7 @@ TEST(List, BehavesAsASequenceUnderRandomOperations) {
       lose(0);
       ZuList_RemoveAll(list);
     }
+    platform::failAllocation(platform::kNever);
     ASSERT_EQ(valuesOf(list), model) << round;
     ASSERT_EQ(ZuList_Get(list, INT32_MIN), model.empty() ? nullptr : model.front());
     const auto found = std::find(model.begin(), model.end(), element);

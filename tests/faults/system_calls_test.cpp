@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <set>
 #include <thread>
@@ -128,22 +126,35 @@ TEST(Operations, FailAsStatedAndWorkAgain) {
 
 // ---- the zone
 
-TEST(Zone, IsLookedAtOnceASecondAndWhenTZIsAnotherOne) {
+TEST(Zone, IsFollowedAndLookedAtOnceASecondAndWhenTZIsAnotherOne) {
+  const std::string longZone = "<" + std::string(50, 'Z') + ">-";
+  const std::string early = "EST5EDT,M1.1.0,M12.5.0";
   const struct {
-    const char *zone;  // nullptr: its file, which the C library looks at
+    std::string zone;  // "none": the zone's file, which the C library looks at
     size_t second;     // of the wall clock
     bool looks;
+    std::string before;  // what TZ was for the C library alone since the last time
   } steps[] = {
-      {nullptr, 0, true}, {nullptr, 0, false}, {nullptr, 1, true}, {nullptr, 0, true}, {nullptr, 0, false},
-      {"UTC0", 0, true},  {nullptr, 0, true},  {"", 0, true},      {nullptr, 0, true}, {nullptr, 1, true},
+      {"none", 0, true, ""},         {"none", 0, false, ""},        {"none", 1, true, ""},
+      {"none", 0, true, ""},         {"none", 0, false, ""},        {"EAST-5", 0, true, ""},
+      {"EAST-6", 0, true, ""},       {"none", 0, true, ""},         {"", 0, true, ""},
+      {longZone + "1", 0, true, ""}, {longZone + "2", 0, true, ""}, {"none", 0, true, early},
+      {"none", 0, true, early},      {early, 0, true, ""},          {"EST5EDT", 0, true, ""},
+      {"EST5EDT", 0, true, early},
   };
   time_t t = 1709622489;
-  for (const auto &[zone, second, looks] : steps) {
-    zone ? setenv("TZ", zone, 1) : unsetenv("TZ");
-    const Plan clock("time", 0, 1, kOn, second);
-    Plan look("tzset", 0);
-    ZuTime_Format(data, "SS", ++t);
-    EXPECT_EQ(look.wasMet(), looks) << t - 1709622489;
+  for (const auto &[zone, second, looks, before] : steps) {
+    if (!before.empty()) setenv("TZ", before.c_str(), 1), tzset();
+    zone == "none" ? unsetenv("TZ") : setenv("TZ", zone.c_str(), 1);
+    {
+      const Plan clock("time", 0, 1, kOn, second);
+      Plan look("tzset", 0);
+      ZuTime_Format(data, "HH", ++t);
+      EXPECT_EQ(look.wasMet(), looks) << zone << " " << t - 1709622489;
+    }
+    char expected[3];
+    std::strftime(expected, sizeof expected, "%H", std::localtime(&t));
+    EXPECT_STREQ(data, expected) << zone;
   }
 }
 
@@ -337,17 +348,11 @@ ZuFault *fault() {
   return fault;
 }
 
-// "none" if there is no file.
-std::string content(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
-}
-
 // Runs a collection with one value more, or none, and returns its file.
 std::string collect(uint32_t value) {
   if (value > 0) ZuFault_SetRegist(fault(), value, 0);
   ZuFault_Start();
-  return content(kFile);
+  return contentOf(kFile);
 }
 
 // Runs a collection whose n-th call fails, or is the last of a process of its own. True if there was such a call.
@@ -385,7 +390,7 @@ TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
         ASSERT_TRUE(!c.isLinked || symlink("nowhere", kBeside.c_str()) == 0);
         ZuFault_SetRegist(fault(), 2, 0);
         isMet = failsAt(n, error);
-        const std::string file = content(kFile), whole = logs + value(2);
+        const std::string file = contentOf(kFile), whole = logs + value(2);
         const bool isOld = file == logs + value(1), isKilled = error == Plan::kAct;
         const bool succeeds = !isKilled && ZuFault_GetResult() == 1;
         EXPECT_TRUE(isOld || file == whole.substr(0, file.size()));
@@ -404,7 +409,7 @@ TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
     EXPECT_EQ(syncing.wasMet() + noFolder.wasMet(), c.isSafe ? 2 : 0);
   }
   EXPECT_EQ(openDescriptors(), descriptors);
-  EXPECT_EQ(content("nowhere"), "none");
+  EXPECT_EQ(contentOf("nowhere"), "none");
   std::remove(kFile.c_str());
 }
 

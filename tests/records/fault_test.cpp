@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <thread>
@@ -46,27 +44,11 @@ class Faults : public testing::Test {
   // Runs a collection and returns its file, "none" if there is none.
   static std::string collect() {
     ZuFault_Start();
-    std::ifstream file(KEP_FAULT_LOG_PATH, std::ios::binary);
-    return file ? withoutTimes(std::string(std::istreambuf_iterator<char>(file), {})) : "none";
+    return withoutTimes(contentOf(KEP_FAULT_LOG_PATH));
   }
 
   static std::string printed() { return withoutTimes(platform::takePrinted()); }
 };
-
-// Digits in pairs stand for bytes, 'text' for itself, T for a time.
-std::string bytes(const std::string &notation) {
-  std::string out;
-  for (size_t i = 0; i < notation.size(); ++i) {
-    if (notation[i] == '\'') {
-      for (++i; notation[i] != '\''; ++i) out += notation[i];
-    } else if (notation[i] == 'T') {
-      out += "MM/DD HH:MI:SS";
-    } else if (notation[i] != ' ') {
-      out += static_cast<char>(std::stoi(notation.substr(i++, 2), nullptr, 16));
-    }
-  }
-  return out;
-}
 
 TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   EXPECT_EQ(collect(), "none") << "before the first registration";
@@ -103,18 +85,18 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   ZuInfo_Append(g_ZuFault_Info, "\0\0\0", 3, "x", 1);
   ZuInfo_Append(g_ZuFault_Info, "\0\2", 2, "x", 1);
 
-  const std::string logs = bytes(
+  const std::string logs = bytesOf(
       "0016 'log net ' T 000A 'log net up'    0016 'log net ' T 000D 'log net shown'"
       "0016 'run net ' T 000C 'run net late'"
       "0017 'run disk ' T 000C 'run disk run' 0017 'run disk ' T 0009 'run disk ' 0000");
-  EXPECT_EQ(collect(), logs + bytes("000D 04 00 'net' 00000010 00000020"
-                                    "0012 05 01 'disk' 00000011 0102030405060708"
-                                    "0010 04 02 'net' 00000012 00000003 'abc'"
-                                    "000D 04 03 'net' FFFFFFFF 80000000"
-                                    "0011 04 04 'net' 00000001 FFFFFFFFFFFFFFFE"
-                                    "000E 05 05 'disk' 00000002 00000000"
-                                    "000F 04 06 'net' 00000003 00000002 00FF"
-                                    "000D 04 00 'net' 00000001 00000002"));
+  EXPECT_EQ(collect(), logs + bytesOf("000D 04 00 'net' 00000010 00000020"
+                                      "0012 05 01 'disk' 00000011 0102030405060708"
+                                      "0010 04 02 'net' 00000012 00000003 'abc'"
+                                      "000D 04 03 'net' FFFFFFFF 80000000"
+                                      "0011 04 04 'net' 00000001 FFFFFFFFFFFFFFFE"
+                                      "000E 05 05 'disk' 00000002 00000000"
+                                      "000F 04 06 'net' 00000003 00000002 00FF"
+                                      "000D 04 00 'net' 00000001 00000002"));
   EXPECT_EQ(printed(), "start callback [net]\nend callback [net]\n");
   EXPECT_EQ(g_ZuFault_Info, nullptr);
 
@@ -122,12 +104,10 @@ TEST_F(Faults, WritesLogsAndValuesOfEveryKind) {
   EXPECT_EQ(ZuFault_SetFile(longest.c_str(), 1), 1);
   EXPECT_EQ(ZuFault_SetFile(("/" + longest).c_str(), 0) | ZuFault_SetFile("", 0), 0);
   ZuFault_SetCounter(disk, 5, 6);  // the logs come again, of the values only the new one
-  EXPECT_EQ(collect(), logs + bytes("000E 05 03 'disk' 00000005 00000006 000D 04 00 'net' 00000001 00000002"));
+  EXPECT_EQ(collect(), logs + bytesOf("000E 05 03 'disk' 00000005 00000006 000D 04 00 'net' 00000001 00000002"));
 }
 
 // ---- whatever the file is
-
-constexpr int64_t kWholeSize = 2 + 10 * (2 + 2 + 3 + 8 + 60000), kNotOpened = -1;
 
 std::thread reader;
 int64_t bytesRead;
@@ -145,91 +125,89 @@ void makeFifo(int64_t limit) {
   });
 }
 
-// Of the signals that a write may raise, which are blocked and which pending.
-std::string signals() {
-  sigset_t sets[2];
-  pthread_sigmask(SIG_BLOCK, nullptr, &sets[0]), sigpending(&sets[1]);
-  std::string state;
-  for (const sigset_t &set : sets) {
-    for (const int signal : {SIGXFSZ, SIGPIPE}) state += sigismember(&set, signal) ? 'y' : 'n';
-  }
-  return state;
+constexpr int kSignals[] = {SIGXFSZ, SIGPIPE};  // that a write may raise
+
+sigset_t theSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : kSignals) sigaddset(&set, signal);
+  return set;
+}
+
+std::string blocked() {
+  sigset_t set;
+  pthread_sigmask(SIG_BLOCK, nullptr, &set);
+  return {sigismember(&set, SIGXFSZ) ? 'y' : 'n', sigismember(&set, SIGPIPE) ? 'y' : 'n'};
 }
 
 // Takes those that are pending, and tells how many they were.
 int takePending() {
-  sigset_t both;
-  sigemptyset(&both), sigaddset(&both, SIGXFSZ), sigaddset(&both, SIGPIPE);
+  const sigset_t set = theSignals();
   const timespec atOnce = {};
   int count = 0;
-  while (sigtimedwait(&both, nullptr, &atOnce) > 0) ++count;
+  while (sigtimedwait(&set, nullptr, &atOnce) > 0) ++count;
   return count;
 }
 
 enum class Pending { kNone, kForThread, kForProcess };
 std::string duringCallback;
 
-struct End {
-  int64_t size;
-  int32_t result;  // 0: not tried
-};
-
-// In a process of its own: collects into the file that is made, and exits with 0 if all is well.
-void collectInto(void (*makeFile)(), bool isSafe, End end, Pending pending) {
+// In a process of its own: collects into the file that is made, and exits with 0 if it becomes what is told.
+void collectInto(void (*makeFile)(), bool isSafe, std::string told, Pending pending) {
   alarm(20), umask(027);
   ZuFault_SetFile(nullptr, isSafe);
-  ZuFault *fault = ZuFault_Regist("net", [] { duringCallback += signals(); });
+  ZuFault *fault = ZuFault_Regist("net", [] { duringCallback += blocked(); });
   const std::string value(60000, 'v');
   for (int i = 0; i < 10; ++i) ZuFault_SetValue(fault, 1, value.data(), 60000);
-  sigset_t held;
-  sigemptyset(&held), sigaddset(&held, SIGXFSZ), sigaddset(&held, SIGPIPE);
-  const bool arePending = pending != Pending::kNone;
-  if (arePending) pthread_sigmask(SIG_BLOCK, &held, nullptr);
-  if (pending == Pending::kForThread) raise(SIGXFSZ), raise(SIGPIPE);
-  if (pending == Pending::kForProcess) kill(getpid(), SIGXFSZ), kill(getpid(), SIGPIPE);
+  const sigset_t held = theSignals();
+  if (pending != Pending::kNone) pthread_sigmask(SIG_BLOCK, &held, nullptr);
+  for (const int signal : kSignals) {
+    if (pending == Pending::kForThread) raise(signal);
+    if (pending == Pending::kForProcess) kill(getpid(), signal);
+  }
   makeFile();
   ZuFault_Start();
   if (reader.joinable()) reader.join();
   struct stat file = {};
   stat(KEP_FAULT_LOG_PATH, &file);
-  int64_t size = S_ISREG(file.st_mode) ? file.st_size : bytesRead;
-  if (g_ZuFault_Info && (size = kNotOpened) && !isSafe) ZuFault_Start();  // no more: there is one callback
-  std::string told = std::to_string(ZuFault_GetResult()) + ' ' + std::to_string(size) + duringCallback + signals();
-  told += std::to_string(takePending());
-  std::fputs(told.c_str(), stderr);
-  const std::string expected =
-      std::to_string(end.result) + ' ' + std::to_string(end.size) + (arePending ? "yyyyyyyy2" : "nnnnnnnn0");
+  const int64_t size = S_ISREG(file.st_mode) ? file.st_size : bytesRead;
+  const bool isOpened = !g_ZuFault_Info;
+  if (!isOpened && !isSafe) ZuFault_Start();  // no more: there is one callback
+  const std::string found = std::to_string(ZuFault_GetResult()) + " " + (isOpened ? std::to_string(size) : "-") +
+                            duringCallback + blocked() + std::to_string(takePending());
+  std::fputs(found.c_str(), stderr);
   ZuFault_SetFile("/dev/null", 0), ZuFault_Start();
   if (g_ZuFault_Info || ZuFault_GetResult() != 1) _exit(2);
-  _exit(told != expected || (size > 0 && (file.st_mode & 0777) != 0640));
+  told += pending == Pending::kNone ? "nnnn0" : "yyyy2";
+  _exit(told != found || (isOpened && size > 0 && (file.st_mode & 0777) != 0640));
 }
 
 TEST_F(Faults, LetTheHostLiveWhateverTheirFileIs) {
+  const auto said = [](int result, const char *size) { return std::to_string(result) + " " + size; };
+  const std::string whole = "1 600152";
   const struct {
     const char *name;
     void (*makeFile)();
-    End ends[2];  // then safe
+    std::string told[2];  // the result and the size, - for a file that is not opened; then safe
   } cases[] = {
-      {"none yet", [] {}, {{kWholeSize, 1}, {kWholeSize, 1}}},
+      {"none yet", [] {}, {whole, whole}},
       {"limited",
        [] {
          const rlimit limit = {4096, 4096};
          setrlimit(RLIMIT_FSIZE, &limit);
        },
-       {{4096, -EFBIG}, {kNotOpened, -EFBIG}}},
-      {"FIFO without a reader", [] { mkfifo(KEP_FAULT_LOG_PATH, 0600); }, {{kNotOpened, -ENXIO}, {kWholeSize, 1}}},
-      {"FIFO", [] { makeFifo(INT64_MAX); }, {{kWholeSize, 1}}},
-      {"FIFO whose reader goes away", [] { makeFifo(9000); }, {{9000, -EPIPE}}},
-      {"link to a full device",
-       [] { (void)!symlink("/dev/full", KEP_FAULT_LOG_PATH); },
-       {{0, -ENOSPC}, {kWholeSize, 1}}},
-      {"folder", [] { mkdir(KEP_FAULT_LOG_PATH, 0700); }, {{kNotOpened, -EISDIR}, {kNotOpened, -EISDIR}}},
+       {said(-EFBIG, "4096"), said(-EFBIG, "-")}},
+      {"FIFO without a reader", [] { mkfifo(KEP_FAULT_LOG_PATH, 0600); }, {said(-ENXIO, "-"), whole}},
+      {"FIFO", [] { makeFifo(INT64_MAX); }, {whole}},
+      {"FIFO whose reader goes away", [] { makeFifo(9000); }, {said(-EPIPE, "9000")}},
+      {"full device", [] { (void)!symlink("/dev/full", KEP_FAULT_LOG_PATH); }, {said(-ENOSPC, "0"), whole}},
+      {"folder", [] { mkdir(KEP_FAULT_LOG_PATH, 0700); }, {said(-EISDIR, "-"), said(-EISDIR, "-")}},
   };
   for (const auto &c : cases) {
     for (const bool isSafe : {false, true}) {
       for (const Pending pending : {Pending::kNone, Pending::kForThread, Pending::kForProcess}) {
-        if (c.ends[isSafe].result == 0) continue;
-        EXPECT_EXIT(collectInto(c.makeFile, isSafe, c.ends[isSafe], pending), testing::ExitedWithCode(0), "")
+        if (c.told[isSafe].empty()) continue;  // not tried
+        EXPECT_EXIT(collectInto(c.makeFile, isSafe, c.told[isSafe], pending), testing::ExitedWithCode(0), "")
             << c.name << isSafe << static_cast<int>(pending);
         std::remove(KEP_FAULT_LOG_PATH);
       }
@@ -243,8 +221,8 @@ TEST_F(Faults, CutsWhatALengthFieldCannotSay) {
   ZuFault_SetInitLog(fault, 1, 0, longest.c_str());
   ZuFault_SetValue(fault, 1, longest.data(), 65527);
   for (const int length : {65528, -1}) ZuFault_SetRegistEx(fault, 3, longest.data(), length);
-  EXPECT_EQ(collect(), bytes("0016 'log net ' T FFFF 'log net '") + longest.substr(0, 65527) +
-                           bytes("0000 FFFF 04 06 'net' 00000001 0000FFF7") + longest.substr(0, 65522));
+  EXPECT_EQ(collect(), bytesOf("0016 'log net ' T FFFF 'log net '") + longest.substr(0, 65527) +
+                           bytesOf("0000 FFFF 04 06 'net' 00000001 0000FFF7") + longest.substr(0, 65522));
 }
 
 TEST_F(Faults, NamesAreCutAndPositionsWrapAt256) {
@@ -253,7 +231,7 @@ TEST_F(Faults, NamesAreCutAndPositionsWrapAt256) {
   ZuFault_Regist(name.c_str(), nullptr);
   for (int i = 1; i < 256; ++i) ZuFault_Regist("x", nullptr);
   ZuFault_SetCounter(ZuFault_Regist("late", nullptr), 1, 2);  // its index is that of the first
-  EXPECT_EQ(collect(), bytes("0000 0020 17 03") + name.substr(0, 22) + bytes("00000001 00000002"));
+  EXPECT_EQ(collect(), bytesOf("0000 0020 17 03") + name.substr(0, 22) + bytesOf("00000001 00000002"));
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
-// What a store's model does not say: refusals, stores that a host has damaged, the texts of the trace and the listing.
+// What a store's model does not say: refusals, stores that a host has damaged, the texts of the trace.
 #include <gtest/gtest.h>
 #include <kep/ZuInfo.h>
 #include <kep/ZuLogger.h>
-#include <kep/ZuPrint.h>
 
 #include <cstdlib>
 #include <memory>
@@ -98,19 +97,6 @@ TEST(Store, SaysHowItMakesRoom) {
   EXPECT_EQ(said, growth + begin + "2048\nfree addr:   1200\nuse  addr:   1200\nmaxsize: 2048\nfreesize: 0\n");
 }
 
-TEST(Store, ComparesKeysToTheEndOfTheBlock) {
-  const Store store = makeStore(1024);
-  put(store, "z", std::string(1020, '6'));
-  const std::string key = "z\x03\xFC" + std::string(1020, '6') + "??";  // the last byte is not compared
-  const auto found = [&](int32_t keyLength) {
-    int32_t cursor = -1;
-    return ZuInfo_Get(store.get(), key.c_str(), keyLength, &cursor, nullptr, nullptr, nullptr, nullptr);
-  };
-  EXPECT_EQ(found(1024), 1);
-  EXPECT_EQ(found(1025), 0) << "would go beyond";
-  EXPECT_EQ(found(-1), 0);
-}
-
 // A record at the start that claims to reach past the oldest, into what the walk has seen.
 TEST(Store, EndsAWalkThatADamagedLengthLeadsBack) {
   ZuInfo *info = ZuInfo_New(1024);
@@ -142,64 +128,6 @@ TEST(Store, RefusesNegativeLengthsAndNull) {
             0);
   for (const int32_t length : {-5, 65525, 100000, INT32_MAX}) ZuInfo_AddInfo(info, 1, 1, "a", length, "b", 1, "", 0, 1);
   EXPECT_EQ(info->writeOffset, 0U);
-}
-
-// Puts a structured record of the time 1970/01/01 00:00:01.
-void add(const Store &store, int type, int id, char code, const std::string &data1, const std::string &data2) {
-  const char head[] = {0, 0, 0, 1,   static_cast<char>(type), static_cast<char>(id >> 8), static_cast<char>(id),
-                       0, 0, 0, code};
-  put(store, "TBhI" + std::to_string(data1.size()) + "S" + std::to_string(data2.size()) + "S0S",
-      std::string(head, sizeof head) + data1 + data2);
-}
-
-std::string shown() {
-  ZuPrint_ShowEx("", 0);  // the last line has no end
-  return platform::takePrinted();
-}
-
-TEST(Listing, PrintsWhatPassesAFilterAndCounts) {
-  setenv("TZ", "UTC0", 1);
-  tzset();
-  const Store store = makeStore(0);
-  put(store, "TBhI0S0S", "12345678901");    // not the format
-  put(store, "TBhI1S0S0S", "12345678901");  // the format, but a byte short of it and a byte too long
-  put(store, "TBhI1S0S0S", "1234567890123");
-  put(store, "", ""), put(store, "x", "y");
-  add(store, 200, -2, 0, "\xAB\xCD", std::string(17, '\1'));
-  ZuInfo_ShowInfo(store.get(), -1, "", nullptr, 0, 0, 0, 0);
-  EXPECT_EQ(shown(),
-            "index=1,format:*TBhI2S17S0S\n0001[T]=>1970/01/01 00:00:01<\n0002[B]=>0xC8<\n0003[h]=>-2<\n"
-            "0004[I]=>0x00000000<\n0005[2S]=>\nAB CD \n0006[17S]=>\n"
-            "01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 \n01 \n0007[0S]=>\n\nTotal count 1");
-  add(store, 2, -1, 1, "\x12", "\x01");
-  add(store, 1, 10, 2, std::string("\x12\0", 2), "");
-  add(store, 2, 20, 3, "", "\xFF\xFF");
-  add(store, 1, 20, 4, "\x12\x34\x56", "\x0F");
-  const struct {
-    int id;
-    const char *hex1, *hex2;
-    int code, type, skip, limit;
-    const char *codes;  // of the records shown, and the total
-  } cases[] = {
-      {-1, "", "", 0, 0, 0, 0, "01234/5"},
-      {65536 + 20, "", "", 0, 0, 0, 0, "34/2"},  // ids are compared as 16 bits
-      {-1, "1234", "", 0, 0, 0, 0, "4/1"},
-      {-1, "123", "", 0, 0, 0, 0, "124/3"},  // an odd last digit is left out
-      {-1, "1200", "", 0, 0, 0, 0, "12/2"},  // what a string lacks counts as 0
-      {-1, "00000000", "ffFF", 0, 0, 0, 0, "3/1"},
-      {-1, "", "", 3, 0, 0, 0, "3/1"},
-      {-1, "", "", -1, 0, 0, 0, "1234/4"},  // any code but 0
-      {20, "", "", -1, 1, 0, 0, "4/1"},
-      {-1, "", "", 0, 2, 0, 0, "13/2"},
-      {-1, "", "", 0, 0, 2, 3, "2/5"},  // the limit is no number of records
-  };
-  for (const auto &c : cases) {
-    ZuInfo_ShowInfo(store.get(), c.id, c.hex1, c.hex2, c.code, c.type, c.skip, c.limit);
-    const std::string text = shown();
-    std::string codes;
-    for (size_t at = 0; (at = text.find("[I]=>0x0000000", at)) != std::string::npos; ++at) codes += text[at + 14];
-    EXPECT_EQ(codes + "/" + text.substr(text.rfind(' ') + 1), c.codes);
-  }
 }
 
 }  // namespace

@@ -133,6 +133,8 @@ TEST(FaultReader, TellsNamesAndTimesApart) {
       {{"log a b T", "log a b c d", "log a T", "log a e f"}, {}, "a b log|T|c d\na log|T|e f\n"},
       {{"log a b c"}, {"a b"}, "a b log||c\n"},
       {{"log a b c"}, {}, "a? log||b c\n"},
+      {{"log a x", "log a b c"}, {}, "a log||x||b c\n"},
+      {{"log a T", "log a x", "log a b c"}, {"a b"}, "a log|T|x\na? log||b c\n"},
       {{"run a b c", "run a b T", "run a b d", "run a T", "run a e"}, {}, "a b? run||c\na b run|T|d\na run|T|e\n"},
       {{"run a T", "run a b T", "run a T", "run a T"}, {"a b"}, "a run|T|b T|T|T\n"},
       {{"log  T", "log  x"}, {}, " log|T|x\n"},

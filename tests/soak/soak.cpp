@@ -11,9 +11,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <mutex>
 #include <regex>
 #include <sstream>
 #include <utility>
@@ -26,7 +23,7 @@
 
 namespace {
 
-constexpr int kThreads = 8, kFaults = 4, kItemsAThread = 2, kTimers = 40, kRunsARound = 32;
+constexpr int kThreads = 8, kFaults = 4, kTimers = 40, kRunsARound = 32;
 constexpr uint32_t kStoreSize = 2048;
 constexpr unsigned kPatience = 60;  // seconds for a run
 constexpr int32_t kRequestPort = 19099, kTestedName = 0xFFFF;
@@ -101,10 +98,8 @@ struct Lines {
 Lines copyOf(ZuLogger *log, char stream, const std::string &where) {
   Lines lines(where, stream);
   ZuBuf *buffer = ZuBuf_New(1, 0, 4096);
-  void *text = nullptr;
   ZuLogger_CopyToBuf(log, buffer);
-  ZuBuf_Get(buffer, 0, &text);
-  std::istringstream copied(std::string(static_cast<const char *>(text), text ? ZuBuf_Length(buffer) : 0));
+  std::istringstream copied(heldBy(buffer));
   for (std::string record; std::getline(copied, record);) lines.takeRecord(record);
   ZuBuf_Release(buffer);
   return lines;
@@ -136,10 +131,9 @@ size_t takeLength(const std::string &bytes, size_t *at) {
 
 // The first fault's callback: as runs follow one another, the file is that of the run before, and nobody writes it.
 void checkFaultFile() {
-  std::ifstream file(faultFile, std::ios::binary);
-  if (!file) return;
+  const std::string bytes = contentOf(faultFile);
+  if (bytes == "none") return;
   expectEqual(ZuFault_GetResult(), 1, "the result of a fault run");
-  const std::string bytes(std::istreambuf_iterator<char>(file), {});
   ++faultFiles;
   std::map<std::string, Lines> logs;
   size_t at = 0;
@@ -158,8 +152,7 @@ void checkFaultFile() {
 
 // ---- items, and timers
 
-std::mutex itemLock;
-CollectItem *logItem, *items[kThreads * kItemsAThread];
+CollectItem *logItem;
 
 int32_t reportLogs(int32_t type) {
   if (type == 2) ZuFault_Start();
@@ -168,32 +161,7 @@ int32_t reportLogs(int32_t type) {
   return 0;
 }
 
-// While it runs its item lives, be it released meanwhile.
-template <size_t kPlace>
-int32_t reportName(int32_t) {
-  std::unique_lock<std::mutex> guard(itemLock);
-  CollectItem *item = items[kPlace];
-  guard.unlock();
-  if (item) Collect_PutString(item, 0, item->name, 0);
-  return 0;
-}
-
-template <size_t... kPlaces>
-CollectFunc reporter(size_t place, std::index_sequence<kPlaces...>) {
-  const CollectFunc all[] = {reportName<kPlaces>...};
-  return all[place];
-}
-
-// Releases the item of the one place of a thread, and registers one at the other.
-void changeItems(int thread, int number) {
-  const auto place = static_cast<size_t>(thread + number % kItemsAThread * kThreads);
-  const CollectFunc report = reporter(place, std::make_index_sequence<kThreads * kItemsAThread>());
-  const std::string name = "item " + std::to_string(thread) + '.' + std::to_string(number);
-  const std::lock_guard<std::mutex> guard(itemLock);
-  Collect_Release(std::exchange(items[(place + kThreads) % (kThreads * kItemsAThread)], nullptr));
-  Collect_Release(items[place]);
-  items[place] = isOver ? nullptr : Collect_New(name.c_str(), report, report);
-}
+int32_t reportNothing(int32_t) { return 0; }
 
 int32_t onTimer(int32_t) {
   ++timersRun;
@@ -222,14 +190,10 @@ void copy(int number) {
 // Each thread formats into a buffer of its own.
 void format(int thread) {
   char day[32];
-  CollectStats stats;
-  Collect_GetStats(&stats);
-  const std::string hex = ZuString_SHFormat(&thread, 1);
-  const char *text = ZuString_SFormat("%d %u", thread, stats.messages);
   ZuTime_Format(day, "YYYY/MM/DD", 36 * 3600);
   ZuMem_LocalMalloc_Static(4);
-  expect(text == std::to_string(thread) + ' ' + std::to_string(stats.messages), std::string("a text: ") + text);
-  expect(std::string(day) == "1970/01/02", std::string("a date: ") + day);
+  const std::string hex = ZuString_SHFormat(&thread, 1), text = ZuString_SFormat("%s %d", day, thread);
+  expect(text == "1970/01/02 " + std::to_string(thread), "a text: " + text);
   expect(hex == ZuString_SHFormat(&thread, 1), "a dump: " + hex);
 }
 
@@ -246,6 +210,7 @@ void work(int thread) {
   int32_t (*const setters[])(ZuFault *, uint32_t, const void *, int32_t) = {ZuFault_SetRegistEx, ZuFault_SetCounterEx,
                                                                             ZuFault_SetValue};
   std::array<char *, 16> blocks{};
+  CollectItem *item = nullptr;
   int n = steps[thread];
   for (; !isOver; ++n) {
     ZuFault *fault = faults[thread % kFaults];
@@ -258,7 +223,9 @@ void work(int thread) {
     ZuInfo_AddInfo(structured, 1, thread, &n, sizeof n, "", 0, "", 0, 0);
     allocate(thread, n, blocks);
     if (n % 16 == thread) copy(n / 16);
-    if (n % 256 == thread) changeItems(thread, n / 256);
+    if (n % 256 == thread) {
+      Collect_Release(std::exchange(item, Collect_New(value.c_str(), reportNothing, reportNothing)));
+    }
     if (n % 64 == thread) ZuFault_Start();
     if (n % 64 == 2 * thread) show(n / 64);
     if (n % 64 == 3 * thread) format(thread);
@@ -266,7 +233,7 @@ void work(int thread) {
     if (n % 4 == 0) usleep(1000);
   }
   steps[thread] = n;
-  changeItems(thread, 0);
+  Collect_Release(item);
   for (char *block : blocks) ZuMem_Free(20 + thread, block);
 }
 
@@ -281,31 +248,20 @@ CollectStats statistics() {
   return now;
 }
 
-// Checks what a run has brought: every item's name is told under its index, every line of a log is whole.
+// Checks what a run has brought: every line of a log is whole.
 void checkRun(const std::vector<std::string> &messages) {
-  std::map<int32_t, std::string> names;
   std::vector<Lines> logs(kFaults + 1, {"collected of a fault", kRun});
   logs[0] = {"collected", kKept};
   std::string bytes;
   for (const std::string &message : messages) {
-    const bool isCatalogue = wire::wordAt(message, 4) == 1;
-    for (size_t at = wire::wordAt(message, 4) == 0 ? message.size() : 12; at < message.size();) {
-      const bool isWhole = isCatalogue || (message[at] & 0x80) != 0;
-      const int32_t index = wire::wordAt(message, isCatalogue ? at : at + 1);
-      const int32_t key = isCatalogue ? 0 : wire::wordAt(message, at + 9);
-      at += isCatalogue ? 4 : 13;
-      const size_t size = takeLength(message, &at);
+    for (size_t at = wire::wordAt(message, 4) == 2 ? 12 : message.size(); at < message.size();) {
+      const bool isWhole = (message[at] & 0x80) != 0, isName = wire::wordAt(message, at + 1) == kTestedName;
+      const auto log = static_cast<size_t>(wire::wordAt(message, at + 9));
+      const size_t size = takeLength(message, &(at += 13));
       bytes += message.substr(at, size);
       at += size;
-      if (!isWhole) continue;
-      const std::string text = std::exchange(bytes, "");
-      if (isCatalogue || index == kTestedName) {
-        names[index] = text;
-      } else if (text[0] == 'i') {
-        expect(text == names[names.count(kTestedName) ? kTestedName : index], "collected of another item: " + text);
-      } else {
-        logs.at(static_cast<size_t>(key)).takeRecord(text);
-      }
+      if (isWhole && !isName) logs.at(log).takeRecord(bytes);
+      if (isWhole) bytes.clear();
     }
   }
   for (const Lines &log : logs) linesCollected += log.lines;

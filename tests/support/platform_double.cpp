@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -29,7 +31,6 @@ uint8_t fill = 0xA5;
 int blocks = 0;
 int64_t bytes = 0;
 std::vector<std::string> prints;
-int asked = 0;  // for bounded prints
 std::vector<uint32_t> delays;
 
 // A host never has blocks this large; refused, so that tests of sizes near 4 GiB need no memory.
@@ -108,11 +109,6 @@ std::string takePrinted() {
   return all;
 }
 
-int boundedPrints() {
-  const std::lock_guard<std::mutex> guard(lock);
-  return asked;
-}
-
 std::vector<uint32_t> takeDelays() {
   const std::lock_guard<std::mutex> guard(lock);
   return std::exchange(delays, {});
@@ -168,9 +164,32 @@ int PLM_snprintf(char *buffer, size_t size, const char *format, ...) {
   va_start(args, format);
   const int length = std::vsnprintf(buffer, size, format, args);
   va_end(args);
-  const std::lock_guard<std::mutex> guard(lock);
-  ++asked;
   return length;
+}
+
+std::string heldBy(ZuBuf *buffer) {
+  void *text = nullptr;
+  ZuBuf_Get(buffer, 0, &text);
+  return text ? std::string(static_cast<char *>(text), ZuBuf_Length(buffer)) : "";
+}
+
+std::string contentOf(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "none";
+}
+
+std::string bytesOf(const std::string &notation) {
+  std::string out;
+  for (size_t i = 0; i < notation.size(); ++i) {
+    if (notation[i] == '\'') {
+      for (++i; notation[i] != '\''; ++i) out += notation[i];
+    } else if (notation[i] == 'T') {
+      out += "MM/DD HH:MI:SS";
+    } else if (notation[i] != ' ') {
+      out += static_cast<char>(std::stoi(notation.substr(i++, 2), nullptr, 16));
+    }
+  }
+  return out;
 }
 
 StdoutCapture::StdoutCapture() {

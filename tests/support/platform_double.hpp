@@ -3,6 +3,8 @@
 // gives the library a lock before anything else is called.
 #pragma once
 
+#include <kep/ZuBuf.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -34,13 +36,19 @@ int64_t liveBytes();
 std::vector<std::string> takePrintCalls();
 std::string takePrinted();
 
-// How often PLM_snprintf has been asked since the program began.
-int boundedPrints();
-
 // The milliseconds of the calls of VRK_Delay since the last call of this function.
 std::vector<uint32_t> takeDelays();
 
 }  // namespace platform
+
+// Digits in pairs stand for bytes, 'text' for itself, T for a time that is masked.
+std::string bytesOf(const std::string &notation);
+
+// What a buffer of bytes holds.
+std::string heldBy(ZuBuf *buffer);
+
+// What is in a file, "none" if there is none.
+std::string contentOf(const std::string &path);
 
 // Catches what goes to standard output directly, descriptor and stdio alike, until it is taken or destroyed.
 class StdoutCapture {

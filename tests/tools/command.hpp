@@ -116,6 +116,63 @@ struct Peer {
   sockaddr_in sender{};  // of the last datagram received
 };
 
+// A board's side of a run: it is asked, and connects back.
+struct BoardPeer : Peer {
+  ~BoardPeer() { hangUp(); }
+
+  // Takes the request; returns it without the port.
+  std::string takeRequest() {
+    const std::string request = receive();
+    server = sender;
+    if (request.size() == 16) std::copy_n(request.end() - 2, 2, reinterpret_cast<char *>(&server.sin_port));
+    return request.substr(0, 12);
+  }
+
+  // Connects to where the last request asks to be called back.
+  void connectFrom(const std::string &from) {
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = inet_addr(from.c_str());
+    connection = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(bind(connection, reinterpret_cast<sockaddr *>(&own), sizeof own), 0);
+    EXPECT_EQ(connect(connection, reinterpret_cast<sockaddr *>(&server), sizeof server), 0);
+  }
+
+  // Takes the request and connects.
+  std::string beginVisit() {
+    const std::string request = takeRequest();
+    connectFrom("127.0.0.1");
+    return request;
+  }
+
+  void sendBytes(const std::string &bytes) const {
+    EXPECT_EQ(::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+
+  // As a board does it: one receive call, whatever it yields. Returns its size; an overlong one shows as 17.
+  ssize_t takeAcknowledgement() const {
+    char bytes[17];
+    return recv(connection, bytes, sizeof bytes, 0);
+  }
+
+  void sendAcknowledged(const Strings &messages) const {
+    for (const std::string &message : messages) {
+      sendBytes(message);
+      EXPECT_EQ(takeAcknowledgement(), 1);
+    }
+  }
+
+  void sendRun(const Strings &messages) {
+    sendAcknowledged(messages);
+    hangUp();
+  }
+
+  void hangUp() { close(std::exchange(connection, -1)); }
+
+  sockaddr_in server{};
+  int connection = -1;
+};
+
 // Works in a folder of its own.
 class CommandTest : public ::testing::Test {
  protected:
@@ -158,6 +215,21 @@ class CommandTest : public ::testing::Test {
   static void expectComplaint(const std::string &path = "err") {
     const std::string name = std::filesystem::path(KEP_PROGRAM).filename();
     EXPECT_TRUE(std::regex_match(contentOf(path), std::regex("(" + name + ": .+\n)+"))) << contentOf(path);
+  }
+
+  // Reads from a FIFO that has these bytes and no end, until a signal comes.
+  static void expectOnSignal(const std::string &arguments, const std::string &bytes, int signal,
+                             const std::string &printed) {
+    EXPECT_EQ(mkfifo("fifo", 0600), 0);
+    Command waiting(arguments + " fifo");
+    const int fd = open("fifo", O_WRONLY);
+    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    for (int unread = 1; unread > 0; usleep(1000)) ioctl(fd, FIONREAD, &unread);
+    waiting.signal(signal);
+    EXPECT_EQ(waiting.status(), 4);
+    EXPECT_EQ(out(), printed);
+    EXPECT_NE(err().find(": interrupted\n"), std::string::npos) << err();
+    close(fd);
   }
 
   static void expectHelpAsInManPage() {

@@ -99,8 +99,10 @@ void addStyle(CLI::App &app, kepserver::Style &style) {
 }
 
 void addWidth(CLI::App &app, kepserver::Style &style) {
-  addNumber(app, "--width", style.width, 1, 10'000, "With names, where to break lines [a terminal's width]")
+  addNumber(app, "--width", style.width, 1, 10'000,
+            "With names, the length of lines, at which texts are broken [a terminal's width]")
       ->type_name("N");
+  app.add_flag("--cut", style.isCut, "With names, cut what is longer than a line, rather than break it");
 }
 
 void fitToTerminal(kepserver::Style &style) {

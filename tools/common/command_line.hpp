@@ -42,7 +42,7 @@ CLI::Option *addSeconds(CLI::App &app, const std::string &name, std::chrono::mil
 // Adds --format, --big-as-text and --csv-raw.
 void addStyle(CLI::App &app, kepserver::Style &style);
 
-// Adds --width, for text with names.
+// Adds --width and --cut, for text with names.
 void addWidth(CLI::App &app, kepserver::Style &style);
 
 // Where the output is a terminal: its width, unless another is given, and colours, unless NO_COLOR is set.

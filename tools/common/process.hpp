@@ -1,10 +1,8 @@
 // process.hpp: what the commands have in common as processes: their statuses, their output, and the signals that end
 // them.
 //
-// A command ends at its first signal, SIGINT or SIGTERM, whatever it waits for here: within a second, as what is
-// printed to std::cout and std::cerr is broken off half a second after the signal, taken or not. What the C library
-// waits for, as to look up a name, only a second signal cuts short; the command then looks at the first as soon as it
-// is back.
+// A command ends at its first signal, SIGINT or SIGTERM, whatever it waits for: within a second, as what is printed to
+// std::cout and std::cerr is broken off half a second after the signal, taken or not.
 #pragma once
 
 #include <poll.h>
@@ -55,7 +53,10 @@ class Descriptor {
  public:
   explicit Descriptor(int fd) : fd_(fd) {}
   Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor &operator=(Descriptor &&) = delete;
+  Descriptor &operator=(Descriptor &&other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
   ~Descriptor();
   int get() const { return fd_; }
 

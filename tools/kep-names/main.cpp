@@ -40,7 +40,7 @@ constexpr const char *kExitStatuses =
     "     the output could not be written or the file not be read\n";
 
 struct Options {
-  std::string check, lua;
+  std::string check, lua, board;
   Request request;
 };
 
@@ -50,7 +50,7 @@ void addOptions(CLI::App &app, Options &options) {
       app.add_option("--check", options.check, "Look for errors in FILE, and in what it includes (-: standard input)");
   CLI::Option *const lua = app.add_option("--lua", options.lua, "Print the names in FILE as a table of Lua");
   CLI::Option *const draft =
-      addHost(app, "--draft", options.request, "Print a first names file for the board at HOST, or HOST:PORT");
+      app.add_option("--draft", options.board, "Print a first names file for the board at HOST, or HOST:PORT");
   check->type_name("FILE")->check(checkFile);
   lua->type_name("FILE")->check(checkFile)->excludes(check);
   draft->type_name("HOST")->excludes(check)->excludes(lua);
@@ -75,7 +75,8 @@ ExitStatus checkNames(const std::string &path) {
 // One run of the two that a draft needs; what comes of a broken one counts.
 Run runOf(Request request, ExitStatus &status) {
   request.sequence = randomSequence();
-  Outcome outcome = collect(request, -1);
+  Outcome outcome = std::move(collect({request}, -1).front());
+  failIfSignalled();
   if (outcome.status == kBrokenOff || !outcome.connected) throw Failure{outcome.status, outcome.diagnostic};
   if (!outcome.diagnostic.empty()) complain(outcome.diagnostic);
   status = std::max(status, outcome.status);
@@ -95,10 +96,10 @@ ExitStatus runCommand(int argc, char **argv) {
   Options options;
   CLI::App app(kDescription, "kep-names");
   addOptions(app, options);
-  const auto check = [&options] {
-    if (options.check.empty() && options.lua.empty() && options.request.host.empty()) {
-      throw CLI::RequiredError("--check, --lua or --draft");
-    }
+  const auto check = [&] {
+    if (!options.check.empty() || !options.lua.empty()) return;
+    if (options.board.empty()) throw CLI::RequiredError("--check, --lua or --draft");
+    options.request = requestTo(app, "--draft", options.board, options.request);
   };
   if (const auto status = readLine(app, argc, argv, check)) return *status;
   if (!options.check.empty()) return checkNames(options.check);
