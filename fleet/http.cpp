@@ -377,8 +377,9 @@ void HttpServer::Implementation::getBoard(const Request &request, Response &resp
   const BoardState state = board(request);
   if (request.get_param_value("version") == boardVersion(state)) return response.set_content("{}", kJson);
   std::vector<RunPair> pairs;
-  for (const RunPointer &run : state.lastWhole) {
-    if (run) pairs.push_back({*run, {}});
+  for (size_t type = 0; type < kTypes; ++type) {
+    const RunPointer &run = state.lastWhole[type] ? state.lastWhole[type] : state.last[type];
+    if (run && !run->stream.empty()) pairs.push_back({*run, {}});
   }
   std::string problem;
   try {
