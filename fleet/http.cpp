@@ -191,23 +191,13 @@ std::string fileName(const Run &run) {
   return name;
 }
 
-std::string prefixOf(std::string prefix) {
-  while (!prefix.empty() && prefix.back() == '/') prefix.pop_back();
-  return prefix.empty() || prefix[0] == '/' ? prefix : "/" + prefix;
-}
-
-HttpConfig tidied(HttpConfig config) {
-  config.prefix = prefixOf(config.prefix);
-  return config;
-}
-
 }  // namespace
 
 // ---- routes
 
 struct HttpServer::Implementation {
   Implementation(const Config &config, const Boards &fleet, const NamesBook &book, Control &collector, Exports told)
-      : http(tidied(config.http)),
+      : http(config.http),
         limits(config.limits),
         boards(fleet),
         names(book),
@@ -413,6 +403,7 @@ void HttpServer::Implementation::getPlot(const Request &request, Response &respo
   query.key = integer(request, "key");
   query.field = number<size_t>(request, "field", 0, 10'000, 0);
   query.isRaw = request.has_param("raw");
+  query.isEnding = [this] { return listener.isEnding(); };
   query.to = nowMilliseconds() + 1;
   query.from = query.to - std::chrono::milliseconds(spanOf(request)).count();
   const NamesPointer known = namesOf(state);
@@ -533,7 +524,7 @@ HttpServer::HttpServer(const Config &config, const Boards &boards, const NamesBo
   implementation_->route();
 }
 
-HttpServer::~HttpServer() { stop(); }
+HttpServer::~HttpServer() = default;
 
 void HttpServer::start() {
   try {
@@ -545,6 +536,6 @@ void HttpServer::start() {
 
 int HttpServer::port() const { return implementation_->port; }
 
-void HttpServer::stop() { implementation_->listener.close(); }
+bool HttpServer::stop() { return implementation_->listener.close(); }
 
 }  // namespace kepfleet
