@@ -235,7 +235,8 @@ function wasText(value) {
   if (value.was === undefined) return '';
   const difference = value.isNumber ? numberOf(value.text) - numberOf(value.was) : NaN;
   if (!Number.isFinite(difference)) return `was ${value.was}`;
-  return (difference > 0 ? '+' : '−') + String(Number(Math.abs(difference).toPrecision(6)));
+  const [whole, part] = String(Number(Math.abs(difference).toPrecision(9))).split('.');
+  return (difference > 0 ? '+' : '−') + whole.replace(/\B(?=(\d{3})+$)/g, ' ') + (part ? `.${part}` : '');
 }
 
 function valueRow(run, item, section, value) {
@@ -392,7 +393,7 @@ function plotOptions(answer, unit) {
   return {
     width: $('canvas').clientWidth,
     height: 230,
-    scales: { x: { range: [answer.from / 1000, answer.to / 1000] } },
+    scales: { x: { range: [Math.max(answer.from / 1000, answer.times[0] ?? 0), answer.to / 1000] } },
     axes: [{ ...axis, values: (_, ticks, axisIndex, space, step) => ticks.map((tick) => tickText(tick, step)) },
       { ...axis, size: 78, values: (_, ticks) => ticks.map((tick) => answer.states?.[tick] ?? compact(tick)) }],
     series: [{ value: (_, time) => (time === null ? '–' : timeText(time * 1000)) },
