@@ -166,6 +166,7 @@ int Listener::open(const std::string &address, uint16_t port) {
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
   for (const addrinfo *one = found; one && socket_ < 0; one = one->ai_next) socket_ = listenAt(*one);
   if (socket_ < 0) throw std::runtime_error(address + ":" + std::to_string(port) + ": " + std::strerror(errno));
+  svr_sock_ = socket_;  // the library writes long answers while it has one
   wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   start(&Listener::readRequests);
   for (size_t i = 0; i < limits_.workers; ++i) start(&Listener::serve);
@@ -188,6 +189,7 @@ void Listener::start(void (Listener::*work)()) {
 bool Listener::close() {
   std::unique_lock lock(mutex_);
   ending_ = true;
+  svr_sock_ = INVALID_SOCKET;
   isReady_.notify_all();
   if (wake_ >= 0) eventfd_write(wake_, 1);
   return isOver_.wait_for(lock, kToEnd, [this] { return running_ == 0; });
