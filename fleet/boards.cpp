@@ -39,16 +39,21 @@ std::string identityOf(const kepserver::Run &content) {
 }
 
 // What failed, as "network interfaces: 0; memory /proc/meminfo: missing".
-std::string failuresOf(const std::vector<kepserver::ItemResult> &results) {
+std::string failuresOf(const kepserver::Names &names, const kepserver::Run &content,
+                       const kepserver::Judgement &judgement) {
   std::string text;
-  for (const kepserver::ItemResult &result : results) {
-    for (const kepserver::TestResult &test : result.tests) {
-      if (test.shown.verdict != kepserver::Verdict::kFail || text.size() > kMostTextBytes) continue;
-      const std::string shown = test.value ? kepserver::printable(test.shown.text) : "missing";
-      text += (text.empty() ? "" : "; ") + kepserver::printable(result.item) + " " + kepserver::testName(test.shown) +
-              ": " + shown;
+  const auto add = [&text](std::string_view item, const std::string &test, const std::string &what) {
+    if (text.size() > kMostTextBytes) return;
+    text += (text.empty() ? "" : "; ") + kepserver::printable(item) + " " + test + ": " + what;
+  };
+  const kepserver::Part part = kepserver::wholeOf(content);
+  kepserver::NamedRun(names, part, 0).forEach([&](const kepserver::NamedValue &value) {
+    for (const kepserver::Shown &shown : value.shown) {
+      if (shown.verdict != kepserver::Verdict::kFail) continue;
+      add(itemName(content, *value.value), shown.name(), kepserver::printable(shown.text));
     }
-  }
+  });
+  for (const kepserver::MissingTest &test : judgement.missing) add(test.item, test.name, "missing");
   return cut(std::move(text), kMostTextBytes);
 }
 
@@ -61,11 +66,10 @@ void judge(const kepserver::Names &names, const kepserver::Run &content, Run &ru
     run.reason = "fewer data messages than the items that report, and the last one";
     return;
   }
-  const std::vector<kepserver::ItemResult> results = kepserver::judge(names, content);
-  const auto hasFailed = [](const auto &result) { return result.verdict == kepserver::Verdict::kFail; };
-  if (std::none_of(results.begin(), results.end(), hasFailed)) return;
+  const kepserver::Judgement judgement = kepserver::judge(names, content);
+  if (judgement.tests.failed == 0) return;
   run.outcome = Outcome::kTestFailed;
-  run.reason = failuresOf(results);
+  run.reason = failuresOf(names, content, judgement);
 }
 
 bool isWhole(const Run &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
