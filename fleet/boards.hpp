@@ -13,7 +13,9 @@
 #include <vector>
 
 #include "fleet/config.hpp"
+#include "fleet/names_book.hpp"
 #include "fleet/run.hpp"
+#include "server/stream.hpp"
 
 namespace kepfleet {
 
@@ -36,14 +38,21 @@ struct BoardState {
 
 class Boards {
  public:
+  explicit Boards(const NamesBook &names) : names_(names) {}
+
   // Boards that are configured no more are forgotten, what is known of the others stays.
   void configure(const Config &config);
 
   // Takes what an earlier process, or another instance, stored: no events.
-  void recall(const Run &run);
+  void recall(Run run);
+
+  struct Taken {
+    RunPointer run;  // its outcome settled by what the names say of it
+    std::vector<Event> events;
+  };
 
   // Takes what just came, and tells what is worth an event.
-  std::vector<Event> take(const Run &run);
+  Taken take(Run run);
 
   void setHeld(const std::string &board, bool isHeld);
 
@@ -53,9 +62,24 @@ class Boards {
   uint64_t version() const;  // grows with every change: a page asks again when it does
 
  private:
-  struct Entry;
+  struct Entry {
+    BoardState state;
+    Labels own;                  // of the labels, those that its values give
+    std::string catalogue;       // the names of the items of the last whole collection, one a line; empty: not known
+    int64_t newest = INT64_MIN;  // when the last run of any type was asked
+    int64_t newestReport = INT64_MIN;  // likewise, of whole collections
+    std::array<bool, kTypes> isBad{};  // the last run of the type that was answered did not come whole, or failed
+    int problemKind = 0;               // changes when `problem` is another, whatever its words
+  };
+
+  std::vector<Event> update(const RunPointer &run, const kepserver::Run &content);
+  void noteOutcome(Entry &entry, const RunPointer &run, std::vector<Event> &events);
+  void noteContent(Entry &entry, const Run &run, const kepserver::Run &content, std::vector<Event> &events);
+  void settleProblem(Entry &entry, int64_t now);
+
+  const NamesBook &names_;
   mutable std::mutex mutex_;
-  std::vector<BoardState> states_;
+  std::vector<Entry> entries_;
   std::unordered_map<std::string, size_t> places_;
   std::vector<LabelFrom> labelFrom_;
   uint64_t version_ = 0;

@@ -53,6 +53,11 @@ struct Written {
   size_t refusedRuns = 0, refusedEvents = 0;
 };
 
+struct Removed {
+  size_t rows = 0;     // in PostgreSQL as many as it estimates
+  bool isAll = false;  // nothing is left to remove, nor space to give back
+};
+
 struct Lease {
   std::string board;
   uint64_t number = 0;  // grows with every owner: what is written under an older one is refused
@@ -64,9 +69,10 @@ class Leases {
  public:
   virtual ~Leases() = default;
 
-  // Says that this instance lives, renews what it holds of `boards` (those of its configuration), gives back what is
-  // more than its share, and claims what is free of it. Returns what it holds then.
-  // An instance is one that said so within `seconds`.
+  // Says that this instance lives, renews what it holds of `boards` (those of its configuration) up to its share, and
+  // claims what is free of it. Returns what it holds then; what it is not to hold any more is only given back by the
+  // next call, so that its runs have ended by then. An instance is one that said so within `seconds`.
+  // A lease that ended and nobody else has claimed is renewed with its number.
   virtual std::vector<Lease> renew(const std::string &instance, const std::vector<std::string> &boards,
                                    double seconds) = 0;
 
@@ -79,10 +85,12 @@ class Store {
  public:
   virtual ~Store() = default;
 
-  // In one transaction.
+  // In one transaction. What is stored already (the same board, type, time, outcome and size) is not stored again: a
+  // write whose answer got lost may be repeated. A run without a lease is never refused.
   virtual Written write(const std::vector<Run> &runs, const std::vector<Event> &events) = 0;
 
-  // One by one, in the order asked for, until `take` returns false.
+  // One by one, in the order asked for, until `take` returns false. However long that takes, nobody waits for it, and
+  // it may use the store itself.
   virtual void runs(const RunQuery &query, const std::function<bool(StoredRun &&)> &take) = 0;
   virtual std::optional<StoredRun> run(int64_t id) = 0;  // with its stream
 
@@ -95,9 +103,10 @@ class Store {
 
   virtual std::vector<std::string> boards() = 0;
 
-  // Removes runs of a type (all events with type -1) from before a time, at most so many, and dictionaries that no run
-  // needs any more. Returns how many are gone; less than `atMost` means that none is left.
-  virtual size_t removeBefore(int type, int64_t time, size_t atMost) = 0;
+  // Removes runs of a type (all events with type -1) from before a time, and what only they needed: one step, of at
+  // most so many rows, to be called again until all is done. In PostgreSQL runs leave by whole days (UTC), a day at a
+  // step, so that those of the day that `time` is in stay.
+  virtual Removed removeBefore(int type, int64_t time, size_t atMost) = 0;
 
   virtual Leases *leases() = 0;  // nullptr: the store belongs to one instance
 };
