@@ -158,7 +158,7 @@ void Keeper::trim() {
   while (events_.size() > kMostEvents) events_.pop_front();
 }
 
-// One small step; the next comes soon when this one found enough to do.
+// One small step; the next comes soon, until all is done.
 void Keeper::removeOld(std::unique_lock<std::mutex> &lock) {
   if (oldest_ == keep_.end()) {
     oldest_ = keep_.begin();
@@ -168,7 +168,7 @@ void Keeper::removeOld(std::unique_lock<std::mutex> &lock) {
   const int type = oldest_->first;
   const milliseconds age = oldest_->second;
   lock.unlock();
-  size_t removed = 0;
+  Removed removed;
   std::string problem;
   try {
     removed = store_->removeBefore(type, wallClock() - age.count(), kStep);
@@ -179,7 +179,7 @@ void Keeper::removeOld(std::unique_lock<std::mutex> &lock) {
   if (!problem.empty()) note(problem);
   cleanup_ = Clock::now() + (problem.empty() ? kCleanupStep : kCleanup);
   // The configuration may have changed meanwhile; then it begins again.
-  if (removed < kStep && oldest_ != keep_.end() && oldest_->first == type) ++oldest_;
+  if (removed.isAll && oldest_ != keep_.end() && oldest_->first == type) ++oldest_;
 }
 
 // Says so once, not with every attempt.
