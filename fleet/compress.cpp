@@ -54,6 +54,7 @@ Compressor::Compressor() : in_(made(ZSTD_createCCtx())), out_(made(ZSTD_createDC
 
 std::optional<std::string> Compressor::compress(std::string_view stream, Dictionary *dictionary) {
   if (stream.empty()) return std::nullopt;
+  ZSTD_CCtx_reset(in_.get(), ZSTD_reset_session_only);  // one that found no room is not over
   ZSTD_CCtx_refCDict(in_.get(), dictionary ? dictionary->toCompress() : nullptr);
   std::string compressed(stream.size() - 1, '\0');  // where there is no room for it, it does not get smaller
   const size_t size = ZSTD_compress2(in_.get(), compressed.data(), compressed.size(), stream.data(), stream.size());
@@ -95,7 +96,7 @@ std::shared_ptr<Dictionary> Trainer::train(Compressor &compressor, Dictionary *u
   std::string content, all;
   std::vector<size_t> sizes;
   for (const std::string &sample : samples_) {
-    if (sizes.size() < streamsInContent()) content += sample;
+    if (sizes.size() >= judging()) content += sample;
     all += sample;
     sizes.push_back(sample.size());
   }
@@ -123,17 +124,17 @@ void Trainer::use(Compressor &compressor, Dictionary &dictionary) {
   isWorse_ = false;
 }
 
-size_t Trainer::streamsInContent() const {
-  size_t streams = 0, bytes = 0;
-  while (streams < kContentStreams && streams < samples_.size() && bytes + samples_[streams].size() <= kContentBytes) {
-    bytes += samples_[streams++].size();
+size_t Trainer::judging() const {
+  size_t left = samples_.size(), bytes = 0;
+  while (left > 0 && samples_.size() - left < kContentStreams && bytes + samples_[left - 1].size() <= kContentBytes) {
+    bytes += samples_[--left].size();
   }
-  return streams;
+  return left;
 }
 
 double Trainer::ratioOfSamples(Compressor &compressor, Dictionary *dictionary) const {
   Sum sum;
-  for (size_t i = streamsInContent(); i < samples_.size(); ++i) {
+  for (size_t i = 0; i < judging(); ++i) {
     const auto compressed = compressor.compress(samples_[i], dictionary);
     sum.bytes += samples_[i].size();
     sum.compressed += compressed ? compressed->size() : samples_[i].size();

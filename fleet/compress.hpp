@@ -70,8 +70,8 @@ class Trainer {
     size_t runs = 0, bytes = 0, compressed = 0;
     double ratio() const;
   };
-  size_t streamsInContent() const;  // how many samples, from the oldest on, make the next dictionary
-  double ratioOfSamples(Compressor &compressor, Dictionary *dictionary) const;  // of the others, which judge it
+  size_t judging() const;  // how many samples judge a new dictionary; the newer ones make it
+  double ratioOfSamples(Compressor &compressor, Dictionary *dictionary) const;  // of those that judge
 
   std::deque<std::string> samples_;  // the latest
   size_t sampleBytes_ = 0;

@@ -72,7 +72,7 @@ struct Parameters {
   int count() const { return static_cast<int>(values.size()); }
 };
 
-class Postgres : public Database {
+class Postgres final : public Database {
  public:
   Postgres(std::string url, Access access) : url_(std::move(url)), access_(access) { connect(); }
 
@@ -165,7 +165,7 @@ class Postgres : public Database {
   std::string prepared(const std::string &sql, const Parameters &parameters) {
     const auto found = statements_.find(sql);
     if (found != statements_.end()) return found->second;
-    const std::string name = "s" + std::to_string(statements_.size());
+    std::string name = "s" + std::to_string(statements_.size());
     ask([&](PGconn *c) {
       return PQsendPrepare(c, name.c_str(), sql.c_str(), parameters.count(), parameters.types.data());
     });

@@ -51,7 +51,7 @@ struct Reset {
   }
 };
 
-class Sqlite : public Database {
+class Sqlite final : public Database {
  public:
   Sqlite(const std::string &path, Access access) : path_(path) {
     if (access == Access::kWrite) makeFile();
@@ -204,7 +204,9 @@ void backupStore(const std::string &where, const std::string &file) {
   // One snapshot: copying page by page would begin again with every write.
   const auto database = openSqlite(where, Access::kRead);
   NewFile copy(file);
-  database->execute("VACUUM INTO $1", {file}, nullptr);
+  std::string quoted;
+  for (const char c : file) quoted += c == '\'' ? "''" : std::string(1, c);
+  database->script("VACUUM INTO '" + quoted + "'");
   copy.finish();
 }
 

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "fleet/store.hpp"
-
 namespace kepfleet {
 
 namespace {
@@ -88,7 +86,7 @@ void Dictionaries::keep(int64_t coding, int64_t started) {
       {until, INT64_MAX, coding});
   if (changed == 0) {
     kinds_.clear();
-    throw StoreError("A dictionary was removed while it was used");
+    throw DictionaryGone("A dictionary was removed while it was used");
   }
   neededUntil_[coding] = until;
 }

@@ -13,8 +13,14 @@
 #include "fleet/compress.hpp"
 #include "fleet/database.hpp"
 #include "fleet/run.hpp"
+#include "fleet/store.hpp"
 
 namespace kepfleet {
+
+// Another instance has removed a dictionary that this one goes on using: what is to be stored has to be coded anew.
+struct DictionaryGone : StoreError {
+  using StoreError::StoreError;
+};
 
 struct CodedStream {
   int64_t coding = -1;  // as it came; 0: compressed; else: with this dictionary
@@ -28,7 +34,7 @@ class Dictionaries {
   // Outside of a transaction: makes a dictionary when it is time for one.
   CodedStream encode(const Run &run);
 
-  // Within the transaction that stores it: says until when its dictionary is needed.
+  // Within the transaction that stores it: says until when its dictionary is needed. Throws DictionaryGone.
   void keep(int64_t coding, int64_t started);
 
   // A transaction was rolled back.

@@ -3,12 +3,14 @@
 #include "fleet/http.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,7 +30,8 @@ constexpr size_t kMostStores = 4;  // connections, and so answers that are read 
 constexpr std::chrono::seconds kStoreWait{10};
 constexpr size_t kMostAsks = 48;  // at once; the other workers serve the page
 constexpr std::chrono::milliseconds kSlice{100};
-constexpr size_t kMostRows = 500;  // of an answer
+constexpr std::chrono::seconds kPatience{5};  // with a board that is being asked
+constexpr size_t kMostRows = 500;             // of an answer
 
 constexpr const char *kJson = "application/json";
 
@@ -75,6 +78,15 @@ size_t limitOf(const Request &request) { return number<size_t>(request, "limit",
 
 int32_t integer(const Request &request, const char *name) {
   return number<int32_t>(request, name, INT32_MIN, INT32_MAX, 0);
+}
+
+// HOST or HOST:PORT.
+BoardConfig boardAt(const std::string &place) {
+  try {
+    return defaultConfig({place}).boards.at(0);
+  } catch (const ConfigError &error) {
+    throw Problem(400, error.text());
+  }
 }
 
 std::chrono::hours spanOf(const Request &request) {
@@ -161,6 +173,14 @@ class Awaited {
   std::optional<Run> run_;
 };
 
+struct Counted {
+  explicit Counted(std::atomic<size_t> &number) : count(number) { ++count; }
+  ~Counted() { --count; }
+  Counted(const Counted &) = delete;
+  Counted &operator=(const Counted &) = delete;
+  std::atomic<size_t> &count;
+};
+
 // ---- texts
 
 std::string_view typeOfFile(std::string_view path) {
@@ -191,23 +211,13 @@ std::string fileName(const Run &run) {
   return name;
 }
 
-std::string prefixOf(std::string prefix) {
-  while (!prefix.empty() && prefix.back() == '/') prefix.pop_back();
-  return prefix.empty() || prefix[0] == '/' ? prefix : "/" + prefix;
-}
-
-HttpConfig tidied(HttpConfig config) {
-  config.prefix = prefixOf(config.prefix);
-  return config;
-}
-
 }  // namespace
 
 // ---- routes
 
 struct HttpServer::Implementation {
   Implementation(const Config &config, const Boards &fleet, const NamesBook &book, Control &collector, Exports told)
-      : http(tidied(config.http)),
+      : http(config.http),
         limits(config.limits),
         boards(fleet),
         names(book),
@@ -256,8 +266,7 @@ struct HttpServer::Implementation {
   Access access;
   Stores stores;
   FleetRows rows;
-  std::mutex mutex;
-  size_t asks = 0;  // that are waited for
+  std::atomic<size_t> asks{0};  // that are waited for
   int port = 0;
   Listener listener;  // the last: its threads use all of the above
 };
@@ -377,8 +386,9 @@ void HttpServer::Implementation::getBoard(const Request &request, Response &resp
   const BoardState state = board(request);
   if (request.get_param_value("version") == boardVersion(state)) return response.set_content("{}", kJson);
   std::vector<RunPair> pairs;
-  for (const RunPointer &run : state.lastWhole) {
-    if (run) pairs.push_back({*run, {}});
+  for (size_t type = 0; type < kTypes; ++type) {
+    const RunPointer &run = state.lastWhole[type] ? state.lastWhole[type] : state.last[type];
+    if (run && !run->stream.empty()) pairs.push_back({*run, {}});
   }
   std::string problem;
   try {
@@ -412,6 +422,7 @@ void HttpServer::Implementation::getPlot(const Request &request, Response &respo
   query.key = integer(request, "key");
   query.field = number<size_t>(request, "field", 0, 10'000, 0);
   query.isRaw = request.has_param("raw");
+  query.isEnding = [this] { return listener.isEnding(); };
   query.to = nowMilliseconds() + 1;
   query.from = query.to - std::chrono::milliseconds(spanOf(request)).count();
   const NamesPointer known = namesOf(state);
@@ -447,19 +458,15 @@ void HttpServer::Implementation::getRaw(const Request &request, Response &respon
 // ---- runs made now
 
 Run HttpServer::Implementation::await(const std::function<Asked(Control::Done)> &ask) {
+  const Counted counted(asks);
+  if (asks > kMostAsks) throw Problem(503, "too many runs are waited for");
   const auto awaited = std::make_shared<Awaited>();
-  {
-    const std::lock_guard lock(mutex);
-    if (asks >= kMostAsks) throw Problem(503, "too many runs are waited for");
-    ++asks;
-  }
   const auto deadline = std::chrono::steady_clock::now() + limits.run + std::chrono::seconds(1);
-  const Asked asked = ask([awaited](const Run &run) { awaited->take(run); });
-  std::optional<Run> run;
-  if (asked == Asked::kYes) run = awaited->wait(deadline, listener);
-  {
-    const std::lock_guard lock(mutex);
-    --asks;
+  const auto patience = std::chrono::steady_clock::now() + kPatience;
+  Asked asked = Asked::kBusy;
+  while (asked == Asked::kBusy && !listener.isEnding() && std::chrono::steady_clock::now() < patience) {
+    asked = ask([awaited](const Run &run) { awaited->take(run); });
+    if (asked == Asked::kBusy) std::this_thread::sleep_for(kSlice);  // with a run that is soon over
   }
   switch (asked) {
     case Asked::kUnknown: throw Problem(404, "no such board");
@@ -468,6 +475,7 @@ Run HttpServer::Implementation::await(const std::function<Asked(Control::Done)> 
     case Asked::kEnding: throw Problem(503, "the server ends");
     case Asked::kYes: break;
   }
+  std::optional<Run> run = awaited->wait(deadline, listener);
   if (!run) throw Problem(504, "the run has not ended in time");
   return std::move(*run);
 }
@@ -508,13 +516,13 @@ void HttpServer::Implementation::getProbe(const Request &request, Response &resp
   const int type = typeOf(request);
   std::optional<BoardState> state = boards.find(target);
   if (!state && !http.probeAny) throw Problem(404, "no such board");
-  const auto probe = [&](Control::Done done) {
-    if (state) return control.ask(target, type, std::move(done));
-    state.emplace();
-    state->config = defaultConfig({target}).boards.at(0);
-    return control.probe(state->config.host, state->config.port, type, std::move(done));
-  };
-  Run run = await(probe);
+  const bool isKnown = state.has_value();
+  if (!isKnown) state.emplace().config = boardAt(target);
+  const BoardConfig &config = state->config;
+  Run run = await([&](Control::Done done) {
+    return isKnown ? control.ask(target, type, std::move(done))
+                   : control.probe(config.host, config.port, type, std::move(done));
+  });
   stream(response, [this, state = std::move(*state), run = std::move(run)](const Pieces &take) {
     exports.probe(state, run, take);
   });
@@ -532,7 +540,7 @@ HttpServer::HttpServer(const Config &config, const Boards &boards, const NamesBo
   implementation_->route();
 }
 
-HttpServer::~HttpServer() { stop(); }
+HttpServer::~HttpServer() = default;
 
 void HttpServer::start() {
   try {
@@ -544,6 +552,6 @@ void HttpServer::start() {
 
 int HttpServer::port() const { return implementation_->port; }
 
-void HttpServer::stop() { implementation_->listener.close(); }
+bool HttpServer::stop() { return implementation_->listener.close(); }
 
 }  // namespace kepfleet

@@ -33,8 +33,8 @@ class HttpServer {
   void start();
   int port() const;  // that serves, also where the configuration says 0
 
-  // Breaks off what is served, within a second.
-  void stop();
+  // Breaks off what is served. False: an answer waits for the store, as the destructor would for it.
+  bool stop();
 
  private:
   struct Implementation;

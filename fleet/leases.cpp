@@ -24,26 +24,12 @@ std::vector<Lease> SharedLeases::renew(const std::string &instance, const std::v
                                        double seconds) {
   ids_.add({boards.begin(), boards.end()});
   std::map<int64_t, std::string> wanted;
-  std::set<int64_t> wantedIds;
-  for (const std::string &board : boards) {
-    wanted.emplace(ids_.find(board), board);
-    wantedIds.insert(ids_.find(board));
-  }
-  const std::string list = listOf(wantedIds);
+  for (const std::string &board : boards) wanted.emplace(ids_.find(board), board);
 
   Transaction transaction(database_);
-  live(instance, seconds);
+  const size_t instances = live(instance, seconds);
   giveBack(instance, leaving_);
-  database_.execute(
-      "INSERT INTO leases (board) SELECT unnest(convert_from($1, 'UTF8')::integer[])"
-      " ON CONFLICT DO NOTHING",
-      {list});
-
-  size_t instances = 1;
-  database_.execute("SELECT count(*) FROM instances", {},
-                    [&](const Row &row) { instances = static_cast<size_t>(row.integer(0)); });
   const size_t share = (wanted.size() + instances - 1) / instances;
-
   std::vector<Lease> held;
   std::set<int64_t> leaving;
   const auto take = [&](const Row &row) {
@@ -55,36 +41,49 @@ std::vector<Lease> SharedLeases::renew(const std::string &instance, const std::v
     }
   };
   database_.execute("SELECT board, number FROM leases WHERE owner = $1 ORDER BY board", {instance}, take);
-  if (held.size() < share) {
-    database_.execute(
-        "UPDATE leases SET owner = $2, number = number + 1 WHERE board IN ("
-        " SELECT l.board FROM leases l WHERE l.board" +
-            kInList +
-            " AND NOT EXISTS (SELECT 1 FROM instances i WHERE i.name = l.owner)"
-            " ORDER BY l.board LIMIT $3 FOR UPDATE OF l SKIP LOCKED) RETURNING board, number",
-        {list, instance, static_cast<int64_t>(share - held.size())}, take);
-  }
+  if (held.size() < share) claim(instance, wanted, share - held.size(), take);
   transaction.commit();
   leaving_ = std::move(leaving);
   return held;
 }
 
-// Removes those that do not live any more, so that their boards are free.
-void SharedLeases::live(const std::string &instance, double seconds) {
+// Whoever does not live any more is removed, so that its boards are free. Returns how many live.
+size_t SharedLeases::live(const std::string &instance, double seconds) {
   database_.script("LOCK TABLE instances IN SHARE ROW EXCLUSIVE MODE");
   database_.execute("DELETE FROM instances WHERE until < now() AND name <> $1", {instance});
   database_.execute(
       "INSERT INTO instances (name, until) VALUES ($1, now() + $2 * interval '1 microsecond')"
       " ON CONFLICT (name) DO UPDATE SET until = EXCLUDED.until",
       {instance, static_cast<int64_t>(seconds * 1e6)});
+  size_t count = 1;
+  database_.execute("SELECT count(*) FROM instances", {},
+                    [&](const Row &row) { count = static_cast<size_t>(row.integer(0)); });
+  return count;
+}
+
+// The list of what is locked is made once, as an array, however the update is planned.
+void SharedLeases::claim(const std::string &instance, const std::map<int64_t, std::string> &wanted, size_t atMost,
+                         const std::function<void(const Row &)> &take) {
+  std::set<int64_t> ids;
+  for (const auto &board : wanted) ids.insert(board.first);
+  const std::string list = listOf(ids);
+  database_.execute(
+      "INSERT INTO leases (board) SELECT unnest(convert_from($1, 'UTF8')::integer[]) ON CONFLICT DO NOTHING", {list});
+  database_.execute(
+      "UPDATE leases SET owner = $2, number = number + 1 WHERE board = ANY(ARRAY("
+      " SELECT l.board FROM leases l WHERE l.board" +
+          kInList +
+          " AND NOT EXISTS (SELECT 1 FROM instances i WHERE i.name = l.owner)"
+          " ORDER BY l.board LIMIT $3 FOR UPDATE OF l SKIP LOCKED)) RETURNING board, number",
+      {list, instance, static_cast<int64_t>(atMost)}, take);
 }
 
 void SharedLeases::giveBack(const std::string &instance, const std::set<int64_t> &boards) {
   if (boards.empty()) return;
   database_.execute(
-      "UPDATE leases SET owner = '' WHERE board IN ("
+      "UPDATE leases SET owner = '' WHERE board = ANY(ARRAY("
       " SELECT board FROM leases WHERE board" +
-          kInList + " AND owner = $2 ORDER BY board FOR UPDATE)",
+          kInList + " AND owner = $2 ORDER BY board FOR UPDATE))",
       {listOf(boards), instance});
 }
 

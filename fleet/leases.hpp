@@ -1,6 +1,7 @@
 // leases.hpp: which instance asks which board, where instances share a database.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -25,7 +26,9 @@ class SharedLeases : public Leases {
   std::map<int64_t, uint64_t> lock(const std::set<int64_t> &boards);
 
  private:
-  void live(const std::string &instance, double seconds);
+  size_t live(const std::string &instance, double seconds);
+  void claim(const std::string &instance, const std::map<int64_t, std::string> &wanted, size_t atMost,
+             const std::function<void(const Row &)> &take);
   void giveBack(const std::string &instance, const std::set<int64_t> &boards);
 
   Database &database_;

@@ -23,6 +23,7 @@ namespace {
 
 constexpr int kBacklog = 128;
 constexpr int kSlice = 100;  // milliseconds: how late the end is noticed
+constexpr std::chrono::milliseconds kToEnd{300};
 
 int untilDeadline(Listener::Clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Listener::Clock::now());
@@ -165,27 +166,44 @@ int Listener::open(const std::string &address, uint16_t port) {
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
   for (const addrinfo *one = found; one && socket_ < 0; one = one->ai_next) socket_ = listenAt(*one);
   if (socket_ < 0) throw std::runtime_error(address + ":" + std::to_string(port) + ": " + std::strerror(errno));
+  svr_sock_ = socket_;  // the library writes long answers while it has one
   wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  threads_.emplace_back([this] { readRequests(); });
-  for (size_t i = 0; i < limits_.workers; ++i) threads_.emplace_back([this] { serve(); });
+  start(&Listener::readRequests);
+  for (size_t i = 0; i < limits_.workers; ++i) start(&Listener::serve);
   return addressOf(socket_, getsockname).port;
 }
 
-void Listener::close() {
-  if (socket_ < 0) return;
+void Listener::start(void (Listener::*work)()) {
   {
     const std::lock_guard lock(mutex_);
-    ending_ = true;
+    ++running_;
   }
+  threads_.emplace_back([this, work] {
+    (this->*work)();
+    const std::lock_guard lock(mutex_);
+    --running_;
+    isOver_.notify_all();
+  });
+}
+
+bool Listener::close() {
+  std::unique_lock lock(mutex_);
+  ending_ = true;
+  svr_sock_ = INVALID_SOCKET;
   isReady_.notify_all();
-  eventfd_write(wake_, 1);
+  if (wake_ >= 0) eventfd_write(wake_, 1);
+  return isOver_.wait_for(lock, kToEnd, [this] { return running_ == 0; });
+}
+
+Listener::~Listener() {
+  close();
   for (std::thread &thread : threads_) thread.join();
   for (const auto *queue : {&reading_, &ready_}) {
     for (const Connection &connection : *queue) ::close(connection.socket);
   }
-  ::close(wake_);
-  ::close(socket_);
-  socket_ = -1;
+  for (const int file : {wake_, socket_}) {
+    if (file >= 0) ::close(file);
+  }
 }
 
 // ---- the thread that reads

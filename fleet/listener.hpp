@@ -42,17 +42,19 @@ class Listener : public httplib::Server {
   };
 
   explicit Listener(const ListenerLimits &limits = {}) : limits_(limits) {}
-  ~Listener() override { close(); }
+  ~Listener() override;
 
   // Serves from now on, and returns the port. Throws std::runtime_error when the address cannot be had.
   int open(const std::string &address, uint16_t port);
 
-  // Breaks off what is served, within a second; not to be called by a worker.
-  void close();
+  // Breaks off what is served; not to be called by a worker. False: some worker has not noticed in time, and the
+  // destructor would wait for it.
+  bool close();
 
   bool isEnding() const { return ending_; }
 
  private:
+  void start(void (Listener::*work)());
   void accept();
   void readRequests();
   int untilNext() const;
@@ -68,6 +70,8 @@ class Listener : public httplib::Server {
   std::mutex mutex_;                // of what follows
   std::condition_variable isReady_;
   std::deque<Connection> ready_;
+  std::condition_variable isOver_;
+  size_t running_ = 0;  // threads
   std::vector<std::thread> threads_;
 };
 

@@ -20,6 +20,7 @@
 #include "common/process.hpp"
 #include "fleet/config.hpp"
 #include "fleet/fleet.hpp"
+#include "fleet/http.hpp"
 #include "fleet/log.hpp"
 #include "fleet/store.hpp"
 #include "server/print.hpp"
@@ -136,11 +137,16 @@ ExitStatus serve(const Config &config) {
   setUpLog(config.log);
   Fleet fleet(config);
   fleet.start();
+  HttpServer http(config, fleet.boards(), fleet.names(), fleet);
+  http.start();
+  spdlog::info("the page is at http://{}:{}{}/", config.http.address, http.port(), config.http.prefix);
   int number = 0;
   while (sigwait(&signals, &number) != 0 || number == SIGHUP) reload(fleet, config.path);
   spdlog::info("ending, as by signal {}", number);
-  if (fleet.stop()) return kGood;
-  std::_Exit(kDamaged);  // threads wait for a store that does not answer
+  const bool isServed = http.stop();
+  const bool isStored = fleet.stop();
+  if (isServed && isStored) return kGood;
+  std::_Exit(isStored ? kGood : kDamaged);  // threads wait for a store that does not answer
 }
 
 // ---- what was kept

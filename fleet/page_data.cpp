@@ -531,7 +531,7 @@ std::string plotJson(Store &store, const BoardState &board, const Names &names, 
   bool isCutShort = false;
   store.runs(runs, [&](StoredRun &&stored) {
     reader.take(stored.run);
-    isCutShort = std::chrono::steady_clock::now() > deadline;
+    isCutShort = query.isEnding() || std::chrono::steady_clock::now() > deadline;
     return !isCutShort;
   });
   const size_t count = reader.points().size();

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -64,6 +65,7 @@ struct PlotQuery {
   size_t field = 0;    // of a buffer, counted from 0
   bool isRaw = false;  // of a counter: what it says, rather than by how much it grows in a second
   int64_t from = 0, to = 0;
+  std::function<bool()> isEnding;  // and nobody waits for it any more
 };
 
 // Where the board was away, and where a counter began anew, there is a point without a number.

@@ -64,7 +64,7 @@ void Schedule::put(const std::string &name, const std::vector<Interval> &interva
     if (interval.type != kTestType && isSooner) soonest = &added;
   }
   if (isNew && soonest) soonest->due = std::min(soonest->due, now + partOf(spread, hashOf(name, -1)));
-  if (!wasBusy) enqueue(board, now);
+  if (!wasBusy) enqueue(board, now, true);
 }
 
 void Schedule::remove(const std::string &name) {
@@ -91,7 +91,7 @@ std::optional<Schedule::Due> Schedule::take(Moment now) {
     Entry &entry = **queue_.begin();
     if (now - entry.due > tolerated(entry.interval.every)) {
       queue_.erase(queue_.begin());
-      enqueue(entry, now);
+      enqueue(entry, now, entry.board->failures > 0);
       continue;
     }
     makeBusy(*entry.board);
@@ -113,6 +113,7 @@ void Schedule::end(const std::string &name, Moment asked, Moment now, bool answe
   const auto place = boards_.find(name);
   if (place == boards_.end() || !place->second.isBusy) return;
   Board &board = place->second;
+  const bool wasPausing = board.failures > 0;
   board.failures = answered ? 0 : board.failures + 1;
   board.pausedUntil = Moment(0);
   if (!answered && !board.entries.empty()) {
@@ -121,7 +122,7 @@ void Schedule::end(const std::string &name, Moment asked, Moment now, bool answe
     const unsigned doublings = std::min(board.failures - 1, kMostDoublings);
     board.pausedUntil = asked + std::min(shortest * (int64_t{1} << doublings), longestPause_);
   }
-  enqueue(board, now);
+  enqueue(board, now, wasPausing);
 }
 
 void Schedule::makeBusy(Board &board) {
@@ -131,21 +132,23 @@ void Schedule::makeBusy(Board &board) {
   board.isBusy = true;
 }
 
-void Schedule::enqueue(Board &board, Moment now) {
+void Schedule::enqueue(Board &board, Moment now, bool wasPausing) {
   board.isBusy = false;
-  for (Entry &entry : board.entries) enqueue(entry, now);
+  for (Entry &entry : board.entries) enqueue(entry, now, wasPausing);
 }
 
-// What passes while a board pauses is nobody's fault; all else that passes is counted.
-void Schedule::enqueue(Entry &entry, Moment now) {
+// What passes while a board pauses is nobody's fault; all else that passes is counted. Until the pause is over it is not
+// settled what has passed: the board may be asked beside the schedule, and answer.
+void Schedule::enqueue(Entry &entry, Moment now, bool wasPausing) {
+  const Moment period = entry.interval.every;
   const Moment from = std::max(now, entry.board->pausedUntil);
-  const Moment oldest = from - tolerated(entry.interval.every);
-  if (entry.due < oldest) {
-    const Moment due = firstFrom(oldest, entry.phase, entry.interval.every);
-    if (from == now) skipped_ += static_cast<uint64_t>((due - entry.due) / entry.interval.every);
+  const Moment oldest = from - tolerated(period);
+  const Moment due = entry.due < oldest ? firstFrom(oldest, entry.phase, period) : entry.due;
+  entry.at = std::max(due, from);
+  if (from == now) {
+    if (!wasPausing) skipped_ += static_cast<uint64_t>((due - entry.due) / period);
     entry.due = due;
   }
-  entry.at = std::max(entry.due, from);
   queue_.insert(&entry);
 }
 

@@ -82,8 +82,8 @@ class Schedule {
   };
 
   void makeBusy(Board &board);
-  void enqueue(Board &board, Moment now);
-  void enqueue(Entry &entry, Moment now);
+  void enqueue(Board &board, Moment now, bool wasPausing);
+  void enqueue(Entry &entry, Moment now, bool wasPausing);
 
   Moment longestPause_;
   std::unordered_map<std::string, Board> boards_;

@@ -22,10 +22,10 @@ namespace {
 
 constexpr int kTypes = 4;  // of requests
 constexpr int64_t kDay = 86'400'000;
-constexpr size_t kRowsAtOnce = 32;        // written by one statement
-constexpr size_t kKeysAtOnce = 64;        // read by one
-constexpr size_t kBytesAtOnce = 4 << 20;  // of streams, unless one run has more
-constexpr const char *kWhole = " AND outcome IN (0, 4)";
+constexpr size_t kRowsAtOnce = 32;                            // written by one statement
+constexpr size_t kKeysAtOnce = 64;                            // read by one
+constexpr size_t kBytesAtOnce = 4 << 20;                      // of streams, unless one run has more
+constexpr const char *kWhole = " AND outcome + 0 IN (0, 4)";  // a sum, so that no index is chosen for it
 
 std::string placeholders(size_t from, size_t count) {
   std::string list;
@@ -77,7 +77,8 @@ class Partitions {
   }
 
  private:
-  // Attaching lets readers and writers go on, as making it a partition from the start would not.
+  // A number is known to be unique only within each, which is enough to find it by. Attaching lets readers and writers
+  // go on, as making it a partition from the start would not.
   void make(int type, int64_t day) {
     const std::string name = partitionOf(type, day), parent = "runs_" + std::to_string(type);
     Transaction transaction(database_);
@@ -86,9 +87,9 @@ class Partitions {
     database_.execute("SELECT 1 WHERE to_regclass(convert_from($1, 'UTF8')) IS NOT NULL", {name},
                       [&](const Row &) { exists = true; });
     if (exists) return;
-    database_.script("CREATE TABLE " + name + " (LIKE " + parent + " INCLUDING STORAGE); ALTER TABLE " + parent +
-                     " ATTACH PARTITION " + name + " FOR VALUES FROM (" + std::to_string(day * kDay) + ") TO (" +
-                     std::to_string((day + 1) * kDay) + ")");
+    database_.script("CREATE TABLE " + name + " (LIKE " + parent + " INCLUDING STORAGE); CREATE UNIQUE INDEX ON " +
+                     name + " (id); ALTER TABLE " + parent + " ATTACH PARTITION " + name + " FOR VALUES FROM (" +
+                     std::to_string(day * kDay) + ") TO (" + std::to_string((day + 1) * kDay) + ")");
     transaction.commit();
   }
 
@@ -153,11 +154,13 @@ class SqlStore : public Store {
   };
   using Refused = std::function<bool(const std::string &board, uint64_t lease)>;
 
+  Written writeOnce(const std::vector<Run> &runs, const std::vector<Event> &events);
   void prepare(const std::vector<Run> &runs, const std::vector<Event> &events);
   Refused lockLeases(const std::vector<Run> &runs, const std::vector<Event> &events);
   void insert(const Coded *from, size_t count);
   void insert(const Event &event);
   void keys(const RunQuery &query, int type, std::vector<Key> &keys);
+  std::vector<Key> keysOf(const std::vector<int64_t> &ids);
   bool read(const std::vector<Key> &keys, bool withStreams, const std::function<bool(StoredRun &&)> &take);
   std::map<int64_t, StoredRun> readPortion(const Key *from, size_t count, bool withStreams);
   StoredRun runOf(const Row &row, bool withStream);
@@ -172,7 +175,16 @@ class SqlStore : public Store {
 // ---- writing
 
 Written SqlStore::write(const std::vector<Run> &runs, const std::vector<Event> &events) {
+  try {
+    return writeOnce(runs, events);
+  } catch (const DictionaryGone &) {
+    return writeOnce(runs, events);
+  }
+}
+
+Written SqlStore::writeOnce(const std::vector<Run> &runs, const std::vector<Event> &events) {
   std::vector<Coded> coded;
+  coded.reserve(runs.size());
   for (const Run &run : runs) coded.push_back({&run, dictionaries_.encode(run)});
   try {
     prepare(runs, events);
@@ -359,13 +371,26 @@ StoredRun SqlStore::runOf(const Row &row, bool withStream) {
   return stored;
 }
 
+// In the order of time.
+std::vector<Key> SqlStore::keysOf(const std::vector<int64_t> &ids) {
+  static const std::string sql =
+      "SELECT started, type, id, bytes FROM runs WHERE id IN (" + placeholders(1, kKeysAtOnce) + ")";
+  std::vector<Key> keys;
+  for (size_t at = 0; at < ids.size(); at += kKeysAtOnce) {
+    const auto from = ids.begin() + static_cast<std::ptrdiff_t>(at);
+    std::vector<Value> values(from, from + static_cast<std::ptrdiff_t>(std::min(kKeysAtOnce, ids.size() - at)));
+    values.resize(kKeysAtOnce, int64_t{-1});
+    database_->execute(sql, values, [&](const Row &row) {
+      keys.push_back({row.integer(0), row.integer(1), row.integer(2), row.integer(3)});
+    });
+  }
+  std::sort(keys.begin(), keys.end());
+  return keys;
+}
+
 std::optional<StoredRun> SqlStore::run(int64_t id) {
   std::optional<StoredRun> found;
-  std::vector<Key> key;
-  database_->execute("SELECT started, bytes FROM runs WHERE id = $1", {id}, [&](const Row &row) {
-    key.push_back({row.integer(0), 0, id, row.integer(1)});
-  });
-  read(key, true, [&](StoredRun &&stored) {
+  read(keysOf({id}), true, [&](StoredRun &&stored) {
     found = std::move(stored);
     return true;
   });
@@ -393,21 +418,20 @@ std::vector<Event> SqlStore::events(const EventQuery &query) {
 
 // Type by type, so that the last run is looked for in one partition after the other and not in all.
 void SqlStore::lastRuns(const std::function<void(StoredRun &&)> &take) {
-  std::vector<Key> keys;
+  std::vector<int64_t> ids;
   for (int type = 0; type < kTypes; ++type) {
     const auto last = [&](const char *condition) {
       return "(SELECT id FROM runs WHERE board = b.id AND type = " + std::to_string(type) + condition +
              " ORDER BY started DESC LIMIT 1)";
     };
-    const std::string sql = "SELECT id, started, type, bytes FROM runs WHERE type = " + std::to_string(type) +
-                            " AND id IN (SELECT " + last("") + " FROM boards b UNION SELECT " + last(kWhole) +
-                            " FROM boards b)";
-    database_->execute(sql, {}, [&](const Row &row) {
-      keys.push_back({row.integer(1), row.integer(2), row.integer(0), row.integer(3)});
-    });
+    database_->execute("SELECT coalesce(" + last("") + ", 0), coalesce(" + last(kWhole) + ", 0) FROM boards b", {},
+                       [&](const Row &row) {
+                         const int64_t any = row.integer(0), whole = row.integer(1);
+                         if (any != 0) ids.push_back(any);
+                         if (whole != 0 && whole != any) ids.push_back(whole);
+                       });
   }
-  std::sort(keys.begin(), keys.end());
-  read(keys, true, [&](StoredRun &&stored) {
+  read(keysOf(ids), true, [&](StoredRun &&stored) {
     take(std::move(stored));
     return true;
   });

@@ -12,12 +12,15 @@ const $ = (id) => document.getElementById(id);
 
 // ---- elements
 
+// Children may stand in lists of lists; an empty one is none.
+const flattened = (children) => children.flat(Infinity).filter((child) => (child ?? '') !== '');
+
 function el(tag, attributes, ...children) {
   const element = document.createElement(tag);
   for (const [name, value] of Object.entries(attributes ?? {})) {
     if (value !== undefined && value !== null && value !== false) element.setAttribute(name, value === true ? '' : value);
   }
-  element.append(...children.flat().filter((child) => child !== null && child !== undefined && child !== ''));
+  element.append(...flattened(children));
   return element;
 }
 
@@ -49,7 +52,7 @@ function morph(old, fresh) {
 function show(id, ...children) {
   const now = $(id);
   const fresh = now.cloneNode(false);
-  fresh.append(...children.flat().filter((child) => child !== null && child !== undefined && child !== ''));
+  fresh.append(...flattened(children));
   morph(now, fresh);
 }
 
@@ -232,7 +235,8 @@ function wasText(value) {
   if (value.was === undefined) return '';
   const difference = value.isNumber ? numberOf(value.text) - numberOf(value.was) : NaN;
   if (!Number.isFinite(difference)) return `was ${value.was}`;
-  return (difference > 0 ? '+' : '−') + String(Number(Math.abs(difference).toPrecision(6)));
+  const [whole, part] = String(Number(Math.abs(difference).toPrecision(9))).split('.');
+  return (difference > 0 ? '+' : '−') + whole.replace(/\B(?=(\d{3})+$)/g, ' ') + (part ? `.${part}` : '');
 }
 
 function valueRow(run, item, section, value) {
@@ -262,7 +266,7 @@ function itemCard(run, item) {
       section.name ? el('h3', {}, section.name) : '',
       section.values.length === 0 ? '' : el('table', {}, el('tbody', {},
         section.values.map((value) => valueRow(run, item, section, value)))),
-      section.logs.map(logCard)].flat()));
+      section.logs.map(logCard)]));
 }
 
 function runPart(run) {
@@ -284,7 +288,7 @@ function drawHead(data) {
   show('head',
     el('div', { class: 'bar' }, el('h1', {}, data.name), button('collect', 'Collect now', ''), button('selftest', 'Self-test', 'main')),
     el('p', { class: `state ${data.state}` }, data.problem ?? (data.state === 'well' ? 'well' : 'not asked yet'),
-      data.since ? ' since ' : '', data.since ? ago(data.since) : ''),
+      data.since ? ' for ' : '', data.since ? ago(data.since) : ''),
     el('p', {}, el('span', { class: 'quiet' }, [data.title, data.address, data.identity && `identity ${data.identity}`]
       .filter(Boolean).join(' · '), ' '), labelsOf(data)),
     el('div', { class: 'bar' }, last),
@@ -297,7 +301,7 @@ function drawBoard() {
   const data = board.data;
   document.title = `${data.name} · Fleet`;
   drawHead(data);
-  show('values', data.runs.map(runPart).flat());
+  show('values', data.runs.map(runPart));
 }
 
 function runRow(run) {
@@ -373,6 +377,14 @@ function compact(number) {
   return String(Number(number.toPrecision(5)));
 }
 
+// The hour, or at midnight and between days the day.
+function tickText(seconds, step) {
+  const t = new Date(seconds * 1000);
+  const isDay = step >= 86400 || (t.getHours() === 0 && t.getMinutes() === 0 && t.getSeconds() === 0);
+  if (isDay) return `${two(t.getMonth() + 1)}-${two(t.getDate())}`;
+  return `${two(t.getHours())}:${two(t.getMinutes())}` + (step < 60 ? `:${two(t.getSeconds())}` : '');
+}
+
 function plotOptions(answer, unit) {
   const style = getComputedStyle(document.body);
   const colour = (name) => style.getPropertyValue(name).trim();
@@ -381,8 +393,9 @@ function plotOptions(answer, unit) {
   return {
     width: $('canvas').clientWidth,
     height: 230,
-    scales: { x: { range: [answer.from / 1000, answer.to / 1000] } },
-    axes: [axis, { ...axis, size: 78, values: (_, ticks) => ticks.map((tick) => answer.states?.[tick] ?? compact(tick)) }],
+    scales: { x: { range: [Math.max(answer.from / 1000, answer.times[0] ?? 0), answer.to / 1000] } },
+    axes: [{ ...axis, values: (_, ticks, axisIndex, space, step) => ticks.map((tick) => tickText(tick, step)) },
+      { ...axis, size: 78, values: (_, ticks) => ticks.map((tick) => answer.states?.[tick] ?? compact(tick)) }],
     series: [{ value: (_, time) => (time === null ? '–' : timeText(time * 1000)) },
       { label: answer.name || 'value', stroke: colour('--accent'), width: 1.5, points: { show: answer.numbers.length < 60, size: 5 },
         paths: answer.kind === 'state' ? uPlot.paths.stepped({ align: 1 }) : undefined, value: (_, number) => word(number) }],
@@ -442,6 +455,15 @@ async function followBoard() {
   await Promise.all([drawHistory(), followPlot()]);
 }
 
+// Of what the reader asked for.
+async function attempt(promise) {
+  try {
+    await promise;
+  } catch (error) {
+    sayAlarm([error.message]);
+  }
+}
+
 let timer = 0;
 
 async function follow() {
@@ -493,18 +515,18 @@ function onClick(event) {
     show('result');
   } else if (on('[data-older]')) {
     board.runsShown = Math.min(500, board.runsShown * 3);
-    drawHistory();
+    attempt(drawHistory());
   } else if ((found = on('[data-plot]'))) {
     const span = plot?.span ?? 'hour';
     closePlot();
     plot = { place: JSON.parse(found.dataset.plot), title: found.dataset.title, span, raw: false };
-    drawPlot();
+    attempt(drawPlot());
   } else if ((found = on('[data-span]'))) {
     plot.span = found.dataset.span;
-    drawPlot();
+    attempt(drawPlot());
   } else if ((found = on('[data-mode]'))) {
     plot.raw = found.dataset.mode === 'raw';
-    drawPlot();
+    attempt(drawPlot());
   } else if (on('#plot-close')) {
     closePlot();
   }
@@ -519,7 +541,7 @@ $('labels').addEventListener('change', (event) => {
   fleet.labels[event.target.dataset.label] = event.target.value;
   refilter();
 });
-matchMedia('(prefers-color-scheme: dark)').addEventListener('change', drawPlot);
+matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () => attempt(drawPlot()));
 window.addEventListener('resize', () => plot?.drawn?.setSize({ width: $('canvas').clientWidth, height: 230 }));
 window.addEventListener('hashchange', go);
 go();
