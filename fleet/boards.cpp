@@ -97,7 +97,7 @@ std::string goneFrom(const std::string &before, const std::string &now) {
 std::string labelText(const kepserver::Value &value) {
   using kepserver::ValueKind;
   if (value.kind == ValueKind::kInt || value.kind == ValueKind::kLong) return std::to_string(value.number);
-  const std::string_view bytes = std::string_view(value.bytes).substr(0, kMostLabelBytes);
+  const std::string_view bytes = std::string_view(value.bytes).substr(0, kMostLabelBytes + 4);  // one character more
   const std::string text = value.kind == ValueKind::kString ? kepserver::printable(bytes) : kepserver::hex(bytes);
   return cut(text, kMostLabelBytes);
 }

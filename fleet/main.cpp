@@ -46,6 +46,10 @@ constexpr const char *kDescription =
     "it; or copies, lists or prints what was kept.";
 
 constexpr const char *kExitStatuses =
+    "Of runs and export:\n"
+    "  --from TIME, --to TIME      Only runs that began at the first and before the\n"
+    "                              second\n"
+    "  --format text|json|csv      How to print [text of runs, json of export]\n"
     "TIME is as 2026-11-23 or 2026-11-23T03:50:21, of UTC, or as 90m, 12h or 7d ago.\n"
     "\n"
     "Exit status:\n"

@@ -137,8 +137,8 @@ void Schedule::enqueue(Board &board, Moment now, bool wasPausing) {
   for (Entry &entry : board.entries) enqueue(entry, now, wasPausing);
 }
 
-// What passes while a board pauses is nobody's fault; all else that passes is counted. Until the pause is over it is not
-// settled what has passed: the board may be asked beside the schedule, and answer.
+// What passes while a board pauses is nobody's fault; all else that passes is counted. Until the pause is over it is
+// not settled what has passed: the board may be asked beside the schedule, and answer.
 void Schedule::enqueue(Entry &entry, Moment now, bool wasPausing) {
   const Moment period = entry.interval.every;
   const Moment from = std::max(now, entry.board->pausedUntil);
