@@ -144,8 +144,9 @@ class Postgres final : public Database {
         connection_.get(), [](void *, const char *) {}, nullptr);
     PQsetnonblocking(connection_.get(), 1);
     // An instance that is suspended or cut off within a transaction must not keep what it has locked.
+    // Statements are planned once, not for each day's partition anew.
     script(std::string("SET lock_timeout = '10s'; SET idle_in_transaction_session_timeout = '3s'; SET jit = off;"
-                       "SET default_transaction_read_only = ") +
+                       "SET plan_cache_mode = force_generic_plan; SET default_transaction_read_only = ") +
            (access_ == Access::kRead ? "on" : "off"));
   }
 

@@ -9,9 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -72,11 +70,13 @@ Texts ask(Store &store, const RunQuery &query) {
   return texts;
 }
 
-size_t countRuns(Store &store, const std::string &board) {
+RunQuery allOf(const std::string &board) {
   RunQuery query;
   query.board = board;
-  return ask(store, query).size();
+  query.withStreams = true;
+  return query;
 }
+size_t countRuns(Store &store, const std::string &board) { return ask(store, allOf(board)).size(); }
 
 bool isWhole(const Run &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
 
@@ -208,10 +208,8 @@ TEST_P(StoreTest, AnswersAsAListDoes) {
   compare();
 
   // A reader may stop, and ask within.
-  RunQuery all;
-  all.board = runs[0].board;
   int seen = 0;
-  store->runs(all, [&](StoredRun &&found) {
+  store->runs(allOf(runs[0].board), [&](StoredRun &&found) {
     const auto again = store->run(found.id);
     EXPECT_EQ(textOf(again.value().run, false), textOf(found.run, false));
     return ++seen < 3;
@@ -257,12 +255,9 @@ TEST_P(StoreTest, KeepsDictionariesAsLongAsARunNeedsThem) {
         number("SELECT CAST(avg(length(stream)) AS BIGINT) FROM runs WHERE started >= " + std::to_string(from)));
   };
   const auto compare = [&] {
-    RunQuery query;
-    query.board = "a";
-    query.withStreams = true;
     Texts list;
     for (const Run &run : runs) list.push_back(textOf(run, true));
-    EXPECT_EQ(ask(*store, query), list);
+    EXPECT_EQ(ask(*store, allOf("a")), list);
   };
   write(0, 'A', 200);
   EXPECT_EQ(number("SELECT count(*) FROM dictionaries"), 1);
@@ -383,10 +378,7 @@ TEST_P(SqliteTest, ReadsTheFirstVersion) {
   std::vector<Run> expected;
   for (int i = 0; i < 34; ++i) expected.push_back(runOf("golden", kStart + i, streamOf(random, 'G')));
   const auto store = openStore(where_);
-  RunQuery query;
-  query.board = "golden";
-  query.withStreams = true;
-  const Texts found = ask(*store, query);
+  const Texts found = ask(*store, allOf("golden"));
   ASSERT_EQ(found.size(), 2u);
   EXPECT_EQ(found[0], textOf(expected[0], true));
   EXPECT_EQ(found[1], textOf(expected[33], true));
@@ -413,8 +405,7 @@ TEST_P(SqliteTest, IsPrivateGivesSpaceBackAndIsCopiedInUse) {
     const Transaction busy(*writer);
     backupStore(where_, copy);
   }
-  EXPECT_EQ(ask(*openStore(copy), {"e", INT64_MIN, INT64_MAX, {}, false, false, SIZE_MAX, SIZE_MAX, true}),
-            ask(*store, {"e", INT64_MIN, INT64_MAX, {}, false, false, SIZE_MAX, SIZE_MAX, true}));
+  EXPECT_EQ(ask(*openStore(copy), allOf("e")), ask(*store, allOf("e")));
   EXPECT_THROW(backupStore(where_, copy), StoreError);
   EXPECT_THROW(backupStore(folder_ + "/none", folder_ + "/other"), StoreError);
   EXPECT_FALSE(std::filesystem::exists(folder_ + "/other"));
