@@ -94,9 +94,8 @@ pid_t startCommand(const std::string &command, const std::string &input) {
   if (file < 0) return -1;
   const Setting setting(file);
   std::vector<std::string> variables = environment();
-  std::vector<char *> pointers;
-  for (std::string &variable : variables) pointers.push_back(variable.data());
-  pointers.push_back(nullptr);
+  std::vector<char *> pointers(variables.size() + 1);  // the last: nullptr
+  std::transform(variables.begin(), variables.end(), pointers.begin(), [](auto &variable) { return variable.data(); });
   std::array<std::string, 3> words = {"sh", "-c", command};
   std::array<char *, 4> arguments = {words[0].data(), words[1].data(), words[2].data(), nullptr};
   pid_t process = -1;

@@ -66,7 +66,7 @@ bool endsWith(std::string_view text, std::string_view end) {
 }
 
 // Joined by _, an ending that is there already left out.
-std::string extended(std::string name, const std::string &end) {
+std::string extended(const std::string &name, const std::string &end) {
   return end.empty() || endsWith(name, "_" + end) ? name : name + "_" + end;
 }
 

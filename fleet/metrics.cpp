@@ -60,7 +60,7 @@ std::string wholeText(const Sent &sent) {
 }
 
 // As Prometheus writes what is no number in decimal.
-std::string numberText(std::string text) {
+std::string numberText(const std::string &text) {
   if (text == "inf") return "+Inf";
   if (text == "-inf") return "-Inf";
   return text == "nan" || text == "-nan" ? "NaN" : text;
@@ -118,7 +118,7 @@ class RunSamples {
     if (!plan || !sent.number) return;
     shown_.clear();
     present(names_, &plan->number, sent, shown_);
-    add_(plan->family, sectionOf(value), numberText(std::move(shown_[0].number)));
+    add_(plan->family, sectionOf(value), numberText(shown_[0].number));
   }
 
   void addStates(const Value &value, const MetricPlan &plan, const Sent &sent) {

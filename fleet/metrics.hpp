@@ -1,4 +1,4 @@
-// metrics.hpp: what Prometheus scrapes: /metrics, /probe and the discovery of boards. docs/fleet.md tells what the
+// metrics.hpp: what Prometheus scrapes: /metrics, /probe and the discovery of boards. docs/metrics.md tells what the
 // metrics are called.
 #pragma once
 

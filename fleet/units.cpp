@@ -14,7 +14,7 @@ struct Unit {
   std::string_view sign, base, factor;
 };
 
-// docs/fleet.md shows it.
+// docs/metrics.md shows it.
 constexpr Unit kUnits[] = {
     {"s", "seconds", "1"},
     {"ms", "seconds", "0.001"},
