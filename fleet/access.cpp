@@ -111,14 +111,14 @@ std::optional<Refusal> Access::toSee(const httplib::Request &request) {
 }
 
 std::optional<Refusal> Access::toAsk(const httplib::Request &request) {
-  if (const auto refusal = toSee(request)) return refusal;
+  if (auto refusal = toSee(request)) return refusal;
   if (isOfOtherSite(request)) return Refusal{403, "another site's page asks for it"};
   if (!config_.token.empty() || isLoopback_) return {};
   return Refusal{403, "where others than this machine's users can ask for it, it needs a token: configure token_file"};
 }
 
 std::optional<Refusal> Access::toAct(const httplib::Request &request) {
-  if (const auto refusal = toAsk(request)) return refusal;
+  if (auto refusal = toAsk(request)) return refusal;
   if (!request.has_header("X-Kep")) return Refusal{403, "it needs the header \"X-Kep: 1\""};
   const std::string origin = request.get_header_value("Origin");
   const size_t scheme = origin.find("://");

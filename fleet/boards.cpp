@@ -134,8 +134,9 @@ void Boards::configure(const Config &config) {
 }
 
 void Boards::recall(Run run) {
+  if (!isNews(run)) return;
   const kepserver::Run content = decode(run);
-  update(std::make_shared<const Run>(std::move(run)), content);
+  update(std::make_shared<const Run>(std::move(run)), content, false);
 }
 
 Boards::Taken Boards::take(Run run) {
@@ -145,7 +146,7 @@ Boards::Taken Boards::take(Run run) {
   }
   Taken taken;
   taken.run = std::make_shared<const Run>(std::move(run));
-  taken.events = update(taken.run, content);
+  taken.events = update(taken.run, content, true);
   return taken;
 }
 
@@ -182,34 +183,47 @@ uint64_t Boards::version() const {
   return version_;
 }
 
-// Runs that are recalled come in any order, and may be older than what is known.
-std::vector<Event> Boards::update(const RunPointer &run, const kepserver::Run &content) {
+bool Boards::isNews(const Run &run) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto place = places_.find(run.board);
+  if (place == places_.end() || run.type < 0 || run.type >= kTypes) return false;
+  const BoardState &state = entries_[place->second].state;
+  const auto type = static_cast<size_t>(run.type);
+  const auto isNewer = [&run](const RunPointer &known) { return !known || known->started < run.started; };
+  return isNewer(state.last[type]) || (isWhole(run) && isNewer(state.lastWhole[type]));
+}
+
+// Runs that are recalled come in any order, and may be older than what is known. What comes from a board is newer,
+// whatever the clock says, which may have been set back.
+std::vector<Event> Boards::update(const RunPointer &run, const kepserver::Run &content, bool isLive) {
   std::vector<Event> events;
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto place = places_.find(run->board);
   if (place == places_.end() || run->type < 0 || run->type >= kTypes) return events;
   Entry &entry = entries_[place->second];
   const auto type = static_cast<size_t>(run->type);
+  const auto isNewer = [&](const RunPointer &known) { return isLive || !known || known->started < run->started; };
+  const bool isNewest = isLive || run->started > entry.newest;
   RunPointer &last = entry.state.last[type];
   RunPointer &lastWhole = entry.state.lastWhole[type];
-  if (isWhole(*run) && (!lastWhole || lastWhole->started < run->started)) {
+  if (isWhole(*run) && isNewer(lastWhole)) {
     lastWhole = run;
-    noteContent(entry, *run, content, events);
+    if (isLive || run->started > entry.newestReport) noteContent(entry, *run, content, events);
   }
-  if (!last || last->started < run->started) {
+  if (isNewer(last)) {
     last = run;
-    noteOutcome(entry, run, events);
+    noteOutcome(entry, run, isNewest, events);
   }
   settleProblem(entry, run->started);
   ++version_;
   return events;
 }
 
-void Boards::noteOutcome(Entry &entry, const RunPointer &run, std::vector<Event> &events) {
+void Boards::noteOutcome(Entry &entry, const RunPointer &run, bool isNewest, std::vector<Event> &events) {
   const auto type = static_cast<size_t>(run->type);
   const bool answered = run->outcome != Outcome::kNoAnswer;
   const auto add = [&](EventKind kind) { events.push_back({run->board, run->started, kind, run->reason, run->lease}); };
-  if (run->started > entry.newest) {
+  if (isNewest) {
     entry.newest = run->started;
     const std::optional<bool> before = std::exchange(entry.state.answers, answered);
     if (before && *before != answered) add(answered ? EventKind::kFound : EventKind::kLost);
@@ -225,7 +239,7 @@ void Boards::noteContent(Entry &entry, const Run &run, const kepserver::Run &con
   const auto add = [&](EventKind kind, const std::string &text) {
     events.push_back({run.board, run.started, kind, text, run.lease});
   };
-  if (content.selfTest || run.started < entry.newestReport) return;
+  if (content.selfTest) return;
   entry.newestReport = run.started;
   const std::string identity = identityOf(content);
   std::string &known = entry.state.identity;

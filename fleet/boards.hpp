@@ -72,8 +72,9 @@ class Boards {
     int problemKind = 0;               // changes when `problem` is another, whatever its words
   };
 
-  std::vector<Event> update(const RunPointer &run, const kepserver::Run &content);
-  void noteOutcome(Entry &entry, const RunPointer &run, std::vector<Event> &events);
+  bool isNews(const Run &run) const;
+  std::vector<Event> update(const RunPointer &run, const kepserver::Run &content, bool isLive);
+  void noteOutcome(Entry &entry, const RunPointer &run, bool isNewest, std::vector<Event> &events);
   void noteContent(Entry &entry, const Run &run, const kepserver::Run &content, std::vector<Event> &events);
   void settleProblem(Entry &entry, int64_t now);
 

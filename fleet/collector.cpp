@@ -230,11 +230,11 @@ void Collector::hearMore(const StrangerPointer &stranger) {
   join(session, who);
 }
 
+// The argument is not the list's own, which goes.
 void Collector::drop(const StrangerPointer &stranger) {
   if (std::exchange(stranger->isGone, true)) return;
   abandon(stranger->socket);
-  const StrangerPointer kept = stranger;  // the argument may be the list's own
-  strangers_.erase(kept->place);
+  strangers_.erase(stranger->place);
   ++strangerCount_;
 }
 
@@ -344,22 +344,22 @@ void Collector::endByStream(const SessionPointer &session) {
   end(session, damage ? Outcome::kDamaged : Outcome::kWhole, damage ? describe(*damage) : "");
 }
 
+// Likewise, not the map's own.
 void Collector::end(const SessionPointer &session, Outcome outcome, std::string reason) {
   if (std::exchange(session->isOver, true)) return;
-  const SessionPointer kept = session;  // the argument may be the map's own
-  sessions_.erase(kept->number);
+  sessions_.erase(session->number);
   underWay_ = sessions_.size();
-  kept->timer.cancel();
-  abandon(kept->socket);
-  Run &run = kept->run;
+  session->timer.cancel();
+  abandon(session->socket);
+  Run &run = session->run;
   bytesUnderWay_ -= run.stream.size();
   run.stream.shrink_to_fit();  // it may be kept for long
   run.outcome = outcome;
   run.reason = std::move(reason);
-  const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - kept->asked);
+  const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - session->asked);
   run.duration = static_cast<uint32_t>(duration.count());
-  if (kept->decoder) run.messages = static_cast<uint32_t>(kept->decoder->run().messageCount);
-  std::exchange(kept->done, nullptr)(std::move(run));
+  if (session->decoder) run.messages = static_cast<uint32_t>(session->decoder->run().messageCount);
+  std::exchange(session->done, nullptr)(std::move(run));
 }
 
 }  // namespace kepfleet

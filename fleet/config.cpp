@@ -70,12 +70,13 @@ void readSize(TomlTable &table, std::string_view name, size_t &size, size_t smal
 }
 
 // Reads "HOST:PORT"; a port that is not there stays as it is. Returns what is wrong with it, or nothing.
-std::string splitPlace(const std::string &text, std::string &host, uint16_t &port) {
+std::string splitPlace(const std::string &text, std::string &host, uint16_t &port, int64_t smallest) {
   const size_t colon = text.rfind(':');
   host = text.substr(0, colon);
   if (colon == std::string::npos) return "";
   const std::optional<int64_t> number = wholeNumberIn(std::string_view(text).substr(colon + 1));
-  if (!number || *number < 0 || *number > 65535) return "expected a port from 0 to 65535 behind the colon";
+  const bool isPort = number && *number >= smallest && *number <= 65535;
+  if (!isPort) return "expected a port from " + std::to_string(smallest) + " to 65535 behind the colon";
   port = static_cast<uint16_t>(*number);
   return "";
 }
@@ -83,7 +84,7 @@ std::string splitPlace(const std::string &text, std::string &host, uint16_t &por
 void readLocalPlace(TomlTable &table, std::string_view name, std::string &address, uint16_t &port) {
   const std::optional<std::string> text = table.text(name);
   if (!text) return;
-  std::string wrong = splitPlace(*text, address, port);
+  std::string wrong = splitPlace(*text, address, port, 0);  // 0: any that is free
   if (wrong.empty()) wrong = kepcommand::checkAddress(address);
   if (!wrong.empty()) table.fail(name, wrong + "; expected an IPv4 address and a port, such as \"127.0.0.1:9180\"");
 }
@@ -141,7 +142,7 @@ void readBoards(TomlTable &root, Config &config) {
     BoardConfig board;
     const std::optional<std::string> place = table.text("host");
     if (!place) table.fail("no host; expected host = \"192.0.2.7\"");
-    std::string wrong = splitPlace(*place, board.host, board.port);
+    std::string wrong = splitPlace(*place, board.host, board.port, 1);
     if (wrong.empty()) wrong = kepcommand::checkHost(board.host);
     if (!wrong.empty()) table.fail("host", wrong);
     if (const auto port = table.whole("port", 1, 65535)) {
@@ -234,9 +235,8 @@ void readHttp(TomlTable &root, HttpConfig &http) {
   const bool isPath = http.prefix.empty() || (http.prefix[0] == '/' && http.prefix.back() != '/');
   if (!isPath) table->fail("prefix", "expected as \"/kep\", with a slash in front and none behind");
   if (const toml::node *const node = table->take("hosts")) {
-    const toml::array *const list = node->as_array();
-    if (!list) table->fail("hosts", "expected a list of names, not " + std::string(typeOf(*node)));
-    for (const toml::node &entry : *list) {
+    if (!node->is_array()) table->fail("hosts", "expected a list of names, not " + std::string(typeOf(*node)));
+    for (const toml::node &entry : *node->as_array()) {
       if (!entry.is_string()) root.file().fail(entry, "hosts: expected names");
       http.hosts.push_back(checkedText(root.file(), entry, **entry.as_string()));
     }
@@ -310,7 +310,7 @@ std::string defaultStore() {
   }
   const char *const home = std::getenv("HOME");
   if (!home || *home != '/') throw ConfigError{"", 0, "no HOME to keep runs in; expected a configuration with store"};
-  return std::string(home) + "/.local/state/kep/fleet.db";
+  return std::string(home).append("/.local/state/kep/fleet.db");
 }
 
 void read(TomlTable &root, Config &config) {
@@ -354,10 +354,9 @@ Config defaultConfig(const std::vector<std::string> &hosts) {
   for (const std::string &place : hosts) {
     BoardConfig board;
     board.name = place;
-    std::string wrong = splitPlace(place, board.host, board.port);
+    std::string wrong = splitPlace(place, board.host, board.port, 1);
     if (wrong.empty()) wrong = kepcommand::checkHost(board.host);
-    if (wrong.empty() && board.port == 0) wrong = "nobody listens at port 0";
-    if (!wrong.empty()) throw ConfigError{"", 0, place + ": " + wrong};
+    if (!wrong.empty()) throw ConfigError{"", 0, std::string(place).append(": ").append(wrong)};
     const bool isKnown = std::any_of(config.boards.begin(), config.boards.end(), [&board](const BoardConfig &other) {
       return other.host == board.host && other.port == board.port;
     });

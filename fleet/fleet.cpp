@@ -83,14 +83,14 @@ Fleet::Fleet(const Config &config, const OpenStore &open)
 Fleet::~Fleet() { stop(); }
 
 void Fleet::start() {
+  spdlog::info("{} boards; listening at {}:{}; runs go to {}", boards_.count(), config_.listenAddress, port(),
+               leaseKeeper_ ? "the database" : config_.store);  // whose address may hold a password
   asio::post(context_, [this] { tick(); });
   if (leaseKeeper_) {
     asio::post(context_, [this] { watchLeases(); });
     leaseKeeper_->start(namesOf(config_));
   }
   thread_ = std::thread([this] { context_.run(); });
-  spdlog::info("{} boards; listening at {}:{}; runs go to {}", boards_.count(), config_.listenAddress, port(),
-               leaseKeeper_ ? "the database" : config_.store);  // whose address may hold a password
 }
 
 void Fleet::reload(const Config &config) {

@@ -230,6 +230,8 @@ struct HttpServer::Implementation {
   using Answer = void (Implementation::*)(const Request &, Response &);
   enum class Need { kNothing, kSee, kAsk, kAct };
 
+  void prepare();
+  void routeFiles();
   void route();
   void get(const std::string &path, Need need, Answer answer);
   void post(const std::string &path, Need need, Answer answer);
@@ -241,7 +243,7 @@ struct HttpServer::Implementation {
   void ask(const Request &request, Response &response, int type);
   static void stream(Response &response, std::function<void(const Pieces &)> write);
 
-  void serveFile(const PageFile &file, const Request &request, Response &response) const;
+  static void serveFile(const PageFile &file, const Request &request, Response &response);
   void getPage(const Request &request, Response &response);
   void enter(const Request &request, Response &response);
   void getFleet(const Request &request, Response &response);
@@ -289,7 +291,8 @@ void HttpServer::Implementation::post(const std::string &path, Need need, Answer
   listener.Post(literally(http.prefix + path), guarded(need, answer));
 }
 
-void HttpServer::Implementation::route() {
+// What holds whatever is asked.
+void HttpServer::Implementation::prepare() {
   listener.set_default_headers(kHeaders);
   listener.set_pre_routing_handler([this](const Request &request, Response &) {
     require(access.toKnow(request));
@@ -299,30 +302,34 @@ void HttpServer::Implementation::route() {
   listener.set_error_handler([](const Request &, Response &response) {
     if (response.body.empty() && response.status >= 400) response.set_content(problemJson("there is nothing"), kJson);
   });
-  listener.set_exception_handler([](const Request &, Response &response, std::exception_ptr thrown) {
+  listener.set_exception_handler([](const Request &, Response &response, const std::exception_ptr &thrown) {
     try {
       std::rethrow_exception(thrown);
     } catch (const Problem &problem) {
       response.status = problem.status;
       response.set_content(problemJson(problem.what()), kJson);
-    } catch (const StoreError &error) {
+    } catch (const std::exception &error) {  // most likely of the store
       response.status = 503;
-      response.set_content(problemJson(std::string("store: ") + error.what()), kJson);
-    } catch (const std::exception &error) {
-      response.status = 500;
       response.set_content(problemJson(error.what()), kJson);
     }
   });
+}
+
+void HttpServer::Implementation::routeFiles() {
   for (const PageFile &file : pageFiles()) {
     if (file.path == "index.html") continue;
     const std::string path = file.path == "login.html" ? "login" : std::string(file.path);
     listener.Get(literally(http.prefix + "/" + path),
-                 [this, &file](const Request &request, Response &response) { serveFile(file, request, response); });
+                 [&file](const Request &request, Response &response) { serveFile(file, request, response); });
   }
-  if (!http.prefix.empty()) {
-    listener.Get(literally(http.prefix),
-                 [this](const Request &, Response &response) { response.set_redirect(http.prefix + "/", 303); });
-  }
+  if (http.prefix.empty()) return;
+  listener.Get(literally(http.prefix),
+               [this](const Request &, Response &response) { response.set_redirect(http.prefix + "/", 303); });
+}
+
+void HttpServer::Implementation::route() {
+  prepare();
+  routeFiles();
   using I = Implementation;
   get("/", Need::kNothing, &I::getPage);
   post("/login", Need::kNothing, &I::enter);
@@ -342,7 +349,7 @@ void HttpServer::Implementation::route() {
 
 // ---- the page
 
-void HttpServer::Implementation::serveFile(const PageFile &file, const Request &request, Response &response) const {
+void HttpServer::Implementation::serveFile(const PageFile &file, const Request &request, Response &response) {
   const std::string tag = "W/\"" + std::string(file.tag) + "\"";
   response.set_header("Cache-Control", "no-cache");
   response.set_header("ETag", tag);

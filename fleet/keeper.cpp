@@ -32,8 +32,11 @@ int64_t wallClock() {
 }  // namespace
 
 Keeper::Keeper(std::unique_ptr<Store> store, size_t waitingBytes, Keep keep)
-    : store_(std::move(store)), mostBytes_(waitingBytes), keep_(std::move(keep)), oldest_(keep_.begin()) {
-  cleanup_ = Clock::now() + kCleanupStep;
+    : store_(std::move(store)),
+      mostBytes_(waitingBytes),
+      keep_(std::move(keep)),
+      cleanup_(Clock::now() + kCleanupStep),
+      oldest_(keep_.begin()) {
   thread_ = std::thread([this] { work(); });
 }
 

@@ -292,12 +292,12 @@ void Listener::serve() {
       ready_.pop_front();
     }
     const int socket = connection.socket;
-    if (Clock::now() < connection.deadline) answer(std::move(connection));
+    if (Clock::now() < connection.deadline) answer(connection);
     ::close(socket);
   }
 }
 
-void Listener::answer(Connection connection) {
+void Listener::answer(const Connection &connection) {
   Exchange exchange(*this, connection, Clock::now() + limits_.answer);
   bool isClosed = false;
   try {

@@ -61,7 +61,7 @@ class Listener : public httplib::Server {
   bool isFull();
   bool read(Connection &connection) const;
   void serve();
-  void answer(Connection connection);
+  void answer(const Connection &connection);
 
   const ListenerLimits limits_;
   int socket_ = -1, wake_ = -1;

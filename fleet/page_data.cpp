@@ -31,7 +31,8 @@ using kepserver::Verdict;
 
 // What is shown of one run at most: a board may send a million records, and texts of megabytes.
 constexpr size_t kMostValues = 4000;
-constexpr size_t kMostLines = 500;  // of a log, the newest
+constexpr size_t kMostLines = 500;          // of a log, the newest, and up to so many more
+constexpr size_t kMostRemembered = 20'000;  // lines of the run before
 constexpr size_t kMostText = 4000;
 
 constexpr size_t kMostPoints = 6000;                  // of a plot
@@ -188,8 +189,9 @@ Before RunLayout::remember(const NamedRun &named) {
   named.forEach([&](const NamedValue &value) {
     if (value.isTime || value.isSection) return;
     if (isLine(value)) {
-      before.lines.emplace(Place(itemName(run, *value.value), value.value->section, value.value->key, 0, 0),
-                           lineOf(value));
+      if (before.lines.size() < kMostRemembered)
+        before.lines.emplace(Place(itemName(run, *value.value), value.value->section, value.value->key, 0, 0),
+                             lineOf(value));
       return;
     }
     for (const Shown &shown : value.shown) {
@@ -258,6 +260,7 @@ void RunLayout::putLine(const NamedValue &value) {
   if (logs.empty() || logs.back()["key"] != sent.key) {
     const std::string name = value.shown[0].name();
     logs.push_back({{"key", sent.key}, {"name", printable(name)}, {"lines", Json::array()}});
+    ++count_;
   }
   Json line = {{"text", shortened(value.shown[0].text)}};
   if (!value.time.empty()) {
@@ -267,29 +270,31 @@ void RunLayout::putLine(const NamedValue &value) {
   const Place place(itemName(named_.run(), sent), sent.section, sent.key, 0, 0);
   if (before_ && before_->lines.count({place, lineOf(value)}) == 0) line["isNew"] = true;
   Json &lines = logs.back()["lines"];
-  if (lines.size() >= kMostLines) lines.erase(lines.begin());
+  if (lines.size() >= 2 * kMostLines) lines.erase(lines.begin(), lines.begin() + kMostLines);
   lines.push_back(std::move(line));
 }
 
 // What is missing of a self-test stands beside what came, and each item has a verdict.
 void RunLayout::putVerdicts() {
+  std::map<std::string, size_t> places;  // of items that have a name
+  for (size_t i = 0; i < items_.size(); ++i) places.emplace(items_[i]["name"].get<std::string>(), i);
   for (const kepserver::ItemResult &result : kepserver::judge(named_.names(), named_.run())) {
     const std::string name = printable(result.item);
-    auto item = std::find_if(items_.begin(), items_.end(), [&](const Json &i) { return i["name"] == name; });
-    if (item == items_.end()) {
-      items_.push_back({{"name", name}, {"sections", Json::array()}});
-      item = items_.end() - 1;
-    }
-    if (result.verdict != Verdict::kNone) (*item)["verdict"] = nameOf(result.verdict);
     Json missing = Json::array();
     for (const kepserver::TestResult &test : result.tests) {
-      if (!test.value) {
-        missing.push_back({{"name", printable(testName(test.shown))}, {"text", "missing"}, {"verdict", "FAIL"}});
-      }
+      if (test.value) continue;
+      missing.push_back({{"name", printable(testName(test.shown))}, {"text", "missing"}, {"verdict", "FAIL"}});
     }
-    if (!missing.empty()) {
-      (*item)["sections"].push_back({{"name", ""}, {"values", std::move(missing)}, {"logs", Json::array()}});
+    if (items_.size() >= kMostValues && places.count(name) == 0) {
+      ++leftOut_;
+      continue;
     }
+    const auto [place, isNew] = places.emplace(name, items_.size());
+    if (isNew) items_.push_back({{"name", name}, {"sections", Json::array()}});
+    Json &item = items_[place->second];
+    if (result.verdict != Verdict::kNone) item["verdict"] = nameOf(result.verdict);
+    if (missing.empty()) continue;
+    item["sections"].push_back({{"name", ""}, {"values", std::move(missing)}, {"logs", Json::array()}});
   }
 }
 
@@ -309,7 +314,7 @@ Json RunLayout::layOut() {
   if (before_) gone_ = before_->values;
   named_.forEach([this](const NamedValue &value) {
     if (value.isTime || value.isSection) return;
-    if (isLine(value)) return putLine(value);
+    if (isLine(value) && count_ < kMostValues) return putLine(value);
     for (const Shown &shown : value.shown) {
       if (++count_ > kMostValues) {
         ++leftOut_;

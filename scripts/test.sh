@@ -14,8 +14,10 @@ esac
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
   git clang clang-format clang-tidy cppcheck libgtest-dev googletest pkg-config binutils mandoc iproute2 \
-  python3 tshark prometheus postgresql \
+  python3 tshark prometheus postgresql chromium \
   ${all:+gcovr valgrind "${fuzz_packages[@]}"}
+
+command -v npm >/dev/null || need nodejs npm # of whatever origin
 
 presets=(dev release release-clang board)
 compiled=(bench "${presets[@]}" ${all:+coverage memcheck})

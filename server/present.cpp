@@ -358,39 +358,50 @@ void addMissing(const Keys &keys, const std::set<const Key *> &seen, std::vector
   }
 }
 
-// An item of that name, made where there is none yet.
-ItemResult &resultOf(std::string_view item, std::vector<ItemResult> &results) {
-  const auto found = std::find_if(results.begin(), results.end(), [item](const auto &r) { return r.item == item; });
-  if (found != results.end()) return *found;
-  results.push_back({item, {}, Verdict::kNone});
-  return results.back();
-}
+// The results by name: a board may name as many items as a run has room for.
+class Results {
+ public:
+  // Of an item of that name, made where there is none yet.
+  ItemResult &of(std::string_view item) {
+    const auto [place, isNew] = places_.emplace(item, all_.size());
+    if (isNew) all_.push_back({item, {}, Verdict::kNone});
+    return all_[place->second];
+  }
+
+  std::vector<ItemResult> take() {
+    for (ItemResult &result : all_) result.verdict = overall(result.tests);
+    return std::move(all_);
+  }
+
+ private:
+  std::vector<ItemResult> all_;
+  std::map<std::string_view, size_t> places_;
+};
 
 }  // namespace
 
 std::vector<ItemResult> judge(const Names &names, const Run &run) {
-  std::vector<ItemResult> results;
+  Results results;
   std::set<const Key *> seen;
   const RunNames lookup(names, run);
   std::vector<Shown> shown;
-  for (const std::string &item : run.tested) resultOf(item, results);
+  for (const std::string &item : run.tested) results.of(item);
   for (const Value &value : run.values) {
     const Key *const key = lookup.key(value);
     if (!key) continue;
     seen.insert(key);
     shown.clear();
     present(names, key, sentOf(value), shown);
-    std::vector<TestResult> &tests = resultOf(itemName(run, value), results).tests;
+    std::vector<TestResult> &tests = results.of(itemName(run, value)).tests;
     for (Shown &one : shown) tests.push_back({lookup.section(value), &value, std::move(one)});
   }
   for (const auto &[name, item] : names.items) {
     if (item.tests.empty()) continue;
-    std::vector<TestResult> &tests = resultOf(name, results).tests;
+    std::vector<TestResult> &tests = results.of(name).tests;
     addMissing(item.tests.keys, seen, tests);
     for (const auto &[section, keys] : item.tests.in) addMissing(keys, seen, tests);
   }
-  for (ItemResult &result : results) result.verdict = overall(result.tests);
-  return results;
+  return results.take();
 }
 
 bool isCutShort(const Names &names, const Run &run) {

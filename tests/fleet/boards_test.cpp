@@ -112,6 +112,8 @@ TEST_F(BoardsTest, FollowsABoardFromRunToRun) {
     time += 1000;
   }
   EXPECT_EQ(state().identity, otherKind);
+  const Boards::Taken back = boards.take({"b", 5, 0, none, 1, 0, "", "the clock was set back", 0});
+  EXPECT_EQ(textOf(back.events) + state().problem, "lost: the clock was set back\nthe clock was set back");
 }
 
 TEST_F(BoardsTest, TakesLabelsFromValuesAndRecallsWhatWasStored) {

@@ -171,7 +171,7 @@ TEST_F(ConfigTest, RefusesWhatItDoesNotUnderstand) {
   for (const auto &[text, expected] : others) EXPECT_EQ(complaint([&, t = text] { read(t); }), expected);
   EXPECT_EQ(complaint([&] { readConfig(folder_ + "/none"); }), "cannot open none: No such file or directory");
   EXPECT_EQ(complaint([] { defaultConfig({"a", "a:9099"}); }), "a:9099: named twice");
-  EXPECT_EQ(complaint([] { defaultConfig({"a:x"}); }), "a:x: expected a port from 0 to 65535 behind the colon");
+  EXPECT_EQ(complaint([] { defaultConfig({"a:x"}); }), "a:x: expected a port from 1 to 65535 behind the colon");
   EXPECT_EQ(complaint([] { unsetenv("XDG_STATE_HOME"), unsetenv("HOME"), defaultConfig({"a"}); }),
             "no HOME to keep runs in; expected a configuration with store");
 }

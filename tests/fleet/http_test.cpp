@@ -76,9 +76,10 @@ Run runOf(int64_t started, const std::string &stream, int type = 0) {
 struct PlayedControl : Control {
   Boards &boards;
   Asked asked = Asked::kYes;
+  std::string test = selfTest(4310);
   explicit PlayedControl(Boards &fleet) : boards(fleet) {}
   Asked ask(const std::string &, int type, Done done) override {
-    const std::string stream = type == kSelfTest ? selfTest(4310) : collection(1, 2);
+    const std::string stream = type == kSelfTest ? test : collection(1, 2);
     if (asked == Asked::kYes) done(*boards.take(runOf(now(), stream, type)).run);
     return asked;
   }
@@ -286,6 +287,20 @@ TEST_F(HttpTest, TellsWhatChanged) {
   EXPECT_EQ(tested["items"][0]["verdict"], "FAIL");
   EXPECT_EQ(tested["items"][0]["sections"][0]["values"][0]["text"], "4.310");
   EXPECT_EQ(tested["items"][0]["sections"][1]["values"][0]["text"], "missing");
+
+  std::string names;  // far too many
+  for (int32_t i = 0; i < 1600; ++i) {
+    std::string message;
+    for (int32_t k = 0; k < 25; ++k) {
+      message += board::head(0x83, 65535, 0, 0) + board::counted(std::to_string(i * 25 + k)) + integer(k, i, k);
+    }
+    names += board::message(2, i + 1, message);
+  }
+  control_.test = board::message(0, 77, std::string("\x0b\x01\0\0", 4)) + names + board::message(2, 1601, "");
+  const Json most = Json::parse(bodyOf(ask("POST /api/selftest?name=other", "X-Kep: 1\r\n")));
+  EXPECT_EQ(most["items"].size(), 4000u) << most["reason"];
+  EXPECT_GT(most["leftOut"], 70'000);
+
   control_.asked = Asked::kNotHeld;
   EXPECT_EQ(statusOf(ask("POST /api/collect?name=other", "X-Kep: 1\r\n")), 409);
 }
