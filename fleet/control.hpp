@@ -23,6 +23,7 @@ struct Health {
   uint64_t strangers = 0;     // connections that carried no number that was awaited
   uint64_t skippedPolls = 0;  // that were late by a whole period
   uint64_t startedRuns = 0, wholeRuns = 0;
+  uint64_t startedAlarms = 0, failedAlarms = 0, droppedAlarms = 0;  // commands for events
 };
 
 enum class Asked { kYes, kUnknown, kBusy, kNotHeld, kEnding };

@@ -22,7 +22,7 @@ using std::chrono::milliseconds;
 constexpr int kBurst = 64;  // requests in one go: after a standstill boards are not asked all at once
 constexpr Moment kBreath{10};
 constexpr milliseconds kLeaseCheck{250};
-constexpr milliseconds kToStore{1300}, kToRelease{300};  // of the two seconds there are to end
+constexpr milliseconds kToStore{1200}, kToRelease{300}, kToAlarm{200};  // of the two seconds there are to end
 
 std::vector<Interval> intervalsOf(const BoardConfig &board, const std::vector<Poll> &polls) {
   std::vector<Interval> intervals;
@@ -58,7 +58,8 @@ Fleet::Fleet(const Config &config, const OpenStore &open)
       timer_(context_),
       leaseTimer_(context_),
       schedule_(config.limits.longestPause),
-      collector_(context_, config.listenAddress, config.listenPort, config.limits) {
+      collector_(context_, config.listenAddress, config.listenPort, config.limits),
+      alarm_(config.alarm) {
   names_.load(config);
   boards_.configure(config);
   std::unique_ptr<Store> store = open(config.store);
@@ -102,6 +103,7 @@ void Fleet::reload(const Config &config) {
   config_ = config;
   spdlog::set_level(spdlog::level::from_str(config.log.level));
   keeper_->configure(config.limits.waitingBytes, config.keep);
+  alarm_.configure(config.alarm);
   if (leaseKeeper_) leaseKeeper_->setBoards(namesOf(config));
   std::promise<void> done;
   asio::post(context_, [&] {
@@ -126,6 +128,7 @@ bool Fleet::stop() {
   });
   if (thread_.joinable()) thread_.join();
   const bool isStored = keeper_->stop(kToStore);
+  alarm_.stop(kToAlarm);
   const bool isReleased = !leaseKeeper_ || leaseKeeper_->stop(kToRelease);
   if (!isStored) spdlog::error("the store does not answer: what waits for it is lost");
   return isStored && isReleased;
@@ -286,6 +289,7 @@ void Fleet::announce(const Event &event) {
   const bool isGood = event.kind == EventKind::kFound || event.kind == EventKind::kTestPassed;
   spdlog::log(isGood ? spdlog::level::info : spdlog::level::warn, "{}: {}{}{}", event.board, nameOf(event.kind),
               event.text.empty() ? "" : ": ", event.text);
+  alarm_.put(event);
 }
 
 // ---- what other threads ask for
@@ -351,6 +355,10 @@ Health Fleet::health() const {
   health.skippedPolls = skippedPolls_;
   health.startedRuns = startedRuns_;
   health.wholeRuns = wholeRuns_;
+  const Alarm::Counts alarms = alarm_.counts();
+  health.startedAlarms = alarms.started;
+  health.failedAlarms = alarms.failed;
+  health.droppedAlarms = alarms.dropped;
   return health;
 }
 

@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "fleet/alarm.hpp"
 #include "fleet/boards.hpp"
 #include "fleet/collector.hpp"
 #include "fleet/config.hpp"
@@ -98,6 +99,7 @@ class Fleet : public Control {
   Collector collector_;
   std::unique_ptr<LeaseKeeper> leaseKeeper_;  // none: the store belongs to this instance
   std::unique_ptr<Keeper> keeper_;
+  Alarm alarm_;
   std::thread thread_;
   std::atomic<bool> isEnding_{false};
   std::atomic<size_t> heldBoards_{0};

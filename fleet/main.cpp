@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -22,6 +23,7 @@
 #include "fleet/fleet.hpp"
 #include "fleet/http.hpp"
 #include "fleet/log.hpp"
+#include "fleet/metrics.hpp"
 #include "fleet/store.hpp"
 #include "server/print.hpp"
 #include "server/run_report.hpp"
@@ -124,13 +126,39 @@ sigset_t blockSignals() {
   return signals;
 }
 
-void reload(Fleet &fleet, const std::string &path) {
+// What is wrong with names files, and among them, is known before anything changes.
+void checkNames(const Config &config) {
+  NamesBook names;
+  names.load(config);
+  MetricNames metrics(names.all());
+}
+
+void reload(Fleet &fleet, Metrics &metrics, const std::string &path) {
   if (path.empty()) return;
   try {
-    fleet.reload(readConfig(path));
+    const Config config = readConfig(path);
+    checkNames(config);
+    fleet.reload(config);
+    metrics.configure(config);
   } catch (const ConfigError &error) {
     spdlog::error("the configuration stays as it is: {}", error.text());
   }
+}
+
+Exports exportsOf(Metrics &metrics, Fleet &fleet) {
+  const auto now = [] {
+    const auto since1970 = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(since1970).count();
+  };
+  Exports exports;
+  exports.metrics = [&metrics, &fleet, now](const Pieces &take) {
+    metrics.write(fleet.boards(), fleet.health(), now(), take);
+  };
+  exports.probe = [&metrics, now](const BoardState &board, const Run &run, const Pieces &take) {
+    metrics.writeProbe(board, run, now(), take);
+  };
+  exports.discovery = [&fleet] { return serviceDiscovery(fleet.boards()); };
+  return exports;
 }
 
 // The threads inherit the mask: a signal comes to nobody but sigwait.
@@ -140,12 +168,13 @@ ExitStatus serve(const Config &config) {
   raiseDescriptorLimit();
   setUpLog(config.log);
   Fleet fleet(config);
+  Metrics metrics(config, fleet.names());
   fleet.start();
-  HttpServer http(config, fleet.boards(), fleet.names(), fleet);
+  HttpServer http(config, fleet.boards(), fleet.names(), fleet, exportsOf(metrics, fleet));
   http.start();
   spdlog::info("the page is at http://{}:{}{}/", config.http.address, http.port(), config.http.prefix);
   int number = 0;
-  while (sigwait(&signals, &number) != 0 || number == SIGHUP) reload(fleet, config.path);
+  while (sigwait(&signals, &number) != 0 || number == SIGHUP) reload(fleet, metrics, config.path);
   spdlog::info("ending, as by signal {}", number);
   const bool isServed = http.stop();
   const bool isStored = fleet.stop();
@@ -252,8 +281,7 @@ ExitStatus exportRuns(const Options &options) {
 }
 
 ExitStatus check(const Config &config) {
-  NamesBook names;
-  names.load(config);
+  checkNames(config);
   std::cout << "good: " << config.boards.size() << (config.boards.size() == 1 ? " board, " : " boards, ")
             << config.polls.size() << (config.polls.size() == 1 ? " schedule\n" : " schedules\n");
   return kGood;

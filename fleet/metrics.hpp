@@ -1,44 +1,66 @@
-// metrics.hpp: what Prometheus scrapes, in its text format 0.0.4
-// (https://prometheus.io/docs/instrumenting/exposition_formats/).
+// metrics.hpp: what Prometheus scrapes: /metrics, /probe and the discovery of boards. docs/metrics.md tells what the
+// metrics are called.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "fleet/boards.hpp"
+#include "fleet/config.hpp"
 #include "fleet/control.hpp"
+#include "fleet/metric_names.hpp"
 #include "fleet/names_book.hpp"
+#include "fleet/samples.hpp"
 
 namespace kepfleet {
 
-// Takes the next piece of the answer; false: nobody reads on.
-using Pieces = std::function<bool(std::string_view piece)>;
-
-// Names that come from names files, so that what collides is known before the first board answers.
+// For any thread. What it is given outlives it, but for configurations.
 class Metrics {
  public:
-  // Throws ConfigError when two names files give one metric two meanings: another kind, unit or set of labels.
-  explicit Metrics(const NamesBook &names);
+  // `names` have been loaded by the same configuration. Throws ConfigError when they collide.
+  Metrics(const Config &config, const NamesBook &names);
 
-  // Of the boards that this instance holds: kep_up, run seconds, messages, bytes, the age of the last whole run, every
-  // number; and of the server itself. In pieces: the whole of a large fleet is never in memory.
-  void write(const Boards &boards, const Health &health, int64_t now, const Pieces &take) const;
+  // After a configuration and its names files have been read anew, which are known not to collide.
+  void configure(const Config &config);
+
+  // Of the boards that this instance holds, and of the server itself; `now` is in milliseconds since 1970. In pieces:
+  // the text of a large fleet is never in memory as a whole.
+  void write(const Boards &boards, const Health &health, int64_t now, const Pieces &take);
 
   // Of one run just made.
-  void writeProbe(const BoardState &board, const Run &run, int64_t now, const Pieces &take) const;
+  void writeProbe(const BoardState &board, const Run &run, int64_t now, const Pieces &take);
 
-  uint64_t leftOut() const;  // series that collided at run time
+  uint64_t leftOut() const;  // samples: what collided among a board's own
 
  private:
-  struct Implementation;
-  std::shared_ptr<Implementation> implementation_;
+  struct Tables {
+    Tables(const Config &config, const NamesBook &book);
+    MetricNames names;
+    std::vector<Poll> polls;
+    std::chrono::milliseconds longestRun;
+  };
+  struct Turn;
+  struct Answer;
+
+  std::shared_ptr<const Tables> tables() const;
+  void countLeftOut(const Answer &answer);
+
+  const NamesBook &names_;
+  mutable std::mutex mutex_;
+  std::condition_variable isFree_;
+  std::shared_ptr<const Tables> tables_;
+  size_t answers_ = 0;  // that are being made
+  uint64_t leftOut_ = 0;
+  std::chrono::steady_clock::time_point nextWord_;  // of the log about what is left out
 };
 
-// HTTP service discovery of boards: a JSON array of targets with their labels.
+// Every board of the configuration, as Prometheus asks for it over HTTP: a JSON array with, for each, HOST:PORT for a
+// target, and __meta_kep_board, __meta_kep_held ("true" or "false") and a __meta_kep_label_... for each label.
 std::string serviceDiscovery(const Boards &boards);
 
 }  // namespace kepfleet

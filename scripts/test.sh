@@ -14,7 +14,7 @@ esac
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
   git clang clang-format clang-tidy cppcheck libgtest-dev googletest pkg-config binutils mandoc iproute2 \
-  python3 tshark postgresql chromium \
+  python3 tshark prometheus postgresql chromium \
   ${all:+gcovr valgrind "${fuzz_packages[@]}"}
 
 command -v npm >/dev/null || need nodejs npm # of whatever origin
