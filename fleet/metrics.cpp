@@ -91,9 +91,9 @@ class RunSamples {
   void addAll() {
     for (const Value &value : run_.values) addValue(value);
     if (!run_.selfTest) return;
-    for (const ItemResult &result : judge(names_, run_)) {
-      if (result.verdict == Verdict::kNone) continue;
-      add_(kTestPassed, label("item", result.item), result.verdict == Verdict::kPass ? "1" : "0");
+    for (const ItemResult &result : judge(names_, run_).items) {
+      if (result.tests.count == 0) continue;
+      add_(kTestPassed, label("item", result.item), result.tests.failed == 0 ? "1" : "0");
     }
   }
 
