@@ -146,7 +146,7 @@ class RunSamples {
 
   // Nothing for what stands outside of any section.
   std::string sectionOf(const Value &value) const {
-    const std::string_view name = lookup_.section(value);
+    const std::string name = lookup_.section(value);
     if (!name.empty()) return label("section", name);
     return value.section == 0 ? "" : "section=\"" + std::to_string(value.section) + "\"";
   }
