@@ -2,7 +2,7 @@
 
 say() { printf '\n== %s\n' "$*"; }
 
-# need PACKAGE...: installs those of Debian's packages that are missing, and says so.
+# need PACKAGE...: installs those of Debian's packages that are missing, and says so. Nothing that is there is removed.
 need() {
   local missing=() package as_root=()
   for package in "$@"; do
@@ -15,7 +15,13 @@ need() {
     as_root=(sudo)
   fi
   "${as_root[@]}" apt-get update -qq
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends --no-remove \
+    "${missing[@]}" >/dev/null
+}
+
+# want COMMAND PACKAGE: installs the package where there is no such command, from wherever. What cannot be had is said.
+want() {
+  command -v "$1" >/dev/null || (need "$2") || echo "there is no $1: the tests that need it are skipped" >&2
 }
 
 # quietly LOG COMMAND...: runs a command and shows what it printed only when it fails.

@@ -1,5 +1,5 @@
-// browser_test.js KEP-FLEET KEP-BOARDS NAMES: what a person does with the page, against the real server and simulated
-// boards. With KEP_SCREENSHOTS set to a folder, pictures of it go there.
+// browser_test.js CHROMIUM KEP-FLEET KEP-BOARDS NAMES: what a person does with the page, against the real server and
+// simulated boards. With KEP_SCREENSHOTS set to a folder, pictures of it go there.
 'use strict';
 
 const assert = require('node:assert');
@@ -9,7 +9,7 @@ const os = require('node:os');
 const path = require('node:path');
 const { chromium } = require('playwright-core');
 
-const [server, player, names] = process.argv.slice(2);
+const [executablePath, server, player, names] = process.argv.slice(2);
 const work = fs.mkdtempSync(path.join(os.tmpdir(), 'kep-browser-'));
 const at = (file) => path.join(work, file);
 const pictures = process.env.KEP_SCREENSHOTS;
@@ -147,7 +147,7 @@ async function takePictures(browser, page, base) {
 async function main() {
   const base = await startAll();
   const args = process.getuid() === 0 ? ['--no-sandbox'] : [];
-  const browser = await chromium.launch({ executablePath: '/usr/bin/chromium', args });
+  const browser = await chromium.launch({ executablePath, args });
   try {
     const page = await browser.newPage();
     const complaints = [];  // what the content security policy kept from running is one, too

@@ -6,10 +6,11 @@ here=$(dirname "$0") folder=$1
 shift
 skip() { echo "SKIPPED: $*" >&2; exit 77; }
 command -v node >/dev/null || skip "there is no node"
-command -v chromium >/dev/null || skip "there is no chromium"
+browser=$(command -v chromium || command -v chromium-headless-shell) || skip "there is no chromium"
 mkdir -p "$folder"
 if ! [ -d "$folder/node_modules/playwright-core" ]; then
+  command -v npm >/dev/null || skip "there is no npm"
   cp "$here"/package*.json "$folder"
   (cd "$folder" && npm ci --silent --no-audit --no-fund --ignore-scripts) || skip "npm cannot fetch playwright-core"
 fi
-NODE_PATH=$folder/node_modules exec node "$here/browser_test.js" "$@"
+NODE_PATH=$folder/node_modules exec node "$here/browser_test.js" "$browser" "$@"
