@@ -9,6 +9,7 @@
 #include <array>
 #include <future>
 #include <random>
+#include <tuple>
 #include <utility>
 
 #include "server/text.hpp"
@@ -22,7 +23,7 @@ using std::chrono::milliseconds;
 constexpr int kBurst = 64;  // requests in one go: after a standstill boards are not asked all at once
 constexpr Moment kBreath{10};
 constexpr milliseconds kLeaseCheck{250};
-constexpr milliseconds kToStore{1200}, kToRelease{300}, kToAlarm{200};  // of the two seconds there are to end
+constexpr milliseconds kToStore{1000}, kToRelease{300}, kToAlarm{200};  // of the two seconds there are to end
 
 std::vector<Interval> intervalsOf(const BoardConfig &board, const std::vector<Poll> &polls) {
   std::vector<Interval> intervals;
@@ -39,6 +40,13 @@ std::string instanceName(const std::string &given) {
   gethostname(host.data(), host.size() - 1);
   std::random_device random;
   return std::string(host.data()) + "-" + fmt::format("{:08x}", random());
+}
+
+// What only a start can change.
+auto settledPart(const Config &config) {
+  const HttpConfig &http = config.http;
+  return std::tie(config.store, config.instance, config.lease, config.listenAddress, config.listenPort,
+                  config.log.json, http.address, http.port, http.prefix, http.hosts, http.token, http.probeAny);
 }
 
 std::string placeOf(const std::string &host, uint16_t port) { return host + ":" + std::to_string(port); }
@@ -95,11 +103,9 @@ void Fleet::start() {
 
 void Fleet::reload(const Config &config) {
   names_.load(config);
-  const bool isSame = config.store == config_.store && config.listenAddress == config_.listenAddress &&
-                      config.listenPort == config_.listenPort && config.instance == config_.instance &&
-                      config.lease == config_.lease && config.http.address == config_.http.address &&
-                      config.http.port == config_.http.port && config.log.json == config_.log.json;
-  if (!isSame) spdlog::warn("store, instance, lease, listen, [http] and the log's format change at the next start");
+  if (settledPart(config) != settledPart(config_)) {
+    spdlog::warn("store, instance, lease, listen, [http] and the log's format change at the next start");
+  }
   config_ = config;
   spdlog::set_level(spdlog::level::from_str(config.log.level));
   keeper_->configure(config.limits.waitingBytes, config.keep);
@@ -130,7 +136,7 @@ bool Fleet::stop() {
   const bool isStored = keeper_->stop(kToStore);
   alarm_.stop(kToAlarm);
   const bool isReleased = !leaseKeeper_ || leaseKeeper_->stop(kToRelease);
-  if (!isStored) spdlog::error("the store does not answer: what waits for it is lost");
+  if (!isStored) spdlog::error("the store has not taken what waited for it: it is lost");
   return isStored && isReleased;
 }
 

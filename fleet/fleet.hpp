@@ -42,8 +42,8 @@ class Fleet : public Control {
   // For one thread, as stop(). Throws ConfigError, and then everything stays as it was.
   void reload(const Config &config);
 
-  // Breaks off what is under way, and has what came before stored. False when the store holds that up for longer than
-  // there is time: the process is then best ended at once.
+  // Breaks off what is under way, and has what came before stored. False when the store does not take it, or not in
+  // the time there is: the process is then best ended at once.
   bool stop();
 
   const Boards &boards() const { return boards_; }

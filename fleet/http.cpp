@@ -102,6 +102,13 @@ int64_t nowMilliseconds() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
+// An answer may be that of a run, however long such a one may take.
+ListenerLimits listenerLimits(const Limits &runs) {
+  ListenerLimits limits;
+  limits.answer = std::max(limits.answer, runs.run + 2 * kPatience);
+  return limits;
+}
+
 // ---- what waits
 
 // Connections to the store that are opened when they are needed, and are there for whoever comes next. One that failed
@@ -225,7 +232,8 @@ struct HttpServer::Implementation {
         exports(std::move(told)),
         access(http),
         stores(config.store),
-        rows(fleet) {}
+        rows(fleet),
+        listener(listenerLimits(config.limits)) {}
 
   using Answer = void (Implementation::*)(const Request &, Response &);
   enum class Need { kNothing, kSee, kAsk, kAct };
@@ -468,7 +476,6 @@ Run HttpServer::Implementation::await(const std::function<Asked(Control::Done)> 
   const Counted counted(asks);
   if (asks > kMostAsks) throw Problem(503, "too many runs are waited for");
   const auto awaited = std::make_shared<Awaited>();
-  const auto deadline = std::chrono::steady_clock::now() + limits.run + std::chrono::seconds(1);
   const auto patience = std::chrono::steady_clock::now() + kPatience;
   Asked asked = Asked::kBusy;
   while (asked == Asked::kBusy && !listener.isEnding() && std::chrono::steady_clock::now() < patience) {
@@ -482,7 +489,7 @@ Run HttpServer::Implementation::await(const std::function<Asked(Control::Done)> 
     case Asked::kEnding: throw Problem(503, "the server ends");
     case Asked::kYes: break;
   }
-  std::optional<Run> run = awaited->wait(deadline, listener);
+  std::optional<Run> run = awaited->wait(std::chrono::steady_clock::now() + limits.run + std::chrono::seconds(1), listener);
   if (!run) throw Problem(504, "the run has not ended in time");
   return std::move(*run);
 }

@@ -78,7 +78,7 @@ bool Keeper::stop(milliseconds patience) {
   std::unique_lock<std::mutex> lock(mutex_);
   isStopping_ = true;
   wake_.notify_all();
-  return wake_.wait_for(lock, patience, [this] { return isOver_; });
+  return wake_.wait_for(lock, patience, [this] { return isOver_; }) && isAllStored_;
 }
 
 void Keeper::work() {
@@ -98,6 +98,7 @@ void Keeper::work() {
   } while (status_.problem.empty() && !waiting_.empty());
   if (!waiting_.empty()) spdlog::error("{} runs are lost: the store did not take them", waiting_.size());
   status_.droppedRuns += waiting_.size();
+  isAllStored_ = waiting_.empty();
   waiting_.clear();
   isOver_ = true;
   wake_.notify_all();

@@ -38,8 +38,8 @@ class Keeper {
   void put(Run run, std::vector<Event> events);
   Status status() const;
 
-  // Writes what waits, as long as the store takes it. False when that lasts longer than `patience`: the store then
-  // holds up the thread, and the process is best ended without it.
+  // Writes what waits. False when the store does not take it, or not within `patience`: it may then hold up the thread,
+  // and the process is best ended without it.
   bool stop(std::chrono::milliseconds patience);
 
  private:
@@ -70,7 +70,7 @@ class Keeper {
   Clock::time_point retry_;      // a store that failed is left alone until then
   Clock::time_point cleanup_;    // when the next step of retention is due
   Keep::const_iterator oldest_;  // whose turn it is there
-  bool isStopping_ = false, isOver_ = false;
+  bool isStopping_ = false, isOver_ = false, isAllStored_ = false;
   std::thread thread_;
 };
 

@@ -13,7 +13,7 @@ class FleetCommand : public CommandTest {
 
   // Nothing in it is at a fixed port.
   static std::string configOf(const PlayedBoard &board, const std::string &more = "") {
-    return "listen = '127.0.0.1:0'\nstore = 'kept/fleet.db'\nhttp = { address = '127.0.0.1:0' }\n" + more +
+    return "listen = '127.0.0.1:0'\nstore = 'kept/fleet.db'\nhttp.address = '127.0.0.1:0'\n" + more +
            "[[board]]\nname = 'b'\nhost = '127.0.0.1:" + std::to_string(board.port) + "'\n[[poll]]\nevery = '200ms'\n";
   }
 };
@@ -44,8 +44,9 @@ TEST_F(FleetCommand, CollectsUntilItIsEnded) {
   write("fleet.toml", "broken");
   server.signal(SIGHUP);
   EXPECT_NE(waitFor("err", "(the configuration stays as it is: fleet.toml:1)"), "");
-  write("fleet.toml", configOf(board, "[[board]]\nhost = '127.0.0.1:1'\n"));
+  write("fleet.toml", configOf(board, "http.hosts = ['b']\n[[board]]\nhost = '127.0.0.1:1'\n"));
   server.signal(SIGHUP);
+  EXPECT_NE(waitFor("err", "(\\[http\\] and the log's format change at the next start)"), "");
   EXPECT_NE(waitFor("err", "(read again: 2 boards)"), "");
   const auto before = std::chrono::steady_clock::now();
   server.signal(SIGTERM);
