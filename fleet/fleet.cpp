@@ -45,8 +45,8 @@ std::string instanceName(const std::string &given) {
 // What only a start can change.
 auto settledPart(const Config &config) {
   const HttpConfig &http = config.http;
-  return std::tie(config.store, config.instance, config.lease, config.listenAddress, config.listenPort,
-                  config.log.json, http.address, http.port, http.prefix, http.hosts, http.token, http.probeAny);
+  return std::tie(config.store, config.instance, config.lease, config.listenAddress, config.listenPort, config.log.json,
+                  http.address, http.port, http.prefix, http.hosts, http.token, http.probeAny);
 }
 
 std::string placeOf(const std::string &host, uint16_t port) { return host + ":" + std::to_string(port); }

@@ -489,7 +489,8 @@ Run HttpServer::Implementation::await(const std::function<Asked(Control::Done)> 
     case Asked::kEnding: throw Problem(503, "the server ends");
     case Asked::kYes: break;
   }
-  std::optional<Run> run = awaited->wait(std::chrono::steady_clock::now() + limits.run + std::chrono::seconds(1), listener);
+  std::optional<Run> run =
+      awaited->wait(std::chrono::steady_clock::now() + limits.run + std::chrono::seconds(1), listener);
   if (!run) throw Problem(504, "the run has not ended in time");
   return std::move(*run);
 }

@@ -58,7 +58,7 @@ constexpr const char *kExitStatuses =
     "  0  all well; of the server, that a signal ended it and all is stored\n"
     "  1  the configuration or a names file is refused, the store cannot be used, or\n"
     "     something could not be stored at the end\n"
-    "  2  wrong usage, or a file that cannot be opened\n"
+    "  2  wrong usage\n"
     "  4  broken off: the output could not be written\n";
 
 struct Options {

@@ -3,55 +3,69 @@
 # collects from each as a server would. With --board the hosts are the 32-bit big-endian build, run under qemu; with
 # --threads they are built with ThreadSanitizer, and with --memcheck run under valgrind, and the first report ends them
 # and the demo. Writes into build/ only.
+#
+# demo.sh --fleet [--stay]: kep-fleet collects from 50 simulated boards, two with a self-test that fails, and ends; with
+# --stay it goes on until Ctrl-C, so that its page can be looked at.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
-kind=${1-}
+kind=${1-} stay=${2-}
 packages=("${build_packages[@]}" "${tool_packages[@]}")
-flags=()
+programs="kep-board kep-station kep-worker"
+ports=(udp:9099 udp:8999)
+flags=(-DKEP_BUILD_TOOLS=OFF)
 run=()
-case "$kind" in
+case "$*" in
   '') ;;
+  --fleet | "--fleet --stay")
+    packages+=("${fleet_packages[@]}")
+    programs="kep-fleet kep-boards"
+    ports=(udp:9099 tcp:9098 tcp:9180)
+    flags=(-DKEP_BUILD_FLEET=ON)
+    ;;
   --board)
     packages+=("${board_packages[@]}")
-    flags=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake" -DKEP_POSIX_PRIO_INHERIT=OFF)
+    flags+=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake" -DKEP_POSIX_PRIO_INHERIT=OFF)
     run=(qemu-ppc -L /usr/powerpc-linux-gnu)
     ;;
   --threads)
-    flags=(-DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=thread)
+    flags+=(-DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=thread)
     run=(env TSAN_OPTIONS=halt_on_error=1)
     ;;
   --memcheck)
     packages+=(valgrind)
-    flags=(-DCMAKE_BUILD_TYPE=Debug)
+    flags+=(-DCMAKE_BUILD_TYPE=Debug)
     run=(valgrind --quiet --error-exitcode=99 --exit-on-first-error=yes)
     ;;
-  *) echo "usage: scripts/demo.sh [--board | --threads | --memcheck]" >&2; exit 2 ;;
+  *) echo "usage: scripts/demo.sh [--board | --threads | --memcheck | --fleet [--stay]]" >&2; exit 2 ;;
 esac
 
-# isBound PORT: whether a UDP socket of this machine is bound to the port.
+# isBound PROTOCOL:PORT: whether a socket of this machine has the UDP port, or listens at the TCP port.
 isBound() {
-  awk -v port="$(printf '%04X' "$1")" '{ split($2, at, ":"); if (at[2] == port) found = 1 } END { exit !found }' /proc/net/udp
+  cat /proc/net/"${1%:*}"{,6} 2>/dev/null | awk -v port="$(printf '%04X' "${1#*:}")" \
+    '{ n = split($2, at, ":") } at[n] == port && $4 ~ /0[7A]/ { found = 1 } END { exit !found }'
 }
 
 # Before anything is touched: another demo may be running, in this very checkout.
-for port in 9099 8999; do
-  ! isBound "$port" || { echo "demo.sh: UDP port $port is in use by another program" >&2; exit 1; }
+for port in "${ports[@]}"; do
+  name=${port%:*}
+  ! isBound "$port" || { echo "demo.sh: ${name^^} port ${port#*:} is in use by another program" >&2; exit 1; }
 done
 
 need "${packages[@]}"
 
+# build FOLDER PROGRAMS FLAG...
+build() {
+  quietly "$1/build.log" cmake -S . -B "$1" -G Ninja -DKEP_FAULT_LOG_PATH="$1/kep.log" "${@:3}"
+  quietly "$1/build.log" cmake --build "$1" --target $2
+}
+
 say "building"
 tools=$PWD/build/demo
 host=$PWD/build/demo${kind#-}
-quietly "$tools/build.log" cmake -S . -B "$tools" -G Ninja -DKEP_FAULT_LOG_PATH="$tools/kep.log"
-quietly "$tools/build.log" cmake --build "$tools" --target kep-{board,station,worker,collect,config,faultlog}
-if [ -n "$kind" ]; then
-  quietly "$host/build.log" cmake -S . -B "$host" -G Ninja "${flags[@]}" -DKEP_BUILD_TOOLS=OFF \
-    -DKEP_FAULT_LOG_PATH="$host/kep.log"
-  quietly "$host/build.log" cmake --build "$host" --target kep-{board,station,worker}
-fi
+[ "$kind" = --fleet ] || build "$tools" "kep-collect kep-config kep-faultlog $programs"
+[ -z "$kind" ] || build "$host" "$programs" "${flags[@]}"
 
 fail() {
   echo "demo.sh: $*" >&2
@@ -75,12 +89,12 @@ cleanUp() {
 }
 trap cleanUp EXIT
 
-# endByItself: a signal ends the one program, which takes its leave by itself.
+# endByItself: a signal ends the program that was launched last, which takes its leave by itself.
 endByItself() {
-  local pid=${pids[0]} status=0
-  kill "$pid"
+  local pid=${pids[-1]} status=0
+  unset 'pids[-1]'
+  kill "$pid" 2>/dev/null || true
   wait "$pid" || status=$?
-  pids=()
   [ $status -eq 0 ] || fail "a program ended with status $status"
 }
 
@@ -91,15 +105,15 @@ stop() {
   endAll
 }
 
-# launch NAME PORT COMMAND...: starts a program and waits until it serves on its UDP port. The port was free before, so
-# who holds it then is the program, as long as that lives: one that cannot have it ends.
+# launch NAME READY COMMAND...: starts a program and waits until it serves, which the command READY tells. Its ports were
+# free before, so who holds them then is the program, as long as that lives: one that cannot have them ends.
 launch() {
-  local name=$1 port=$2 tries=100
+  local name=$1 ready=$2 tries=100
   shift 2
   outputs+=("$host/$name.out")
   "$@" >"$host/$name.out" 2>&1 &
   pids+=($!)
-  until isBound "$port"; do
+  until $ready; do
     kill -0 $! 2>/dev/null && ((tries-- > 0)) || fail "$name did not start"
     sleep 0.1
   done
@@ -108,7 +122,7 @@ launch() {
 # start NAME ARGUMENT...: starts a host.
 start() {
   say "starting $1${kind:+ ($kind)}"
-  launch "$1" 9099 "${run[@]}" "$host/examples/$@"
+  launch "$1" "isBound udp:9099" "${run[@]}" "$host/examples/$@"
 }
 
 # collect ARGUMENT...: collects from the host that runs, with its names where there are any.
@@ -126,6 +140,65 @@ faultlog() {
 # What a host printed, without the lines of the service itself.
 printed() { grep -v -e '^size=' -e '\[[a-z]*\] \(begin...\|end\)$' "$host/$1.out"; }
 
+# says NAME WORD: whether a program has printed the word.
+says() { grep -q "$2" "$host/$1.out"; }
+
+# request METHOD PATH: what kep-fleet answers.
+request() {
+  exec 3<>/dev/tcp/127.0.0.1/9180
+  printf '%s %s HTTP/1.1\r\nHost: localhost\r\nX-Kep: 1\r\nContent-Length: 0\r\n\r\n' "$@" >&3
+  tr -d '\r' <&3 | sed '1,/^$/d'
+  echo
+  exec 3>&-
+}
+
+# fleet ARGUMENT...: kep-fleet beside the one that serves.
+fleet() {
+  say "kep-fleet $*"
+  "$host/fleet/kep-fleet" --config "$host/fleet.toml" "$@"
+}
+
+playFleet() {
+  rm -f "$host"/{fleet.db*,copy.db,*.out}
+  say "starting 50 boards: the self-tests of 7 and 20 fail, 1 is slow, 1 breaks off, 1 is dead, 1 means harm"
+  launch kep-boards "says kep-boards processes" "$host/examples/kep-boards" 50 --failing =7,20 --slow 1 --breaking 1 \
+    --dead 1 --hostile 1 --names examples/fleet/board.toml --write-config "$host/boards.toml" --control "$host/control"
+  printf 'store = "fleet.db"\nlisten = "127.0.0.1:9098"\nlimits = { connect = "2s" }\n' |
+    cat - "$host/boards.toml" >"$host/fleet.toml"
+  fleet --check
+  say "starting kep-fleet"
+  launch kep-fleet "says kep-fleet page" "$host/fleet/kep-fleet" --config "$host/fleet.toml"
+  sleep 6 # every board has been asked, and the dead one waited for
+  say "what became of the runs"
+  fleet runs --format csv | tail -n +3 | cut -d , -f 4-5 | sort | uniq -c
+  say "the self-test of board 7, and once more when it is mended"
+  request POST '/api/selftest?name=board-07'
+  echo 'mend 7' >"$host/control"
+  sleep 1
+  request POST '/api/selftest?name=board-07'
+  sleep 2 # until that is stored
+  fleet runs board-07 --from 1h
+  fleet export board-07 --format csv | sed -n 1,20p
+  fleet backup "$host/copy.db"
+  say "what has happened"
+  cat "$host/kep-fleet.out"
+  say "the state of the server"
+  request GET /healthz
+  if [ "$stay" ]; then
+    say "look at http://127.0.0.1:9180/, until Ctrl-C"
+    trap : INT TERM
+    wait "${pids[-1]}" || true
+  fi
+  say "ending kep-fleet"
+  endByItself
+  stop
+}
+
+if [ "$kind" = --fleet ]; then
+  playFleet
+  exit
+fi
+
 rm -f "$host/kep.log" "$host"/*.out
 names=(--names examples/board/board.toml)
 start kep-board
@@ -140,7 +213,7 @@ stop
 
 say "starting a configuration server"
 printf '[station]\ninterval = 200\n' >"$host/station.ini"
-launch kep-config 8999 "$tools/tools/kep-config/kep-config" "$host/station.ini"
+launch kep-config "isBound udp:8999" "$tools/tools/kep-config/kep-config" "$host/station.ini"
 names=(--names examples/station/station.toml)
 start kep-station
 sleep 1 # a few samples

@@ -25,6 +25,13 @@ TEST_F(FleetCommand, ChecksItsConfiguration) {
   EXPECT_EQ(run("--config good.toml --check"), 0);
   EXPECT_EQ(out(), "good: 1 board, 1 schedule\n");
   EXPECT_EQ(run("--config " KEP_EXAMPLE " --check"), 0) << err();
+  std::ifstream page(KEP_GUIDE);
+  std::string part;
+  for (std::filesystem::create_directory("names"), write("token", "x"); std::getline(page, part, '`');) {
+    if (part.rfind("toml\n", 0) != 0) continue;
+    write("guide.toml", part.substr(5));
+    EXPECT_EQ(run("--config guide.toml --check"), 0) << part << err();
+  }
   EXPECT_EQ(run("--config bad.toml --check"), 1);
   EXPECT_EQ(err(), "kep-fleet: bad.toml:4: name: expected a text, not a number\n");
   write("names.toml", "[item.a.keys]\n1 = {}");
