@@ -28,5 +28,6 @@ quietly() {
 
 build_packages=(cmake ninja-build g++)
 tool_packages=(libcli11-dev nlohmann-json3-dev libtomlplusplus-dev libabsl-dev)
+fleet_packages=(libasio-dev libcpp-httplib-dev libsqlite3-dev libpq-dev libzstd-dev libspdlog-dev)
 board_packages=(g++-powerpc-linux-gnu qemu-user)
 fuzz_packages=(clang libclang-rt-dev)

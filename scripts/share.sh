@@ -6,7 +6,7 @@ CDPATH='' cd "$(dirname "$0")/.."
 
 [ $# -eq 0 ] || { echo "usage: scripts/share.sh" >&2; exit 2; }
 
-git ls-files -z '*.c' '*.h' '*.cpp' '*.hpp' '*.py' '*.sh' '*.lua' | xargs -0 awk '
+git ls-files -z '*.c' '*.h' '*.cpp' '*.hpp' '*.py' '*.sh' '*.lua' '*.js' ':!:*/vendor/*' | xargs -0 awk '
   FNR == 1 { inComment = 0; comment = FILENAME ~ /\.(py|sh)$/ ? "#" : FILENAME ~ /\.lua$/ ? "--" : "//" }
   { sub(/^[ \t]+/, "") }
   comment == "//" && /^\/\*/ { inComment = 1 }

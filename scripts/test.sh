@@ -12,10 +12,12 @@ case "${1-}" in
   *) echo "usage: scripts/test.sh [--all]" >&2; exit 2 ;;
 esac
 
-need "${build_packages[@]}" "${tool_packages[@]}" "${board_packages[@]}" \
+need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
   git clang clang-format clang-tidy cppcheck libgtest-dev googletest pkg-config binutils mandoc iproute2 \
-  python3 tshark \
+  python3 tshark prometheus postgresql chromium \
   ${all:+gcovr valgrind "${fuzz_packages[@]}"}
+
+command -v npm >/dev/null || need nodejs npm # of whatever origin
 
 presets=(dev release release-clang board)
 compiled=(bench "${presets[@]}" ${all:+coverage memcheck})
@@ -40,10 +42,10 @@ for preset in "${compiled[@]}"; do
 done
 
 say "static analysis"
-sources src platform server examples tools | grep '\.cpp$' |
+sources src platform server examples tools fleet | grep '\.cpp$' |
   xargs -P "$(nproc)" -n 1 clang-tidy --quiet --warnings-as-errors='*' -p build/dev 2>/dev/null
 cppcheck --quiet --error-exitcode=1 --std=c++17 --language=c++ --enable=warning,performance,portability \
-  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -I. src platform server examples tools
+  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -Itools -I. src platform server examples tools fleet
 
 for preset in "${compiled[@]}"; do
   say "building: $preset"

@@ -1,13 +1,9 @@
-// names.cpp: from TOML to what is known of a board. A table hands out its attributes one by one; whatever nobody asked
-// for is unknown, and refused.
+// names.cpp: from TOML to what is known of a board.
 
 #include "server/names.hpp"
 
-#include <toml++/toml.h>
-
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <filesystem>
 #include <set>
 #include <stdexcept>
@@ -15,228 +11,20 @@
 
 #include "server/text.hpp"
 #include "server/times.hpp"
+#include "server/toml_table.hpp"
 
 namespace kepserver {
 
 namespace {
 
-constexpr size_t kMaxFileSize = 1 << 20;
+constexpr size_t kMaxMebibytes = 1;
 constexpr size_t kMaxFiles = 64;
-constexpr int kMaxDepth = 16;  // of brackets, and of names joined by dots
 constexpr int64_t kMaxBufferSize = 64 << 20;
 
 constexpr std::array<std::string_view, 5> kKinds = {"gauge", "counter", "text", "log", "state"};
 
-std::string inQuotes(std::string_view text) { return "\"" + printable(text) + "\""; }
-
-// ---- one file
-
-struct File {
-  std::string path;
-  std::vector<std::string_view> lines;
-
-  [[noreturn]] void fail(size_t line, std::string reason) const { throw NamesError{path, line, std::move(reason)}; }
-  [[noreturn]] void fail(const toml::node &at, std::string reason) const {
-    fail(at.source().begin.line, std::move(reason));
-  }
-};
-
-std::vector<std::string_view> linesOf(std::string_view text) {
-  std::vector<std::string_view> lines;
-  for (size_t start = 0, end = 0; end != std::string_view::npos; start = end + 1) {
-    end = text.find('\n', start);
-    lines.push_back(text.substr(start, end - start));
-  }
-  return lines;
-}
-
-// The parser recurses as deep as a file nests, and takes only ASCII outside of quotes; both are looked at before it
-// runs. Texts stand on one line each, so that a quote is closed where its line ends.
-class Inspection {
- public:
-  explicit Inspection(const File &file) : file_(file) {}
-
-  void run() {
-    for (line_ = 1; line_ <= file_.lines.size(); ++line_) {
-      const std::string_view line = file_.lines[line_ - 1];
-      dots_ = 0;
-      for (size_t i = 0; i < line.size() && line[i] != '#'; ++i) {
-        if (line[i] == '"' || line[i] == '\'') {
-          i = endOfQuote(line, i);
-        } else {
-          look(line[i]);
-        }
-      }
-    }
-  }
-
- private:
-  size_t endOfQuote(std::string_view line, size_t start) const {
-    const char quote = line[start];
-    if (line.substr(start, 3) == std::string(3, quote)) file_.fail(line_, "a text of several lines; expected one line");
-    size_t i = start + 1;
-    while (i < line.size() && line[i] != quote) i += line[i] == '\\' && quote == '"' ? 2U : 1U;
-    return i;
-  }
-
-  void look(char c) {
-    if (static_cast<uint8_t>(c) >= 0x80) file_.fail(line_, "a letter that is not ASCII; expected quotes around it");
-    if (c == '[' || c == '{') ++depth_;
-    if (c == ']' || c == '}') --depth_;
-    // A number has a dot, too: what parts numbers starts the count again. What lies in quotes cannot.
-    if (c == ',' || c == '=' || c == '{') dots_ = 0;
-    if (c == '.') ++dots_;
-    if (depth_ > kMaxDepth || dots_ > kMaxDepth) file_.fail(line_, "nested too deep; expected 16 levels at most");
-  }
-
-  const File &file_;
-  size_t line_ = 0;
-  int depth_ = 0, dots_ = 0;
-};
-
-std::string_view typeOf(const toml::node &node) {
-  switch (node.type()) {
-    case toml::node_type::table: return "a table";
-    case toml::node_type::array: return "a list";
-    case toml::node_type::string: return "a text";
-    case toml::node_type::integer:
-    case toml::node_type::floating_point: return "a number";
-    case toml::node_type::boolean: return "true or false";
-    default: return "a date or a time";
-  }
-}
-
-// A number as it stands in the file: TOML's own is binary, and does not know of a last zero.
-std::string_view literalOf(const File &file, const toml::node &node) {
-  const auto [begin, end] = std::pair{node.source().begin, node.source().end};
-  const std::string_view line = file.lines.at(begin.line - 1);
-  size_t column = 0, first = line.size(), last = first;
-  for (size_t i = 0; i < line.size(); ++i) {
-    if ((static_cast<uint8_t>(line[i]) & 0xC0) == 0x80) continue;  // columns count characters
-    if (++column == begin.column) first = i;
-    if (column == end.column) last = i;
-  }
-  return line.substr(first, last - first);
-}
-
-std::optional<int64_t> numberIn(std::string_view text) {
-  const bool isHex = text.substr(0, 2) == "0x";
-  if (isHex) text.remove_prefix(2);
-  int64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, isHex ? 16 : 10);
-  if (error != std::errc() || end != text.data() + text.size() || (isHex && text[0] == '-')) return std::nullopt;
-  return number;
-}
-
-// Texts go to a terminal as they are.
-std::string checkedText(const File &file, const toml::node &at, const std::string &text) {
-  std::string plain = text;
-  plain.erase(std::remove(plain.begin(), plain.end(), '\\'), plain.end());
-  if (text.empty()) file.fail(at, "an empty text; expected one that can be seen");
-  if (printable(plain) != plain) file.fail(at, inQuotes(text) + " holds what does not show; expected a text that does");
-  return text;
-}
-
-// ---- one table
-
-class Table {
- public:
-  Table(const File &file, const toml::node &node) : file_(file), node_(node), table_(node.as_table()) {
-    if (!table_) fail("expected a table, not " + std::string(typeOf(node)));
-  }
-
-  [[noreturn]] void fail(const std::string &reason) const { file_.fail(node_, reason); }
-  [[noreturn]] void fail(std::string_view name, const std::string &reason) const {
-    const toml::node *const node = table_->get(name);
-    file_.fail(node ? *node : node_, std::string(name) + ": " + reason);
-  }
-
-  const File &file() const { return file_; }
-  bool has(std::string_view name) const { return table_->contains(name); }
-  bool empty() const { return table_->empty(); }
-
-  const toml::node *take(std::string_view name) {
-    known_.emplace_back(name);
-    return table_->get(name);
-  }
-
-  std::optional<std::string> text(std::string_view name) {
-    const toml::node *const node = take(name);
-    if (!node) return std::nullopt;
-    if (!node->is_string()) fail(name, "expected a text, not " + std::string(typeOf(*node)));
-    return checkedText(file_, *node, **node->as_string());
-  }
-
-  std::optional<Decimal> number(std::string_view name) {
-    const toml::node *const node = take(name);
-    if (!node) return std::nullopt;
-    if (!node->is_number()) fail(name, "expected a number, not " + std::string(typeOf(*node)));
-    if (node->is_integer()) return Decimal(**node->as_integer());
-    const std::optional<Decimal> number = Decimal::parse(literalOf(file_, *node));
-    if (!number) fail(name, "expected a number of at most 18 digits in front of its point and 36 behind it");
-    return number;
-  }
-
-  std::optional<int64_t> whole(std::string_view name, int64_t smallest, int64_t largest) {
-    const toml::node *const node = take(name);
-    if (!node) return std::nullopt;
-    if (!node->is_integer() || **node->as_integer() < smallest || **node->as_integer() > largest) {
-      fail(name, "expected a whole number from " + std::to_string(smallest) + " to " + std::to_string(largest));
-    }
-    return **node->as_integer();
-  }
-
-  std::optional<bool> flag(std::string_view name) {
-    const toml::node *const node = take(name);
-    if (node && !node->is_boolean()) fail(name, "expected true or false, not " + std::string(typeOf(*node)));
-    return node ? std::optional<bool>(**node->as_boolean()) : std::nullopt;
-  }
-
-  std::optional<Table> table(std::string_view name) {
-    const toml::node *const node = take(name);
-    return node ? std::optional<Table>(std::in_place, file_, *node) : std::nullopt;
-  }
-
-  // Calls `use(number, node)` for entries that have a number for a name, each once however it is written.
-  template <class Use>
-  void eachNumbered(int64_t smallest, int64_t largest, const Use &use) const {
-    std::set<int64_t> seen;
-    for (auto &&[key, node] : *table_) {
-      const std::optional<int64_t> number = numberIn(key.str());
-      const size_t line = key.source().begin.line;
-      if (!number || *number < smallest || *number > largest) {
-        file_.fail(line, inQuotes(key.str()) + "; expected a number from " + std::to_string(smallest) + " to " +
-                             std::to_string(largest));
-      }
-      if (!seen.insert(*number).second) file_.fail(line, std::to_string(*number) + " stands there twice");
-      use(*number, node);
-    }
-  }
-
-  template <class Use>
-  void eachNamed(const Use &use) const {
-    for (auto &&[key, node] : *table_) use(std::string(key.str()), node);
-  }
-
-  // To be called when all that is known has been taken.
-  void finish() const {
-    const toml::key *first = nullptr;
-    for (auto &&[key, node] : *table_) {
-      if (std::find(known_.begin(), known_.end(), key.str()) != known_.end()) continue;
-      if (!first || key.source().begin < first->source().begin) first = &key;
-    }
-    if (!first) return;
-    std::string expected;
-    for (const std::string &name : known_) expected += (expected.empty() ? "" : ", ") + name;
-    file_.fail(first->source().begin.line, "unknown attribute " + inQuotes(first->str()) + "; expected " + expected);
-  }
-
- private:
-  const File &file_;
-  const toml::node &node_;
-  const toml::table *table_;
-  std::vector<std::string> known_;
-};
+using File = TomlFile;
+using Table = TomlTable;
 
 // ---- what a value means
 
@@ -535,23 +323,15 @@ class Loader {
   void load(std::string_view text, const std::string &path) {
     read_files_.insert(path);
     open_.push_back(path);
-    if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
-    const File file{path, linesOf(text)};
-    if (text.size() > kMaxFileSize) file.fail(1, "expected no more than 1 MiB");
-    Inspection(file).run();
-    try {
-      readFile(file, toml::parse(text));
-    } catch (const toml::parse_error &error) {
-      file.fail(error.source().begin.line, std::string(error.description()));
-    }
+    readToml(text, path, kMaxMebibytes, [this](Table &root) { readFile(root); });
     open_.pop_back();
   }
 
   Names names;
 
  private:
-  void readFile(const File &file, const toml::table &root) {
-    Table table(file, root);
+  void readFile(Table &table) {
+    const File &file = table.file();
     if (const toml::node *const node = table.take("include")) includeAll(file, *node);
     if (const auto board = table.table("board")) readBoard(*board, names);
     if (const auto items = table.table("item")) {
@@ -560,7 +340,6 @@ class Loader {
     if (const auto faults = table.table("fault")) {
       faults->eachNamed([&](const std::string &name, const toml::node &node) { readFault(file, name, node, names); });
     }
-    table.finish();
   }
 
   void includeAll(const File &file, const toml::node &node) {

@@ -276,7 +276,7 @@ void StreamDecoder::joinPiece(Value &&piece, bool last, uint64_t offset) {
     if (!continues) {
       fail(offset, "a record of " + describe(piece) + " before the last piece of " + describe(*openValue_));
     }
-    openValue_->bytes += piece.bytes;
+    if (expectation_.keepsValues) openValue_->bytes += piece.bytes;
     piece = *std::exchange(openValue_, std::nullopt);
   }
   if (run_.selfTest && isTestedName(piece)) checkName(piece.bytes, offset);
@@ -288,6 +288,7 @@ void StreamDecoder::joinPiece(Value &&piece, bool last, uint64_t offset) {
 }
 
 void StreamDecoder::keep(Value &&value) {
+  if (!expectation_.keepsValues) return;
   if (run_.selfTest && isTestedName(value)) {
     run_.tested.push_back(std::move(value.bytes));
     return;

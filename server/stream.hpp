@@ -57,6 +57,7 @@ enum class RunKind { kCollection, kSelfTest };
 struct Expectation {
   std::optional<RunKind> kind;      // empty: a run without a catalogue is a self-test
   std::optional<int32_t> sequence;  // 0: the board numbers the first message itself
+  bool keepsValues = true;          // otherwise a run costs no memory, and has counts but no values
 };
 
 class FieldReader;

@@ -1,0 +1,31 @@
+// run.cpp: the words for outcomes and events.
+
+#include "fleet/run.hpp"
+
+namespace kepfleet {
+
+std::string_view nameOf(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::kWhole: return "whole";
+    case Outcome::kDamaged: return "damaged";
+    case Outcome::kNoAnswer: return "no answer";
+    case Outcome::kBrokenOff: return "broken off";
+    case Outcome::kTestFailed: return "test failed";
+  }
+  return "";
+}
+
+std::string_view nameOf(EventKind kind) {
+  switch (kind) {
+    case EventKind::kLost: return "lost";
+    case EventKind::kFound: return "found";
+    case EventKind::kTestFailed: return "test failed";
+    case EventKind::kTestPassed: return "test passed";
+    case EventKind::kItemGone: return "item gone";
+    case EventKind::kIdentityChanged: return "identity changed";
+    case EventKind::kDamaged: return "damaged";
+  }
+  return "";
+}
+
+}  // namespace kepfleet

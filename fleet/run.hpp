@@ -1,0 +1,48 @@
+// run.hpp: what came of asking a board once, and what is worth an alarm: what every part of the fleet's server hands
+// on.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kepfleet {
+
+// Both are stored as these numbers, which stay.
+enum class Outcome { kWhole = 0, kDamaged = 1, kNoAnswer = 2, kBrokenOff = 3, kTestFailed = 4 };
+enum class EventKind {
+  kLost = 0,             // a board that answered does not
+  kFound = 1,            // and does again
+  kTestFailed = 2,       // a self-test that passed, or had not been run, fails
+  kTestPassed = 3,       // and passes again
+  kItemGone = 4,         // an item of the run before is not in the catalogue
+  kIdentityChanged = 5,  // the board says it is of another kind
+  kDamaged = 6,          // what a board sends stops being whole
+};
+
+std::string_view nameOf(Outcome outcome);  // "whole", "damaged", "no answer", "broken off", "test failed"
+std::string_view nameOf(EventKind kind);   // "lost", "found", "test failed", "test passed", "item gone", ...
+
+// One run. `stream` is what the board sent, to the byte, be it cut short; nothing else is stored of its content.
+struct Run {
+  std::string board;    // its name
+  int64_t started = 0;  // milliseconds since 1970, when it was asked
+  int type = 0;         // of the request: 0 to 2 a collection, 3 a self-test
+  Outcome outcome = Outcome::kWhole;
+  uint32_t duration = 0;  // milliseconds
+  uint32_t messages = 0;  // that came whole
+  std::string stream;
+  std::string reason;  // of a run that is not whole: what went wrong, in words
+  uint64_t lease = 0;  // the number of the lease under which the board was asked; 0: the store has no leases
+};
+
+struct Event {
+  std::string board;
+  int64_t time = 0;  // milliseconds since 1970
+  EventKind kind = EventKind::kLost;
+  std::string text;  // of which item, of which kind; may hold bytes of the board's
+  uint64_t lease = 0;
+};
+
+}  // namespace kepfleet

@@ -1,0 +1,71 @@
+// fleet_command_test.cpp: the command kep-fleet, with boards that the test plays.
+
+#include <chrono>
+
+#include "played_board.hpp"
+#include "tools/command.hpp"
+
+namespace {
+
+class FleetCommand : public CommandTest {
+ protected:
+  static void write(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
+
+  // Nothing in it is at a fixed port.
+  static std::string configOf(const PlayedBoard &board, const std::string &more = "") {
+    return "listen = '127.0.0.1:0'\nstore = 'kept/fleet.db'\nhttp = { address = '127.0.0.1:0' }\n" + more +
+           "[[board]]\nname = 'b'\nhost = '127.0.0.1:" + std::to_string(board.port) + "'\n[[poll]]\nevery = '200ms'\n";
+  }
+};
+
+TEST_F(FleetCommand, ChecksItsConfiguration) {
+  write("good.toml", "store = 'x'\n[[board]]\nhost = 'a'\nnames = 'names.toml'");
+  write("bad.toml", "store = 'x'\n[[board]]\nhost = 'a'\nname = 1");
+  write("names.toml", "[item.a.keys]\n1 = { name = 'x' }");
+  EXPECT_EQ(run("--config good.toml --check"), 0);
+  EXPECT_EQ(out(), "good: 1 board, 1 schedule\n");
+  EXPECT_EQ(run("--config " KEP_EXAMPLE " --check"), 0) << err();
+  EXPECT_EQ(run("--config bad.toml --check"), 1);
+  EXPECT_EQ(err(), "kep-fleet: bad.toml:4: name: expected a text, not a number\n");
+  write("names.toml", "[item.a.keys]\n1 = {}");
+  EXPECT_EQ(run("--config good.toml"), 1);
+  EXPECT_EQ(err(), "kep-fleet: names.toml:2: no name; expected name = \"...\"\n");
+  expectWrongUsage("",
+                   "|--check|a --config good.toml|backup|runs --check --config good.toml|export|runs a b|"
+                   "runs --from yesterday|runs --to 7w|export a --format text|--config ''");
+  expectHelpAsInManPage();
+}
+
+TEST_F(FleetCommand, CollectsUntilItIsEnded) {
+  const PlayedBoard board(PlayedBoard::answer);
+  write("fleet.toml", configOf(board, "log = { level = 'debug', format = 'json' }\n"));
+  Command server("--config fleet.toml");
+  EXPECT_NE(waitFor("err", "(\"message\":\"b: type 0, whole)"), "");
+  write("fleet.toml", "broken");
+  server.signal(SIGHUP);
+  EXPECT_NE(waitFor("err", "(the configuration stays as it is: fleet.toml:1)"), "");
+  write("fleet.toml", configOf(board, "[[board]]\nhost = '127.0.0.1:1'\n"));
+  server.signal(SIGHUP);
+  EXPECT_NE(waitFor("err", "(read again: 2 boards)"), "");
+  const auto before = std::chrono::steady_clock::now();
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.status(), 0) << err();
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
+
+  EXPECT_EQ(run("runs b --config fleet.toml --format csv --from 1h"), 0);
+  EXPECT_TRUE(std::regex_match(
+      out(), std::regex("id,board,started,type,outcome,duration_ms,messages,bytes,reason\n"
+                        "(\\d+,b,2\\d{3}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z,0,whole,\\d+,8,\\d+,\n)+")))
+      << out();
+  EXPECT_EQ(run("runs --config fleet.toml --to 2026-01-01"), 0);
+  EXPECT_EQ(out(), "");
+  EXPECT_EQ(run("export b --config fleet.toml"), 0);
+  EXPECT_NE(out().find("\"row\":\"run\""), std::string::npos);
+  EXPECT_NE(out().find("\"name\":\"log\""), std::string::npos);
+  EXPECT_EQ(run("backup copy.db --config fleet.toml"), 0) << err();
+  EXPECT_TRUE(std::filesystem::exists("copy.db"));
+  EXPECT_EQ(run("backup copy.db --config fleet.toml"), 1);
+  expectComplaint();
+}
+
+}  // namespace

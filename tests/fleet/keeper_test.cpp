@@ -1,0 +1,79 @@
+// keeper_test.cpp: the keeper, with a store that fails and hangs.
+
+#include "fleet/keeper.hpp"
+
+#include <gtest/gtest.h>
+
+#include "memory_store.hpp"
+
+namespace {
+
+using namespace kepfleet;
+using std::chrono::milliseconds;
+
+class KeeperTest : public ::testing::Test {
+ protected:
+  void put(int64_t first, int64_t count, uint64_t lease = 0) {
+    for (int64_t i = first; i < first + count; ++i) {
+      keeper.put({"b", i, 0, Outcome::kWhole, 1, 1, std::string(1000, 'x'), "", lease},
+                 {{"b", i, EventKind::kLost, "", 0}});
+    }
+  }
+  std::vector<int64_t> times() const {
+    std::vector<int64_t> all;
+    for (const auto &run : memory->runs) all.push_back(run.started);
+    return all;
+  }
+  static std::vector<int64_t> sequence(int64_t first, int64_t count) {
+    std::vector<int64_t> all;
+    for (int64_t i = first; i < first + count; ++i) all.push_back(i);
+    return all;
+  }
+
+  const std::shared_ptr<Memory> memory = std::make_shared<Memory>();
+  Keeper keeper{std::make_unique<MemoryStore>(memory), 4 << 20, {{-1, milliseconds(1)}, {0, milliseconds(1)}}};
+};
+
+TEST_F(KeeperTest, WritesInBatchesAndAllAtTheEnd) {
+  put(0, 1);
+  EXPECT_TRUE(memory->waitFor([](const Memory &m) { return m.runs.size() == 1; })) << "also a single one, in time";
+  EXPECT_TRUE(memory->waitFor([](const Memory &m) { return m.removals == std::map<int, int>{{-1, 2}, {0, 2}}; }));
+  put(1, 2500);
+  put(2501, 10, 99);
+  EXPECT_TRUE(keeper.stop(milliseconds(60'000)));
+  EXPECT_EQ(times(), sequence(0, 2501));
+  EXPECT_EQ(memory->events.size(), 2511u);
+  EXPECT_LE(*std::max_element(memory->batches.begin(), memory->batches.end()), 1000u);
+  EXPECT_LE(memory->batches.size(), 6u);
+  EXPECT_EQ(keeper.status().refusedRuns, 10u);
+  EXPECT_EQ(keeper.status().waitingBytes + keeper.status().waitingRuns, 0u);
+}
+
+TEST_F(KeeperTest, KeepsTheNewestWhileTheStoreFails) {
+  memory->set([](Memory &m) { m.fails = true; });
+  put(0, 1000);
+  while (keeper.status().problem.empty()) std::this_thread::sleep_for(milliseconds(1));
+  EXPECT_EQ(keeper.status().problem, "the disk is full");
+  put(1000, 9000);
+  const Keeper::Status status = keeper.status();
+  EXPECT_LE(status.waitingBytes, size_t{4} << 20);
+  EXPECT_GT(status.waitingBytes, size_t{3} << 20);
+  EXPECT_EQ(status.waitingRuns + status.droppedRuns, 10'000u);
+  memory->set([](Memory &m) { m.fails = false; });
+  const size_t rest = status.waitingRuns;
+  EXPECT_TRUE(memory->waitFor([rest](const Memory &m) { return m.runs.size() == rest; }));
+  EXPECT_TRUE(keeper.stop(milliseconds(60'000)));
+  EXPECT_EQ(times(), sequence(10'000 - static_cast<int64_t>(rest), static_cast<int64_t>(rest)));
+  EXPECT_EQ(keeper.status().problem, "");
+}
+
+TEST_F(KeeperTest, EndsWithAStoreThatDoesNot) {
+  memory->set([](Memory &m) { m.hangs = true; });
+  put(0, 1000);
+  EXPECT_FALSE(keeper.stop(milliseconds(50)));
+  memory->set([](Memory &m) { m.hangs = false, m.fails = true; });
+  EXPECT_TRUE(keeper.stop(milliseconds(60'000)));
+  EXPECT_EQ(keeper.status().droppedRuns, 1000u);
+}
+
+}  // namespace
