@@ -64,6 +64,11 @@ if [ -n "$all" ]; then
   scripts/fuzz.sh 10
   scripts/soak.sh 60
 
+  say "building: fleet-threads"
+  cmake --preset fleet-threads >/dev/null
+  cmake --build --preset fleet-threads -- --quiet
+  run_tests fleet-threads
+
   run_tests memcheck
 
   find build/coverage -name '*.gcda' -delete # of earlier runs
