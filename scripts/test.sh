@@ -48,7 +48,7 @@ say "static analysis"
 sources src platform server examples tools fleet | grep '\.cpp$' |
   xargs -P "$(nproc)" -n 1 clang-tidy --quiet --warnings-as-errors='*' -p build/dev 2>/dev/null
 cppcheck --quiet --error-exitcode=1 --std=c++17 --language=c++ --enable=warning,performance,portability \
-  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -I. -Itools src platform server examples tools fleet
+  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -Itools -I. src platform server examples tools fleet
 
 for preset in "${compiled[@]}"; do
   say "building: $preset"
@@ -66,6 +66,11 @@ quietly build/scripts.log tests/scripts/scripts_test.sh
 if [ -n "$all" ]; then
   scripts/fuzz.sh 10
   scripts/soak.sh 60
+
+  say "building: fleet-threads"
+  cmake --preset fleet-threads >/dev/null
+  cmake --build --preset fleet-threads -- --quiet
+  run_tests fleet-threads
 
   run_tests memcheck
 
