@@ -43,8 +43,9 @@ esac
 
 # isBound PROTOCOL:PORT: whether a socket of this machine has the UDP port, or listens at the TCP port.
 isBound() {
-  cat /proc/net/"${1%:*}"{,6} 2>/dev/null | awk -v port="$(printf '%04X' "${1#*:}")" \
-    '{ n = split($2, at, ":") } at[n] == port && $4 ~ /0[7A]/ { found = 1 } END { exit !found }'
+  awk -v port="$(printf '%04X' "${1#*:}")" \
+    '{ n = split($2, at, ":") } at[n] == port && $4 ~ /0[7A]/ { found = 1 } END { exit !found }' \
+    < <(cat /proc/net/"${1%:*}"{,6} 2>/dev/null)
 }
 
 # Before anything is touched: another demo may be running, in this very checkout.
@@ -184,14 +185,14 @@ playFleet() {
   cat "$host/kep-fleet.out"
   say "the state of the server"
   request GET /healthz
+  say "look at http://127.0.0.1:9180/${stay:+, until Ctrl-C}"
   if [ "$stay" ]; then
-    say "look at http://127.0.0.1:9180/, until Ctrl-C"
     trap : INT TERM
-    wait "${pids[-1]}" || true
+    wait "${pids[-1]}" || true # Ctrl-C is for all: the programs may have ended already
   fi
   say "ending kep-fleet"
   endByItself
-  stop
+  endAll
 }
 
 if [ "$kind" = --fleet ]; then

@@ -13,7 +13,7 @@ case "${1-}" in
 esac
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
-  git clang clang-format clang-tidy cppcheck libgtest-dev googletest pkg-config binutils mandoc iproute2 \
+  git clang clang-format clang-tidy cppcheck libgtest-dev googletest binutils mandoc iproute2 \
   python3 tshark ${all:+gcovr valgrind "${fuzz_packages[@]}"}
 
 # What kep-fleet is tried with. A browser without a head does, and brings no desktop along.
@@ -57,8 +57,8 @@ done
 
 scripts/size.sh
 
-say "the demo: on the host, under ThreadSanitizer, on the board${all:+, under valgrind}"
-for kind in '' --threads --board ${all:+--memcheck}; do
+say "the demo: on the host, under ThreadSanitizer, on the board, of a fleet${all:+, under valgrind}"
+for kind in '' --threads --board --fleet ${all:+--memcheck}; do
   quietly build/demo.log scripts/demo.sh $kind
 done
 quietly build/scripts.log tests/scripts/scripts_test.sh
