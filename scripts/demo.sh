@@ -153,6 +153,8 @@ request() {
   exec 3>&-
 }
 
+selfTest() { request POST "/api/selftest?name=board-$(printf %02d "$1")" | grep -o '"outcome":"[a-z ]*"'; }
+
 # fleet ARGUMENT...: kep-fleet beside the one that serves.
 fleet() {
   say "kep-fleet $*"
@@ -171,12 +173,13 @@ playFleet() {
   launch kep-fleet "says kep-fleet page" "$host/fleet/kep-fleet" --config "$host/fleet.toml"
   sleep 6 # every board has been asked, and the dead one waited for
   say "what became of the runs"
-  fleet runs --format csv | tail -n +3 | cut -d , -f 4-5 | sort | uniq -c
-  say "the self-test of board 7, and once more when it is mended"
-  request POST '/api/selftest?name=board-07'
+  fleet runs --format csv | tail -n +4 | cut -d , -f 4-5 | sort | uniq -c
+  say "the self-tests of boards 7 and 20, and of the first once more when it is mended"
+  selfTest 7
+  selfTest 20
   echo 'mend 7' >"$host/control"
   sleep 1
-  request POST '/api/selftest?name=board-07'
+  selfTest 7
   sleep 2 # until that is stored
   fleet runs board-07 --from 1h
   fleet export board-07 --format csv | sed -n 1,20p
