@@ -16,9 +16,9 @@ for script in scripts/*.sh; do
   check "$status" 2 "exit status of $script for wrong usage, with a CDPATH"
 done
 
-# A demo fails while its host runs, at its wc, and not even tail works then. In its place a second one is tried.
+# A demo fails while its host runs, at its sed, and not even tail works then. In its place a second one is tried.
 mkdir "$work/bin"
-cat >"$work/bin/wc" <<STUB
+cat >"$work/bin/sed" <<STUB
 #!/bin/sh
 scripts/demo.sh >"$work/second" 2>&1
 ls build/demo/kep-board.out build/demo/kep.log >"$work/kept"
