@@ -8,6 +8,7 @@ import asyncio
 import collections
 import csv
 import datetime
+import multiprocessing
 import os
 import random
 import re
@@ -187,9 +188,9 @@ class Process:
 
 class Boards(Process):
     """kep-boards; `config` lists them."""
-    def __init__(self, folder, count, *options):
+    def __init__(self, folder, net, count, *options):
         path = os.path.join(folder, "boards.toml")
-        super().__init__(folder, "boards", [BUILD + "/examples/kep-boards", str(count), "--first", "127.78.0.1",
+        super().__init__(folder, "boards", [BUILD + "/examples/kep-boards", str(count), "--first", "127.%d.0.1" % net,
                                             "--write-config", path, "--names", NAMES, *options])
         waitFor(lambda: "boards at" in self.said() or self.process.poll() is not None, 60, "boards")
         with open(path) as file:
@@ -299,8 +300,8 @@ class Watch(threading.Thread):
 # ---- the rows
 
 def schedule(folder):
-    row, count, seconds, warm = "schedule", 1000 if QUICK else 10000, 60 if QUICK else 660, 16 if QUICK else 60
-    boards = Boards(folder, count, "--dead", "5%", "--trickling", "1%", "--garbage", "1%")
+    row, count, seconds, warm = "schedule", 1000 if QUICK else 10000, 50 if QUICK else 660, 16 if QUICK else 60
+    boards = Boards(folder, 78, count, "--dead", "5%", "--trickling", "1%", "--garbage", "1%")
     store = os.path.join(folder, "fleet.db")
     fleet = Fleet(folder, "fleet", configOf(store, boards.config, [(15, "")],
                                             "[label_from]\nfirmware = { item = \"system\", key = 2 }"))
@@ -345,7 +346,7 @@ def kills(folder):
         with sqlite3.connect(store) as database:
             isWhole += database.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
             there = set(database.execute("SELECT CAST(b.name AS TEXT), started / 100 FROM runs r JOIN boards b"
-                                         " ON b.id = r.board WHERE started > ?", (int(killed * 1000) - 10000,)))
+                                         " ON b.id = r.board WHERE started > ?", (int(began * 1000),)))
         database.close()
         stored += len(there)
         for one in players.noted():
@@ -362,11 +363,244 @@ def kills(folder):
     figure(row, "runs at hand", str(stored), ">= 100 a kill", stored >= 100 * times)
 
 
-ROWS = [schedule, kills]
+class Postgres:
+    """A private server; `folder` has its socket."""
+    def __init__(self):
+        self.process = subprocess.Popen(["tests/fleet/postgres.sh"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        text=True)
+        self.folder = self.process.stdout.readline().strip()
+
+    def tell(self, word):
+        self.process.stdin.write(word + "\n")
+        self.process.stdin.flush()
+        self.process.stdout.readline()
+
+    def end(self):
+        self.process.stdin.close()
+        self.process.wait()
+
+
+class Relay:
+    """The way of one instance to the database, in a process of its own, which can be stopped."""
+    SOCKET = ".s.PGSQL.5432"
+
+    def __init__(self, folder, database):
+        self.folder, self.database = folder, database
+        self.pid = os.fork()
+        if self.pid == 0:
+            try:
+                asyncio.run(self.work())
+            finally:
+                os._exit(1)
+        waitFor(lambda: os.path.exists(os.path.join(folder, self.SOCKET)), 10, "the relay")
+
+    async def work(self):
+        async def pass_on(back, out):
+            while piece := await back.read(65536):
+                out.write(piece)
+                await out.drain()
+            out.close()
+
+        async def relay(back, out):
+            try:
+                other, far = await asyncio.open_unix_connection(os.path.join(self.database, self.SOCKET))
+                await asyncio.gather(pass_on(back, far), pass_on(other, out))
+            except OSError:
+                out.close()
+
+        server = await asyncio.start_unix_server(relay, os.path.join(self.folder, self.SOCKET))
+        await server.serve_forever()
+
+    def send(self, number):
+        os.kill(self.pid, number)
+
+    def end(self):
+        os.kill(self.pid, signal.SIGKILL)
+        os.waitpid(self.pid, 0)
+
+
+def shared(folder, name, players, host, lease, period):
+    return Fleet(folder, name, configOf("postgresql:///postgres?user=kep&host=" + host, players.config(),
+                                        [(period, "")], 'lease = "%ds"\ninstance = "%s"' % (lease, name)))
+
+
+def atATime(noted):
+    """Runs that began while another of their board was under way, as the boards saw it."""
+    ends, count = {}, 0
+    for one in sorted(noted, key=lambda one: one.asked):
+        count += one.asked < ends.get(one.board, 0) - 0.05
+        ends[one.board] = max(one.ended, ends.get(one.board, 0))
+    return count
+
+
+def figureStored(row, noted, runs):
+    """What is stored: of each board one run after the other."""
+    ends, twice = {}, 0
+    for board, started, seconds, _ in sorted(runs, key=lambda run: run[1]):
+        twice += started < ends.get(board, 0) - 0.002
+        ends[board] = max(started + seconds, ends.get(board, 0))
+    figure(row, "two runs of a board at a time", "%d of %d" % (atATime(noted), len(noted)), "0", atATime(noted) == 0)
+    figure(row, "stored twice, or beside another", "%d of %d" % (twice, len(runs)), "0", twice == 0)
+
+
+def figureLost(row, noted, runs):
+    times = collections.defaultdict(list)
+    for board, started, *_ in runs:
+        times[board].append(started)
+    lost = sum(not any(-0.01 <= one.asked - time < 1 for time in times[one.board]) for one in noted if one.isWhole)
+    figure(row, "runs that are lost", "%d of %d" % (lost, len(noted)), "0", lost == 0)
+
+
+def leases(folder):
+    row, count, lease, period = "leases", 100 if QUICK else 300, 6 if QUICK else 15, 5 if QUICK else 15
+    database, players = Postgres(), Players(folder, 20, count, "played", slow=True)
+    relay = Relay(folder, database.folder)
+    one, two, three = (shared(folder, name, players, host, lease, period) for name, host in
+                       (("one", database.folder), ("two", folder), ("three", database.folder)))
+
+    def heldBy(fleet, when):
+        last = {run.board: run.port for run in players.noted() if run.asked < when}
+        return {board for board, port in last.items() if port == fleet.port}
+
+    def againBy(fleets, boards, since):
+        """How long it took until one of the servers asked the last of the boards."""
+        ports, first = [fleet.port for fleet in fleets], {}
+        for run in players.noted():
+            if run.asked > since and run.port in ports:
+                first[run.board] = min(run.asked, first.get(run.board, run.asked))
+        return max((first.get(board, float("inf")) for board in boards), default=float("inf")) - since
+
+    time.sleep(lease + 1.2 * period)
+    shares = sorted(len(heldBy(fleet, time.time())) for fleet in (one, two, three))
+    figure(row, "boards of each of three", str(shares), "all have some", shares[0] >= count / 6)
+
+    stopped, held = time.time(), heldBy(three, time.time())
+    three.process.send_signal(signal.SIGSTOP)
+    time.sleep(lease + period)
+    before = set(one.runs())
+    three.process.send_signal(signal.SIGCONT)
+    time.sleep(lease + 4)
+    late = [run for run in set(one.runs()) - before if run[1] < stopped and run[0] in held]
+    again = againBy((one, two), held, stopped)
+    figure(row, "one suspended: its %d boards asked by others" % len(held), "within %.1f s" % again,
+           "<= %d s" % (lease + period), again <= lease + period)
+    figure(row, "what it stores of its old lease", str(len(late)), "0", not late)
+
+    cut, held = time.time(), set(players.names) - heldBy(three, time.time())
+    one.end(signal.SIGKILL)
+    relay.send(signal.SIGSTOP)
+    time.sleep(lease + period + 4)
+    again = againBy((three,), held, cut)
+    last = max(run.asked for run in players.noted() if run.port == two.port) - cut
+    figure(row, "one killed, one cut off: their %d asked by the third" % len(held), "within %.1f s" % again,
+           "<= %d s" % (lease + period), again <= lease + period)
+    figure(row, "the one cut off asks nobody after", "%.1f s" % last, "<= %d s" % lease, last <= lease)
+    relay.send(signal.SIGCONT)
+    time.sleep(lease + 4)
+    figure(row, "back again, it has boards", str(len(heldBy(two, time.time()))), ">= a third",
+           len(heldBy(two, time.time())) >= count // 3)
+    for fleet in (two, three):
+        fleet.end()
+    time.sleep(3)
+    runs, noted = three.runs(), players.noted()
+    figureStored(row, noted, runs)
+    for each in (players, relay, database):
+        each.end()
+
+
+def outage(folder):
+    row, count, period, seconds = "outage", 100 if QUICK else 1000, 5, 4 if QUICK else 10
+    database, players = Postgres(), Players(folder, 30, count, "played")
+    fleets = [shared(folder, name, players, database.folder, 30, period) for name in ("one", "two")]
+    time.sleep(25 if QUICK else 40)  # until both have their share
+    began = time.time()
+    database.tell("stop")
+    time.sleep(seconds)
+    database.tell("start")
+    time.sleep(8 if QUICK else 20)
+    ended = time.time()
+    for fleet in fleets:
+        fleet.end()
+    time.sleep(0.5)
+    noted, runs = players.noted(), fleets[0].runs()
+    late = lateness([(one.board, one.asked) for one in noted], players.names, period, began - 5, ended - 2)
+    figureStored(row, noted, runs)
+    figureLost(row, [one for one in noted if one.ended < ended - 0.2], runs)
+    figureLateness(row, late)
+    for each in (players, database):
+        each.end()
+
+
+def flood(port, count, seconds):
+    """Connections that say nothing, each opened again when it is closed. Runs in a process of its own."""
+    async def one():
+        while True:
+            try:
+                back, out = await asyncio.open_connection("127.0.0.1", port)
+                await back.read()
+                out.close()
+            except OSError:
+                await asyncio.sleep(0.1)
+            await asyncio.sleep(1)
+
+    async def all():
+        connections = [asyncio.ensure_future(one()) for _ in range(count)]
+        await asyncio.wait(connections, timeout=seconds)
+        os._exit(0)
+
+    pid = os.fork()
+    if pid == 0:
+        try:
+            asyncio.run(all())
+        finally:
+            os._exit(1)
+    os.waitpid(pid, 0)
+
+
+def hostile(folder):
+    row, period, wanted, connections = "hostile", 5, 1000 if QUICK else 10000, 1000 if QUICK else 10000
+    boards = Boards(folder, 79, 100 if QUICK else 500)
+    players = Players(folder, 40, 50 if QUICK else 100, "hostile", hostile=True)
+    fleet = Fleet(folder, "fleet", configOf(
+        os.path.join(folder, "fleet.db"), boards.config + players.config(), [(period, "good"), (1, "hostile")],
+        limits='connect = "2s"\nsilence = "3s"\npause = "2s"'))
+    time.sleep(10)
+    watch, began = Watch(fleet), time.time()
+    waitFor(lambda: len(players.noted()) >= wanted, 300, "hostile runs")
+    flooded = time.time()
+    flood(fleet.port, connections, 12 if QUICK else 30)
+    over = time.time()
+    time.sleep(8)
+    ended, watch.isOver = time.time(), True
+    assert fleet.process.poll() is None, "kep-fleet has ended"
+    strangers = int(re.search(rb"(?m)^kep_fleet_\w*stranger\w* (\d+)", fleet.metrics() + b"\nkep_fleet_strangers 0").group(1))
+    fleet.end()
+    boards.end()
+    players.end()
+    runs = fleet.runs()
+    good = [run for run in runs if run[0] in set(boards.good)]
+    outcomes = collections.Counter(run[3] for run in runs if run[0] in set(players.names))
+    say("%s: mutated runs: %s; %d strangers" % (row, dict(outcomes), strangers))
+    figure(row, "mutated runs", str(len(players.noted())), ">= %d" % wanted, len(players.noted()) >= wanted)
+    figureLateness(row, lateness(good, boards.good, period, began, ended - 2))
+    whole = sum(run[3] == "whole" for run in good if began < run[1] < ended - 2)
+    figure(row, "runs of the others that come whole", "%d of %d" % (whole, sum(began < run[1] < ended - 2 for run in good)),
+           "all", whole == sum(began < run[1] < ended - 2 for run in good))
+    before, during, after = (watch.most(2, *times) for times in
+                             ((began, flooded), (flooded, over), (over + 6, ended)))
+    figure(row, "descriptors before, in and after a flood", "%d, %d, %d" % (before, during, after), "<= 1024 more",
+           during <= before + 1024 and after <= before)
+    grown = watch.most(1) - watch.most(1, began, began + 5)
+    figure(row, "growth of memory", "%.1f MB" % grown, "<= 16 MB", grown <= 16)
+
+
+ROWS = [schedule, leases, outage, kills, hostile]
 
 
 def run(row):
+    """Its figures."""
     folder = tempfile.mkdtemp(prefix="kep-load.")
+    os.chmod(folder, 0o755)  # a database's user passes
     try:
         row(folder)
     except Exception:
@@ -374,6 +608,7 @@ def run(row):
         traceback.print_exc()
     finally:
         shutil.rmtree(folder, ignore_errors=True)
+    return figures
 
 
 def main():
@@ -383,8 +618,8 @@ def main():
     if any(name not in [row.__name__ for row in ROWS] for name in wanted):
         sys.exit("usage: fleet-load.sh [--quick] [%s]..." % "|".join(row.__name__ for row in ROWS))
     rows = [row for row in ROWS if not wanted or row.__name__ in wanted]
-    for row in rows:
-        run(row)
+    with multiprocessing.Pool(2 if QUICK else 1, maxtasksperchild=1) as pool:
+        figures = [line for lines in pool.map(run, rows, chunksize=1) for line in lines]
     widths = [max(len(line[i]) for line in figures) for i in range(5)]
     print("\n" + "\n".join("  ".join(cell.ljust(width) for cell, width in zip(line, widths)) for line in
                            [("row", "figure", "measured", "aim", "")] + figures))
