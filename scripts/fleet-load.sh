@@ -7,6 +7,13 @@ set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
+for argument in "$@"; do
+  case "$argument" in
+    --quick | schedule | leases | outage | kills | hostile) ;;
+    *) echo "usage: scripts/fleet-load.sh [--quick] [schedule | leases | outage | kills | hostile]..." >&2; exit 2 ;;
+  esac
+done
+
 need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" python3 postgresql iproute2 util-linux
 
 say "building"
@@ -21,4 +28,4 @@ if ! "${inside[@]}" true 2>/dev/null; then
   echo "fleet-load.sh: no network namespace to be had: the boards are at 127.77.0.1 and on, for all of this machine" >&2
   inside=()
 fi
-exec "${inside[@]}" python3 scripts/fleet_load.py "$@"
+exec "${inside[@]}" python3 -B scripts/fleet_load "$@"

@@ -63,6 +63,7 @@ quietly build/scripts.log tests/scripts/scripts_test.sh
 if [ -n "$all" ]; then
   scripts/fuzz.sh 10
   scripts/soak.sh 60
+  quietly build/fleet-load.out scripts/fleet-load.sh --quick
 
   run_tests memcheck
 
