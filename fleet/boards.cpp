@@ -26,18 +26,6 @@ std::string cut(std::string text, size_t most) {
   return text;
 }
 
-kepserver::Run decode(const Run &run) {
-  const auto kind = run.type == kSelfTest ? kepserver::RunKind::kSelfTest : kepserver::RunKind::kCollection;
-  kepserver::StreamDecoder decoder({kind, std::nullopt});
-  decoder.feed(run.stream.data(), run.stream.size());
-  decoder.finish();
-  return decoder.takeRun();
-}
-
-std::string identityOf(const kepserver::Run &content) {
-  return content.identity ? content.identity->bytes.substr(0, 2) : "";
-}
-
 // What failed, as "network interfaces: 0; memory /proc/meminfo: missing".
 std::string failuresOf(const kepserver::Names &names, const kepserver::Run &content,
                        const kepserver::Judgement &judgement) {
@@ -71,8 +59,6 @@ void judge(const kepserver::Names &names, const kepserver::Run &content, Run &ru
   run.outcome = Outcome::kTestFailed;
   run.reason = failuresOf(names, content, judgement);
 }
-
-bool isWhole(const Run &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
 
 // One a line; a name is printable and so has no line end.
 std::string catalogueOf(const kepserver::Run &content) {

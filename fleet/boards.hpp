@@ -19,9 +19,6 @@
 
 namespace kepfleet {
 
-constexpr int kTypes = 4;     // of requests
-constexpr int kSelfTest = 3;  // among them
-
 using RunPointer = std::shared_ptr<const Run>;
 
 struct BoardState {

@@ -259,7 +259,7 @@ void Collector::watchStrangers() {
 // ---- runs
 
 void Collector::join(const SessionPointer &session, Stranger &stranger) {
-  const RunKind kind = session->question.type == 3 ? RunKind::kSelfTest : RunKind::kCollection;
+  const RunKind kind = session->question.type == kSelfTest ? RunKind::kSelfTest : RunKind::kCollection;
   session->socket = std::move(stranger.socket);
   session->decoder.emplace(Expectation{kind, session->number, false});
   session->heard = Clock::now();

@@ -274,13 +274,9 @@ ExitStatus exportRuns(const Options &options) {
   RunQuery query = queryOf(options, options.board);
   query.withStreams = true;
   store->runs(query, [&](StoredRun &&stored) {
-    kepserver::StreamDecoder decoder({});
-    decoder.feed(stored.run.stream.data(), stored.run.stream.size());
-    decoder.finish();
-    const kepserver::Run run = decoder.takeRun();
-    const std::string identity = run.identity ? run.identity->bytes.substr(0, 2) : "";
+    const kepserver::Run run = decode(stored.run);
     reporter.setHeading({"", 0, static_cast<uint64_t>(stored.id), stored.run.started / 1000});
-    reporter.write(run, *names.of(board, identity), stored.run.started / 1000);
+    reporter.write(run, *names.of(board, identityOf(run)), stored.run.started / 1000);
     return !signalled();
   });
   return kGood;

@@ -28,15 +28,6 @@ using FleetRun = kepfleet::Run;
 constexpr size_t kMostAnswers = 2;  // at once: each takes some 20 bytes a series
 constexpr std::chrono::minutes kBetweenWords{1};
 
-ServerRun decode(const FleetRun &run) {
-  StreamDecoder decoder({run.type == kSelfTest ? RunKind::kSelfTest : RunKind::kCollection, std::nullopt});
-  decoder.feed(run.stream.data(), run.stream.size());
-  decoder.finish();
-  return decoder.takeRun();
-}
-
-bool isWhole(const FleetRun &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
-
 // ---- texts
 
 std::string label(std::string_view name, std::string_view value) {

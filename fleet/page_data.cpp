@@ -78,15 +78,6 @@ Json runRow(const Run &run, size_t bytes) {
   return row;
 }
 
-kepserver::Run decode(const Run &run) {
-  kepserver::Expectation expectation;
-  expectation.kind = run.type == kSelfTest ? kepserver::RunKind::kSelfTest : kepserver::RunKind::kCollection;
-  kepserver::StreamDecoder decoder(expectation);
-  decoder.feed(run.stream.data(), run.stream.size());
-  decoder.finish();
-  return decoder.takeRun();
-}
-
 const char *nameOf(Verdict verdict) {
   switch (verdict) {
     case Verdict::kPass: return "PASS";

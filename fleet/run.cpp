@@ -1,4 +1,4 @@
-// run.cpp: the words for outcomes and events.
+// run.cpp: the words for outcomes and events, and what a stream says.
 
 #include "fleet/run.hpp"
 
@@ -26,6 +26,21 @@ std::string_view nameOf(EventKind kind) {
     case EventKind::kDamaged: return "damaged";
   }
   return "";
+}
+
+bool isWhole(const Run &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
+
+kepserver::Run decode(const Run &run) {
+  kepserver::Expectation expectation;
+  expectation.kind = run.type == kSelfTest ? kepserver::RunKind::kSelfTest : kepserver::RunKind::kCollection;
+  kepserver::StreamDecoder decoder(expectation);
+  decoder.feed(run.stream.data(), run.stream.size());
+  decoder.finish();
+  return decoder.takeRun();
+}
+
+std::string identityOf(const kepserver::Run &content) {
+  return content.identity ? content.identity->bytes.substr(0, 2) : "";
 }
 
 }  // namespace kepfleet

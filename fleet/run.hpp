@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "server/stream.hpp"
+
 namespace kepfleet {
 
 // Both are stored as these numbers, which stay.
@@ -24,6 +26,9 @@ enum class EventKind {
 std::string_view nameOf(Outcome outcome);  // "whole", "damaged", "no answer", "broken off", "test failed"
 std::string_view nameOf(EventKind kind);   // "lost", "found", "test failed", "test passed", "item gone", ...
 
+constexpr int kTypes = 4;     // of requests
+constexpr int kSelfTest = 3;  // among them
+
 // One run. `stream` is what the board sent, to the byte, be it cut short; nothing else is stored of its content.
 struct Run {
   std::string board;    // its name
@@ -36,6 +41,15 @@ struct Run {
   std::string reason;  // of a run that is not whole: what went wrong, in words
   uint64_t lease = 0;  // the number of the lease under which the board was asked; 0: the store has no leases
 };
+
+// A run that came to its end, be it that of a self-test that failed.
+bool isWhole(const Run &run);
+
+// What its stream says.
+kepserver::Run decode(const Run &run);
+
+// Of the board, two bytes; empty when it did not say.
+std::string identityOf(const kepserver::Run &content);
 
 struct Event {
   std::string board;

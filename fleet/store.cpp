@@ -20,7 +20,6 @@ namespace kepfleet {
 
 namespace {
 
-constexpr int kTypes = 4;  // of requests
 constexpr int64_t kDay = 86'400'000;
 constexpr size_t kRowsAtOnce = 32;                            // written by one statement
 constexpr size_t kKeysAtOnce = 256;                           // read by one

@@ -90,7 +90,7 @@ void checkNamedReports(const Run &run, const Lines &json, const Lines &csv) {
   checkCsv(named, raw, 14, {2, 6, 7, 8, 9, 11});
   checkNamed(json, printed(run, {Format::kJson}, &names), csv, named);
   Style style;
-  for (style.width = 0; style.width < 100; style.width += 60) printed(run, style, &names);
+  for (; style.width < 100; style.width += 30, style.isCut = !style.isCut) printed(run, style, &names);
 }
 
 // Every format has its lines and no more; JSON gives back every value.

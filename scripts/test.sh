@@ -42,10 +42,10 @@ for preset in "${compiled[@]}"; do
 done
 
 say "static analysis"
-sources src platform server examples tools | grep '\.cpp$' |
+sources src platform server examples tools fleet | grep '\.cpp$' |
   xargs -P "$(nproc)" -n 1 clang-tidy --quiet --warnings-as-errors='*' -p build/dev 2>/dev/null
 cppcheck --quiet --error-exitcode=1 --std=c++17 --language=c++ --enable=warning,performance,portability \
-  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -I. src platform server examples tools
+  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -Itools -I. src platform server examples tools fleet
 
 for preset in "${compiled[@]}"; do
   say "building: $preset"
@@ -64,6 +64,11 @@ if [ -n "$all" ]; then
   scripts/fuzz.sh 10
   scripts/soak.sh 60
   quietly build/fleet-load.out scripts/fleet-load.sh --quick
+
+  say "building: fleet-threads"
+  cmake --preset fleet-threads >/dev/null
+  cmake --build --preset fleet-threads -- --quiet
+  run_tests fleet-threads
 
   run_tests memcheck
 

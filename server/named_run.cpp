@@ -68,8 +68,8 @@ void NamedRun::forEach(const std::function<void(const NamedValue &)> &takeAny) c
   for (size_t i = 0; i < values.size();) {
     if (!isOfLog(*values[i])) {
       NamedValue one = named(*values[i]);
-      one.isSection = lookup_.namesSection(*values[i]) && !one.shown.empty() && one.shown[0].text == one.sectionName &&
-                      hasNeighbour(values, i);
+      one.isSection = lookup_.namesSection(*values[i]) && one.shown.size() == 1 &&
+                      one.shown[0].text == one.sectionName && hasNeighbour(values, i);
       take(one);
       ++i;
       continue;

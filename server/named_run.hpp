@@ -20,7 +20,7 @@ struct NamedValue {
   std::string sectionName;   // empty: not named
   std::string_view time;     // of a log's line, as the board wrote it; of a time, itself
   bool isTime = false;       // the time of the log's line behind it
-  bool isSection = false;    // the name of the section in which others stand
+  bool isSection = false;    // nothing but the name of the section in which others stand
 
   bool hasFields() const { return !shown.empty() && key && shown[0].meaning != &key->meaning; }
 };

@@ -29,7 +29,6 @@ class Page {
 
   void putValues();
   void putVerdicts();
-  void putHead();
 
  private:
   // Calls take(cells, value, shown, isGone) for each line.
@@ -195,18 +194,10 @@ void Page::putVerdicts() {
        << " of " << judgement.testedItems.count << " items\n";
 }
 
-void Page::putHead() {
-  const Run &run = named_.run();
-  if (!run.identity || !named_.part().identity) return;
-  if (!named_.names().title.empty()) out_ << named_.names().title << ", ";
-  out_ << "identity " << hex(run.identity->bytes) << ", sequence " << run.identity->sequence << '\n';
-}
-
 }  // namespace
 
 void putNamedText(Sink &out, const Style &style, const NamedRun &named, const NamedRun &gone) {
   Page page(out, style, named, gone);
-  page.putHead();
   page.putValues();
   if (named.run().selfTest) page.putVerdicts();
 }

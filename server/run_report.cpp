@@ -84,13 +84,11 @@ void putItems(Sink &out, const Part &part) {
   putItems(out, part.goneItems, " is gone\n");
 }
 
-void putText(Sink &out, const Part &part) {
+void putHead(Sink &out, const Part &part, const std::string &title) {
   const std::optional<Identity> &identity = part.run.identity;
-  if (identity && part.identity) {
-    out << "identity " << hex(identity->bytes) << ", sequence " << identity->sequence << '\n';
-  }
-  putItems(out, part);
-  putTable(out, part);
+  if (!identity || !part.identity) return;
+  if (!title.empty()) out << title << ", ";
+  out << "identity " << hex(identity->bytes) << ", sequence " << identity->sequence << '\n';
 }
 
 void putEnd(Sink &out, const Part &part) {
@@ -409,7 +407,9 @@ void RunReporter::write(const Run &run, const Run *before) {
   const Part part = before ? changesOf(*before, run) : wholeOf(run);
   switch (style_.format) {
     case Format::kText:
-      putText(out, part);
+      putHead(out, part, "");
+      putItems(out, part);
+      putTable(out, part);
       putEnd(out, part);
       break;
     case Format::kJson: putJson(out, style_, part); break;
@@ -427,6 +427,7 @@ void RunReporter::write(const Run &run, const Names &names, int64_t collected, c
   const NamedRun named(names, part, collected), gone(names, gonePart, collected);
   switch (style_.format) {
     case Format::kText:
+      putHead(out, part, names.title);
       if (before) putItems(out, part);  // otherwise they stand with their values
       putNamedText(out, style_, named, gone);
       putEnd(out, part);

@@ -78,8 +78,6 @@ RunQuery allOf(const std::string &board) {
 }
 size_t countRuns(Store &store, const std::string &board) { return ask(store, allOf(board)).size(); }
 
-bool isWhole(const Run &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
-
 }  // namespace
 
 class StoreTest : public testing::TestWithParam<const char *> {

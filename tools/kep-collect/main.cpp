@@ -68,10 +68,7 @@ ExitStatus Report::write(size_t board, Outcome outcome, Heading heading, int64_t
   const bool hasBefore = options_.onlyChanges && before_[board];
   print(outcome, names, collected, hasBefore ? &*before_[board] : nullptr);
   const bool isBrokenOff = signalled();  // be it while it was printed
-  if (!outcome.diagnostic.empty()) {
-    // Who has not come is named already.
-    complain((areMany_ && outcome.connected ? heading.board + ": " : "") + outcome.diagnostic);
-  }
+  if (!outcome.diagnostic.empty()) complain((areMany_ ? heading.board + ": " : "") + outcome.diagnostic);
   if (options_.onlyChanges && outcome.run.whole) before_[board].emplace(std::move(outcome.run));
   if (!isBrokenOff) return outcome.status;
   if (!std::exchange(hasToldSignal_, true)) complain("interrupted");
@@ -130,21 +127,27 @@ ExitStatus replayFile(Options &options) {
   return Report(options).write(0, std::move(outcome), {}, collectedAt(file));
 }
 
-// One run of each board; returns what they come to. All are over before the first is printed: a reader who takes his
-// time holds up none of them.
-std::vector<ExitStatus> runOnce(Options &options, const Heading &heading, Report &report) {
+// What comes of one run of each board.
+struct Round {
+  ExitStatus highest = kGood;
+  bool isHopeless = true;  // nothing can come of any other
+};
+
+// All runs are over before the first is printed: a reader who takes his time holds up none of them.
+Round runOnce(Options &options, const Heading &heading, Report &report) {
   for (Request &request : options.requests) request.sequence = options.sequence ? *options.sequence : randomSequence();
   const Descriptor raw = options.rawFile.empty() ? Descriptor(-1) : openFile(options.rawFile, O_WRONLY | O_CREAT);
   std::vector<Outcome> outcomes = collect(options.requests, raw.get());
   const int64_t collected = std::time(nullptr);
-  std::vector<ExitStatus> statuses;
+  Round round;
   for (size_t board = 0; board < outcomes.size(); ++board) {
-    statuses.push_back(report.write(board, std::move(outcomes[board]), heading, collected));
+    round.isHopeless &= outcomes[board].status == kUsage;
+    round.highest = std::max(round.highest, report.write(board, std::move(outcomes[board]), heading, collected));
   }
-  return statuses;
+  return round;
 }
 
-// One run of each board, or with a period to watch runs until a signal comes or nothing can come of any other.
+// One run of each board, or with a period to watch runs until a signal comes or all is hopeless.
 ExitStatus runAll(Options &options) {
   const bool isWatched = options.watch.count() != 0;
   Report report(options);
@@ -153,11 +156,9 @@ ExitStatus runAll(Options &options) {
     const Clock::time_point start = Clock::now();
     heading.number += isWatched ? 1 : 0;
     heading.time = std::time(nullptr);
-    const std::vector<ExitStatus> statuses = runOnce(options, heading, report);
-    const ExitStatus highest = *std::max_element(statuses.begin(), statuses.end());
-    const bool isHopeless = std::all_of(statuses.begin(), statuses.end(), [](auto status) { return status == kUsage; });
-    if (!isWatched || isHopeless || (options.untilPass && highest == kGood)) return highest;
-    if (waitUntil(nullptr, 0, start + options.watch) == Wake::kSignal) return highest;
+    const Round round = runOnce(options, heading, report);
+    if (!isWatched || round.isHopeless || (options.untilPass && round.highest == kGood)) return round.highest;
+    if (waitUntil(nullptr, 0, start + options.watch) == Wake::kSignal) return round.highest;
   }
 }
 
