@@ -198,7 +198,8 @@ def hostile(folder):
     figureLateness(row, lateness(good, boards.good, period, began, ended - 2))
     outcomes = [run[3] for run in good if began < run[1] < ended - 2]
     whole = outcomes.count("whole")
-    figure(row, "runs of the others that come whole", "%d of %d" % (whole, len(outcomes)), "all", whole == len(outcomes))
+    figure(row, "runs of the others that come whole", "%d of %d" % (whole, len(outcomes)), "all",
+           whole == len(outcomes))
     before, during, after = (watch.most(2, *times) for times in
                              ((began, flooded), (flooded, over), (over + 6, ended)))
     figure(row, "descriptors before, in and after a flood", "%d, %d, %d" % (before, during, after), "<= 1024 more",
