@@ -1,5 +1,6 @@
 // main.cpp: the command line of kep-fleet.
 
+#include <malloc.h>
 #include <pthread.h>
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
@@ -118,6 +119,10 @@ void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// A large answer is made by whichever thread is free: were each to keep memory of its own, what one answer takes would
+// in time be held many times over.
+void shareMemory() { mallopt(M_ARENA_MAX, 2); }
+
 sigset_t blockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -166,6 +171,7 @@ ExitStatus serve(const Config &config) {
   const sigset_t signals = blockSignals();
   failIfSignalled();
   raiseDescriptorLimit();
+  shareMemory();
   setUpLog(config.log);
   Fleet fleet(config);
   Metrics metrics(config, fleet.names());

@@ -66,6 +66,7 @@ quietly build/scripts.log tests/scripts/scripts_test.sh
 if [ -n "$all" ]; then
   scripts/fuzz.sh 10
   scripts/soak.sh 60
+  quietly build/fleet-load.out scripts/fleet-load.sh --quick
 
   say "building: fleet-threads"
   cmake --preset fleet-threads >/dev/null
