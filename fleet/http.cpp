@@ -305,6 +305,8 @@ void HttpServer::Implementation::prepare() {
   listener.set_pre_routing_handler([this](const Request &request, Response &) {
     require(access.toKnow(request));
     if (request.has_header("Content-Encoding")) throw Problem(415, "a request's body comes as it is");
+    // Of a body in parts the library reads each head with a regular expression, whose recursion could leave the stack.
+    if (request.get_header_value("Content-Type").rfind("multipart/", 0) == 0) throw Problem(415, "a body has no parts");
     return httplib::Server::HandlerResponse::Unhandled;
   });
   listener.set_error_handler([](const Request &, Response &response) {

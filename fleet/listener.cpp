@@ -33,8 +33,9 @@ int untilDeadline(Listener::Clock::time_point deadline) {
 // ---- requests
 
 // Where the value of a header begins in a head; npos: it has none. `name` is in lower case.
+// The library ends a line at a line feed, whatever is in front of it.
 size_t valueOf(std::string_view head, std::string_view name) {
-  const std::string wanted = "\r\n" + std::string(name) + ":";
+  const std::string wanted = "\n" + std::string(name) + ":";
   const auto same = [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a + ('a' - 'A') : a) == b; };
   const auto found = std::search(head.begin(), head.end(), wanted.begin(), wanted.end(), same);
   return found == head.end() ? std::string_view::npos : static_cast<size_t>(found - head.begin()) + wanted.size();
@@ -213,8 +214,9 @@ bool Listener::isFull() {
   return ready_.size() >= limits_.connections;
 }
 
+// Not more at once than wait in the queue: whoever connects without end would else keep those from being read who ask.
 void Listener::accept() {
-  for (;;) {
+  for (int i = 0; i < kBacklog; ++i) {
     const int socket = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (socket < 0) {  // where it is for want of descriptors, the wait would find the next connection at once
       if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {

@@ -177,13 +177,13 @@ struct Case {
 TEST_F(HttpTest, LetsInWhoMay) {
   const std::string act = "POST /kep/api/selftest?name=other", good = "Authorization: Bearer secret\r\n",
                     kep = "X-Kep: 1\r\n";
-  const std::string manyRanges = "Range: bytes=0-0" + std::string(7000, ',') + "1-1\r\n";
+  const std::string longRange = "X: one line\nRange: bytes=" + std::string(7000, '1') + "-\r\n";
   const std::vector<Case> cases = {
       {"GET /kep/", "", "localhost:1234", 200, 303},
       {"GET /kep", "", "localhost", 303, 303},
       {"GET /", "", "localhost", 404, 404},
       {"GET /kep/login", "", "127.0.0.1", 200, 200},
-      {"GET /kep/fleet.js", manyRanges, "fleet.example", 200, 200},
+      {"GET /kep/fleet.js", longRange, "fleet.example", 200, 200},
       {"GET /kep/healthz", "", "localhost", 200, 200},
       {"GET /kep/healthz", "", "evil.example", 421, 421},
       {"GET /kep/healthz", "", "", 421, 421},
@@ -209,6 +209,7 @@ TEST_F(HttpTest, LetsInWhoMay) {
       {act, good + kep + "Origin: null\r\n", "localhost", 403, 403},
       {act, good + kep + "Sec-Fetch-Site: same-site\r\n", "localhost", 403, 403},
       {act, good + kep + "Content-Encoding: br\r\n", "localhost", 415, 415},
+      {act, good + kep + "Content-Type: multipart/form-data; boundary=x\r\n", "localhost", 415, 415},
   };
   config_.http.prefix = "/kep";
   config_.http.hosts = {"fleet.example"};
