@@ -103,7 +103,8 @@ class Sqlite final : public Database {
     const int64_t reserve = all / 8 + 64;  // it is filled again by what comes next
     if (unused <= reserve) return false;
     script("PRAGMA incremental_vacuum(" + std::to_string(std::min(unused - reserve, kPagesAtOnce)) + ")");
-    return unused - reserve > kPagesAtOnce;
+    // A file that was made by other means may give nothing back.
+    return unused - reserve > kPagesAtOnce && pragma("PRAGMA freelist_count") < unused;
   }
 
   bool isShared() const override { return false; }

@@ -57,7 +57,7 @@ void LeaseKeeper::work() {
     const std::vector<std::string> boards = boards_;
     lock.unlock();
     const bool isRenewed = renew(boards);
-    if (isRenewed) lookAtOthers();
+    if (isRenewed) lookAtOthers(boards);
     lock.lock();
     wake_.wait_for(lock, isRenewed ? lease_ / 3 : lease_ / 15, [this] { return isStopping_; });
   }
@@ -74,6 +74,7 @@ void LeaseKeeper::work() {
 
 bool LeaseKeeper::renew(const std::vector<std::string> &boards) {
   const milliseconds before = bootClock();
+  renewed_ = before;
   std::string problem;
   try {
     const double seconds = static_cast<double>(lease_.count()) / 1000;
@@ -88,12 +89,16 @@ bool LeaseKeeper::renew(const std::vector<std::string> &boards) {
   return problem.empty();
 }
 
-void LeaseKeeper::lookAtOthers() {
+// That may take long, as boards may say much: the leases are renewed meanwhile.
+void LeaseKeeper::lookAtOthers(const std::vector<std::string> &boards) {
   const auto now = std::chrono::steady_clock::now();
   if (now < nextLook_) return;
   nextLook_ = now + kLookAtOthers;
   try {
-    store_->lastRuns(takers_.othersRuns);
+    store_->lastRuns([&](StoredRun &&stored) {
+      if (bootClock() - renewed_ >= lease_ / 3) renew(boards);
+      takers_.othersRuns(std::move(stored));
+    });
   } catch (const std::exception &error) {
     spdlog::warn("what other instances collected cannot be read: {}", error.what());
   }

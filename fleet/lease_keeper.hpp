@@ -40,7 +40,7 @@ class LeaseKeeper {
  private:
   void work();
   bool renew(const std::vector<std::string> &boards);
-  void lookAtOthers();
+  void lookAtOthers(const std::vector<std::string> &boards);
 
   const std::unique_ptr<Store> store_;
   const std::string instance_;
@@ -51,6 +51,7 @@ class LeaseKeeper {
   std::vector<std::string> boards_;
   std::string problem_;
   bool isStopping_ = false, isOver_ = false;
+  std::chrono::milliseconds renewed_{0};            // when that was last tried, by the boot clock
   std::chrono::steady_clock::time_point nextLook_;  // at others' runs
   std::thread thread_;
 };

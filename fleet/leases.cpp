@@ -78,12 +78,13 @@ void SharedLeases::claim(const std::string &instance, const std::map<int64_t, st
       {list, instance, static_cast<int64_t>(atMost)}, take);
 }
 
+// What is being written just now stays for the next time: all other instances would wait with this one.
 void SharedLeases::giveBack(const std::string &instance, const std::set<int64_t> &boards) {
   if (boards.empty()) return;
   database_.execute(
       "UPDATE leases SET owner = '' WHERE board = ANY(ARRAY("
       " SELECT board FROM leases WHERE board" +
-          kInList + " AND owner = $2 ORDER BY board FOR UPDATE))",
+          kInList + " AND owner = $2 ORDER BY board FOR UPDATE SKIP LOCKED))",
       {listOf(boards), instance});
 }
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -75,8 +76,11 @@ struct Resolver::Workers {
     const std::lock_guard<std::mutex> lock(workers->mutex);
     workers->jobs.emplace_back(host, std::move(done));
     if (workers->idle < workers->jobs.size() && workers->count < kMostWorkers) {
-      ++workers->count;
-      std::thread(work, workers).detach();
+      try {
+        std::thread(work, workers).detach();
+        ++workers->count;
+      } catch (const std::system_error &) {  // the system has no more: those that there are, or a later one, do it
+      }
     }
     workers->wake.notify_one();
   }

@@ -98,7 +98,7 @@ class Store {
   virtual std::vector<Event> events(const EventQuery &query) = 0;
 
   // Of each board and type the last run, and the last whole one where that is another, streams included: what an
-  // instance shows of boards before it has asked them, and of those that others ask.
+  // instance shows of boards before it has asked them, and of those that others ask. `take` may use the store itself.
   virtual void lastRuns(const std::function<void(StoredRun &&)> &take) = 0;
 
   virtual std::vector<std::string> boards() = 0;
