@@ -277,6 +277,7 @@ struct HttpServer::Implementation {
   Stores stores;
   FleetRows rows;
   std::atomic<size_t> asks{0};  // that are waited for
+  std::mutex layout;            // of a board's runs: the largest take hundreds of megabytes, decoded
   int port = 0;
   Listener listener;  // the last: its threads use all of the above
 };
@@ -427,6 +428,7 @@ void HttpServer::Implementation::getBoard(const Request &request, Response &resp
   } catch (const std::runtime_error &error) {
     problem = error.what();
   }
+  const std::lock_guard oneAtATime(layout);
   response.set_content(boardJson(state, *namesOf(state), pairs, problem), kJson);
 }
 
@@ -500,6 +502,7 @@ Run HttpServer::Implementation::await(const std::function<Asked(Control::Done)> 
 void HttpServer::Implementation::ask(const Request &request, Response &response, int type) {
   const BoardState state = board(request);
   const Run run = await([&](Control::Done done) { return control.ask(state.config.name, type, std::move(done)); });
+  const std::lock_guard oneAtATime(layout);
   response.set_content(askedJson(*namesOf(state), run), kJson);
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -25,7 +26,8 @@ using std::chrono::milliseconds;
 using ServerRun = kepserver::Run;
 using FleetRun = kepfleet::Run;
 
-constexpr size_t kMostAnswers = 2;  // at once: each takes some 20 bytes a series
+constexpr size_t kMostAnswers = 2;             // at once: each takes some 20 bytes a series
+constexpr std::chrono::seconds kPatience{10};  // with the others: who reads slowly holds up nobody for longer
 constexpr std::chrono::minutes kBetweenWords{1};
 
 // ---- texts
@@ -161,7 +163,8 @@ Metrics::Tables::Tables(const Config &config, const NamesBook &book)
 struct Metrics::Turn {
   explicit Turn(Metrics &owner) : metrics(owner) {
     std::unique_lock lock(metrics.mutex_);
-    metrics.isFree_.wait(lock, [this] { return metrics.answers_ < kMostAnswers; });
+    const auto isFree = [this] { return metrics.answers_ < kMostAnswers; };
+    if (!metrics.isFree_.wait_for(lock, kPatience, isFree)) throw std::runtime_error("too many ask for metrics");
     ++metrics.answers_;
   }
   ~Turn() {

@@ -29,7 +29,7 @@ class Metrics {
   void configure(const Config &config);
 
   // Of the boards that this instance holds, and of the server itself; `now` is in milliseconds since 1970. In pieces:
-  // the text of a large fleet is never in memory as a whole.
+  // the text of a large fleet is never in memory as a whole. Throws std::runtime_error when others take too long.
   void write(const Boards &boards, const Health &health, int64_t now, const Pieces &take);
 
   // Of one run just made.
