@@ -304,7 +304,7 @@ void Listener::answer(const Connection &connection) {
   bool isClosed = false;
   try {
     process_request(exchange, true, isClosed, preferGzip);
-  } catch (const std::exception &) {  // in the middle of an answer: it ends there
+  } catch (...) {  // in the middle of an answer: it ends there
   }
 }
 

@@ -147,6 +147,8 @@ void reload(Fleet &fleet, Metrics &metrics, const std::string &path) {
     metrics.configure(config);
   } catch (const ConfigError &error) {
     spdlog::error("the configuration stays as it is: {}", error.text());
+  } catch (const std::exception &error) {  // such as for want of memory
+    spdlog::error("the configuration stays as it is: {}", error.what());
   }
 }
 
