@@ -21,7 +21,7 @@ struct Health {
   uint64_t droppedRuns = 0;   // that the store did not take in time: lost
   uint64_t refusedRuns = 0;   // written under a lease that was lost
   uint64_t strangers = 0;     // connections that carried no number that was awaited
-  uint64_t skippedPolls = 0;  // that were late by a whole period
+  uint64_t skippedPolls = 0;  // whose time had passed by more than a quarter of their period
   uint64_t startedRuns = 0, wholeRuns = 0;
   uint64_t startedAlarms = 0, failedAlarms = 0, droppedAlarms = 0;  // commands for events
 };

@@ -44,7 +44,7 @@ constexpr OwnMetric kOwnMetrics[] = {
     {"kep_fleet_whole_runs_total", MetricType::kCounter, "Runs that came whole"},
     {"kep_fleet_dropped_runs_total", MetricType::kCounter, "Runs that the store did not take in time"},
     {"kep_fleet_refused_runs_total", MetricType::kCounter, "Runs of boards whose lease was lost"},
-    {"kep_fleet_skipped_polls_total", MetricType::kCounter, "Requests that were late by a whole period"},
+    {"kep_fleet_skipped_polls_total", MetricType::kCounter, "Requests left out, their time long past"},
     {"kep_fleet_strangers_total", MetricType::kCounter, "Connections that carried no number that was awaited"},
     {"kep_fleet_started_alarms_total", MetricType::kCounter, "Commands that were run for events"},
     {"kep_fleet_failed_alarms_total", MetricType::kCounter, "Commands for events that failed, or took too long"},
