@@ -1,4 +1,4 @@
-# Puts files into a C++ source: cmake -DFOLDER=fleet/page -DFILES=a;b -DOUTPUT=page_files.cpp -P KepEmbed.cmake
+# Puts files into a C++ source: cmake -DFOLDER=tools/kep-fleet/page -DFILES=a;b -DOUTPUT=page_files.cpp -P KepEmbed.cmake
 set(arrays "")
 set(rows "")
 set(number 0)
@@ -11,7 +11,7 @@ foreach(file IN LISTS FILES)
   string(APPEND rows "      {\"${file}\", {file${number}, sizeof file${number}}, \"${tag}\"},\n")
   math(EXPR number "${number} + 1")
 endforeach()
-file(WRITE ${OUTPUT} "#include \"fleet/page_files.hpp\"\n
+file(WRITE ${OUTPUT} "#include \"kep-fleet/page_files.hpp\"\n
 namespace kepfleet {\n
 namespace {\n
 ${arrays}

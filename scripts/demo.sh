@@ -158,7 +158,7 @@ selfTest() { request POST "/api/selftest?name=board-$(printf %02d "$1")" | grep 
 # fleet ARGUMENT...: kep-fleet beside the one that serves.
 fleet() {
   say "kep-fleet $*"
-  "$host/fleet/kep-fleet" --config "$host/fleet.toml" "$@"
+  "$host/tools/kep-fleet/kep-fleet" --config "$host/fleet.toml" "$@"
 }
 
 playFleet() {
@@ -170,7 +170,7 @@ playFleet() {
     cat - "$host/boards.toml" >"$host/fleet.toml"
   fleet --check
   say "starting kep-fleet"
-  launch kep-fleet "says kep-fleet page" "$host/fleet/kep-fleet" --config "$host/fleet.toml"
+  launch kep-fleet "says kep-fleet page" "$host/tools/kep-fleet/kep-fleet" --config "$host/fleet.toml"
   sleep 6 # every board has been asked, and the dead one waited for
   say "what became of the runs"
   fleet runs --format csv | tail -n +4 | cut -d , -f 4-5 | sort | uniq -c

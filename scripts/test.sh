@@ -45,10 +45,10 @@ for preset in "${compiled[@]}"; do
 done
 
 say "static analysis"
-sources src platform server examples tools fleet | grep '\.cpp$' |
+sources src platform server examples tools | grep '\.cpp$' |
   xargs -P "$(nproc)" -n 1 clang-tidy --quiet --warnings-as-errors='*' -p build/dev 2>/dev/null
 cppcheck --quiet --error-exitcode=1 --std=c++17 --language=c++ --enable=warning,performance,portability \
-  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -Itools -I. src platform server examples tools fleet
+  --suppressions-list=scripts/cppcheck.txt -Iinclude -Isrc -Itools -I. src platform server examples tools
 
 for preset in "${compiled[@]}"; do
   say "building: $preset"

@@ -103,7 +103,7 @@ class Fleet(Process):
         self.start()
 
     def start(self):
-        super().__init__(self.folder, self.name, [BUILD + "/fleet/kep-fleet", "--config", self.path])
+        super().__init__(self.folder, self.name, [BUILD + "/tools/kep-fleet/kep-fleet", "--config", self.path])
 
     def resident(self):
         with open("/proc/%d/status" % self.process.pid) as status:
@@ -122,7 +122,7 @@ class Fleet(Process):
 
     def runs(self):
         """Those that are stored, as (board, when asked, seconds, outcome)."""
-        with subprocess.Popen([BUILD + "/fleet/kep-fleet", "runs", "--format", "csv", "--config", self.path],
+        with subprocess.Popen([BUILD + "/tools/kep-fleet/kep-fleet", "runs", "--format", "csv", "--config", self.path],
                               stdout=subprocess.PIPE, text=True) as listed:
             return [(row["board"], datetime.datetime.fromisoformat(row["started"][:-1] + "+00:00").timestamp(),
                      int(row["duration_ms"]) / 1000, row["outcome"]) for row in csv.DictReader(listed.stdout)]

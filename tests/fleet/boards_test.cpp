@@ -1,6 +1,6 @@
 // boards_test.cpp: what is known of a board behind each of its runs, and what is an event.
 
-#include "fleet/boards.hpp"
+#include "kep-fleet/boards.hpp"
 
 #include <gtest/gtest.h>
 

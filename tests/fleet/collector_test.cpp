@@ -1,6 +1,6 @@
 // collector_test.cpp: the collector against boards of every manner, all at the same time.
 
-#include "fleet/collector.hpp"
+#include "kep-fleet/collector.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

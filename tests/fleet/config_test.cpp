@@ -1,13 +1,13 @@
 // config_test.cpp: what a configuration means, and what is refused, with its line.
 
-#include "fleet/config.hpp"
+#include "kep-fleet/config.hpp"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "fleet/names_book.hpp"
+#include "kep-fleet/names_book.hpp"
 
 namespace {
 

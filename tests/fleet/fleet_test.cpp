@@ -1,6 +1,6 @@
 // fleet_test.cpp: the server as a whole, with boards that the test plays and a store that it steers.
 
-#include "fleet/fleet.hpp"
+#include "kep-fleet/fleet.hpp"
 
 #include <gtest/gtest.h>
 

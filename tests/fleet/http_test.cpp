@@ -1,6 +1,6 @@
 // http_test.cpp: the HTTP side over real sockets, on a real store: who may do what, what is told, and that nobody can
 // hold it up.
-#include "fleet/http.hpp"
+#include "kep-fleet/http.hpp"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>

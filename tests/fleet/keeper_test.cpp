@@ -1,6 +1,6 @@
 // keeper_test.cpp: the keeper, with a store that fails and hangs.
 
-#include "fleet/keeper.hpp"
+#include "kep-fleet/keeper.hpp"
 
 #include <gtest/gtest.h>
 

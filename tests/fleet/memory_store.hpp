@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "fleet/store.hpp"
+#include "kep-fleet/store.hpp"
 
 // What connections to it share.
 struct Memory {

@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "fleet/alarm.hpp"
-#include "fleet/metrics.hpp"
+#include "kep-fleet/alarm.hpp"
+#include "kep-fleet/metrics.hpp"
 #include "server/board_stream.hpp"
 
 using namespace kepfleet;

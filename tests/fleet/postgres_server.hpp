@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "fleet/database.hpp"
+#include "kep-fleet/database.hpp"
 
 class PostgresServer {
  public:

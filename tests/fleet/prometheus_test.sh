@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# prometheus_test.sh SOURCE KEP-FLEET KEP-BOARDS: Debian's prometheus scrapes a fleet as fleet/prometheus tells it to, and
+# prometheus_test.sh SOURCE KEP-FLEET KEP-BOARDS: Debian's prometheus scrapes a fleet as the example configuration tells it to, and
 # answers questions. Skipped, and says so, where it is not installed.
 set -euo pipefail
 source=$1 fleet=$2 boards=$3
@@ -49,8 +49,8 @@ limits = { connect = "1s" }
 END
 start fleet 'the page is at' "$fleet" --config "$work/fleet.toml"
 page=$(grep -oE 'http://127[^/]*' "$work/fleet.log")
-cp "$source/fleet/prometheus/rules.yml" "$work"
-sed "s/127.0.0.1:9180/${page#http://}/; s/1m\$/1s/; s/30s\$/1s/" "$source/fleet/prometheus/prometheus.yml" >"$work/prometheus.yml"
+cp "$source/tools/kep-fleet/prometheus/rules.yml" "$work"
+sed "s/127.0.0.1:9180/${page#http://}/; s/1m\$/1s/; s/30s\$/1s/" "$source/tools/kep-fleet/prometheus/prometheus.yml" >"$work/prometheus.yml"
 promtool check config "$work/prometheus.yml" >/dev/null || fail "its configuration is not good"
 start prometheus 'Server is ready' prometheus --config.file="$work/prometheus.yml" --storage.tsdb.path="$work/data" \
   --web.listen-address=127.0.0.1:0

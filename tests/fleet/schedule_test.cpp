@@ -1,6 +1,6 @@
 // schedule_test.cpp: the schedule over simulated time, in which a fleet of boards of several manners answers.
 
-#include "fleet/schedule.hpp"
+#include "kep-fleet/schedule.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // One set of tests for both kinds of store. What they use of SQL is what every database has.
 
-#include "fleet/store.hpp"
+#include "kep-fleet/store.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -16,8 +16,8 @@
 #include <random>
 #include <sstream>
 
-#include "fleet/database.hpp"
-#include "fleet/schema.hpp"
+#include "kep-fleet/database.hpp"
+#include "kep-fleet/schema.hpp"
 #include "postgres_server.hpp"
 
 using namespace kepfleet;

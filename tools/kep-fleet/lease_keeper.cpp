@@ -1,0 +1,107 @@
+#include "kep-fleet/lease_keeper.hpp"
+
+#include <spdlog/spdlog.h>
+
+#include <ctime>
+#include <utility>
+
+namespace kepfleet {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kLookAtOthers{15'000};
+
+}  // namespace
+
+milliseconds bootClock() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return milliseconds(int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000);
+}
+
+LeaseKeeper::LeaseKeeper(std::unique_ptr<Store> store, std::string instance, milliseconds lease, Takers takers)
+    : store_(std::move(store)), instance_(std::move(instance)), lease_(lease), takers_(std::move(takers)) {}
+
+LeaseKeeper::~LeaseKeeper() {
+  stop(milliseconds(0));
+  if (thread_.joinable()) thread_.join();
+}
+
+void LeaseKeeper::start(std::vector<std::string> boards) {
+  setBoards(std::move(boards));
+  thread_ = std::thread([this] { work(); });
+}
+
+void LeaseKeeper::setBoards(std::vector<std::string> boards) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  boards_ = std::move(boards);
+}
+
+std::string LeaseKeeper::problem() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return problem_;
+}
+
+bool LeaseKeeper::stop(milliseconds patience) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  isStopping_ = true;
+  wake_.notify_all();
+  return !thread_.joinable() || wake_.wait_for(lock, patience, [this] { return isOver_; });
+}
+
+void LeaseKeeper::work() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!isStopping_) {
+    const std::vector<std::string> boards = boards_;
+    lock.unlock();
+    const bool isRenewed = renew(boards);
+    if (isRenewed) lookAtOthers(boards);
+    lock.lock();
+    wake_.wait_for(lock, isRenewed ? lease_ / 3 : lease_ / 15, [this] { return isStopping_; });
+  }
+  lock.unlock();
+  try {
+    store_->leases()->release(instance_);
+  } catch (const std::exception &error) {
+    spdlog::warn("the leases stay until they end: {}", error.what());
+  }
+  lock.lock();
+  isOver_ = true;
+  wake_.notify_all();
+}
+
+bool LeaseKeeper::renew(const std::vector<std::string> &boards) {
+  const milliseconds before = bootClock();
+  renewed_ = before;
+  std::string problem;
+  try {
+    const double seconds = static_cast<double>(lease_.count()) / 1000;
+    takers_.leases(store_->leases()->renew(instance_, boards, seconds), before + lease_);
+  } catch (const std::exception &error) {
+    problem = error.what();
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (problem.empty() && !problem_.empty()) spdlog::info("the leases are renewed again");
+  if (!problem.empty() && problem_.empty()) spdlog::error("the leases cannot be renewed: {}", problem);
+  problem_ = problem;
+  return problem.empty();
+}
+
+// That may take long, as boards may say much: the leases are renewed meanwhile.
+void LeaseKeeper::lookAtOthers(const std::vector<std::string> &boards) {
+  const auto now = std::chrono::steady_clock::now();
+  if (now < nextLook_) return;
+  nextLook_ = now + kLookAtOthers;
+  try {
+    store_->lastRuns([&](StoredRun &&stored) {
+      if (bootClock() - renewed_ >= lease_ / 3) renew(boards);
+      takers_.othersRuns(std::move(stored));
+    });
+  } catch (const std::exception &error) {
+    spdlog::warn("what other instances collected cannot be read: {}", error.what());
+  }
+}
+
+}  // namespace kepfleet
