@@ -87,8 +87,8 @@ def page(text, name):
             in_fence = not in_fence
             line = re.sub(r"^```\w+", "```", line)
         elif not in_fence and (heading := re.match(r"(#+) (.*)", line)):
-            label = ("mainpage" if name == "README" else f"kep-{name}") if number == 0 else f"kep-{name}-{slug(heading[2])}"
-            line = f"{line} {{#{label}}}"
+            label = f"kep-{name}" if number == 0 else f"kep-{name}-{slug(heading[2])}"
+            line += " {#mainpage}" if label == "kep-README" else f" {{#{label}}}"
         elif not in_fence:
             line = re.sub(r"(?<!!)\[([^\]]*)\]\(([^)#]*)(?:#([^)]*))?\)", link, line)
         out.append(line)
