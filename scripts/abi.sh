@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# abi.sh [--renew]: whether the shared library is still the one that hosts were linked with: abidiff compares it with the
-# baseline in scripts/abi, on x86-64 and on the board. What is added is a change as well. A change is meant where the
-# same commit renews the baseline (--renew) and says so in CHANGELOG.md.
+# abi.sh [--renew]: whether the shared library is still the one that hosts were linked with: abidiff compares it with
+# the baseline in scripts/abi, on x86-64 and on the board. What is added is a change as well. A change is meant where
+# the same commit renews the baseline (--renew) and says so in CHANGELOG.md.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
@@ -19,13 +19,13 @@ built() {
   quietly "build/abi/$1.log" cmake --build "build/abi/$1" --target kep_shared
 }
 
-# Types count as the public headers show them.
-public=(--drop-private-types --exported-interfaces-only)
-
-# described TARGET: what hosts can see of it, without folders and names that say nothing to them.
+# described TARGET: what hosts can see of it: types as the public headers show them, without folders and names that say
+# nothing to them.
 described() {
-  abidw --headers-dir include "${public[@]}" --drop-undefined-syms --no-corpus-path --no-comp-dir-path --no-show-locs \
-    --no-parameter-names --no-elf-needed --type-id-style hash "build/abi/$1/libkep.so" | sed "s| path='[^']*/| path='|"
+  abidw --headers-dir include --drop-private-types --exported-interfaces-only --drop-undefined-syms --no-corpus-path \
+    --no-comp-dir-path --no-show-locs --no-parameter-names --no-elf-needed --type-id-style hash \
+    "build/abi/$1/libkep.so" | sed "s| path='[^']*/| path='|" >"build/abi/$1.xml"
+  grep -q '<function-decl' "build/abi/$1.xml" || { echo "abi.sh: no types in the library for $1" >&2; exit 1; }
 }
 
 # isTold: whether the baseline's latest change came with a line in CHANGELOG.md.
@@ -44,10 +44,11 @@ built powerpc -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake"
 failed=
 for target in x86_64 powerpc; do
   baseline=scripts/abi/$target.xml
+  described $target
   if [ "${1-}" = --renew ]; then
-    described $target >$baseline
-  elif ! abidiff --fail-no-debug-info --headers-dir2 include "${public[@]}" $baseline build/abi/$target/libkep.so; then
-    echo "abi.sh: the ABI has changed on $target; if it is meant: scripts/abi.sh --renew, and a line in CHANGELOG.md" >&2
+    cp build/abi/$target.xml $baseline
+  elif ! abidiff $baseline build/abi/$target.xml; then
+    echo "abi.sh: changed on $target; where that is meant: scripts/abi.sh --renew, and a line in CHANGELOG.md" >&2
     failed=yes
   fi
 done

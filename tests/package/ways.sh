@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# ways.sh SOURCE BUILD CMAKE_OPTION...: a host in C is built in every way that the documentation names, and run: with the
-# compiler CC, looked at by READELF, under EMULATOR where that says something, for a target that the options are of.
+# ways.sh SOURCE BUILD CMAKE_OPTION...: a host in C is built in every way that the documentation names, and run. The
+# compiler CC, READELF, EMULATOR, which may be empty, and the options are the target's.
 set -euo pipefail
 source=$1 build=$2
 shift 2
@@ -64,7 +64,8 @@ project() {
 
 # installed NAME: the files that it installs, under a folder of the packager's.
 installed() {
-  DESTDIR=$work/$1.stage cmake --install "$1" >>"$1.log" && { [ ! -d "$1.stage" ] || (cd "$1.stage" && find . -type f); }
+  DESTDIR=$work/$1.stage cmake --install "$1" >>"$1.log"
+  [ ! -d "$1.stage" ] || (cd "$1.stage" && find . -type f)
 }
 
 # Installed to a prefix, which then moves.
