@@ -10,6 +10,7 @@ rm -rf "$work"
 mkdir "$work"
 cd "$work"
 cp "$source/tests/package/consumer/host.c" .
+sed -n '/^```c$/,/^```$/{ /^```/d; p }' "$source/docs/porting.md" >layer.c
 failed=0
 fail() { echo "ways.sh: $*" >&2; failed=1; }
 
@@ -26,7 +27,7 @@ run() {
 
 # Lines for a shell, as the documentation prints them. Those who neither say so nor name an archive link the shared one.
 lines() {
-  grep '^cc ' "$source/README.md"
+  grep -h '^cc ' "$source/README.md" "$source/docs/porting.md"
   cat <<'LINES'
 cc host.c $(pkg-config --cflags --libs kep-platform-posix kep)
 cc host.c $(pkg-config --static --cflags --libs kep kep-platform-posix)
@@ -50,7 +51,7 @@ byHand() {
     if eval "${line//PREFIX/$1}"; then run "$line" $kind ./host; else fail "$line: does not link"; fi
     count=$((count + 1))
   done < <(lines)
-  [ $count -ge 7 ] || fail "README has no lines to link by"
+  [ $count -eq 9 ] || fail "the documentation has other lines to link by: $count"
 }
 
 # project NAME OPTION...: the consumer's, built in a folder of that name.
@@ -94,4 +95,9 @@ export PKG_CONFIG_LIBDIR=$work/a/lib/pkgconfig
 libraries=$work/a/lib
 project apart -Dkep_DIR="$work/a/lib/cmake/kep"
 run "apart by pkg-config" shared apart/pkgconfig_host
+
+# A debug build looks at the blocks of a layer.
+cc -I b/include host.c layer.c -L a/lib -l:libkep.a -l:libkep_platform_posix.a
+run "the documented layer" static ./host 2>complaints
+[ ! -s complaints ] || fail "the documented layer: $(cat complaints)"
 exit $failed
