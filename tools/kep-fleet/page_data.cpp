@@ -574,6 +574,7 @@ std::string healthJson(const Health &health, bool withReasons) {
   Json json = {{"ok", health.store.empty() && health.leases.empty()}};
   if (withReasons) {
     json.update({{"store", printable(health.store)},
+                 {"removal", printable(health.removal)},
                  {"leases", printable(health.leases)},
                  {"heldBoards", health.heldBoards},
                  {"runsUnderWay", health.runsUnderWay},
