@@ -234,6 +234,7 @@ TEST_F(HttpTest, LetsInWhoMay) {
   for (int i = 0; i < 60; ++i)
     refused += statusOf(ask("GET /kep/metrics", "Authorization: Bearer x\r\n")) == 429 ? 1 : 0;
   EXPECT_GT(refused, 20);
+  EXPECT_EQ(statusOf(ask("GET /kep/metrics", good)), 200);
 
   config_.http = {};
   config_.http.address = "0.0.0.0";

@@ -275,6 +275,13 @@ TEST_P(StoreTest, KeepsDictionariesAsLongAsARunNeedsThem) {
   }
   EXPECT_EQ(number("SELECT count(*) FROM dictionaries"), 0);
   runs.clear();
+  std::vector<Run> last;  // makes one that none of them is stored with
+  for (int i = 0; i < 32; ++i) last.push_back(runOf("a", kStart + 20 * kDay + i, streamOf(random, 'q')));
+  store->write(last, {});
+  EXPECT_EQ(number("SELECT count(*) FROM dictionaries"), 1);
+  while (!store->removeBefore(0, kStart + 30 * kDay, 50).isAll) {
+  }
+  EXPECT_EQ(number("SELECT count(*) FROM dictionaries"), 0);
   write(30, 'k', 20);  // the writer still had it
   compare();
 }

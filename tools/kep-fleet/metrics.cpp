@@ -29,6 +29,7 @@ using FleetRun = kepfleet::Run;
 constexpr size_t kMostAnswers = 2;             // at once: each takes some 20 bytes a series
 constexpr std::chrono::seconds kPatience{10};  // with the others: who reads slowly holds up nobody for longer
 constexpr std::chrono::minutes kBetweenWords{1};
+constexpr std::chrono::hours kByHand{1};  // so long a run counts that no schedule makes
 
 // ---- texts
 
@@ -187,7 +188,8 @@ struct Metrics::Answer {
   void addFacts(const FleetRun &run, const FleetRun *lastWhole, bool isUp);
   void addNumbers(const BoardState &board, const FleetRun &run);
   void addHealth(const Health &health, size_t boardCount, uint64_t leftOutBefore);
-  bool isFresh(const BoardState &board, const FleetRun &run) const;
+  const Poll *pollOf(const BoardState &board, int type) const;
+  bool isFresh(const FleetRun &run, const Poll *poll) const;
   void leaveOut(std::string what);
 
   const Tables &tables;
@@ -215,23 +217,31 @@ bool Metrics::Answer::begin(const BoardState &board) {
   return isNew;
 }
 
-// Two periods without a run: what the last one said is no news any more. Who asks by hand knows what he asks.
-bool Metrics::Answer::isFresh(const BoardState &board, const FleetRun &run) const {
+const Poll *Metrics::Answer::pollOf(const BoardState &board, int type) const {
   for (const Poll &poll : tables.polls) {
-    if (poll.type != run.type || !hasLabels(board.config.labels, poll.labels)) continue;
-    return run.started + (2 * poll.every + tables.longestRun).count() >= now;
+    if (poll.type == type && hasLabels(board.config.labels, poll.labels)) return &poll;
   }
-  return true;
+  return nullptr;
 }
 
-// Of what several types of request bring, the newest counts.
+// Two periods without a run: what the last one said is no news any more.
+bool Metrics::Answer::isFresh(const FleetRun &run, const Poll *poll) const {
+  const milliseconds time = poll ? 2 * poll->every + tables.longestRun : milliseconds(kByHand);
+  return run.started + time.count() >= now;
+}
+
+// Of what several types of request bring, the newest counts. A run by hand that is old leaves nothing: no other is
+// missed.
 void Metrics::Answer::addBoard(const BoardState &board) {
   if (!begin(board)) return;
   std::vector<const FleetRun *> runs;
   for (size_t type = 0; type < board.last.size(); ++type) {
     const FleetRun *const run = board.last[type].get();
     if (!run) continue;
-    const bool isUp = isWhole(*run) && isFresh(board, *run);
+    const Poll *const poll = pollOf(board, run->type);
+    const bool isNews = isFresh(*run, poll);
+    if (!poll && !isNews) continue;
+    const bool isUp = isWhole(*run) && isNews;
     addFacts(*run, board.lastWhole[type].get(), isUp);
     if (isUp) runs.push_back(run);
   }
