@@ -260,6 +260,7 @@ TEST_P(StoreTest, KeepsDictionariesAsLongAsARunNeedsThem) {
   write(0, 'A', 200);
   EXPECT_EQ(number("SELECT count(*) FROM dictionaries"), 1);
   EXPECT_LT(size(kStart + 100'000), double(runs[0].stream.size()) / 5);
+  store.reset();
   store = openStore(where_);  // another process, or instance, goes on with it
   write(1, 'A', 100);
   EXPECT_EQ(number("SELECT count(*) FROM dictionaries"), 1);
@@ -395,10 +396,12 @@ TEST_P(SqliteTest, IsPrivateGivesSpaceBackAndIsCopiedInUse) {
   EXPECT_THROW(openStoreToRead(where_), StoreError);
   const auto store = openStore(where_);
   EXPECT_EQ(store->leases(), nullptr);
+  std::filesystem::create_symlink(where_, folder_ + "/link.db");
+  EXPECT_THROW(openStore(folder_ + "/link.db"), StoreError) << "collected into already";
   std::vector<Run> some;
   for (int i = 0; i < 100; ++i) some.push_back(runOf("e", kStart + i, streamOf(random, 'E', 50'000)));
   store->write(some, {});
-  for (const char *suffix : {"", "-wal", "-shm", "/.."}) {
+  for (const char *suffix : {"", "-wal", "-shm", "-lock", "/.."}) {
     struct stat status {};
     const std::string path = *suffix == '/' ? std::filesystem::path(where_).parent_path().string() : where_ + suffix;
     ASSERT_EQ(stat(path.c_str(), &status), 0);

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <stdexcept>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -26,8 +25,6 @@ using std::chrono::milliseconds;
 using ServerRun = kepserver::Run;
 using FleetRun = kepfleet::Run;
 
-constexpr size_t kMostAnswers = 2;             // at once: each takes some 20 bytes a series
-constexpr std::chrono::seconds kPatience{10};  // with the others: who reads slowly holds up nobody for longer
 constexpr std::chrono::minutes kBetweenWords{1};
 constexpr std::chrono::hours kByHand{1};  // so long a run counts that no schedule makes
 
@@ -160,25 +157,6 @@ class RunSamples {
 Metrics::Tables::Tables(const Config &config, const NamesBook &book)
     : names(book.all()), polls(config.polls), longestRun(config.limits.run) {}
 
-// A place among those who may make an answer now.
-struct Metrics::Turn {
-  explicit Turn(Metrics &owner) : metrics(owner) {
-    std::unique_lock lock(metrics.mutex_);
-    const auto isFree = [this] { return metrics.answers_ < kMostAnswers; };
-    if (!metrics.isFree_.wait_for(lock, kPatience, isFree)) throw std::runtime_error("too many ask for metrics");
-    ++metrics.answers_;
-  }
-  ~Turn() {
-    const std::lock_guard lock(metrics.mutex_);
-    --metrics.answers_;
-    metrics.isFree_.notify_one();
-  }
-  Turn(const Turn &) = delete;
-  Turn &operator=(const Turn &) = delete;
-
-  Metrics &metrics;
-};
-
 struct Metrics::Answer {
   Answer(const Tables &all, const NamesBook &names, int64_t moment)
       : tables(all), book(names), now(moment), samples(all.names.families()) {}
@@ -259,6 +237,7 @@ void Metrics::Answer::addFacts(const FleetRun &run, const FleetRun *lastWhole, b
 }
 
 void Metrics::Answer::addNumbers(const BoardState &board, const FleetRun &run) {
+  const DecodingTurn turn(run.stream.size());
   const ServerRun content = decode(run);
   const std::string identity = content.identity ? content.identity->bytes.substr(0, 2) : board.identity;
   const NamesPointer names = book.of(board.config, identity);
@@ -308,7 +287,6 @@ std::shared_ptr<const Metrics::Tables> Metrics::tables() const {
 }
 
 void Metrics::write(const Boards &boards, const Health &health, int64_t now, const Pieces &take) {
-  const Turn turn(*this);
   const std::shared_ptr<const Tables> all = tables();
   Answer answer(*all, names_, now);
   std::vector<BoardState> states = boards.all();
