@@ -237,11 +237,15 @@ TEST_F(HttpTest, LetsInWhoMay) {
   EXPECT_EQ(statusOf(ask("GET /kep/metrics", good)), 200);
 
   config_.http = {};
-  config_.http.address = "0.0.0.0";
+  const int six = socket(AF_INET6, SOCK_STREAM, 0);
+  close(six);
+  config_.http.address = six < 0 ? "0.0.0.0" : "::";  // the one for both
   config_.http.port = 0;
   serve();
   EXPECT_EQ(statusOf(ask("GET /api/fleet", "", "127.0.0.1")), 200);
   EXPECT_EQ(statusOf(ask("POST /api/collect?name=other", kep, "127.0.0.1")), 403) << "others than this machine's users";
+  EXPECT_EQ(statusOf(ask("GET /api/fleet", "", "[::]:9180")), 200);
+  EXPECT_EQ(statusOf(ask("GET /api/fleet", "", "[::1]:9180")), 421);
 }
 
 TEST_F(HttpTest, TellsWhatChanged) {
