@@ -131,10 +131,9 @@ void putHex(Sink &out, std::string_view bytes) { appendHex(out, bytes); }
 
 size_t portionOf(std::string_view bytes) {
   if (bytes.size() <= Sink::kPortion) return bytes.size();
-  for (size_t size = Sink::kPortion; size > Sink::kPortion - 4; --size) {
-    if ((static_cast<uint8_t>(bytes[size]) & 0xC0) != 0x80) return size;
-  }
-  return Sink::kPortion;
+  size_t size = Sink::kPortion;
+  while (size > Sink::kPortion - 3 && (static_cast<uint8_t>(bytes[size]) & 0xC0) == 0x80) --size;
+  return size;
 }
 
 size_t widthOf(std::string_view text) {

@@ -78,8 +78,7 @@ void putPrintable(Sink &out, std::string_view bytes);
 std::string hex(std::string_view bytes);
 void putHex(Sink &out, std::string_view bytes);
 
-// The size of the first portion of `bytes`, which cuts no character: behind it stands none of the bytes that go on with
-// one, unless there are more of them than a character has.
+// The size of the first portion of `bytes`, which cuts no character.
 size_t portionOf(std::string_view bytes);
 
 // How many characters a printable text has.
