@@ -78,8 +78,11 @@ if [ -n "$all" ]; then
 
   find build/coverage -name '*.gcda' -delete # of earlier runs
   run_tests coverage
-  say "coverage of src/"
-  gcovr --root . --filter src/ --exclude-throw-branches --print-summary --fail-under-line 98 build/coverage
+  say "coverage"
+  gcovr --root . -j "$(nproc)" --exclude-throw-branches --filter '(src|server|tools)/' --json build/coverage/lines.json build/coverage
+  for room in src/ server/ 'tools/(?!kep-fleet/)' tools/kep-fleet/; do
+    gcovr --root . --filter "$room" --print-summary --fail-under-line 98 --add-tracefile build/coverage/lines.json
+  done
 fi
 
 for preset in "${presets[@]}"; do
