@@ -14,7 +14,7 @@ esac
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
   git clang clang-format clang-tidy cppcheck libgtest-dev googletest binutils mandoc iproute2 \
-  python3 tshark doxygen curl ${all:+gcovr valgrind abigail-tools "${fuzz_packages[@]}"}
+  python3 tshark doxygen curl systemd bash-completion zsh ${all:+gcovr valgrind abigail-tools "${fuzz_packages[@]}"}
 
 # What kep-fleet is tried with. A browser without a head does, and brings no desktop along.
 want prometheus prometheus
