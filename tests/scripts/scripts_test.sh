@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# scripts_test.sh: the scripts find their folder from anywhere, and a demo that fails leaves nothing behind.
+# scripts_test.sh: the scripts find their folder from anywhere, and a demo that fails leaves nothing behind; and
+# who needs a package that another one keeps out is told of it.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/../.."
 work=$(mktemp -d)
@@ -15,6 +16,31 @@ for script in scripts/*.sh; do
   CDPATH=$work "$script" --no-such-option >"$work/usage" 2>&1 || status=$?
   check "$status" 2 "exit status of $script for wrong usage, with a CDPATH"
 done
+
+# Every package that a script installs is explained, and the packages have the library's version.
+packages=$(sed -e :a -e '/\\$/{N;s/\\\n//;ta' -e '}' scripts/*.sh |
+  sed -nE 's/"[^"]*"//g; s/[$][{][a-z]+:[+]//g; s/^(.*\|\| )?(need|want [^ ]+) (.*)/\3/p; s/^ *[a-z_]*packages[+]?=\(//p' |
+  tr ' ()}' '\n' | grep -E '^[a-z0-9][a-z0-9.+-]+$' | sort -u)
+check "$(for package in $packages; do grep -qF "\`$package\`" docs/dependencies.md || echo "$package"; done)" "" \
+  "packages that docs/dependencies.md does not name"
+check "$(sed -n '1s/.*(\(.*\)).*/\1/p' debian/changelog)" "$(sed -n 's/^#define KEP_VERSION "\(.*\)"/\1/p' include/kep/kep.h)" \
+  "version in debian/changelog"
+
+# A package that another one keeps out is not installed, and that one is named.
+mkdir "$work/apt"
+cat >"$work/apt/apt-get" <<'STUB'
+#!/bin/sh
+case "$*" in
+  *--simulate*) echo 'Remv one-that-stays [1.0]' ;;
+  *--no-remove*) echo 'E: Packages need to be removed but remove is disabled.'; exit 100 ;;
+esac
+STUB
+printf '#!/bin/sh\nexec "$@"\n' >"$work/apt/sudo"
+chmod +x "$work"/apt/*
+status=0
+PATH=$work/apt:$PATH bash -euc '. scripts/common.sh; need no-such-package' >"$work/need" 2>&1 || status=$?
+check "$status" 1 "exit status where a package would have to go"
+check "$(grep -c '^not installed: .*first: one-that-stays$' "$work/need")" 1 "who names what is in the way"
 
 # A demo fails while its host runs, at its sed, and not even tail works then. In its place a second one is tried.
 mkdir "$work/bin"

@@ -112,7 +112,8 @@ class Store {
 };
 
 // "postgresql://..." or "postgres://..." is a database, anything else the path of an SQLite file, made when it is
-// missing with its folder. Makes the schema, or migrates an older one; a newer one is an error.
+// missing with its folder. Makes the schema, or migrates an older one; a newer one is an error, and so is a file that
+// is open already by this function.
 std::unique_ptr<Store> openStore(const std::string &where);
 
 // Opens it to be read only, as the HTTP side does, beside the one that writes.
