@@ -24,7 +24,7 @@ say "installing"
 chroot "$root" sh -c 'dpkg --install /tmp/packages/*.deb' >"$folder/install.log" 2>&1 ||
   { cat "$folder/install.log" >&2; exit 1; }
 say "the unit"
-complaints=$(chroot "$root" systemd-analyze verify kep-fleet.service 2>&1) && [ -z "$complaints" ] ||
+complaints=$(chroot "$root" systemd-analyze --man=no verify kep-fleet.service 2>&1) && [ -z "$complaints" ] ||
   { echo "$complaints" >&2; exit 1; }
 for name in hosts fleet; do
   say "$name"
