@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# package.sh [--board]: builds the Debian packages, twice, in build/package, and tries them: lintian finds nothing that is
-# not excused; in a fresh minimal root they are installed, hosts are built against them and collected from, kep-fleet is
-# started, and all of it is removed again without a trace; both builds are the same to the byte, and so are two archives
-# of a tag. With --board also cross-built for powerpc, the library and the example hosts, which run under qemu.
+# package.sh [--board]: builds the Debian packages, twice, in build/package, and tries them: lintian finds nothing that
+# is not excused; in a fresh minimal root they are installed, hosts are built against them and collected from, kep-fleet
+# is started, and all of it is removed again without a trace; both builds are the same to the byte, and so are two
+# archives of a tag. With --board also cross-built for powerpc, the library and the example hosts, which run under qemu.
 #
 # The root is made by mmdebstrap, which takes root or user namespaces; where there are neither that part is skipped.
 # What is left to look at: build/package/one, a list of what is in the packages in kep.spdx.json, and all logs.
@@ -39,8 +39,8 @@ unpack() {
   git archive "$commit" | tar -x -C "$1/kep"
 }
 
-# build FOLDER ARGUMENT...: the packages, from sources unpacked there; without what debuggers want, which takes as long as
-# all the rest.
+# build FOLDER ARGUMENT...: the packages, from sources unpacked there; without what debuggers want, which takes as long
+# as all the rest.
 build() (
   cd "$1/kep"
   export DEB_BUILD_OPTIONS=noautodbgsym DEB_CFLAGS_STRIP=-g DEB_CXXFLAGS_STRIP=-g
@@ -134,9 +134,8 @@ if [ -n "$board" ]; then
     twin=$one/$(basename "${package%_powerpc.deb}")_$(dpkg --print-architecture).deb
     [ "$(dpkg-deb -f "$package" Architecture)" = powerpc ] || fail "$package is for another architecture"
     diff <(contents "$package") <(contents "$twin" | sed "s/$(gcc -print-multiarch)/$powerpc/")
-    for field in Depends Multi-Arch Section; do # versions of libc aside
-      diff <(dpkg-deb -f "$package" $field | sed 's/(>= [0-9.]*)//') \
-        <(dpkg-deb -f "$twin" $field | sed 's/(>= [0-9.]*)//')
+    for field in Depends Multi-Arch Section; do # versions aside, which are those of another C library
+      diff <(dpkg-deb -f "$package" $field | sed 's/ *([^)]*)//g') <(dpkg-deb -f "$twin" $field | sed 's/ *([^)]*)//g')
     done
     dpkg-deb -x "$package" "$work/board/root"
   done

@@ -79,9 +79,10 @@ if [ -n "$all" ]; then
   find build/coverage -name '*.gcda' -delete # of earlier runs
   run_tests coverage
   say "coverage"
-  gcovr --root . -j "$(nproc)" --exclude-throw-branches --filter '(src|server|tools)/' --json build/coverage/lines.json build/coverage
+  lines=build/coverage/lines.json
+  gcovr --root . -j "$(nproc)" --exclude-throw-branches --filter '(src|server|tools)/' --json $lines build/coverage
   for room in src/ server/ 'tools/(?!kep-fleet/)' tools/kep-fleet/; do
-    gcovr --root . --filter "$room" --print-summary --fail-under-line 98 --add-tracefile build/coverage/lines.json
+    gcovr --root . --filter "$room" --print-summary --fail-under-line 98 --add-tracefile $lines
   done
 fi
 

@@ -18,7 +18,8 @@ in_bash() {
 }
 # in_zsh WORD...: what is handed to the shell: names and actions, without the explanations.
 in_zsh() {
-  zsh -fc '_arguments() { print -rl -- "$@"; }; _describe() { print -rl -- "${(@P)2}"; }; _call_program() { "${@[2,-1]}"; }
+  zsh -fc '_arguments() { print -rl -- "$@"; }; _describe() { print -rl -- "${(@P)2}"; }
+    _call_program() { "${@[2,-1]}"; }
     source=$1; shift; words=("$@"); CURRENT=$# PREFIX=$words[-1]; . $source' - \
     "$source/tools/completions/completion.zsh" "$@" | sed -E 's/\[[^]]*\]//; s/^([a-z]+):.*/\1/' | sort
 }
@@ -41,10 +42,11 @@ check "$(in_zsh kep-faultlog '' | grep -e '^--format' -e '^--names' -e '^[*]')" 
   $'*:FILE:_files\n--format:text|json|csv:(text json csv)\n--names:FILE:_files' "values in zsh"
 case $* in
   *kep-fleet*)
-    check "$(in_bash kep-fleet '' | head -n 3)" $'backup\nexport\nruns' "subcommands in bash"
+    check "$(in_bash kep-fleet back)" backup "a subcommand in bash"
     check "$(in_bash kep-fleet runs --)" "$(help_of kep-fleet runs)" "options of a subcommand in bash"
     check "$(in_zsh kep-fleet '' | grep '^[a-z]')" $'backup\nexport\nruns' "subcommands in zsh"
-    check "$(in_zsh kep-fleet runs '' | grep '^--' | cut -d : -f 1 | sort)" "$(help_of kep-fleet runs)" "a subcommand in zsh"
+    check "$(in_zsh kep-fleet runs '' | grep '^--' | cut -d : -f 1 | sort)" "$(help_of kep-fleet runs)" \
+      "options of a subcommand in zsh"
     ;;
 esac
 exit $failed
