@@ -91,8 +91,9 @@ build() {
 title "building"
 tools=$PWD/build/demo
 host=$PWD/build/demo${kind#-}
+[ "$kind" != --fleet ] || host=${KEP_FLEET_BUILD:-$host}
 [ "$kind" = --fleet ] || build "$tools" "kep-collect kep-config kep-faultlog $programs"
-[ -z "$kind" ] || build "$host" "$programs" "${flags[@]}"
+[ -z "$kind" ] || [ "$host" = "${KEP_FLEET_BUILD-}" ] || build "$host" "$programs" "${flags[@]}"
 expectFreePorts # as before the build, which may have taken a while
 
 pids=()
