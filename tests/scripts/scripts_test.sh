@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# scripts_test.sh: the scripts find their folder from anywhere, and a demo that fails leaves nothing behind; and
-# who needs a package that another one keeps out is told of it.
+# scripts_test.sh: the scripts find their folder from anywhere; a demo that fails leaves nothing behind, and one that does
+# not says what is seen, in lines that fit; and who needs a package that another one keeps out is told of it.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/../.."
 work=$(mktemp -d)
@@ -58,4 +58,24 @@ check "$status" 1 "exit status of a demo that fails"
 check "$(cat "$work/second")" "demo.sh: UDP port 9099 is in use by another program" "what a second demo says"
 check "$(grep -c . "$work/kept")" 2 "files of the first demo that the second left"
 check "$(awk '$2 ~ /:238B$/' /proc/net/udp)" "" "who is left on port 9099"
+
+# A port that is taken while the demo builds is told in one line.
+cat >"$work/bin/cmake" <<STUB
+#!/bin/sh
+python3 -c "import socket, time; s = socket.socket(type=2); s.bind(('', 9099)); time.sleep(60)" 2>/dev/null &
+echo \$! >>"$work/holders"
+sleep 1
+STUB
+chmod +x "$work/bin/cmake"
+PATH=$work/bin:$PATH scripts/demo.sh >"$work/taken" 2>&1 && check 0 1 "exit status of a demo whose port is taken"
+check "$(grep -v '^$' "$work/taken")" "== building
+demo.sh: UDP port 9099 is in use by another program" "what a demo says whose port is taken"
+while read -r holder; do kill "$holder" 2>/dev/null || true; done <"$work/holders"
+until ! grep -q ':238B' /proc/net/udp; do sleep 0.1; done
+
+COLUMNS=60 scripts/demo.sh --board >"$work/told" 2>&1 || check $? 0 "exit status of a demo"
+check "$(LC_ALL=C.UTF-8 wc -L <"$work/told")" 60 "the widest line of a demo"
+for told in 'A board is' 'type 0 asks' 'type 1 for' 'type 2 has' 'ELF 32-bit MSB' 'uptime .* s$' 'page size .* B$'; do
+  grep -q "$told" "$work/told" || check "" "$told" "what a demo does not tell"
+done
 exit $failed

@@ -8,6 +8,8 @@
 // it uses. What is a host's own is left out: addresses, the sizes of records that hold pointers, and of a comparison
 // all but the sign. libc's clock and network are stood in for. Numbers are drawn one a statement, as the order in which
 // arguments are worked out is the compiler's.
+#define _TIME_BITS 64  // as ZuTime.cpp has, whose calls are stood in for
+#define _FILE_OFFSET_BITS 64
 #include <kep/kep.h>
 #include <poll.h>
 #include <sys/socket.h>

@@ -112,6 +112,7 @@ class Exchange : public httplib::Stream {
   }
 
   ssize_t write(const char *bytes, size_t size) override {
+    if (held) held->readSince = std::min(held->readSince.load(), Listener::Clock::now());
     while (is_writable()) {
       const ssize_t sent = send(connection_.socket, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
       if (sent >= 0 || (errno != EAGAIN && errno != EINTR)) return sent;
@@ -164,20 +165,20 @@ int listenAt(const addrinfo &address) {
 // ---- places
 
 Places::Taken Places::take(const std::atomic<bool> &isEnding) {
-  const auto deadline = Listener::Clock::now() + kPatience;
+  const auto deadline = Clock::now() + kPatience;
   std::unique_lock lock(mutex_);
   while (taken_.size() >= most_) {
-    const auto now = Listener::Clock::now();
+    const auto now = Clock::now();
     if (isEnding || now >= deadline) return nullptr;
-    for (const Place *const place : taken_) place->isLost = place->isLost || now - place->since >= kFairTime;
+    for (Place *const place : taken_) place->isLost = place->isLost || place->readSince.load() <= now - kFairTime;
     isFree_.wait_for(lock, std::chrono::milliseconds(kSlice));
   }
-  Taken place(new Place{Listener::Clock::now()}, [this](const Place *one) { giveBack(one); });
+  Taken place(new Place, [this](Place *one) { giveBack(one); });
   taken_.push_back(place.get());
   return place;
 }
 
-void Places::giveBack(const Place *place) {
+void Places::giveBack(Place *place) {
   {
     const std::lock_guard lock(mutex_);
     taken_.erase(std::find(taken_.begin(), taken_.end(), place));

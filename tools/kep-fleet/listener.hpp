@@ -23,14 +23,15 @@
 namespace kepfleet {
 
 // Places for large answers, each taken from before it is made until it is read. While somebody waits for one, who has
-// had his for a while loses it: his answer is broken off.
+// been reading for a while loses his: his answer is broken off.
 class Places {
  public:
+  using Clock = std::chrono::steady_clock;
   struct Place {
-    std::chrono::steady_clock::time_point since;
-    mutable std::atomic<bool> isLost{false};
+    std::atomic<Clock::time_point> readSince{Clock::time_point::max()};
+    std::atomic<bool> isLost{false};
   };
-  using Taken = std::shared_ptr<const Place>;
+  using Taken = std::shared_ptr<Place>;
 
   explicit Places(size_t most) : most_(most) {}
 
@@ -38,12 +39,12 @@ class Places {
   Taken take(const std::atomic<bool> &isEnding);
 
  private:
-  void giveBack(const Place *place);
+  void giveBack(Place *place);
 
   const size_t most_;
   std::mutex mutex_;
   std::condition_variable isFree_;
-  std::deque<const Place *> taken_;
+  std::deque<Place *> taken_;
 };
 
 struct ListenerLimits {
