@@ -148,7 +148,7 @@ if [ -n "$board" ]; then
     fail "not for the board"
   CC=$powerpc-gcc RUN="qemu-ppc -L /usr/$powerpc -E LD_LIBRARY_PATH=$usr/lib/$powerpc" \
     CMAKE_ARGUMENTS="-DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/board.cmake -DCMAKE_PREFIX_PATH=$usr" \
-    debian/tests/hosts tests/package/consumer/main.c "$usr" "$usr/lib/$powerpc"
+    debian/tests/hosts tests/package/consumer/host.c "$usr" "$usr/lib/$powerpc"
   say "collecting from the board's example host"
   alone bash -c '
     qemu-ppc -L "$1" "$2" >"$3" 2>&1 &
