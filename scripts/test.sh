@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # test.sh [--all]: everything that must hold before a change lands: formatting, static analysis, what the library weighs,
 # the examples' run, and the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and
-# on the board (under qemu). With --all also under valgrind, with their coverage, a while of fuzzing, and a soak.
+# on the board (under qemu). With --all also the ABI, under valgrind, with their coverage, a while of fuzzing, and a soak.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
@@ -13,7 +13,7 @@ case "${1-}" in
 esac
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
-  git clang clang-format clang-tidy cppcheck libgtest-dev googletest binutils mandoc iproute2 \
+  git make clang clang-format clang-tidy cppcheck libgtest-dev googletest binutils mandoc iproute2 \
   python3 tshark doxygen curl systemd bash-completion zsh ${all:+gcovr valgrind abigail-tools "${fuzz_packages[@]}"}
 
 # What kep-fleet is tried with. A browser without a head does, and brings no desktop along.
