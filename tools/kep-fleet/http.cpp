@@ -85,7 +85,7 @@ BoardConfig boardAt(const std::string &place) {
   try {
     return defaultConfig({place}).boards.at(0);
   } catch (const ConfigError &error) {
-    throw Problem(400, error.text());
+    throw Problem(400, error.what());
   }
 }
 
@@ -399,14 +399,15 @@ void HttpServer::Implementation::getFleet(const Request &request, Response &resp
   response.set_content(rows.since(request.get_param_value("version"), control.health(), mayAct), kJson);
 }
 
-// The runs come from memory, and only those that they are compared with from the store.
+// The runs come from memory, and only those that they are compared with from the store; also those that memory has no
+// room for, of which the last one that is stored is shown.
 void HttpServer::Implementation::getBoard(const Request &request, Response &response) {
   const BoardState state = board(request);
   if (request.get_param_value("version") == boardVersion(state)) return response.set_content("{}", kJson);
   std::vector<RunPair> pairs;
   for (size_t type = 0; type < kTypes; ++type) {
     const RunPointer &run = state.lastWhole[type] ? state.lastWhole[type] : state.last[type];
-    if (run && !run->stream.empty()) pairs.push_back({*run, {}});
+    if (run && sentBytes(*run) > 0) pairs.push_back({*run, {}});
   }
   std::string problem;
   try {
@@ -414,12 +415,18 @@ void HttpServer::Implementation::getBoard(const Request &request, Response &resp
       for (RunPair &pair : pairs) {
         RunQuery query;
         query.board = pair.now.board;
-        query.to = pair.now.started;
+        const bool isLeftOut = pair.now.leftOut > 0;
+        query.to = pair.now.started + (isLeftOut ? 1 : 0);
         query.type = pair.now.type;
-        query.wholeOnly = query.newestFirst = query.withStreams = true;
-        query.limit = 1;
+        query.newestFirst = query.withStreams = true;
+        query.wholeOnly = isWhole(pair.now);
+        query.limit = isLeftOut ? 2 : 1;
         store.runs(query, [&pair](StoredRun &&stored) {
-          pair.before = std::move(stored.run);
+          if (pair.now.leftOut > 0) {
+            pair.now = std::move(stored.run);
+          } else {
+            pair.before = std::move(stored.run);
+          }
           return true;
         });
       }

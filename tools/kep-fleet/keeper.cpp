@@ -138,6 +138,7 @@ void Keeper::writeBatch(std::unique_lock<std::mutex> &lock) {
   lock.lock();
   runsInHand_ = bytesInHand_ = 0;
   status_.refusedRuns += written.refusedRuns;
+  status_.refusedEvents += written.refusedEvents;
   note(problem);
   if (!problem.empty()) takeBack(runs, events);
 }

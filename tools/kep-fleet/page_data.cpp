@@ -338,7 +338,7 @@ Json layOut(const Names &names, const Run &run, const std::optional<Run> &previo
   } else {
     json = RunLayout(named, nullptr).layOut();
   }
-  json.update(runRow(run, run.stream.size()));
+  json.update(runRow(run, sentBytes(run)));
   return json;
 }
 
@@ -423,9 +423,20 @@ void PlotReader::close() {
 }
 
 // The item's name, by which it is found also where the board counts its items anew.
-std::string nameOfItem(const BoardState &board, const PlotQuery &query) {
-  const RunPointer &run = board.lastWhole[static_cast<size_t>(query.type)];
+std::string nameOfItem(Store &store, const BoardState &board, const PlotQuery &query) {
+  RunPointer run = board.lastWhole[static_cast<size_t>(query.type)];
   if (!run) return "";
+  if (run->leftOut > 0) {
+    RunQuery last;
+    last.board = run->board;
+    last.type = run->type;
+    last.wholeOnly = last.newestFirst = last.withStreams = true;
+    last.limit = 1;
+    store.runs(last, [&run](StoredRun &&stored) {
+      run = std::make_shared<const Run>(std::move(stored.run));
+      return true;
+    });
+  }
   const kepserver::Run decoded = decode(*run);
   const auto found = std::find_if(decoded.values.begin(), decoded.values.end(),
                                   [&](const Value &value) { return value.item == query.item; });
@@ -505,7 +516,7 @@ std::string boardJson(const BoardState &board, const Names &names, const std::ve
   if (!problem.empty()) json["store"] = shortened(problem);
   json["last"] = Json::array();
   for (const RunPointer &run : board.last) {
-    if (run) json["last"].push_back(runRow(*run, run->stream.size()));
+    if (run) json["last"].push_back(runRow(*run, sentBytes(*run)));
   }
   json["runs"] = Json::array();
   for (const RunPair &pair : runs) json["runs"].push_back(layOut(names, pair.now, pair.before));
@@ -517,7 +528,7 @@ std::string askedJson(const Names &names, const Run &run) { return dump(layOut(n
 // ---- history
 
 std::string plotJson(Store &store, const BoardState &board, const Names &names, const PlotQuery &query) {
-  PlotReader reader(names, query, nameOfItem(board, query));
+  PlotReader reader(names, query, nameOfItem(store, board, query));
   RunQuery runs;
   runs.board = board.config.name;
   runs.from = query.from;
@@ -580,7 +591,8 @@ std::string healthJson(const Health &health, bool withReasons) {
                  {"waitingRuns", health.waitingRuns},
                  {"waitingBytes", health.waitingBytes},
                  {"droppedRuns", health.droppedRuns},
-                 {"refusedRuns", health.refusedRuns}});
+                 {"refusedRuns", health.refusedRuns},
+                 {"refusedEvents", health.refusedEvents}});
   }
   return dump(json);
 }
