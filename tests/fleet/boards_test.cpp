@@ -143,8 +143,7 @@ TEST_F(BoardsTest, TakesLabelsFromValuesAndRecallsWhatWasStored) {
   EXPECT_EQ(state().problem, "away");
   EXPECT_EQ(state().answers, false);
   EXPECT_EQ(state().lastWhole[0]->started, 1000);
-  EXPECT_EQ(textOf(take({"b", 3000, 0, Outcome::kDamaged, 1, 0, "", "why", 0}).events),
-            "found: why\ndamaged: why\n");
+  EXPECT_EQ(textOf(take({"b", 3000, 0, Outcome::kDamaged, 1, 0, "", "why", 0}).events), "found: why\ndamaged: why\n");
 
   config.boards = {{"new", "192.0.2.9", 9099, {}, ""}, {"b", "192.0.2.7", 9099, {{"site", "south"}}, ""}};
   config.labelFrom.pop_back();

@@ -35,9 +35,10 @@ class FleetTest : public ::testing::Test {
   }
 
   std::unique_ptr<Fleet> start(const Config &config, bool isShared = false) {
-    auto fleet = std::make_unique<Fleet>(config, [this, isShared](const std::string & /*where*/, milliseconds /*patience*/) {
-      return std::make_unique<MemoryStore>(memory, isShared);
-    });
+    auto fleet =
+        std::make_unique<Fleet>(config, [this, isShared](const std::string & /*where*/, milliseconds /*patience*/) {
+          return std::make_unique<MemoryStore>(memory, isShared);
+        });
     fleet->start();
     return fleet;
   }

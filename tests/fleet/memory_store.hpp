@@ -55,7 +55,13 @@ class MemoryStore : public kepfleet::Store, private kepfleet::Leases {
         memory_->runs.push_back(run);
       }
     }
-    memory_->events.insert(memory_->events.end(), events.begin(), events.end());
+    for (const kepfleet::Event &event : events) {
+      if (event.lease == 99) {
+        ++written.refusedEvents;
+      } else {
+        memory_->events.push_back(event);
+      }
+    }
     memory_->batches.push_back(runs.size());
     memory_->changed.notify_all();
     return written;

@@ -200,7 +200,7 @@ TEST_P(StoreTest, AnswersAsAListDoes) {
           std::find_if(kept.rbegin(), kept.rend(), [](const auto &each) { return isWhole(*each.second); });
       if (whole != kept.rbegin() && whole != kept.rend()) last.insert(textOf(*whole->second, true));
     }
-    reader->lastRuns([&](StoredRun &&run) { told.insert(textOf(run.run, true)); });
+    reader->lastRuns([&](StoredRun &&run) { return told.insert(textOf(run.run, true)).second; });
     EXPECT_EQ(told, last);
   };
   compare();
@@ -362,7 +362,8 @@ TEST_P(StoreTest, MigratesAnOlderSchema) {
   EXPECT_THROW(openStore(where_), StoreError);
   EXPECT_THROW(openStoreToRead(where_), StoreError);
   EXPECT_THROW(older->write({runOf("d", kStart + 1)}, {}), StoreError) << "also one that was there before";
-  if (!isSqlite()) EXPECT_THROW(older->leases()->renew("i", {"d"}, 1), StoreError);
+  if (isSqlite()) return;
+  EXPECT_THROW(older->leases()->renew("i", {"d"}, 1), StoreError);
 }
 
 class SqliteTest : public StoreTest {};

@@ -219,8 +219,8 @@ RunPointer Boards::fitting(const BoardState &state, const RunPointer &run) const
     if (lastWhole && lastWhole != last && !(isSame && isWhole(*run))) bytes += lastWhole->stream.size();
   }
   if (bytes <= kMostStreamBytes / entries_.size()) return run;
-  Run rest = {run->board,    run->started, run->type, run->outcome, run->duration,
-              run->messages, "",           run->reason, run->lease, run->stream.size()};
+  Run rest = {run->board,    run->started, run->type,   run->outcome, run->duration,
+              run->messages, "",           run->reason, run->lease,   run->stream.size()};
   return std::make_shared<const Run>(std::move(rest));
 }
 

@@ -77,9 +77,9 @@ class Boards {
  private:
   struct Entry {
     BoardState state;
-    Labels own;                  // of the labels, those that its values give
-    std::string catalogue;       // of the last whole collection; empty: not known
-    int64_t newest = INT64_MIN;  // when the last run of any type was asked
+    Labels own;                        // of the labels, those that its values give
+    std::string catalogue;             // of the last whole collection; empty: not known
+    int64_t newest = INT64_MIN;        // when the last run of any type was asked
     int64_t newestReport = INT64_MIN;  // likewise, of whole collections
     std::array<bool, kTypes> isBad{};  // the last run of the type that was answered did not come whole, or failed
     int problemKind = 0;               // changes when `problem` is another, whatever its words

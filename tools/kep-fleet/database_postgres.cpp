@@ -17,7 +17,7 @@ namespace kepfleet {
 namespace {
 
 constexpr int64_t kLeastToConnect = 2, kMostToConnect = 5;  // seconds; libpq has no fewer
-constexpr Oid kInt8 = 20, kBytes = 17;  // fixed in the server's catalogue
+constexpr Oid kInt8 = 20, kBytes = 17;                      // fixed in the server's catalogue
 
 struct Free {
   void operator()(PGconn *connection) const { PQfinish(connection); }
@@ -151,10 +151,11 @@ class Postgres final : public Database {
     PQsetnonblocking(connection_.get(), 1);
     // An instance that is suspended or cut off within a transaction must not keep what it has locked.
     // Statements are planned once, not for each day's partition anew.
-    script("SET lock_timeout = '10s'; SET idle_in_transaction_session_timeout = '3s'; SET jit = off;"
-           "SET plan_cache_mode = force_generic_plan; SET statement_timeout = " +
-           std::to_string(patience_.count()) + "; SET default_transaction_read_only = " +
-           (access_ == Access::kRead ? "on" : "off"));
+    script(
+        "SET lock_timeout = '10s'; SET idle_in_transaction_session_timeout = '3s'; SET jit = off;"
+        "SET plan_cache_mode = force_generic_plan; SET statement_timeout = " +
+        std::to_string(patience_.count()) +
+        "; SET default_transaction_read_only = " + (access_ == Access::kRead ? "on" : "off"));
   }
 
   bool isUp() const { return connection_ && PQstatus(connection_.get()) == CONNECTION_OK; }

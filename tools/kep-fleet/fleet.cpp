@@ -147,7 +147,8 @@ Fleet::End Fleet::stop() {
   alarm_.stop(kToAlarm);
   const bool isReleased = !leaseKeeper_ || leaseKeeper_->stop(kToRelease);
   if (!isStored) spdlog::error("the store has not taken what waited for it: it is lost");
-  if (!isReleased) spdlog::warn("the leases are not given back, as the database does not answer: they stay until they end");
+  if (!isReleased)
+    spdlog::warn("the leases are not given back, as the database does not answer: they stay until they end");
   if (!isStored) return End::kLost;
   return isReleased ? End::kGood : End::kLate;
 }
@@ -286,10 +287,9 @@ void Fleet::begin(const std::string &board, int type, Done done) {
   Place &place = places_.at(board);
   ++startedRuns_;
   place.ticket = ++tickets_;
-  collector_.ask({board, place.config.host, place.config.port, type, place.lease},
-                 [this, ticket = Ticket{place.ticket, now(), std::move(done)}](Run &&run) {
-                   finish(std::move(run), ticket);
-                 });
+  collector_.ask(
+      {board, place.config.host, place.config.port, type, place.lease},
+      [this, ticket = Ticket{place.ticket, now(), std::move(done)}](Run &&run) { finish(std::move(run), ticket); });
 }
 
 void Fleet::finish(Run &&run, const Ticket &ticket) {
@@ -298,7 +298,10 @@ void Fleet::finish(Run &&run, const Ticket &ticket) {
     if (ticket.done) ticket.done(run);
     return;
   }
-  if (run.stream.size() <= kLarge) return settle(boards_.judge(std::move(run)), ticket);
+  if (run.stream.size() <= kLarge) {
+    run.stream.shrink_to_fit();  // it may wait for long; the judge's are copies
+    return settle(boards_.judge(std::move(run)), ticket);
+  }
   if (judgingBytes_ + run.stream.size() <= kMostToJudge) return judge(std::move(run), ticket);
   run.stream = {};
   run.outcome = Outcome::kBrokenOff;
@@ -417,10 +420,11 @@ Asked Fleet::probeNow(const std::string &host, const asio::ip::udp::endpoint &pl
   };
   if (std::any_of(places_.begin(), places_.end(), isThere)) return Asked::kBusy;
   if (!probed_.insert(place).second) return Asked::kBusy;
-  collector_.ask({host + ":" + std::to_string(place.port()), host, place.port(), type, 0}, [this, place, done](Run &&run) {
-    probed_.erase(place);
-    done(run);
-  });
+  collector_.ask({host + ":" + std::to_string(place.port()), host, place.port(), type, 0},
+                 [this, place, done](Run &&run) {
+                   probed_.erase(place);
+                   done(run);
+                 });
   return Asked::kYes;
 }
 

@@ -26,7 +26,7 @@ class Keeper {
   struct Status {
     std::string problem;  // of the store; empty: all is well
     size_t waitingRuns = 0, waitingBytes = 0;
-    uint64_t droppedRuns = 0;  // that the store did not take in time
+    uint64_t droppedRuns = 0;                     // that the store did not take in time
     uint64_t refusedRuns = 0, refusedEvents = 0;  // written under a lease that was lost
   };
 

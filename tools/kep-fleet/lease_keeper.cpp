@@ -100,8 +100,8 @@ void LeaseKeeper::renew(const std::vector<std::string> &boards) {
   problem_ = problem;
 }
 
-// A third of the lease, unless something is to be had or given before: the boards of another instance that ends; for one
-// that has just begun, or come back, those that the others give back; and what this one gives back itself.
+// A third of the lease, unless something is to be had or given before: the boards of another instance that ends; for
+// one that has just begun, or come back, those that the others give back; and what this one gives back itself.
 milliseconds LeaseKeeper::pauseBehind(const Renewal &renewal) const {
   milliseconds pause = lease_ / 3;
   if (bootClock() < newUntil_) pause = lease_ / 15;

@@ -55,7 +55,7 @@ class LeaseKeeper {
   std::string problem_;
   bool isStopping_ = false, isOver_ = false;
   std::chrono::milliseconds nextRenewal_{0}, newUntil_{0};  // by the boot clock
-  std::chrono::steady_clock::time_point nextLook_;  // at others' runs
+  std::chrono::steady_clock::time_point nextLook_;          // at others' runs
   std::thread thread_;
 };
 

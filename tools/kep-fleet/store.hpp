@@ -67,8 +67,8 @@ struct Lease {
 };
 
 struct Renewal {
-  std::vector<Lease> leases;  // all that the instance holds
-  bool isLeaving = false;     // there are others that it is not to hold any more
+  std::vector<Lease> leases;                       // all that the instance holds
+  bool isLeaving = false;                          // there are others that it is not to hold any more
   std::chrono::milliseconds othersEnd{INT64_MAX};  // until the first of the other instances ends, unless that renews
 };
 
