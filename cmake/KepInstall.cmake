@@ -2,7 +2,7 @@
 
 include(CMakePackageConfigHelpers)
 
-install(TARGETS kep kep_shared kep_platform_posix EXPORT kepTargets)
+install(TARGETS ${kep_libraries} EXPORT kepTargets)
 install(DIRECTORY include/kep DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
 set(kep_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kep)
@@ -12,8 +12,20 @@ write_basic_package_version_file(kepConfigVersion.cmake COMPATIBILITY SameMinorV
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kepConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/kepConfigVersion.cmake
   DESTINATION ${kep_cmake_dir})
 
-# Relative, so that the installed tree can be moved and `cmake --install --prefix` is heard.
-file(RELATIVE_PATH kep_prefix_from_pc "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+# Relative, so that the installed tree can be moved and `cmake --install --prefix` is heard; but for the folders that are
+# given as absolute ones. As with CMake's own files, a tree whose libraries lie in such a one has a prefix that stays.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(kep_pc_prefix "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH kep_pc_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+  set(kep_pc_prefix "\${pcfiledir}/${kep_pc_prefix}")
+endif()
+foreach(folder LIBDIR INCLUDEDIR)
+  set(kep_pc_${folder} "${CMAKE_INSTALL_${folder}}")
+  if(NOT IS_ABSOLUTE "${kep_pc_${folder}}")
+    set(kep_pc_${folder} "\${prefix}/${kep_pc_${folder}}")
+  endif()
+endforeach()
 foreach(package kep kep-platform-posix)
   configure_file(cmake/${package}.pc.in ${package}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

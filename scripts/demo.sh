@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# demo.sh [--board | --threads | --memcheck]: builds the example hosts, starts them on loopback one after the other, and
-# collects from each as a server would. With --board the hosts are the 32-bit big-endian build, run under qemu; with
-# --threads they are built with ThreadSanitizer, and with --memcheck run under valgrind, and the first report ends them
-# and the demo. Writes into build/ only.
+# demo.sh [--board | --threads | --memcheck]: builds the example hosts, starts them on loopback one after the other,
+# collects from each as a server would, and says what is seen. With --board the hosts are the 32-bit big-endian build, run
+# under qemu; with --threads they are built with ThreadSanitizer, and with --memcheck run under valgrind, and the first
+# report ends them and the demo. Writes into build/ only. No line is wider than the terminal, or $COLUMNS.
 #
 # demo.sh --fleet [--stay]: kep-fleet collects from 50 simulated boards, two with a self-test that fails, and ends; with
 # --stay it goes on until Ctrl-C, so that its page can be looked at.
@@ -25,7 +25,7 @@ case "$*" in
     flags=(-DKEP_BUILD_FLEET=ON)
     ;;
   --board)
-    packages+=("${board_packages[@]}")
+    packages+=("${board_packages[@]}" file)
     flags+=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/board.cmake" -DKEP_POSIX_PRIO_INHERIT=OFF)
     run=(qemu-ppc -L /usr/powerpc-linux-gnu)
     ;;
@@ -48,13 +48,39 @@ isBound() {
     < <(cat /proc/net/"${1%:*}"{,6} 2>/dev/null)
 }
 
-# Before anything is touched: another demo may be running, in this very checkout.
-for port in "${ports[@]}"; do
-  name=${port%:*}
-  ! isBound "$port" || { echo "demo.sh: ${name^^} port ${port#*:} is in use by another program" >&2; exit 1; }
-done
+fail() {
+  echo "demo.sh: $*" >&2
+  exit 1
+}
 
+expectFreePorts() {
+  local port name
+  for port in "${ports[@]}"; do
+    name=${port%:*}
+    ! isBound "$port" || fail "${name^^} port ${port#*:} is in use by another program"
+  done
+}
+
+# Before anything is touched: another demo may be running, in this very checkout.
+expectFreePorts
 need "${packages[@]}"
+
+export LC_ALL=C.UTF-8
+width=${COLUMNS:-$(tput cols 2>/dev/null || echo 80)}
+((width >= 40)) || width=40
+
+# tell TEXT: what is to be seen next, in lines that fit; title TEXT: what is done for it.
+tell() { printf '\n%s\n' "$*" | fold -s -w "$width"; }
+title() { say "${*//$PWD\//}" | fold -s -w "$width"; }
+
+# fit: passes on what fits of each line.
+fit() {
+  local line
+  while IFS= read -r line || [ "$line" ]; do
+    ((${#line} <= width)) || line=${line:0:width-1}…
+    printf '%s\n' "$line"
+  done
+}
 
 # build FOLDER PROGRAMS FLAG...
 build() {
@@ -62,19 +88,16 @@ build() {
   quietly "$1/build.log" cmake --build "$1" --target $2
 }
 
-say "building"
+title "building"
 tools=$PWD/build/demo
 host=$PWD/build/demo${kind#-}
 [ "$kind" = --fleet ] || build "$tools" "kep-collect kep-config kep-faultlog $programs"
 [ -z "$kind" ] || build "$host" "$programs" "${flags[@]}"
-
-fail() {
-  echo "demo.sh: $*" >&2
-  exit 1
-}
+expectFreePorts # as before the build, which may have taken a while
 
 pids=()
 outputs=()
+neverStarted= # the program whose own words tell all
 endAll() {
   [ ${#pids[@]} -eq 0 ] && return
   kill "${pids[@]}" 2>/dev/null || true
@@ -86,7 +109,7 @@ endAll() {
 cleanUp() {
   local status=$?
   endAll
-  [ $status -eq 0 ] || [ ${#outputs[@]} -eq 0 ] || tail -n 100 "${outputs[@]}" >&2 || true
+  [ $status -eq 0 ] || [ ${#outputs[@]} -eq 0 ] || [ "$neverStarted" ] || tail -n 100 "${outputs[@]}" >&2 || true
 }
 trap cleanUp EXIT
 
@@ -115,27 +138,31 @@ launch() {
   "$@" >"$host/$name.out" 2>&1 &
   pids+=($!)
   until $ready; do
-    kill -0 $! 2>/dev/null && ((tries-- > 0)) || fail "$name did not start"
+    if ! kill -0 $! 2>/dev/null; then
+      neverStarted=yes
+      fail "$name did not start: $(tail -n 1 "$host/$name.out")"
+    fi
+    ((tries-- > 0)) || fail "$name does not serve"
     sleep 0.1
   done
 }
 
 # start NAME ARGUMENT...: starts a host.
 start() {
-  say "starting $1${kind:+ ($kind)}"
+  title "starting $1${kind:+ ($kind)}"
   launch "$1" "isBound udp:9099" "${run[@]}" "$host/examples/$@"
 }
 
-# collect ARGUMENT...: collects from the host that runs, with its names where there are any.
+# collect ARGUMENT...: collects from the host that runs, and prints by its names file.
 names=()
 collect() {
-  say "kep-collect 127.0.0.1${names:+ ${names[*]}} $*"
-  "$tools/tools/kep-collect/kep-collect" 127.0.0.1 "${names[@]}" "$@"
+  title "kep-collect 127.0.0.1 ${names[*]} $*"
+  "$tools/tools/kep-collect/kep-collect" 127.0.0.1 "${names[@]}" "$@" --width "$width" --cut | fit
 }
 
 faultlog() {
-  say "kep-faultlog $*"
-  "$tools/tools/kep-faultlog/kep-faultlog" "$@"
+  title "kep-faultlog $*"
+  "$tools/tools/kep-faultlog/kep-faultlog" "$@" | fit
 }
 
 # What a host printed, without the lines of the service itself.
@@ -157,43 +184,46 @@ selfTest() { request POST "/api/selftest?name=board-$(printf %02d "$1")" | grep 
 
 # fleet ARGUMENT...: kep-fleet beside the one that serves.
 fleet() {
-  say "kep-fleet $*"
+  title "kep-fleet $*"
   "$host/tools/kep-fleet/kep-fleet" --config "$host/fleet.toml" "$@"
 }
 
 playFleet() {
   rm -f "$host"/{fleet.db*,copy.db,*.out}
-  say "starting 50 boards: the self-tests of 7 and 20 fail, 1 is slow, 1 breaks off, 1 is dead, 1 means harm"
+  tell "A board is a machine that runs a host: a process that links kep. Here one program plays 50 of them, each at a" \
+    "loopback address of its own. kep-fleet asks every board on a schedule what it has to report, keeps the answers" \
+    "and shows them."
+  title "starting 50 boards: the self-tests of 7 and 20 fail, 1 is slow, 1 breaks off, 1 is dead, 1 means harm"
   launch kep-boards "says kep-boards processes" "$host/examples/kep-boards" 50 --failing =7,20 --slow 1 --breaking 1 \
     --dead 1 --hostile 1 --names examples/fleet/board.toml --write-config "$host/boards.toml" --control "$host/control"
   printf 'store = "fleet.db"\nlisten = "127.0.0.1:9098"\nlimits = { connect = "2s" }\n' |
     cat - "$host/boards.toml" >"$host/fleet.toml"
   fleet --check
-  say "starting kep-fleet"
+  title "starting kep-fleet"
   launch kep-fleet "says kep-fleet page" "$host/tools/kep-fleet/kep-fleet" --config "$host/fleet.toml"
   sleep 6 # every board has been asked, and the dead one waited for
-  say "what became of the runs"
+  title "what became of the runs"
   fleet runs --format csv | tail -n +4 | cut -d , -f 4-5 | sort | uniq -c
-  say "the self-tests of boards 7 and 20, and of the first once more when it is mended"
+  title "the self-tests of boards 7 and 20, and of the first once more when it is mended"
   selfTest 7
   selfTest 20
   echo 'mend 7' >"$host/control"
   sleep 1
   selfTest 7
   sleep 2 # until that is stored
-  fleet runs board-07 --from 1h
-  fleet export board-07 --format csv | sed -n 1,20p
+  fleet runs board-07 --from 1h | fit
+  fleet export board-07 --format csv | sed -n 1,20p | fit
   fleet backup "$host/copy.db"
-  say "what has happened"
-  cat "$host/kep-fleet.out"
-  say "the state of the server"
-  request GET /healthz
-  say "look at http://127.0.0.1:9180/${stay:+, until Ctrl-C}"
+  title "what has happened"
+  fold -s -w "$width" "$host/kep-fleet.out"
+  title "the state of the server"
+  request GET /healthz | fold -w "$width"
+  title "look at http://127.0.0.1:9180/${stay:+, until Ctrl-C}"
   if [ "$stay" ]; then
     trap : INT TERM
     wait "${pids[-1]}" || true # Ctrl-C is for all: the programs may have ended already
   fi
-  say "ending kep-fleet"
+  title "ending kep-fleet"
   endByItself
   endAll
 }
@@ -203,44 +233,67 @@ if [ "$kind" = --fleet ]; then
   exit
 fi
 
+tell "A board is a machine in the field that runs a host: a process that links kep. Three example hosts are such boards" \
+  "here, one after the other, at 127.0.0.1. kep-collect is the server that asks them: by a datagram to UDP port 9099, upon" \
+  "which the host connects to it and reports."
+tell "What a request asks for is its type, and what each stands for is for the host to say. In the examples type 0 asks" \
+  "for figures, type 1 for the same and the logs, and type 2 has the faults saved to a file. A self-test is a request" \
+  "of its own. The wire has numbers only: a names file on the server's side gives them names and units."
+if [ "$kind" = --board ]; then
+  tell "The hosts are 32-bit big-endian programs, as on the board, and run under user-mode emulation; the server is this" \
+    "machine's own. file says of kep-board:"
+  file -b "$host/examples/kep-board" | fold -s -w "$width"
+fi
+
 rm -f "$host/kep.log" "$host"/*.out
 names=(--names examples/board/board.toml)
+tell "The first host samples its machine and reports it: the system, its memory, its network interfaces."
 start kep-board
+collect --type 0
+tell "The logs of its faults, of the start (init) and of what came then (run), are reported where type 1 asks for them:"
 collect --type 1
+tell "A self-test passes by the rules of the names file:"
 collect --selftest
 sleep 1.5 # while the host's other thread takes a sample
+tell "Type 2 has every fault record its registers, counters and values, and all of it saved to the fault file:"
 collect --type 2
-faultlog "$host/kep.log" "${names[@]}" --type register
-say "the host's memory table"
-printed kep-board | sed -n '/   id        size/,$p'
+faultlog "$host/kep.log" "${names[@]}"
+title "the host's memory, as kep counts it: 0 is the toolkit's own, 100 the collection side's"
+printed kep-board | sed -n '/   id        size/,$p' | fit
 stop
 
-say "starting a configuration server"
+tell "The second host asks a configuration server for its interval, samples on a timer, and keeps a function log."
+title "starting a configuration server"
 printf '[station]\ninterval = 200\n' >"$host/station.ini"
-launch kep-config "isBound udp:8999" "$tools/tools/kep-config/kep-config" "$host/station.ini"
+launch kep-config "isBound udp:8999" "$tools/tools/kep-config/kep-config" "${host#"$PWD/"}/station.ini"
 names=(--names examples/station/station.toml)
 start kep-station
 sleep 1 # a few samples
 collect --type 1
+tell "Type 2 has this one print a report, as a text table, on its own console:"
 collect --type 2
-say "the host's report"
-printed kep-station
-say "what the configuration server was asked (nothing, where the network carries no broadcast)"
-cat "$host/kep-config.out"
+title "the host's console"
+printed kep-station | fit
+title "what the configuration server was asked (nothing, where the network carries no broadcast)"
+fit <"$host/kep-config.out"
 stop
 
 rm -rf "$host/faults"
 mkdir "$host/faults"
-names=()
+names=(--names examples/worker/worker.toml)
+tell "The third host has a thread for each sensor, which logs and records faults where they happen. One of its sensors is" \
+  "broken on purpose."
 start kep-worker "$host/faults"
 sleep 1.5 # some readings, and a report
+collect --type 0
 collect --type 1
-collect --selftest
+tell "So its self-test fails:"
+collect --selftest || [ $? -eq 5 ]
 collect --type 2
 sleep 0.5 # faults of which the file does not tell yet
-say "ending kep-worker, which saves them"
+title "ending kep-worker, which saves them"
 endByItself
-say "its fault file"
+title "its fault file: whole, whenever it is looked at"
 ls "$host/faults"
 faultlog --check "$host/faults/worker.faults"
-faultlog "$host/faults/worker.faults" | tail -n 12
+faultlog "$host/faults/worker.faults" "${names[@]}"

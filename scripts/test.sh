@@ -14,7 +14,7 @@ esac
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${fleet_packages[@]}" "${board_packages[@]}" \
   git clang clang-format clang-tidy cppcheck libgtest-dev googletest binutils mandoc iproute2 \
-  python3 tshark ${all:+gcovr valgrind "${fuzz_packages[@]}"}
+  python3 tshark doxygen curl systemd bash-completion zsh ${all:+gcovr valgrind abigail-tools "${fuzz_packages[@]}"}
 
 # What kep-fleet is tried with. A browser without a head does, and brings no desktop along.
 want prometheus prometheus
@@ -64,6 +64,7 @@ done
 quietly build/scripts.log tests/scripts/scripts_test.sh
 
 if [ -n "$all" ]; then
+  quietly build/abi.log scripts/abi.sh
   scripts/fuzz.sh 10
   scripts/soak.sh 60
   quietly build/fleet-load.out scripts/fleet-load.sh --quick
@@ -77,8 +78,12 @@ if [ -n "$all" ]; then
 
   find build/coverage -name '*.gcda' -delete # of earlier runs
   run_tests coverage
-  say "coverage of src/"
-  gcovr --root . --filter src/ --exclude-throw-branches --print-summary --fail-under-line 98 build/coverage
+  say "coverage"
+  lines=build/coverage/lines.json
+  gcovr --root . -j "$(nproc)" --exclude-throw-branches --filter '(src|server|tools)/' --json $lines build/coverage
+  for room in src/ server/ 'tools/(?!kep-fleet/)' tools/kep-fleet/; do
+    gcovr --root . --filter "$room" --print-summary --fail-under-line 98 --add-tracefile $lines
+  done
 fi
 
 for preset in "${presets[@]}"; do

@@ -16,13 +16,13 @@ namespace kepserver {
 struct NamedValue {
   const Value *value = nullptr;
   const Key *key = nullptr;  // nullptr: not named
-  std::vector<Shown> shown;  // one, or one for each named field; none when no field is named
+  std::vector<Shown> shown;  // one, or one for each named field
   std::string sectionName;   // empty: not named
   std::string_view time;     // of a log's line, as the board wrote it; of a time, itself
   bool isTime = false;       // the time of the log's line behind it
   bool isSection = false;    // nothing but the name of the section in which others stand
 
-  bool hasFields() const { return !shown.empty() && key && shown[0].meaning != &key->meaning; }
+  bool hasFields() const { return key && shown[0].meaning != &key->meaning; }
 };
 
 // Makes the values one by one, as often as it is asked to: a run can have more of them than there is memory for all

@@ -17,7 +17,7 @@ constexpr const char *kDim = "2";
 constexpr const char *kGreen = "32";
 constexpr const char *kRed = "31";
 
-constexpr size_t kLeastRoom = 16;  // characters beside each other; with less, no line is broken or cut
+constexpr size_t kLeastRoom = 16;  // columns; with less, no line is broken or cut
 constexpr const char *kEllipsis = "\xE2\x80\xA6";
 
 using Cells = Table<3>;
@@ -54,16 +54,6 @@ std::string sectionOf(const NamedValue &value, const Item *item) {
   if (!value.sectionName.empty()) return printable(value.sectionName);
   if (value.value->section == 0) return "";
   return numbered(item && !item->sections.label.empty() ? item->sections.label : "section", value.value->section);
-}
-
-// The size of the first so many characters, or of all.
-size_t prefixOf(std::string_view text, size_t characters) {
-  const auto isInside = [](char c) { return (static_cast<uint8_t>(c) & 0xC0) == 0x80; };
-  size_t size = 0;
-  for (; size < text.size() && characters > 0; --characters) {
-    for (++size; size < text.size() && isInside(text[size]);) ++size;
-  }
-  return size;
 }
 
 Cells::Row cellsOf(const NamedRun &named, const NamedValue &value, const Shown &shown) {
@@ -118,8 +108,9 @@ void Page::putLong(std::string_view bytes, size_t column) {
   if (room == 0) return putPrintable(out_, bytes);
   if (style_.isCut) {
     constexpr size_t kMostBytes = 4;  // of a character
-    const std::string text = printable(bytes.substr(0, kMostBytes * (room + 1)));
-    if (widthOf(text) <= room) {
+    const std::string_view start = bytes.substr(0, kMostBytes * (room + 1));
+    const std::string text = printable(start);
+    if (start.size() == bytes.size() && widthOf(text) <= room) {
       out_ << text;
     } else {
       out_ << text.substr(0, prefixOf(text, room - 1)) << kEllipsis;

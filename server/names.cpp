@@ -405,9 +405,9 @@ const Key *FaultNames::find(FaultRecord record, uint32_t id) const {
     case FaultRecord::kCounter:
     case FaultRecord::kCounter64: return findIn(counters, id);
     case FaultRecord::kCounterData: return findIn(counterData, id);
-    case FaultRecord::kValue: return findIn(values, id);
+    case FaultRecord::kValue: break;
   }
-  return nullptr;
+  return findIn(values, id);
 }
 
 const Item *Names::item(std::string_view name) const { return findName(items, name); }

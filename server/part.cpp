@@ -43,6 +43,12 @@ bool isSame(const Value *a, const Value *b) {
   return a->kind == b->kind && a->number == b->number && a->bytes == b->bytes;
 }
 
+// Only a log has its lines at one place; of anything else that is there more than once no value replaces another.
+bool isLog(const Values &values) {
+  return std::all_of(values.begin(), values.end(),
+                     [](const Value *value) { return value->kind == ValueKind::kString; });
+}
+
 // How many of the first that are were the last before: a log loses its oldest, and gets new ones behind. Steps only
 // forwards, by what Knuth, Morris and Pratt found, as a log can be as long as a run.
 size_t countKnown(const Values &before, const Values &now) {
@@ -52,6 +58,7 @@ size_t countKnown(const Values &before, const Values &now) {
     return length + (isSame(now[length], next) ? 1 : 0);
   };
   if (now.empty()) return 0;
+  if (!isLog(now)) return std::equal(before.begin(), before.end(), now.begin(), now.end(), isSame) ? now.size() : 0;
   for (size_t i = 1; i < now.size(); ++i) border[i] = grow(border[i - 1], now[i]);
   size_t known = 0;
   for (const Value *value : before) known = grow(known, value);

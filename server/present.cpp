@@ -289,14 +289,15 @@ std::string Shown::name() const {
 
 void present(const Names &names, const Key *key, const Sent &sent, std::vector<Shown> &out) {
   const bool isBuffer = !sent.number && !sent.isText;
-  if (key && !key->fields.empty() && isBuffer && sent.bytes.size() == key->size) {
-    return presentFields(names, *key, sent, out);
-  }
+  const bool fits = key && (key->fields.empty() || (isBuffer && sent.bytes.size() == key->size));
+  const size_t before = out.size();
+  if (fits) presentFields(names, *key, sent, out);
+  if (out.size() > before) return;
   Shown shown;
   shown.key = key;
   shown.sent = sent;
   if (key) shown.meaning = &key->meaning;
-  if (key && key->fields.empty()) {
+  if (fits) {
     showOne(shown);
   } else {
     shown.text = plainText(sent);
@@ -326,7 +327,7 @@ std::string RunNames::section(const Value &value) const {
   if (naming != sections_.end()) {
     std::vector<Shown> shown;
     present(names_, key(*naming->second), sentOf(*naming->second), shown);
-    if (!shown.empty()) return shown[0].text;
+    return shown[0].text;
   }
   const Item *const found = item(value);
   if (!found) return "";

@@ -47,7 +47,7 @@ struct Shown {
   std::string name() const;  // the key's name, and the field's behind it
 };
 
-// Appends what is to be shown of a value: one, or one for each named field. `key` belongs to `names`, or is nullptr.
+// Appends what is to be shown of a value: one for each named field, or one. `key` belongs to `names`, or is nullptr.
 void present(const Names &names, const Key *key, const Sent &sent, std::vector<Shown> &out);
 
 // Names of the values of one run.

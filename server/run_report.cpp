@@ -24,9 +24,9 @@ const char *kindName(ValueKind kind) {
     case ValueKind::kInt: return "int";
     case ValueKind::kLong: return "long";
     case ValueKind::kString: return "string";
-    case ValueKind::kBuffer: return "buffer";
+    case ValueKind::kBuffer: break;
   }
-  return "";
+  return "buffer";
 }
 
 // Text.
@@ -109,9 +109,9 @@ struct Added {
 
 const char *verdictName(Verdict verdict) {
   switch (verdict) {
-    case Verdict::kNone: return "";
     case Verdict::kPass: return "pass";
     case Verdict::kFail: return "fail";
+    case Verdict::kNone: break;
   }
   return "";
 }
@@ -126,7 +126,7 @@ Added addedOf(const NamedRun &named, const NamedValue &value, const Shown &shown
 Added addedOf(const NamedValue &value) {
   Added added;
   added.sectionName = value.sectionName;
-  if (value.key) added.meant.name = value.key->meaning.name;
+  added.meant.name = value.key->meaning.name;
   return added;
 }
 
@@ -134,8 +134,7 @@ Added addedOf(const NamedValue &value) {
 template <class Take>
 void forEachRow(const NamedRun &named, const Take &take) {
   named.forEach([&](const NamedValue &value) {
-    const bool isWhole = value.shown.empty() || value.hasFields();
-    take(*value.value, isWhole ? addedOf(value) : addedOf(named, value, value.shown[0]), nullptr);
+    take(*value.value, value.hasFields() ? addedOf(value) : addedOf(named, value, value.shown[0]), nullptr);
     if (!value.hasFields()) return;
     for (const Shown &shown : value.shown) take(*value.value, addedOf(named, value, shown), &shown);
   });

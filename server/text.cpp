@@ -2,6 +2,9 @@
 
 #include "server/text.hpp"
 
+#include <clocale>
+#include <cwchar>
+
 #include <algorithm>
 #include <array>
 
@@ -89,6 +92,22 @@ void appendPrintable(Target &target, std::string_view bytes) {
   }
 }
 
+// Calls take(size, columns) for each character until it returns false. The C library knows how wide each is, in any
+// locale of UTF-8 the same; where it has none, or does not know a character, that takes one column.
+template <class Take>
+void forEachWidth(std::string_view text, const Take &take) {
+  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  const locale_t before = uselocale(utf8);
+  bool goesOn = true;
+  for (size_t i = 0, size; goesOn && i < text.size(); i += size) {
+    const CodePoint c = decodeUtf8(text, i);
+    size = std::max<size_t>(c.size, 1);
+    const int width = wcwidth(static_cast<wchar_t>(c.value));
+    goesOn = take(size, width < 0 ? size_t{1} : static_cast<size_t>(width));
+  }
+  uselocale(before);
+}
+
 template <class Target>
 void appendHex(Target &target, std::string_view bytes) {
   for (const char c : bytes) {
@@ -131,15 +150,31 @@ void putHex(Sink &out, std::string_view bytes) { appendHex(out, bytes); }
 
 size_t portionOf(std::string_view bytes) {
   if (bytes.size() <= Sink::kPortion) return bytes.size();
-  for (size_t size = Sink::kPortion; size > Sink::kPortion - 4; --size) {
-    if ((static_cast<uint8_t>(bytes[size]) & 0xC0) != 0x80) return size;
-  }
-  return Sink::kPortion;
+  size_t size = Sink::kPortion;
+  while (size > Sink::kPortion - 3 && (static_cast<uint8_t>(bytes[size]) & 0xC0) == 0x80) --size;
+  return size;
 }
 
 size_t widthOf(std::string_view text) {
-  return static_cast<size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<uint8_t>(c) & 0xC0) != 0x80; }));
+  size_t width = 0;
+  if (isPlain(text)) return text.size();
+  forEachWidth(text, [&width](size_t, size_t columns) {
+    width += columns;
+    return true;
+  });
+  return width;
+}
+
+size_t prefixOf(std::string_view text, size_t columns) {
+  size_t prefix = 0, left = columns;
+  if (isPlain(text)) return std::min(text.size(), columns);
+  forEachWidth(text, [&](size_t size, size_t width) {
+    if (width > left) return false;
+    left -= width;
+    prefix += size;
+    return true;
+  });
+  return prefix;
 }
 
 }  // namespace kepserver

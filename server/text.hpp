@@ -78,11 +78,13 @@ void putPrintable(Sink &out, std::string_view bytes);
 std::string hex(std::string_view bytes);
 void putHex(Sink &out, std::string_view bytes);
 
-// The size of the first portion of `bytes`, which cuts no character: behind it stands none of the bytes that go on with
-// one, unless there are more of them than a character has.
+// The size of the first portion of `bytes`, which cuts no character.
 size_t portionOf(std::string_view bytes);
 
-// How many characters a printable text has.
+// How many columns a printable text takes, two for a character as wide as those of Chinese.
 size_t widthOf(std::string_view text);
+
+// The size of the first characters of a printable text that take no more than so many columns.
+size_t prefixOf(std::string_view text, size_t columns);
 
 }  // namespace kepserver

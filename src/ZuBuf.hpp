@@ -1,7 +1,12 @@
 // ZuBuf.hpp: what modules need that put text into a buffer.
 #pragma once
 
+#include <cstdint>
+
 #include "kep/ZuBuf.h"
+
+// A host may give a number for "no buffer".
+inline bool isAddress(const ZuBuf *buf) { return reinterpret_cast<uintptr_t>(buf) > 100; }
 
 // Whether the elements are bytes. Text appended to wider ones would be read beyond its end.
 bool holdsBytes(const ZuBuf *buf);

@@ -14,7 +14,7 @@ constexpr int kQueryPort = 8998;  // ours
 constexpr int kServerPort = 8999;
 constexpr int kTimeoutMs = 1000;
 constexpr int32_t kTextSize = 1000;  // of a query and of a reply
-constexpr char kBroadcast[] = "<BROADCAST>";
+constexpr char kEveryServer[] = "<BROADCAST>";
 
 int _fd = -1;
 char _svrAddr[20] = "<BROADCAST>";  // replaced by the first replier's address, as is the port
@@ -24,7 +24,7 @@ char _buffer[kTextSize + 1];  // the query, then the reply and its terminator
 
 // Whether a query may go out: the first one, or any once a server has answered.
 bool mayAsk() {
-  if (_has_send) return _fd >= 0 && std::strcmp(_svrAddr, kBroadcast) != 0;
+  if (_has_send) return _fd >= 0 && std::strcmp(_svrAddr, kEveryServer) != 0;
   _fd = ZuSock_UDP_Create("0.0.0.0", kQueryPort);
   _has_send = 1;
   return _fd >= 0;

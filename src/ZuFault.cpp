@@ -264,8 +264,6 @@ void takeValues(Run *run) {
   run->end = run->values ? numberOfNext(run->values) : 0;
 }
 
-bool isBefore(uint32_t number, uint32_t other) { return static_cast<int32_t>(number - other) < 0; }
-
 bool isEvicted(const ZuInfo *values, uint32_t number) {
   const Locked locked;
   return isBefore(number, numberOfOldest(values));

@@ -21,7 +21,7 @@ constexpr char kTimeFormat[] = "*T";  // in front of an entry's format: a dump o
 
 const char *orEmpty(const char *text) { return text ? text : ""; }
 
-void show(const char *text) { ZuPrint_Show(orEmpty(text), 0); }
+void showText(const char *text) { ZuPrint_Show(orEmpty(text), 0); }
 
 bool hasFunction(const ZuFuncLog *log, const char *name) {
   for (int32_t i = 0; i < log->count; ++i) {
@@ -44,11 +44,11 @@ void dumpCall(const char *format, const uint8_t *value, int32_t valueLength) {
 
 // In pieces, so that texts of any length show whole.
 void showCall(const ZuFuncLogEntry &entry, int32_t counter, const uint8_t *value, int32_t valueLength) {
-  show(ZuString_SFormat("\nindex=%d,func:", static_cast<int>(counter)));
-  show(entry.name);
-  show(" ");
-  show(entry.text);
-  show("\n");
+  showText(ZuString_SFormat("\nindex=%d,func:", static_cast<int>(counter)));
+  showText(entry.name);
+  showText(" ");
+  showText(entry.text);
+  showText("\n");
   dumpCall(orEmpty(entry.format), value, valueLength);
 }
 
@@ -118,9 +118,9 @@ void ZuFuncLog_ShowFunc(ZuFuncLog *log, ...) {
   ZuPrint_Puts("", 0);
   for (int32_t i = 0; i < log->count; ++i) {
     const ZuFuncLogEntry &entry = log->table[i];
-    show(entry.name);
+    showText(entry.name);
     ZuPrint_Puts(orEmpty(entry.text), 0);
-    show(ZuString_SFormat("id:%d;cnt:%d;fmt:", static_cast<int>(i), static_cast<int>(entry.count)));
+    showText(ZuString_SFormat("id:%d;cnt:%d;fmt:", static_cast<int>(i), static_cast<int>(entry.count)));
     ZuPrint_Puts(orEmpty(entry.format), 0);
   }
 }

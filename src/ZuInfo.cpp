@@ -48,7 +48,7 @@ constexpr int32_t kFirstBlockSize = 1024;
 constexpr uint32_t kSizeUnit = 1024;  // limits and grown blocks are multiples of it
 constexpr uint32_t kLargestBlock = INT32_MAX / kSizeUnit * kSizeUnit;
 constexpr uint32_t kLargestGrowth = 262144;  // 256 KiB a step, unless one record needs more
-constexpr uint32_t kIdCount = 8 * sizeof(ZuInfo::idSwitches);
+constexpr uint32_t kSwitchCount = 8 * sizeof(ZuInfo::idSwitches);
 constexpr int32_t kLongestKey = 254;
 constexpr int32_t kLongestValue = UINT16_MAX;
 constexpr uint32_t kHeadSize = 3;  // key length and value length
@@ -100,9 +100,6 @@ uint32_t roundLimit(uint32_t limit) {
   constexpr uint32_t kLargestLimit = UINT32_MAX / kSizeUnit * kSizeUnit;
   return limit > kLargestLimit ? kLargestLimit : (limit + kSizeUnit - 1) / kSizeUnit * kSizeUnit;
 }
-
-// Of two numbers of records, which wrap.
-bool isBefore(uint32_t number, uint32_t other) { return static_cast<int32_t>(number - other) < 0; }
 
 void forgetRecords(ZuInfo *info) { storeOf(info)->oldest = storeOf(info)->next; }
 
@@ -378,7 +375,7 @@ void putDumpFormat(char *out, const uint8_t *key, uint8_t keyLength) {
   out[1 + keyLength] = '\0';
 }
 
-bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kIdCount; }
+bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kSwitchCount; }
 
 }  // namespace
 

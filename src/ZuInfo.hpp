@@ -38,6 +38,9 @@ class StoreWalk {
   uint32_t copySize_;
 };
 
+// Of two numbers of records, which wrap.
+inline bool isBefore(uint32_t number, uint32_t other) { return static_cast<int32_t>(number - other) < 0; }
+
 // The number of the next record to be written, and of the oldest one present, counted since the store was made; both
 // wrap. Under the lock.
 uint32_t numberOfNext(const ZuInfo *info);

@@ -22,7 +22,6 @@ constexpr uint32_t kDefaultStoreSize = 0x100000;
 constexpr int32_t kHeaderCount = sizeof(ZuLogger::headers) / sizeof(ZuLogger::headers[0]);
 constexpr uint16_t kRecordsAPause = 100;
 constexpr uint32_t kPauseMs = 1000;
-constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no buffer"
 
 // The text of the current second. A line asks for another only when the second is another one, which takes a tenth of
 // the time; a changed zone shows by the next.
@@ -47,7 +46,7 @@ const char *nowAsText(TimeText *time) {
   return time->text;
 }
 
-void copyCut(char *field, size_t size, const char *text) {
+void setText(char *field, size_t size, const char *text) {
   const size_t length = strnlen(text, size - 1);
   std::memcpy(field, text, length);
   field[length] = '\0';
@@ -102,8 +101,6 @@ void appendRecord(ZuBuf *buffer, const uint8_t *value, uint16_t length) {
   if (length > 0) ZuBuf_Append(buffer, value, length);
   ZuBuf_Append(buffer, "\n", 1);
 }
-
-bool isAddress(const ZuBuf *buffer) { return reinterpret_cast<uintptr_t>(buffer) >= kLowestAddress; }
 
 unsigned lowBits(const void *address) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(address)); }
 
@@ -180,13 +177,13 @@ void ZuLogger_SetFlag(ZuLogger *logger, uint32_t flags) {
 
 void ZuLogger_SetFileName(ZuLogger *logger, const char *name) {
   const Guarded guard(__func__);
-  if (logger && name) copyCut(logger->fileName, sizeof logger->fileName, name);
+  if (logger && name) setText(logger->fileName, sizeof logger->fileName, name);
 }
 
 void ZuLogger_SetUDP(ZuLogger *logger, const char *host, int32_t port) {
   const Guarded guard(__func__);
   if (!logger) return;
-  if (host) copyCut(logger->udpHost, sizeof logger->udpHost, host);
+  if (host) setText(logger->udpHost, sizeof logger->udpHost, host);
   logger->udpPort = port;
 }
 
@@ -194,7 +191,7 @@ void ZuLogger_Header(ZuLogger *logger, const char *text) {
   const Guarded guard(__func__);
   if (!logger || !text) return;
   if (logger->headerDepth < kHeaderCount - 1) ++logger->headerDepth;
-  copyCut(logger->headers[logger->headerDepth], sizeof logger->headers[0], text);
+  setText(logger->headers[logger->headerDepth], sizeof logger->headers[0], text);
 }
 
 void ZuLogger_Tail(ZuLogger *logger) {

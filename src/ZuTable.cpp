@@ -47,7 +47,6 @@ struct ZuTableCell {
 static_assert(sizeof(ZuTableCell) == 112, "the cell's record");
 
 constexpr int32_t kLongestText = 1 << 20;  // a longer cell counts as this long, so that no width overflows
-constexpr uintptr_t kLowestAddress = 101;  // a smaller one is a number for "no buffer"
 
 // ---- values
 
@@ -443,7 +442,7 @@ int32_t ZuTable_Show(ZuTable *table) { return ZuTable_ShowToBuffer(table, nullpt
 
 void ZuTable_ShowToBuf(ZuTable *table, ZuBuf *buf) {
   if (!table) return;
-  if (reinterpret_cast<uintptr_t>(buf) < kLowestAddress) {
+  if (!isAddress(buf)) {
     ZuTable_Show(table);
     return;
   }

@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint32_t kPassMs = 100;
 
-enum Status : int32_t { kStopped, kActive };
+enum Status : int32_t { kInactive, kActive };
 
 struct ZuTimer {
   ZuTimerCallback callback;
@@ -47,10 +47,10 @@ bool next(ListWalk<ZuTimer> *walk, ZuTimer **out) {
 
 // Only the loop changes a timer, and so may read it without the lock; the callback runs without it.
 void runIfDue(ZuTimer *timer, uint32_t now) {
-  if (!timer->callback || timer->status == kStopped || now - timer->last < timer->interval) return;
+  if (!timer->callback || timer->status == kInactive || now - timer->last < timer->interval) return;
   const bool goesOn = timer->callback(static_cast<int32_t>(timer->interval)) != 0;
   const Locked locked;
-  if (!goesOn) timer->status = kStopped;
+  if (!goesOn) timer->status = kInactive;
   timer->last = now;
   ++timer->times;
 }

@@ -23,15 +23,14 @@ static_assert(sizeof(void *) != 4 || sizeof(CollectParam) == 84, "the board's re
 
 namespace {
 
-constexpr int32_t kModuleId = 100;  // of tracked memory
 constexpr int32_t kItemCount = sizeof(CollectParam::items) / sizeof(CollectParam::items[0]);
-constexpr size_t kLongestName = sizeof(CollectItem::name) - 1;
-constexpr uint32_t kDefaultLogSize = 0x100000;
+constexpr size_t kLongestItemName = sizeof(CollectItem::name) - 1;
+constexpr uint32_t kCollectLogSize = 0x100000;
 
 CollectAccess l_access;  // NULL: everyone is served. Any thread may set it
 
 // All of this, and the table of items, is under the lock.
-uint32_t l_logSize = kDefaultLogSize;
+uint32_t l_logSize = kCollectLogSize;
 uint32_t l_released;  // a bit for each item that is to be freed when no run needs it
 int32_t l_runs;       // under way: a callback may begin another
 
@@ -54,7 +53,7 @@ void freeReleased() {
     CollectItem *item = items[i];
     items[i] = nullptr;
     if (isReleased(i)) {
-      ZuMem_Free(kModuleId, item);
+      ZuMem_Free(kCollectModule, item);
     } else {
       item->index = kept;
       items[kept++] = item;
@@ -70,7 +69,7 @@ void warnOf(const char *) {}
 bool isNamed(const char *name) {
   const CollectParam &param = g_collect_param;
   for (int32_t i = 0; i < param.count; ++i) {
-    if (!isReleased(i) && std::strncmp(param.items[i]->name, name, kLongestName) == 0) return true;
+    if (!isReleased(i) && std::strncmp(param.items[i]->name, name, kLongestItemName) == 0) return true;
   }
   return false;
 }
@@ -204,10 +203,10 @@ CollectItem *Collect_New(const char *name, CollectFunc collect, CollectFunc self
   const Locked locked;
   CollectParam &param = g_collect_param;
   if (param.count >= kItemCount) return nullptr;
-  auto *item = static_cast<CollectItem *>(ZuMem_Malloc(kModuleId, sizeof(CollectItem)));
+  auto *item = static_cast<CollectItem *>(ZuMem_Malloc(kCollectModule, sizeof(CollectItem)));
   if (!item) return nullptr;
   *item = {param.count, collect, selftest, 0, {}};
-  std::memcpy(item->name, name, strnlen(name, kLongestName));
+  std::memcpy(item->name, name, strnlen(name, kLongestItemName));
   param.items[param.count++] = item;
   return item;
 }
@@ -268,7 +267,7 @@ void Collect_PutLog(CollectItem *item, int32_t key, ZuLogger *logger) {
 
 void Collect_SetLogSize(uint32_t size) {
   const Guarded guard(__func__);
-  l_logSize = size == 0 ? kDefaultLogSize : size;
+  l_logSize = size == 0 ? kCollectLogSize : size;
   ZuLogger_SetInfoSize(g_collect_param.logger, l_logSize);
 }
 

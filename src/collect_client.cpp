@@ -33,10 +33,9 @@ constexpr int32_t kRequestSize = 16;
 constexpr uint32_t kRequestTypeCount = 4;
 constexpr int32_t kFailurePauseMs = 1000;
 
-constexpr int32_t kModuleId = 100;  // of tracked memory
-constexpr int32_t kHeaderSize = 12;
+constexpr int32_t kMessageHeaderSize = 12;
 constexpr int32_t kPayloadSize = 1024;
-static_assert(kHeaderSize + kPayloadSize == 1036, "one send buffer");
+static_assert(kMessageHeaderSize + kPayloadSize == 1036, "one send buffer");
 
 constexpr int32_t kAckSize = 16;  // an acknowledgement has at most so many bytes
 
@@ -201,7 +200,7 @@ ssize_t receiveAck() {
 // ---- the send buffer
 
 bool makeBuffer() {
-  if (!l_buffer) l_buffer = static_cast<uint8_t *>(ZuMem_Malloc(kModuleId, kHeaderSize + kPayloadSize));
+  if (!l_buffer) l_buffer = static_cast<uint8_t *>(ZuMem_Malloc(kCollectModule, kMessageHeaderSize + kPayloadSize));
   return l_buffer != nullptr;
 }
 
@@ -210,7 +209,7 @@ int32_t room() { return kPayloadSize - l_bufPos; }
 // Where the next `size` bytes of payload go.
 uint8_t *take(int32_t size) {
   assert(size <= room());
-  uint8_t *out = l_buffer + kHeaderSize + l_bufPos;
+  uint8_t *out = l_buffer + kMessageHeaderSize + l_bufPos;
   l_bufPos += size;
   return out;
 }
@@ -272,7 +271,7 @@ bool isSilent() { return read(l_isSilent); }
 
 void dropRun() {
   closeConnection();
-  ZuMem_Free(kModuleId, l_buffer);
+  ZuMem_Free(kCollectModule, l_buffer);
   l_buffer = nullptr;
   l_bufPos = 0;
 }
@@ -389,7 +388,7 @@ int32_t CollectClient_CollectBuffer(int32_t index, int32_t section, int32_t key,
 int32_t CollectClient_Flush(int32_t sequence) {
   const Waiting mark(__func__);
   if (!l_buffer) return 0;
-  const int32_t size = kHeaderSize + l_bufPos;
+  const int32_t size = kMessageHeaderSize + l_bufPos;
   if (sequence == 0) sequence = _sequence = static_cast<int32_t>(static_cast<uint32_t>(_sequence) + 1);
   storeBig(l_buffer, static_cast<uint32_t>(size));
   storeBig(l_buffer + 8, static_cast<uint32_t>(sequence));

@@ -4,6 +4,8 @@
 #include "kep/Collect.h"
 #include "kep/CollectClient.h"
 
+constexpr int32_t kCollectModule = 100;  // of tracked memory
+
 // What the serving thread counts, and any thread reads.
 CollectStats &collectStats();
 inline void countUp(uint32_t &counter) { __atomic_store_n(&counter, counter + 1, __ATOMIC_RELAXED); }

@@ -36,20 +36,23 @@ extern "C" {
 /* Takes the request type (0 to 2) in a collection run, 0 in a self-test. The result is ignored. */
 typedef int32_t (*CollectFunc)(int32_t argument);
 
+/* An item, made by Collect_New. Hosts read it only. */
 typedef struct CollectItem {
   int32_t index;        /* position in CollectParam's items, sent with every record */
   CollectFunc collect;  /* NULL: skipped by a collection run */
   CollectFunc selftest; /* NULL: skipped by a self-test */
   int32_t section;      /* sent with every record; 0 outside a section */
-  char name[20];
+  char name[20];        /* as it was registered, cut at 19 bytes */
 } CollectItem;
 
+/* What the service works with. */
 typedef struct CollectParam {
-  ZuLogger *logger; /* begin and end of every item, and failures; made by Collect_Init */
-  CollectItem *items[19];
-  int32_t count;
+  ZuLogger *logger;       /* begin and end of every item, and failures; made by Collect_Init */
+  CollectItem *items[19]; /* those registered, in front */
+  int32_t count;          /* of them */
 } CollectParam;
 
+/* The process has one. */
 extern KEP_API CollectParam g_collect_param;
 
 /* Serves collection requests, one after another, until Collect_Stop. The two most significant bytes of `identity` are

@@ -18,7 +18,7 @@
 extern "C" {
 #endif
 
-typedef struct ZuBuf ZuBuf;
+typedef struct ZuBuf ZuBuf; /* a buffer, known by its address only */
 
 /* Creates an empty buffer with room for `count` elements of `elemSize` bytes. `growStep` is in bytes; 0 takes `count`,
  * and should that be 0 too, a block grows to exactly what is needed. Returns NULL when memory is short or the size

@@ -32,7 +32,9 @@
 extern "C" {
 #endif
 
-typedef struct ZuFault ZuFault;
+typedef struct ZuFault ZuFault; /* a fault, known by its address only */
+
+/* Is run by ZuFault_Start, to record values. */
 typedef void (*ZuFaultCallback)(void);
 
 /* Types of the items in the file, named as the functions that record them. */

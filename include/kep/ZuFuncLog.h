@@ -23,18 +23,20 @@
 extern "C" {
 #endif
 
+/* A function of the table. */
 typedef struct ZuFuncLogEntry {
-  const char *name;
+  const char *name;   /* by which it is shown */
   const char *format; /* pack format of a call's data, without the time */
   int32_t count;      /* the host's count of calls */
   const char *text;   /* shown behind the name */
 } ZuFuncLogEntry;
 
+/* A log. */
 typedef struct ZuFuncLog {
   ZuFuncLogEntry *table; /* the host's */
   int32_t count;         /* entries of the table */
-  ZuInfo *store;
-  int32_t ignore; /* for the host's writer */
+  ZuInfo *store;         /* of the records */
+  int32_t ignore;        /* for the host's writer */
 } ZuFuncLog;
 
 /* Creates a log over a table, which stays the host's and must outlive it, with a store that may grow to `limit` bytes.

@@ -15,7 +15,7 @@
 extern "C" {
 #endif
 
-typedef struct ZuHash ZuHash;
+typedef struct ZuHash ZuHash; /* a table, known by its address only */
 
 /* Returns a number for a key; the table takes it modulo the bucket count. */
 typedef uint32_t (*ZuHashFunc)(const void *key, uint32_t keySize, uint32_t bucketCount);

@@ -18,7 +18,7 @@
 extern "C" {
 #endif
 
-typedef struct ZuList ZuList;
+typedef struct ZuList ZuList; /* a list, known by its address only */
 
 /* Releases one element value. It must not change the list that calls it. */
 typedef void (*ZuListFree)(void *element);

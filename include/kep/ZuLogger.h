@@ -26,7 +26,7 @@
 extern "C" {
 #endif
 
-typedef struct ZuLogger ZuLogger;
+typedef struct ZuLogger ZuLogger; /* a logger, known by its address only */
 
 /* Levels. A host may use others: ZuLogger_Write accepts them always. */
 enum {

@@ -15,6 +15,7 @@
 extern "C" {
 #endif
 
+/* The state of a hash. */
 typedef struct ZuMD5 {
   uint32_t count[2]; /* not used */
   uint32_t state[4]; /* A, B, C, D */

@@ -20,7 +20,7 @@
 extern "C" {
 #endif
 
-typedef struct ZuPrint ZuPrint;
+typedef struct ZuPrint ZuPrint; /* a print object, known by its address only */
 
 /* Creates an object, printing, over `capacity` bytes that stay the caller's and must outlive it. It holds at most
  * capacity - 1 characters. Returns NULL when memory is short, `buffer` is NULL or `capacity` is below 2. */

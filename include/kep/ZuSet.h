@@ -11,7 +11,7 @@
 extern "C" {
 #endif
 
-typedef struct ZuSet ZuSet;
+typedef struct ZuSet ZuSet; /* a set, known by its address only */
 
 /* Creates an empty set. Returns NULL when `capacity` is 0 or memory is short, or when the capacity is so large (above
  * 2^32 - 8) that its bytes cannot be counted. */

@@ -26,7 +26,7 @@
 extern "C" {
 #endif
 
-typedef struct ZuTable ZuTable;
+typedef struct ZuTable ZuTable; /* a table, known by its address only */
 
 /* Types of columns. */
 enum { ZUTABLE_DOUBLE = 0, ZUTABLE_FLOAT = 1, ZUTABLE_INT32 = 2, ZUTABLE_INT64 = 3, ZUTABLE_TEXT = 4 };

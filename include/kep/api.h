@@ -5,7 +5,9 @@
 #include <stdint.h>
 
 #if defined(__GNUC__)
+/* Marks what the library exports. */
 #define KEP_API __attribute__((visibility("default")))
+/* Has the compiler check a printf format against its arguments. */
 #define KEP_PRINTF(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
 #else
 #define KEP_API

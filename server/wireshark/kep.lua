@@ -143,7 +143,7 @@ local function fields_shown(meaning, range)
   for _, field in ipairs(meaning.fields) do
     if field.name then table.insert(texts, field.name .. " " .. field_shown(field, range)) end
   end
-  return table.concat(texts, ", ")
+  return #texts > 0 and table.concat(texts, ", ") or range:len() .. " bytes"
 end
 
 -- Returns what a value's section is called. Learns the names that sections take from values, of which the first counts.
@@ -438,8 +438,19 @@ local function copied(state)
   return copy
 end
 
-local function is_over(state)
-  return state.is_empty and not state.open and (not state.last_index or state.messages >= 4) or false
+-- Returns why a run that ends here is cut short, nil when it is over as far as can be told.
+local function lacking(state)
+  if not state.is_empty or (state.last_index and state.messages < 4) then
+    return "the stream ends before the run's last message"
+  end
+  local expected = 3 -- the identity, the catalogue, the end's
+  for _, name in pairs(state.run.catalogue) do
+    local item = names and names.items[name]
+    if item and item.reports then expected = expected + 1 end
+  end
+  if state.last_index and state.messages < expected then
+    return "fewer data messages than the items that report, and the last one"
+  end
 end
 
 local function show_damage(state, tree, found, pinfo)
@@ -453,7 +464,7 @@ local function show_counts(state, tree)
   tree:add(f.messages, state.messages):set_generated()
   tree:add(f.records, state.records):set_generated()
   tree:add(f.total, state.bytes):set_generated()
-  tree:add(f.whole, is_over(state) and not state.damage):set_generated()
+  tree:add(f.whole, not (state.open or state.damage or lacking(state))):set_generated()
 end
 
 -- Shows the message at `offset` of what has come. Returns its size; 0 behind a damage, where nothing can be told any
@@ -598,8 +609,8 @@ function ending.dissector(tvb, pinfo, root)
     reason = "the stream ends inside a message"
   elseif state.open then
     reason = "the last piece is missing of " .. called(state.open)
-  elseif not is_over(state) then
-    reason = "the stream ends before the run's last message"
+  else
+    reason = lacking(state)
   end
   if not reason then return end
   show_damage({}, root:add(kep, "kep: the run is cut short"), { offset = size, reason = reason }, pinfo)

@@ -56,10 +56,11 @@ bool Plan::fails(const char *call, size_t *count) {
 
 int takeLongestWait() { return std::exchange(longestWait, 0); }
 
-// WRAP(result, name, (parameters), value of a failure, arguments...)
-#define WRAP(result, name, parameters, failure, ...) \
-  result __real_##name parameters;                   \
-  result __wrap_##name parameters { return Plan::fails(#name) ? (failure) : __real_##name(__VA_ARGS__); }
+// WRAP(result, name, (parameters), value of a failure, arguments...); WRAP_AS: plans know it as another call
+#define WRAP_AS(call, result, name, parameters, failure, ...) \
+  result __real_##name parameters;                            \
+  result __wrap_##name parameters { return Plan::fails(call) ? (failure) : __real_##name(__VA_ARGS__); }
+#define WRAP(result, name, ...) WRAP_AS(#name, result, name, __VA_ARGS__)
 
 extern "C" {
 
@@ -70,6 +71,14 @@ extern "C" {
 OF_64_BITS(int, gettimeofday, (timeval *, void *), "__gettimeofday64")
 OF_64_BITS(tm *, localtime_r, (const time_t *, tm *), "__localtime64_r")
 OF_64_BITS(time_t, time, (time_t *), "__time64")
+
+// What a library built for them throughout calls.
+WRAP_AS("fcntl", int, __fcntl_time64, (int fd, int command, long argument), -1, fd, command, argument)
+WRAP_AS("open", int, open64, (const char *path, int flags, mode_t mode), -1, path, flags, mode)
+WRAP_AS("setsockopt", int, __setsockopt64, (int fd, int level, int name, const void *value, socklen_t size), -1, fd,
+        level, name, value, size)
+WRAP_AS("getsockopt", int, __getsockopt64, (int fd, int level, int name, void *value, socklen_t *size), -1, fd, level,
+        name, value, size)
 #endif
 
 WRAP(int, socket, (int domain, int type, int protocol), -1, domain, type, protocol)

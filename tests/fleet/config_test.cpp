@@ -59,7 +59,7 @@ on_event = "mail"
 on_event_limit = "5s"
 on_event_at_once = 2
 limits = { connect = "1s", silence = "2s", run = "3s", run_size = "1MiB", pause = "10m", waiting = "2GiB" }
-http = { address = "0.0.0.0:80", prefix = "/kep", hosts = ["a", "b"], token_file = "token", probe_any = true }
+http = { address = "[2001:db8::1]:80", prefix = "/kep", hosts = ["a", "b"], token_file = "token", probe_any = true }
 keep = { 0 = "1d", selftest = "365d", events = "2h" }
 label_from = { firmware = { item = "system", section = 1, key = 4 } }
 log = { level = "debug", format = "json" }
@@ -88,7 +88,8 @@ labels = { site = "north" }
   EXPECT_EQ(config.limits.runBytes, 1u << 20);
   EXPECT_EQ(config.limits.waitingBytes, size_t{2} << 30);
   EXPECT_EQ(config.limits.longestPause, std::chrono::minutes(10));
-  EXPECT_EQ(config.http.address + config.http.prefix + config.http.hosts[1] + config.http.token, "0.0.0.0/kepbs3cret");
+  EXPECT_EQ(config.http.address + config.http.prefix + config.http.hosts[1] + config.http.token,
+            "2001:db8::1/kepbs3cret");
   EXPECT_TRUE(config.http.port == 80 && config.http.probeAny);
   const std::map<int, milliseconds> keep = {
       {-1, hours(2)}, {0, hours(24)}, {1, hours(168)}, {2, hours(168)}, {3, hours(8760)}};
@@ -145,6 +146,8 @@ TEST_F(ConfigTest, RefusesWhatItDoesNotUnderstand) {
       {"[limits]\nrun = '1s'", "4: run: expected at least as long as connect"},
       {"[http]\naddress = 'localhost:1'",
        "4: address: not an IPv4 address: localhost; expected an IPv4 address and a port, such as \"127.0.0.1:9180\""},
+      {"[http]\naddress = '[::1x]:1'",
+       "4: address: not an IPv4 address: [::1x]; expected an IPv4 address and a port, such as \"127.0.0.1:9180\""},
       {"[http]\naddress = '127.0.0.1:70000'",
        "4: address: expected a port from 0 to 65535 behind the colon; expected an IPv4 address and a port, such as "
        "\"127.0.0.1:9180\""},

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "memory_store.hpp"
 
 namespace {
@@ -75,6 +77,33 @@ TEST_F(KeeperTest, EndsWithAStoreThatDoesNot) {
   memory->set([](Memory &m) { m.hangs = false, m.fails = true; });
   EXPECT_FALSE(keeper.stop(milliseconds(60'000)));
   EXPECT_EQ(keeper.status().droppedRuns, 1000u);
+}
+
+TEST_F(KeeperTest, TellsThatOldRunsStay) {
+  memory->set([](Memory &m) { m.fails = true; });
+  while (keeper.status().removal.empty()) std::this_thread::sleep_for(milliseconds(1));
+  EXPECT_EQ(keeper.status().removal, "the disk is full");
+  EXPECT_EQ(keeper.status().problem, "") << "nothing waited for it";
+}
+
+// What is stored outlives a clock that jumps ahead, and one that was wrong at the start, by a day.
+TEST(PatientClockTest, BelievesAfterADay) {
+  constexpr int64_t hour = 3'600'000, start = 500'000 * hour;
+  const struct {
+    std::optional<int64_t> newest;
+    std::vector<std::array<int64_t, 3>> looks;  // hours: of uptime, of the clock since the start, and what is believed
+  } cases[] = {
+      {{}, {{5, 0, 0}, {6, 1, 1}, {7, 3, 3}, {8, 999, 4}, {9, 5, 5}, {10, 999, 6}, {33, 1022, 29}, {34, 1023, 1023}}},
+      {{}, {{0, 9000, 9000}, {1, 1, 1}, {2, 2, 2}}},
+      {start, {{0, 200, 0}, {23, 223, 23}, {24, 224, 224}}},
+      {start + 99 * hour, {{0, 0, 0}, {1, -999, -999}, {2, 2, -998}}},
+  };
+  for (const auto &one : cases) {
+    PatientClock clock(one.newest);
+    for (const auto &[uptime, wall, believed] : one.looks) {
+      EXPECT_EQ((clock.now(start + wall * hour, milliseconds(uptime * hour)) - start) / hour, believed) << uptime;
+    }
+  }
 }
 
 }  // namespace

@@ -99,12 +99,13 @@ class MetricsTest : public testing::Test {
     };
     take(0, 0, 2000, Outcome::kWhole, pump());
     take(0, 1, 1000, Outcome::kWhole, other);  // the newer: its numbers count where both have one
-    take(0, 3, 999'999'999, Outcome::kWhole, selfTest());
+    take(0, 3, 3'599'999, Outcome::kWhole, selfTest());
     take(1, 0, 1, Outcome::kWhole, hostile());
     take(2, 0, 1, Outcome::kWhole, pump());
     take(3, 0, 20'000, Outcome::kWhole, pump());
     take(3, 0, 5'000, Outcome::kBrokenOff, cut);
     take(4, 0, 90'001, Outcome::kWhole, pump());
+    take(4, 3, 3'600'001, Outcome::kWhole, selfTest());  // by hand, long ago
     take(5, 0, 1, Outcome::kWhole, pump());
     take(6, 0, 1, Outcome::kNoAnswer, "");
     take(7, 0, 1, Outcome::kNoAnswer, "");

@@ -36,11 +36,11 @@ Strings shownRun() {
                   number(0, 0, 1, 123456789) + number(0, 0, 2, 9) + head(0x84, 0, 0, 3) +
                       counted(word(412) + word(0) + board::number(0x46293E5939A08CEA, 8)) + number(0, 0, 9, -5)),
           message(2, 3,
-                  text(1, 1, 1, "eth0") + number(1, 1, 2, 672176260) + text(1, 2, 1, "eth1") + number(1, 3, 2, -1) +
-                      text(1, 3, 2, "none\x1B")),
+                  text(1, 1, 1, "eth0") + number(1, 1, 2, 672176260) + text(1, 2, 1, "\xE6\x97\xA5\xE6\x9C\xAC") +
+                      number(1, 3, 2, -1) + text(1, 3, 2, "none\x1B")),
           message(2, 4,
                   text(2, 1, 1, "lost its time") + text(2, 1, 1, "11/23 03:50:21") +
-                      text(2, 1, 1, "a line that is rather long, and is broken somewhere") +
+                      text(2, 1, 1, "a line that is rather \xE9\x95\xB7\xE3\x81\x84, and is broken somewhere") +
                       text(2, 2, 1, "11/23 03:50:22") + text(2, 2, 1, "")),
           message(2, 5, head(0x84, 3, 4, 1) + counted(std::string("\0\xFF", 2))),
           message(2, 6, "")};
@@ -50,7 +50,9 @@ Strings testRun(int links, const std::string &other) {
   return {message(0, 77, std::string("KB\0\0", 4)),
           message(2, 1, text(65535, 0, 0, "system") + number(0, 0, 1, 4899) + text(0, 0, 2, "ok")),
           message(2, 2, text(65535, 0, 0, other) + number(3, 0, 1, 0)),
-          message(2, 3, text(65535, 0, 0, "network") + number(1, 0, 1, links)), message(2, 4, "")};
+          message(2, 3,
+                  text(65535, 0, 0, "network") + number(1, 0, 1, links) + number(1, 0, 2, links) + number(1, 0, 2, 2)),
+          message(2, 4, "")};
 }
 
 class Collect : public CommandTest {
@@ -163,8 +165,8 @@ TEST_F(Collect, ShowsWhatTheNamesMake) {
   utimbuf collected = {0, 1795478400};  // 2026-11-24: the year of a time that has none
   utime("run", &collected);
   EXPECT_EQ(run("--replay run --names-dir dir --width 72 --cut"), 0);
-  const std::regex wrapped("is rather\\n +long, .*\\n.*somewhere");
-  EXPECT_EQ(out(), std::regex_replace(golden("shown.text"), wrapped, "is rather l\xE2\x80\xA6"));
+  const std::regex wrapped("is rather\\n.*\\n.*somewhere");
+  EXPECT_EQ(out(), std::regex_replace(golden("shown.text"), wrapped, "is rather \xE2\x80\xA6"));
   struct Case {
     std::string arguments;
     int status;
@@ -186,9 +188,21 @@ TEST_F(Collect, ShowsWhatTheNamesMake) {
     EXPECT_EQ(err(), c.err.empty() ? "" : "kep-collect: " + c.err + "\n");
   }
 
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+  winsize size = {25, 72, 0, 0};
+  char onTerminal[4096];
+  EXPECT_TRUE(grantpt(terminal) == 0 && unlockpt(terminal) == 0 && ioctl(terminal, TIOCSWINSZ, &size) == 0);
+  for (const std::string colours : {"NO_COLOR=", "NO_COLOR=1"}) {
+    EXPECT_EQ(run("--replay run --names-dir dir >" + std::string(ptsname(terminal)), colours), 0);
+    const std::string shownThere(onTerminal, static_cast<size_t>(read(terminal, onTerminal, sizeof onTerminal)));
+    EXPECT_EQ(shownThere.find("\x1B[2m11/23 03:50:21\x1B[0m") != std::string::npos, colours.back() == '=');
+    EXPECT_EQ(std::regex_replace(shownThere, std::regex("\x1B\\[[0-9]+m|\r"), ""), golden("shown.text"));
+  }
+  close(terminal);
+
   std::string printed = contentOf(KEP_GOLDEN "/../../server/golden/faults.named.json");
   for (const std::string path : {"run", "test"}) {
-    run("--replay " + path + " --names dir/4b42.toml --format json");
+    run("--replay " + path + " --names dir/4b42.toml --format json --big-as-text");
     printed += out();
   }
   std::istringstream page(contentOf(KEP_GOLDEN "/../../../docs/json.md"));
@@ -206,6 +220,8 @@ TEST_F(Collect, TellsWhyThereIsNoRun) {
   EXPECT_EQ(run("127.0.0.1 --port " + closedPort), 3);
   EXPECT_NE(err().find("Connection refused"), std::string::npos) << err();
   EXPECT_EQ(run(std::string(64, 'a') + ".invalid"), 3) << "no such name can exist";
+  EXPECT_EQ(run("255.255.255.255"), 3);
+  EXPECT_NE(err().find("cannot send the request to 255.255.255.255: "), std::string::npos) << err();
 
   expectWrongUsage(
       "",
@@ -265,6 +281,8 @@ TEST_F(Collect, TakesNobodyElseForTheBoardUnlessToldTo) {
 }
 
 TEST_F(Collect, EndsWhenItCannotWriteOrNobodyReads) {
+  // Where lines are counted their counts are files, too.
+  constexpr const char *kSmallFiles = "ulimit -f 1; export GCOV_PREFIX=. GCOV_ERROR_FILE=/dev/null;";
   const FullFifo full("full");
   const Strings messages = {message(0, 77, "KB12"), message(1, 1, ""),
                             message(2, 2, head(0x84, 0, 0, 0) + counted(std::string(1009, 0))), message(2, 3, "")};
@@ -274,10 +292,10 @@ TEST_F(Collect, EndsWhenItCannotWriteOrNobodyReads) {
   };
   const std::vector<Case> cases = {
       {"", "--raw /dev/full", "cannot write the raw file: No space left on device"},
-      {"ulimit -f 1;", "--raw raw", "cannot write the raw file: File too large"},
+      {kSmallFiles, "--raw raw", "cannot write the raw file: File too large"},
       {"", "--raw full", "interrupted", SIGTERM},
       {"", ">/dev/full", "cannot write the output"},
-      {"ulimit -f 1;", "", "cannot write the output"},
+      {kSmallFiles, "", "cannot write the output"},
       {"", "--raw closed >&-", "cannot write the output"},
       {"", ">full", "interrupted", SIGINT},
       {"", ">full 2>full", "", SIGTERM},
@@ -383,6 +401,8 @@ TEST_F(Collect, StaysWithinItsMemory) {
   for (const std::string format : {"json", "csv"}) {
     EXPECT_EQ(run("--replay long >/dev/null --format " + format, limit), 0) << err();
   }
+  EXPECT_EQ(run("--replay many >/dev/null", "ulimit -v 65536;"), 4);
+  EXPECT_EQ(err(), "kep-collect: std::bad_alloc\n");
 }
 
 TEST_F(Collect, WatchesUntilInterruptedWhateverBecomesOfARun) {

@@ -33,6 +33,11 @@ kepserver::Names readNamesFile(const std::string &path) {
   }
 }
 
+const kepserver::Names &noNames() {
+  static const kepserver::Names kNone;
+  return kNone;
+}
+
 CLI::Option *addNames(CLI::App &app, std::string &path) {
   return app.add_option("--names", path, "Names file: what the numbers mean")->type_name("FILE")->check(checkFile);
 }
@@ -50,9 +55,8 @@ void BoardNames::prepare() {
 }
 
 const kepserver::Names &BoardNames::of(const kepserver::Run &run) {
-  static const kepserver::Names kNone;
   if (!file_.empty()) return namesIn(file_);
-  if (!run.identity) return kNone;
+  if (!run.identity) return noNames();
   return namesIn(folder_ + "/" + kepserver::hex(run.identity->bytes.substr(0, 2)) + ".toml");
 }
 

@@ -15,6 +15,9 @@ namespace kepcommand {
 // kDamaged with file and line when it, or what it includes, is refused.
 kepserver::Names readNamesFile(const std::string &path);
 
+// Of a board of which nothing is known.
+const kepserver::Names &noNames();
+
 // Adds --names, whose file is yet to be read.
 CLI::Option *addNames(CLI::App &app, std::string &path);
 

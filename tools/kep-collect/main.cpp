@@ -77,7 +77,6 @@ ExitStatus Report::write(size_t board, Outcome outcome, Heading heading, int64_t
 
 // Judges the outcome by them, too. They are none where they are refused, and nullptr where none are asked for.
 const Names *Report::namesOf(Outcome &outcome) {
-  static const Names kNone;
   if (!options_.names.areGiven()) return nullptr;
   try {
     const Names &names = options_.names.of(outcome.run);
@@ -88,7 +87,7 @@ const Names *Report::namesOf(Outcome &outcome) {
       outcome.status = failure.status;
       outcome.diagnostic = failure.text;
     }
-    return &kNone;
+    return &noNames();
   }
 }
 

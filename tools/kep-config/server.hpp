@@ -14,7 +14,7 @@
 namespace kepconfig {
 
 struct Endpoint {
-  std::string address;  // dotted
+  std::string address;  // dotted, as checkAddress has it
   uint16_t port = 0;
 };
 

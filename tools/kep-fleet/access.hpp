@@ -49,7 +49,7 @@ class Access {
 
   bool isOurs(const std::string &host, const httplib::Request &request) const;
   std::optional<Refusal> compare(const httplib::Request &request, std::string_view given, std::string_view wanted);
-  bool mayTry(const std::string &address, double cost);
+  bool mayTry(const std::string &address);
   std::string cookieName() const;
 
   const HttpConfig config_;

@@ -3,6 +3,7 @@
 
 #include "kep-fleet/config.hpp"
 
+#include <arpa/inet.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -81,11 +82,19 @@ std::string splitPlace(const std::string &text, std::string &host, uint16_t &por
   return "";
 }
 
-void readLocalPlace(TomlTable &table, std::string_view name, std::string &address, uint16_t &port) {
+// Where `mayBeSix`, an address of IPv6 stands in brackets, which are taken off.
+void readLocalPlace(TomlTable &table, std::string_view name, std::string &address, uint16_t &port,
+                    bool mayBeSix = false) {
   const std::optional<std::string> text = table.text(name);
   if (!text) return;
   std::string wrong = splitPlace(*text, address, port, 0);  // 0: any that is free
-  if (wrong.empty()) wrong = kepcommand::checkAddress(address);
+  in6_addr six{};
+  const bool isInBrackets = address.size() > 2 && address.front() == '[' && address.back() == ']';
+  if (mayBeSix && isInBrackets && inet_pton(AF_INET6, address.substr(1, address.size() - 2).c_str(), &six) == 1) {
+    address = address.substr(1, address.size() - 2);
+  } else if (wrong.empty()) {
+    wrong = kepcommand::checkAddress(address);
+  }
   if (!wrong.empty()) table.fail(name, wrong + "; expected an IPv4 address and a port, such as \"127.0.0.1:9180\"");
 }
 
@@ -230,7 +239,7 @@ std::string tokenIn(TomlTable &table, const std::string &path) {
 void readHttp(TomlTable &root, HttpConfig &http) {
   std::optional<TomlTable> table = root.table("http");
   if (!table) return;
-  readLocalPlace(*table, "address", http.address, http.port);
+  readLocalPlace(*table, "address", http.address, http.port, true);
   http.prefix = table->text("prefix").value_or("");
   const bool isPath = http.prefix.empty() || (http.prefix[0] == '/' && http.prefix.back() != '/');
   if (!isPath) table->fail("prefix", "expected as \"/kep\", with a slash in front and none behind");

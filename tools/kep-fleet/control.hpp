@@ -12,7 +12,8 @@ namespace kepfleet {
 
 // Counters grow from the start of the process.
 struct Health {
-  std::string store;      // what fails in it; empty: all is well
+  std::string store;      // why it takes no runs; empty: all is well
+  std::string removal;    // why it does not remove what is old; empty: all is well
   std::string leases;     // why no boards are held although there are some; empty: all is well
   size_t heldBoards = 0;  // that this instance asks
   size_t runsUnderWay = 0;

@@ -39,6 +39,10 @@ class Database {
   virtual void commit() = 0;
   virtual void rollback() noexcept = 0;
 
+  // As long as this connection lives, no other process or connection may claim the database. Nothing in one that is
+  // shared.
+  virtual void claim() = 0;
+
   // Gives free space back to the file system, in a small step; whether there is more to give back.
   virtual bool shrink() = 0;
 

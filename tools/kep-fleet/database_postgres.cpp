@@ -117,6 +117,7 @@ class Postgres final : public Database {
     }
   }
 
+  void claim() override {}
   bool shrink() override { return false; }
   bool isShared() const override { return true; }
 

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -98,6 +99,17 @@ class Sqlite final : public Database {
     }
   }
 
+  // The system gives the lock back however the process ends. It is on a file of its own, which stays: closing any
+  // descriptor of the database itself would end SQLite's locks.
+  void claim() override {
+    const std::string path = std::filesystem::weakly_canonical(path_).string() + "-lock";
+    lock_.file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock_.file < 0) fail(path);
+    if (flock(lock_.file, LOCK_EX | LOCK_NB) == 0) return;
+    if (errno != EWOULDBLOCK) fail(path);
+    throw StoreError(path_ + ": another kep-fleet collects into this file");
+  }
+
   bool shrink() override {
     const int64_t all = pragma("PRAGMA page_count"), unused = pragma("PRAGMA freelist_count");
     const int64_t reserve = all / 8 + 64;  // it is filled again by what comes next
@@ -160,7 +172,15 @@ class Sqlite final : public Database {
     return value;
   }
 
+  struct Lock {
+    int file = -1;
+    ~Lock() {
+      if (file >= 0) close(file);
+    }
+  };
+
   std::string path_;
+  Lock lock_;
   std::unique_ptr<sqlite3, Close> database_;
   std::unordered_map<std::string, Statement> statements_;  // closed before the database
 };

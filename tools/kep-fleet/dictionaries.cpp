@@ -18,6 +18,9 @@ std::string_view identityOf(std::string_view stream) {
   return stream.size() >= 14 && stream.substr(4, 4) == kIdentity ? stream.substr(12, 2) : std::string_view();
 }
 
+// Until when a dictionary is needed by a run. Rounded up, with a day to spare, so that it is written once a day.
+int64_t neededBy(int64_t started) { return (started / kDay + 3) * kDay; }
+
 }  // namespace
 
 CodedStream Dictionaries::encode(const Run &run) {
@@ -32,7 +35,7 @@ CodedStream Dictionaries::encode(const Run &run) {
     coded = {kind.id, *std::move(compressed)};
   }
   kind.trainer.take(run.stream, coded.coding < 0 ? run.stream.size() : coded.bytes.size());
-  if (kind.trainer.isDue()) improve(kind, identity, run.type);
+  if (kind.trainer.isDue()) improve(kind, run);
   return coded;
 }
 
@@ -63,27 +66,28 @@ bool Dictionaries::takeNewer(Kind &kind, std::string_view identity, int type) {
   return true;
 }
 
-void Dictionaries::improve(Kind &kind, std::string_view identity, int type) {
-  if (takeNewer(kind, identity, type)) return;
+// One that no run is stored with in the end goes like the others.
+void Dictionaries::improve(Kind &kind, const Run &run) {
+  const std::string_view identity = identityOf(run.stream);
+  if (takeNewer(kind, identity, run.type)) return;
   const auto better = kind.trainer.train(compressor_, kind.dictionary.get());
   if (!better) return;
   database_.execute(
       "INSERT INTO dictionaries (identity, type, needed_until, content) VALUES ($1, $2, $3, $4) RETURNING id",
-      {identity, int64_t{type}, INT64_MAX, better->content()}, [&](const Row &row) { kind.id = row.integer(0); });
+      {identity, int64_t{run.type}, neededBy(run.started), better->content()},
+      [&](const Row &row) { kind.id = row.integer(0); });
   kind.dictionary = better;
   kind.trainer.use(compressor_, *better);
 }
 
-// Rounded up, with a day to spare, so that it is written once a day.
 void Dictionaries::keep(int64_t coding, int64_t started) {
   if (coding <= 0) return;
   const auto known = neededUntil_.find(coding);
   if (known != neededUntil_.end() && started + kDay < known->second) return;
-  const int64_t until = (started / kDay + 3) * kDay;
+  const int64_t until = neededBy(started);
   const int64_t changed = database_.execute(
-      "UPDATE dictionaries SET needed_until ="
-      " CASE WHEN needed_until < $1 OR needed_until = $2 THEN $1 ELSE needed_until END WHERE id = $3",
-      {until, INT64_MAX, coding});
+      "UPDATE dictionaries SET needed_until = CASE WHEN needed_until < $1 THEN $1 ELSE needed_until END WHERE id = $2",
+      {until, coding});
   if (changed == 0) {
     kinds_.clear();
     throw DictionaryGone("A dictionary was removed while it was used");

@@ -54,7 +54,7 @@ class Dictionaries {
   };
   Kind &kindOf(std::string_view identity, int type);
   bool takeNewer(Kind &kind, std::string_view identity, int type);
-  void improve(Kind &kind, std::string_view identity, int type);
+  void improve(Kind &kind, const Run &run);
 
   Database &database_;
   Compressor compressor_;

@@ -71,7 +71,7 @@ Fleet::Fleet(const Config &config, const OpenStore &open)
   names_.load(config);
   boards_.configure(config);
   std::unique_ptr<Store> store = open(config.store, kStorePatience);
-  recallRuns(*store);
+  const std::optional<int64_t> newest = recallRuns(*store);
   if (store->leases()) {
     LeaseKeeper::Takers takers;
     takers.leases = [this](const std::vector<Lease> &leases, milliseconds until) {
@@ -88,7 +88,7 @@ Fleet::Fleet(const Config &config, const OpenStore &open)
     leaseKeeper_ = std::make_unique<LeaseKeeper>(open(config.store, config.lease / 3), instanceName(config.instance),
                                                  config.lease, std::move(takers));
   }
-  keeper_ = std::make_unique<Keeper>(std::move(store), config.limits.waitingBytes, config.keep);
+  keeper_ = std::make_unique<Keeper>(std::move(store), config.limits.waitingBytes, config.keep, newest);
   configureBoards(config);
 }
 
@@ -153,11 +153,15 @@ Fleet::End Fleet::stop() {
   return isReleased ? End::kGood : End::kLate;
 }
 
-void Fleet::recallRuns(Store &store) {
-  store.lastRuns([this](StoredRun &&stored) {
+// Returns when the newest run began.
+std::optional<int64_t> Fleet::recallRuns(Store &store) {
+  std::optional<int64_t> newest;
+  store.lastRuns([&](StoredRun &&stored) {
+    newest = std::max(newest.value_or(stored.run.started), stored.run.started);
     boards_.recall(std::move(stored.run));
     return true;
   });
+  return newest;
 }
 
 // ---- which boards this instance asks
@@ -432,6 +436,7 @@ Health Fleet::health() const {
   const Keeper::Status kept = keeper_->status();
   Health health;
   health.store = kept.problem;
+  health.removal = kept.removal;
   health.leases = leaseKeeper_ ? leaseKeeper_->problem() : "";
   health.heldBoards = heldBoards_;
   health.runsUnderWay = collector_.underWay();

@@ -60,7 +60,7 @@ class Fleet : public Control {
   Health health() const override;
 
  private:
-  void recallRuns(Store &store);
+  std::optional<int64_t> recallRuns(Store &store);
   void configureBoards(const Config &config);
   void hold(const std::string &board, uint64_t lease);
   void letGo(const std::string &board);

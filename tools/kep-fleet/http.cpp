@@ -28,7 +28,9 @@ using httplib::Response;
 
 constexpr size_t kMostStores = 4;  // connections, and so answers that are read from the store at once
 constexpr std::chrono::seconds kStoreWait{10};
-constexpr size_t kMostAsks = 48;  // at once; the other workers serve the page
+constexpr size_t kMostAsks = 48;    // at once; the other workers serve the page
+constexpr size_t kMostLarge = 4;    // answers of the page at once: each may have megabytes
+constexpr size_t kMostScrapes = 4;  // likewise, of metrics
 constexpr std::chrono::milliseconds kSlice{100};
 constexpr std::chrono::seconds kPatience{5};  // with a board that is being asked
 constexpr size_t kMostRows = 500;             // of an answer
@@ -249,6 +251,7 @@ struct HttpServer::Implementation {
   NamesPointer namesOf(const BoardState &state) const { return names.of(state.config, state.identity); }
   Run await(const std::function<Asked(Control::Done)> &ask);
   void ask(const Request &request, Response &response, int type);
+  void takePlace(Places &places);
   static void stream(Response &response, std::function<void(const Pieces &)> write);
 
   static void serveFile(const PageFile &file, const Request &request, Response &response);
@@ -277,7 +280,7 @@ struct HttpServer::Implementation {
   Stores stores;
   FleetRows rows;
   std::atomic<size_t> asks{0};  // that are waited for
-  std::mutex layout;            // of a board's runs: the largest take hundreds of megabytes, decoded
+  Places large{kMostLarge}, scrapes{kMostScrapes};
   int port = 0;
   Listener listener;  // the last: its threads use all of the above
 };
@@ -394,49 +397,42 @@ BoardState HttpServer::Implementation::board(const Request &request) const {
   return std::move(*found);
 }
 
-void HttpServer::Implementation::getFleet(const Request &request, Response &response) {
-  const bool mayAct = !http.token.empty() || isLoopback(http.address);
-  response.set_content(rows.since(request.get_param_value("version"), control.health(), mayAct), kJson);
+void HttpServer::Implementation::takePlace(Places &places) {
+  Places::Taken place = places.take(listener.isEnding());
+  if (!place) throw Problem(503, "too many large answers are asked for");
+  Listener::hold(std::move(place));
 }
 
-// The runs come from memory, and only those that they are compared with from the store; also those that memory has no
-// room for, of which the last one that is stored is shown.
+void HttpServer::Implementation::getFleet(const Request &request, Response &response) {
+  const std::string version = request.get_param_value("version");
+  if (!rows.knows(version)) takePlace(large);  // for all rows
+  const bool mayAct = !http.token.empty() || isLoopback(http.address);
+  response.set_content(rows.since(version, control.health(), mayAct), kJson);
+}
+
+// The runs come from memory, and only those that they are compared with from the store; also what memory has no room
+// for.
 void HttpServer::Implementation::getBoard(const Request &request, Response &response) {
   const BoardState state = board(request);
   if (request.get_param_value("version") == boardVersion(state)) return response.set_content("{}", kJson);
-  std::vector<RunPair> pairs;
-  for (size_t type = 0; type < kTypes; ++type) {
-    const RunPointer &run = state.lastWhole[type] ? state.lastWhole[type] : state.last[type];
-    if (run && sentBytes(*run) > 0) pairs.push_back({*run, {}});
-  }
-  std::string problem;
-  try {
-    stores.with([&pairs](Store &store) {
-      for (RunPair &pair : pairs) {
-        RunQuery query;
-        query.board = pair.now.board;
-        const bool isLeftOut = pair.now.leftOut > 0;
-        query.to = pair.now.started + (isLeftOut ? 1 : 0);
-        query.type = pair.now.type;
-        query.newestFirst = query.withStreams = true;
-        query.wholeOnly = isWhole(pair.now);
-        query.limit = isLeftOut ? 2 : 1;
-        store.runs(query, [&pair](StoredRun &&stored) {
-          if (pair.now.leftOut > 0) {
-            pair.now = std::move(stored.run);
-          } else {
-            pair.before = std::move(stored.run);
-          }
-          return true;
-        });
-      }
-      return true;
+  takePlace(large);
+  const auto before = [this](const Run &run) {
+    RunQuery query;
+    query.board = run.board;
+    query.to = run.started;
+    query.type = run.type;
+    query.wholeOnly = query.newestFirst = query.withStreams = true;
+    query.limit = 1;
+    return stores.with([&query](Store &store) {
+      std::optional<Run> found;
+      store.runs(query, [&found](StoredRun &&stored) {
+        found = std::move(stored.run);
+        return true;
+      });
+      return found;
     });
-  } catch (const std::runtime_error &error) {
-    problem = error.what();
-  }
-  const std::lock_guard oneAtATime(layout);
-  response.set_content(boardJson(state, *namesOf(state), pairs, problem), kJson);
+  };
+  response.set_content(boardJson(state, *namesOf(state), before), kJson);
 }
 
 void HttpServer::Implementation::getPlot(const Request &request, Response &response) {
@@ -448,10 +444,11 @@ void HttpServer::Implementation::getPlot(const Request &request, Response &respo
   query.key = integer(request, "key");
   query.field = number<size_t>(request, "field", 0, 10'000, 0);
   query.isRaw = request.has_param("raw");
-  query.isEnding = [this] { return listener.isEnding(); };
+  query.isEnding = [this] { return listener.isEnding().load(); };
   query.to = nowMilliseconds() + 1;
   query.from = query.to - std::chrono::milliseconds(spanOf(request)).count();
   const NamesPointer known = namesOf(state);
+  takePlace(large);
   response.set_content(stores.with([&](Store &store) { return plotJson(store, state, *known, query); }), kJson);
 }
 
@@ -475,6 +472,7 @@ void HttpServer::Implementation::getEvents(const Request &request, Response &res
 
 void HttpServer::Implementation::getRaw(const Request &request, Response &response) {
   const auto id = number<int64_t>(request, "id", 0, INT64_MAX);
+  takePlace(large);
   const std::optional<StoredRun> stored = stores.with([id](Store &store) { return store.run(id); });
   if (!stored) throw Problem(404, "no such run");
   response.set_header("Content-Disposition", "attachment; filename=\"" + fileName(stored->run) + "\"");
@@ -509,7 +507,7 @@ Run HttpServer::Implementation::await(const std::function<Asked(Control::Done)> 
 void HttpServer::Implementation::ask(const Request &request, Response &response, int type) {
   const BoardState state = board(request);
   const Run run = await([&](Control::Done done) { return control.ask(state.config.name, type, std::move(done)); });
-  const std::lock_guard oneAtATime(layout);
+  takePlace(large);
   response.set_content(askedJson(*namesOf(state), run), kJson);
 }
 
@@ -536,7 +534,10 @@ void HttpServer::Implementation::stream(Response &response, std::function<void(c
                                         });
 }
 
-void HttpServer::Implementation::getMetrics(const Request &, Response &response) { stream(response, exports.metrics); }
+void HttpServer::Implementation::getMetrics(const Request &, Response &response) {
+  takePlace(scrapes);
+  stream(response, exports.metrics);
+}
 
 void HttpServer::Implementation::getProbe(const Request &request, Response &response) {
   const std::string target = request.get_param_value("target");

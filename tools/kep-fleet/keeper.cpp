@@ -8,6 +8,8 @@
 #include <iterator>
 #include <utility>
 
+#include "kep-fleet/lease_keeper.hpp"
+
 namespace kepfleet {
 
 namespace {
@@ -22,6 +24,8 @@ constexpr milliseconds kRetry{1000};
 constexpr milliseconds kCleanup{60'000};
 constexpr milliseconds kCleanupStep{100};
 constexpr size_t kStep = 500;
+constexpr milliseconds kJump{3'600'000};  // of the clock, which is followed at once
+constexpr milliseconds kDoubt{86'400'000};
 
 size_t bytesOf(const Run &run) { return sizeof run + run.stream.capacity() + run.board.size() + run.reason.size(); }
 
@@ -29,14 +33,35 @@ int64_t wallClock() {
   return std::chrono::duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
+// Says what goes wrong once, not with every attempt, and when it is over.
+void note(std::string &known, const std::string &problem, const char *wrong, const char *right) {
+  if (problem.empty() && !known.empty()) spdlog::info(right);
+  if (!problem.empty() && known.empty()) spdlog::error("{}: {}", wrong, problem);
+  known = problem;
+}
+
 }  // namespace
 
-Keeper::Keeper(std::unique_ptr<Store> store, size_t waitingBytes, Keep keep)
+int64_t PatientClock::now(int64_t wall, milliseconds uptime) {
+  const int64_t passed = (uptime - seen_.value_or(uptime)).count();
+  seen_ = uptime;
+  time_ = time_.value_or(wall) + passed;
+  const bool isFarAhead = wall > *time_ + kJump.count();
+  if (isFarAhead && !doubtingSince_) doubtingSince_ = uptime;
+  if (!isFarAhead || uptime - *doubtingSince_ >= kDoubt) {
+    doubtingSince_.reset();
+    time_ = wall;
+  }
+  return *time_;
+}
+
+Keeper::Keeper(std::unique_ptr<Store> store, size_t waitingBytes, Keep keep, std::optional<int64_t> newest)
     : store_(std::move(store)),
       mostBytes_(waitingBytes),
       keep_(std::move(keep)),
       cleanup_(Clock::now() + kCleanupStep),
-      oldest_(keep_.begin()) {
+      oldest_(keep_.begin()),
+      clock_(newest) {
   thread_ = std::thread([this] { work(); });
 }
 
@@ -139,7 +164,7 @@ void Keeper::writeBatch(std::unique_lock<std::mutex> &lock) {
   runsInHand_ = bytesInHand_ = 0;
   status_.refusedRuns += written.refusedRuns;
   status_.refusedEvents += written.refusedEvents;
-  note(problem);
+  note(status_.problem, problem, "the store takes no runs", "the store takes runs again");
   if (!problem.empty()) takeBack(runs, events);
 }
 
@@ -176,22 +201,25 @@ void Keeper::removeOld(std::unique_lock<std::mutex> &lock) {
   Removed removed;
   std::string problem;
   try {
-    removed = store_->removeBefore(type, wallClock() - age.count(), kStep);
+    removed = store_->removeBefore(type, retentionTime() - age.count(), kStep);
   } catch (const std::exception &error) {
     problem = error.what();
   }
   lock.lock();
-  if (!problem.empty()) note(problem);
+  note(status_.removal, problem, "what is old is not removed", "what is old is removed again");
   cleanup_ = Clock::now() + (problem.empty() ? kCleanupStep : kCleanup);
   // The configuration may have changed meanwhile; then it begins again.
   if (removed.isAll && oldest_ != keep_.end() && oldest_->first == type) ++oldest_;
 }
 
-// Says so once, not with every attempt.
-void Keeper::note(const std::string &problem) {
-  if (problem.empty() && !status_.problem.empty()) spdlog::info("the store takes runs again");
-  if (!problem.empty() && status_.problem.empty()) spdlog::error("the store takes no runs: {}", problem);
-  status_.problem = problem;
+int64_t Keeper::retentionTime() {
+  const bool wasDoubting = clock_.isDoubting();
+  const int64_t wall = wallClock(), time = clock_.now(wall, bootClock());
+  if (clock_.isDoubting() && !wasDoubting) {
+    spdlog::warn("the clock is {} hours ahead of the newest run: for a day nothing is removed because of that",
+                 (wall - time) / 3'600'000);
+  }
+  return time;
 }
 
 }  // namespace kepfleet

@@ -1,5 +1,5 @@
 // keeper.hpp: the one thread that writes to the store. Runs are gathered and written together; what the store does not
-// take waits, up to a limit, beyond which the oldest go.
+// take waits, up to a limit, beyond which the oldest go. It also removes what is older than it is to be kept.
 #pragma once
 
 #include <chrono>
@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,18 +20,36 @@
 
 namespace kepfleet {
 
+// What time it is, for what is removed by its age: when the clock is suddenly far ahead, be it since the newest run
+// that is stored, time goes on from there for a day, in which the clock may be set right. Then it is believed.
+class PatientClock {
+ public:
+  explicit PatientClock(std::optional<int64_t> newest) : time_(newest) {}
+
+  // `wall` in milliseconds since 1970, as all its times; `uptime` never jumps.
+  int64_t now(int64_t wall, std::chrono::milliseconds uptime);
+
+  bool isDoubting() const { return doubtingSince_.has_value(); }
+
+ private:
+  std::optional<int64_t> time_;
+  std::optional<std::chrono::milliseconds> seen_, doubtingSince_;
+};
+
 class Keeper {
  public:
   using Keep = std::map<int, std::chrono::milliseconds>;  // by type of request; -1: events
 
   struct Status {
-    std::string problem;  // of the store; empty: all is well
+    std::string problem;  // why the store takes no runs; empty: all is well
+    std::string removal;  // why what is old is not removed; empty: all is well
     size_t waitingRuns = 0, waitingBytes = 0;
     uint64_t droppedRuns = 0;                     // that the store did not take in time
     uint64_t refusedRuns = 0, refusedEvents = 0;  // written under a lease that was lost
   };
 
-  Keeper(std::unique_ptr<Store> store, size_t waitingBytes, Keep keep);
+  // `newest`: when the newest run that is stored began, if there is one.
+  Keeper(std::unique_ptr<Store> store, size_t waitingBytes, Keep keep, std::optional<int64_t> newest = {});
   ~Keeper();  // waits for the thread
 
   // All for any thread; none waits for the store.
@@ -56,7 +75,7 @@ class Keeper {
   void takeBack(std::vector<Run> &runs, std::vector<Event> &events);
   void trim();
   void removeOld(std::unique_lock<std::mutex> &lock);
-  void note(const std::string &problem);
+  int64_t retentionTime();
 
   const std::unique_ptr<Store> store_;
   mutable std::mutex mutex_;
@@ -70,6 +89,7 @@ class Keeper {
   Clock::time_point retry_;      // a store that failed is left alone until then
   Clock::time_point cleanup_;    // when the next step of retention is due
   Keep::const_iterator oldest_;  // whose turn it is there
+  PatientClock clock_;           // the thread's own
   bool isStopping_ = false, isOver_ = false, isAllStored_ = false;
   std::thread thread_;
 };

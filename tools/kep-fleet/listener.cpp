@@ -16,6 +16,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 namespace kepfleet {
 
@@ -24,6 +25,10 @@ namespace {
 constexpr int kBacklog = 128;
 constexpr int kSlice = 100;  // milliseconds: how late the end is noticed
 constexpr std::chrono::milliseconds kToEnd{300};
+constexpr std::chrono::seconds kFairTime{5};  // with a place that others wait for
+constexpr std::chrono::seconds kPatience{10};
+
+thread_local Places::Taken held;  // by the answer that this worker gives
 
 int untilDeadline(Listener::Clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Listener::Clock::now());
@@ -92,7 +97,7 @@ class Exchange : public httplib::Stream {
   bool is_readable() const override { return position_ < connection_.bytes.size(); }
 
   bool is_writable() const override {
-    while (!listener_.isEnding() && Listener::Clock::now() < deadline_) {
+    while (!listener_.isEnding() && !(held && held->isLost) && Listener::Clock::now() < deadline_) {
       pollfd file = {connection_.socket, POLLOUT, 0};
       if (poll(&file, 1, untilDeadline(deadline_)) > 0) return (file.revents & (POLLERR | POLLHUP)) == 0;
     }
@@ -107,6 +112,7 @@ class Exchange : public httplib::Stream {
   }
 
   ssize_t write(const char *bytes, size_t size) override {
+    if (held) held->readSince = std::min(held->readSince.load(), Listener::Clock::now());
     while (is_writable()) {
       const ssize_t sent = send(connection_.socket, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
       if (sent >= 0 || (errno != EAGAIN && errno != EINTR)) return sent;
@@ -155,6 +161,35 @@ int listenAt(const addrinfo &address) {
 }
 
 }  // namespace
+
+// ---- places
+
+Places::Taken Places::take(const std::atomic<bool> &isEnding) {
+  const auto deadline = Clock::now() + kPatience;
+  std::unique_lock lock(mutex_);
+  while (taken_.size() >= most_) {
+    const auto now = Clock::now();
+    if (isEnding || now >= deadline) return nullptr;
+    for (Place *const place : taken_) place->isLost = place->isLost || place->readSince.load() <= now - kFairTime;
+    isFree_.wait_for(lock, std::chrono::milliseconds(kSlice));
+  }
+  Taken place(new Place, [this](Place *one) { giveBack(one); });
+  taken_.push_back(place.get());
+  return place;
+}
+
+void Places::giveBack(Place *place) {
+  {
+    const std::lock_guard lock(mutex_);
+    taken_.erase(std::find(taken_.begin(), taken_.end(), place));
+    isFree_.notify_one();
+  }
+  delete place;
+}
+
+void Listener::hold(Places::Taken place) { held = std::move(place); }
+
+// ---- the beginning and the end
 
 int Listener::open(const std::string &address, uint16_t port) {
   addrinfo hints{};
@@ -306,6 +341,7 @@ void Listener::answer(const Connection &connection) {
     process_request(exchange, true, isClosed, preferGzip);
   } catch (...) {  // in the middle of an answer: it ends there
   }
+  held.reset();
 }
 
 }  // namespace kepfleet

@@ -3,7 +3,8 @@
 // One thread reads all requests as they come and gives to the workers those that are there whole, so that a client
 // that trickles its request costs a few kilobytes and no thread. A connection carries one request. While there are too
 // many, those that have waited longest without having said what they want make room; when all have said it, nobody is
-// accepted until one is answered, and the system's own queue bounds the rest.
+// accepted until one is answered, and the system's own queue bounds the rest. Large answers have few places, so that
+// those who read slowly neither hold much memory nor keep others from theirs.
 #pragma once
 
 #include <httplib.h>
@@ -13,12 +14,38 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace kepfleet {
+
+// Places for large answers, each taken from before it is made until it is read. While somebody waits for one, who has
+// been reading for a while loses his: his answer is broken off.
+class Places {
+ public:
+  using Clock = std::chrono::steady_clock;
+  struct Place {
+    std::atomic<Clock::time_point> readSince{Clock::time_point::max()};
+    std::atomic<bool> isLost{false};
+  };
+  using Taken = std::shared_ptr<Place>;
+
+  explicit Places(size_t most) : most_(most) {}
+
+  // Not before its places are given back it ends. Empty: none became free in time, or `isEnding`.
+  Taken take(const std::atomic<bool> &isEnding);
+
+ private:
+  void giveBack(Place *place);
+
+  const size_t most_;
+  std::mutex mutex_;
+  std::condition_variable isFree_;
+  std::deque<Place *> taken_;
+};
 
 struct ListenerLimits {
   size_t workers = 64;                        // most wait for boards
@@ -51,7 +78,10 @@ class Listener : public httplib::Server {
   // destructor would wait for it.
   bool close();
 
-  bool isEnding() const { return ending_; }
+  const std::atomic<bool> &isEnding() const { return ending_; }
+
+  // For a worker: the answer that it gives holds the place from now on.
+  static void hold(Places::Taken place);
 
  private:
   void start(void (Listener::*work)());

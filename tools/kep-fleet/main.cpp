@@ -197,7 +197,9 @@ ExitStatus serve(const Config &config) {
   fleet.start();
   HttpServer http(config, fleet.boards(), fleet.names(), fleet, exportsOf(metrics, fleet));
   http.start();
-  spdlog::info("the page is at http://{}:{}{}/", config.http.address, http.port(), config.http.prefix);
+  const bool isSix = config.http.address.find(':') != std::string::npos;
+  spdlog::info(isSix ? "the page is at http://[{}]:{}{}/" : "the page is at http://{}:{}{}/", config.http.address,
+               http.port(), config.http.prefix);
   int number = 0;
   while (sigwait(&signals, &number) != 0 || number == SIGHUP) reload(fleet, metrics, config.path);
   spdlog::info("ending, as by signal {}", number);

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <stdexcept>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -26,9 +25,8 @@ using std::chrono::milliseconds;
 using ServerRun = kepserver::Run;
 using FleetRun = kepfleet::Run;
 
-constexpr size_t kMostAnswers = 2;             // at once: each takes some 20 bytes a series
-constexpr std::chrono::seconds kPatience{10};  // with the others: who reads slowly holds up nobody for longer
 constexpr std::chrono::minutes kBetweenWords{1};
+constexpr std::chrono::hours kByHand{1};  // so long a run counts that no schedule makes
 
 // ---- texts
 
@@ -159,25 +157,6 @@ class RunSamples {
 Metrics::Tables::Tables(const Config &config, const NamesBook &book)
     : names(book.all()), polls(config.polls), longestRun(config.limits.run) {}
 
-// A place among those who may make an answer now.
-struct Metrics::Turn {
-  explicit Turn(Metrics &owner) : metrics(owner) {
-    std::unique_lock lock(metrics.mutex_);
-    const auto isFree = [this] { return metrics.answers_ < kMostAnswers; };
-    if (!metrics.isFree_.wait_for(lock, kPatience, isFree)) throw std::runtime_error("too many ask for metrics");
-    ++metrics.answers_;
-  }
-  ~Turn() {
-    const std::lock_guard lock(metrics.mutex_);
-    --metrics.answers_;
-    metrics.isFree_.notify_one();
-  }
-  Turn(const Turn &) = delete;
-  Turn &operator=(const Turn &) = delete;
-
-  Metrics &metrics;
-};
-
 struct Metrics::Answer {
   Answer(const Tables &all, const NamesBook &names, int64_t moment)
       : tables(all), book(names), now(moment), samples(all.names.families()) {}
@@ -187,7 +166,8 @@ struct Metrics::Answer {
   void addFacts(const FleetRun &run, const FleetRun *lastWhole, bool isUp);
   void addNumbers(const BoardState &board, const FleetRun &run);
   void addHealth(const Health &health, size_t boardCount, uint64_t leftOutBefore);
-  bool isFresh(const BoardState &board, const FleetRun &run) const;
+  const Poll *pollOf(const BoardState &board, int type) const;
+  bool isFresh(const FleetRun &run, const Poll *poll) const;
   void leaveOut(std::string what);
 
   const Tables &tables;
@@ -215,23 +195,31 @@ bool Metrics::Answer::begin(const BoardState &board) {
   return isNew;
 }
 
-// Two periods without a run: what the last one said is no news any more. Who asks by hand knows what he asks.
-bool Metrics::Answer::isFresh(const BoardState &board, const FleetRun &run) const {
+const Poll *Metrics::Answer::pollOf(const BoardState &board, int type) const {
   for (const Poll &poll : tables.polls) {
-    if (poll.type != run.type || !hasLabels(board.config.labels, poll.labels)) continue;
-    return run.started + (2 * poll.every + tables.longestRun).count() >= now;
+    if (poll.type == type && hasLabels(board.config.labels, poll.labels)) return &poll;
   }
-  return true;
+  return nullptr;
 }
 
-// Of what several types of request bring, the newest counts.
+// Two periods without a run: what the last one said is no news any more.
+bool Metrics::Answer::isFresh(const FleetRun &run, const Poll *poll) const {
+  const milliseconds time = poll ? 2 * poll->every + tables.longestRun : milliseconds(kByHand);
+  return run.started + time.count() >= now;
+}
+
+// Of what several types of request bring, the newest counts. A run by hand that is old leaves nothing: no other is
+// missed.
 void Metrics::Answer::addBoard(const BoardState &board) {
   if (!begin(board)) return;
   std::vector<const FleetRun *> runs;
   for (size_t type = 0; type < board.last.size(); ++type) {
     const FleetRun *const run = board.last[type].get();
     if (!run) continue;
-    const bool isUp = isWhole(*run) && isFresh(board, *run);
+    const Poll *const poll = pollOf(board, run->type);
+    const bool isNews = isFresh(*run, poll);
+    if (!poll && !isNews) continue;
+    const bool isUp = isWhole(*run) && isNews;
     addFacts(*run, board.lastWhole[type].get(), isUp);
     if (isUp) runs.push_back(run);
   }
@@ -250,6 +238,7 @@ void Metrics::Answer::addFacts(const FleetRun &run, const FleetRun *lastWhole, b
 
 void Metrics::Answer::addNumbers(const BoardState &board, const FleetRun &run) {
   if (run.leftOut > 0) return leaveOut("numbers of board " + board.config.name + ": its runs are too large");
+  const DecodingTurn turn(run.stream.size());
   const ServerRun content = decode(run);
   const std::string identity = content.identity ? content.identity->bytes.substr(0, 2) : board.identity;
   const NamesPointer names = book.of(board.config, identity);
@@ -300,7 +289,6 @@ std::shared_ptr<const Metrics::Tables> Metrics::tables() const {
 }
 
 void Metrics::write(const Boards &boards, const Health &health, int64_t now, const Pieces &take) {
-  const Turn turn(*this);
   const std::shared_ptr<const Tables> all = tables();
   Answer answer(*all, names_, now);
   std::vector<BoardState> states = boards.all();

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -29,7 +28,7 @@ class Metrics {
   void configure(const Config &config);
 
   // Of the boards that this instance holds, and of the server itself; `now` is in milliseconds since 1970. In pieces:
-  // the text of a large fleet is never in memory as a whole. Throws std::runtime_error when others take too long.
+  // the text of a large fleet is never in memory as a whole, but some 20 bytes a series until it is taken are.
   void write(const Boards &boards, const Health &health, int64_t now, const Pieces &take);
 
   // Of one run just made.
@@ -44,7 +43,6 @@ class Metrics {
     std::vector<Poll> polls;
     std::chrono::milliseconds longestRun;
   };
-  struct Turn;
   struct Answer;
 
   std::shared_ptr<const Tables> tables() const;
@@ -52,9 +50,7 @@ class Metrics {
 
   const NamesBook &names_;
   mutable std::mutex mutex_;
-  std::condition_variable isFree_;
   std::shared_ptr<const Tables> tables_;
-  size_t answers_ = 0;  // that are being made
   uint64_t leftOut_ = 0;
   std::chrono::steady_clock::time_point nextWord_;  // of the log about what is left out
 };

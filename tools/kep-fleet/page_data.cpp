@@ -9,6 +9,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <stdexcept>
 #include <tuple>
 #include <utility>
 
@@ -326,6 +327,7 @@ Json RunLayout::layOut() {
 
 Json layOut(const Names &names, const Run &run, const std::optional<Run> &previous) {
   Json json;
+  const DecodingTurn turn(std::max(run.stream.size(), previous ? previous->stream.size() : 0));
   const kepserver::Run decoded = decode(run);
   const kepserver::Part part = kepserver::wholeOf(decoded);
   const NamedRun named(names, part, run.started / 1000);
@@ -375,7 +377,8 @@ class PlotReader {
 };
 
 std::optional<double> PlotReader::find(const Run &run) {
-  if (run.outcome != Outcome::kWhole && run.outcome != Outcome::kTestFailed) return std::nullopt;
+  if (!isWhole(run)) return std::nullopt;
+  const DecodingTurn turn(run.stream.size());
   const kepserver::Run decoded = decode(run);
   const kepserver::Item *const item = names_.item(item_);
   std::vector<Shown> shown;
@@ -437,10 +440,20 @@ std::string nameOfItem(Store &store, const BoardState &board, const PlotQuery &q
       return true;
     });
   }
+  const DecodingTurn turn(run->stream.size());
   const kepserver::Run decoded = decode(*run);
   const auto found = std::find_if(decoded.values.begin(), decoded.values.end(),
                                   [&](const Value &value) { return value.item == query.item; });
   return found == decoded.values.end() ? "" : std::string(itemName(decoded, *found));
+}
+
+// A run that memory has no room for, as it is stored; as long as it is not, the one before it.
+RunPointer stored(const Run &run, const std::function<std::optional<Run>(const Run &)> &before) {
+  Run behind;
+  behind.board = run.board;
+  behind.type = run.type;
+  behind.started = run.started + 1;
+  return std::make_shared<const Run>(before(behind).value_or(run));
 }
 
 }  // namespace
@@ -471,19 +484,24 @@ void FleetRows::refresh() {
   }
 }
 
+bool FleetRows::knows(const std::string &version) {
+  const std::lock_guard lock(mutex_);
+  refresh();
+  return version.rfind(epoch(), 0) == 0;
+}
+
 std::string FleetRows::since(const std::string &version, const Health &health, bool mayAct) {
   const std::lock_guard lock(mutex_);
   refresh();
-  const std::string epoch = std::to_string(epoch_) + "-";
-  const bool isKnown = version.rfind(epoch, 0) == 0;
-  const uint64_t known = isKnown ? std::strtoull(version.c_str() + epoch.size(), nullptr, 10) : 0;
+  const bool isKnown = version.rfind(epoch(), 0) == 0;
+  const uint64_t known = isKnown ? std::strtoull(version.c_str() + epoch().size(), nullptr, 10) : 0;
   std::map<std::string, size_t> counts;
   std::string rows;
   for (const Row &row : rows_) {
     ++counts[row.state];
     if (row.version > known) rows += (rows.empty() ? "" : ",\n") + row.json;
   }
-  Json head = {{"version", epoch + std::to_string(version_)},
+  Json head = {{"version", epoch() + std::to_string(version_)},
                {"all", !isKnown},
                {"now", nowMilliseconds()},
                {"counts", counts},
@@ -506,20 +524,29 @@ std::string boardVersion(const BoardState &board) {
   return version;
 }
 
-std::string boardJson(const BoardState &board, const Names &names, const std::vector<RunPair> &runs,
-                      const std::string &problem) {
+// One run of before is in memory at a time.
+std::string boardJson(const BoardState &board, const Names &names,
+                      const std::function<std::optional<Run>(const Run &)> &before) {
   Json json = boardRow(board);
   json["version"] = boardVersion(board);
   json["now"] = nowMilliseconds();
   json["identity"] = kepserver::hex(board.identity);
   if (!names.title.empty()) json["title"] = names.title;
-  if (!problem.empty()) json["store"] = shortened(problem);
-  json["last"] = Json::array();
-  for (const RunPointer &run : board.last) {
-    if (run) json["last"].push_back(runRow(*run, sentBytes(*run)));
+  json["last"] = json["runs"] = Json::array();
+  for (size_t type = 0; type < kTypes; ++type) {
+    const RunPointer &last = board.last[type];
+    RunPointer run = board.lastWhole[type] ? board.lastWhole[type] : last;
+    if (last) json["last"].push_back(runRow(*last, sentBytes(*last)));
+    if (!run || sentBytes(*run) == 0) continue;
+    std::optional<Run> previous;
+    try {
+      if (!json.contains("store") && run->leftOut > 0) run = stored(*run, before);
+      if (!json.contains("store")) previous = before(*run);
+    } catch (const std::runtime_error &error) {
+      json["store"] = shortened(error.what());
+    }
+    json["runs"].push_back(layOut(names, *run, previous));
   }
-  json["runs"] = Json::array();
-  for (const RunPair &pair : runs) json["runs"].push_back(layOut(names, pair.now, pair.before));
   return dump(json);
 }
 
@@ -585,6 +612,7 @@ std::string healthJson(const Health &health, bool withReasons) {
   Json json = {{"ok", health.store.empty() && health.leases.empty()}};
   if (withReasons) {
     json.update({{"store", printable(health.store)},
+                 {"removal", printable(health.removal)},
                  {"leases", printable(health.leases)},
                  {"heldBoards", health.heldBoards},
                  {"runsUnderWay", health.runsUnderWay},

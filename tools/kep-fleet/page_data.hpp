@@ -26,6 +26,8 @@ class FleetRows {
   // only brings rows that are different.
   std::string since(const std::string &version, const Health &health, bool mayAct);
 
+  bool knows(const std::string &version);  // whether an answer to it will not be all rows
+
  private:
   struct Row {
     std::string name, json, state;
@@ -33,6 +35,7 @@ class FleetRows {
   };
 
   void refresh();
+  std::string epoch() const { return std::to_string(epoch_) + "-"; }  // with which a version begins
 
   const Boards &boards_;
   std::mutex mutex_;
@@ -43,18 +46,12 @@ class FleetRows {
   std::chrono::steady_clock::time_point refreshed_;
 };
 
-// What a board said in a run of a type, and the one before it; a run that is missing is none.
-struct RunPair {
-  Run now;
-  std::optional<Run> before;
-};
-
 // Tells whether there is something new to be shown of a board.
 std::string boardVersion(const BoardState &board);
 
-// `problem`: why runs of before could not be had; empty: they could.
-std::string boardJson(const BoardState &board, const kepserver::Names &names, const std::vector<RunPair> &runs,
-                      const std::string &problem);
+// `before` gives the whole run that began before one, if there is one; it may throw std::runtime_error.
+std::string boardJson(const BoardState &board, const kepserver::Names &names,
+                      const std::function<std::optional<Run>(const Run &)> &before);
 
 // Of a run made now.
 std::string askedJson(const kepserver::Names &names, const Run &run);

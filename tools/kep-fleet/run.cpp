@@ -4,6 +4,13 @@
 
 namespace kepfleet {
 
+namespace {
+
+constexpr size_t kLarge = size_t{256} << 10;
+std::mutex largeOnes;
+
+}  // namespace
+
 std::string_view nameOf(Outcome outcome) {
   switch (outcome) {
     case Outcome::kWhole: return "whole";
@@ -39,6 +46,10 @@ kepserver::Run decode(const Run &run) {
   decoder.feed(run.stream.data(), run.stream.size());
   decoder.finish();
   return decoder.takeRun();
+}
+
+DecodingTurn::DecodingTurn(size_t bytes) {
+  if (bytes > kLarge) lock_ = std::unique_lock<std::mutex>(largeOnes);
 }
 
 std::string identityOf(const kepserver::Run &content) {

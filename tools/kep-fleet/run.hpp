@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,6 +53,16 @@ bool isWhole(const Run &run);
 
 // What its stream says.
 kepserver::Run decode(const Run &run);
+
+// To be held by whoever decodes for a client, until he needs what is decoded no more: that of a large stream takes many
+// times as much, so they come one at a time.
+class DecodingTurn {
+ public:
+  explicit DecodingTurn(size_t bytes);
+
+ private:
+  std::unique_lock<std::mutex> lock_;
+};
 
 // Of the board, two bytes; empty when it did not say.
 std::string identityOf(const kepserver::Run &content);

@@ -131,6 +131,7 @@ class SqlStore : public Store {
  public:
   SqlStore(std::unique_ptr<Database> database, Access access) : database_(std::move(database)) {
     if (access == Access::kWrite) {
+      database_->claim();
       migrate(*database_, migrations());
     } else {
       checkVersion(*database_, migrations().size());

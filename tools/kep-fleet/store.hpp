@@ -122,7 +122,8 @@ class Store {
 
 // "postgresql://..." or "postgres://..." is a database, anything else the path of an SQLite file, made when it is
 // missing with its folder. Makes the schema, or migrates an older one; a newer one is an error, also when it becomes
-// one later: then nothing more is written. A database that does not answer within `patience` has failed.
+// one later: then nothing more is written. So is a file that is open already by this function. A database that does not
+// answer within `patience` has failed.
 std::unique_ptr<Store> openStore(const std::string &where, std::chrono::milliseconds patience = kStorePatience);
 
 // Opens it to be read only, as the HTTP side does, beside the one that writes.

@@ -1,0 +1,11 @@
+# 32-bit x86 Linux, with the arithmetic of 64-bit x86. Its programs need no qemu where the kernel runs them.
+include(${CMAKE_CURRENT_LIST_DIR}/cross.cmake)
+set(CMAKE_SYSTEM_PROCESSOR i686)
+kep_cross(i686-linux-gnu qemu-i386)
+set(CMAKE_C_FLAGS_INIT "-msse2 -mfpmath=sse")
+set(CMAKE_CXX_FLAGS_INIT "-msse2 -mfpmath=sse")
+set(kep_loader /usr/i686-linux-gnu/lib/ld-linux.so.2)
+execute_process(COMMAND ${kep_loader} --version RESULT_VARIABLE kep_status OUTPUT_QUIET ERROR_QUIET)
+if(kep_status EQUAL 0)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${kep_loader} --library-path /usr/i686-linux-gnu/lib)
+endif()
