@@ -133,4 +133,23 @@ TEST_F(FleetCommand, ShowsWhatItKnows) {
   }
 }
 
+TEST_F(FleetCommand, EndsAtOnceWhileItsStoreIsOpened) {
+  const int silent = socket(AF_INET, SOCK_STREAM, 0);  // takes connections, and says nothing
+  sockaddr_in address = loopback(0);
+  socklen_t size = sizeof address;
+  bind(silent, reinterpret_cast<const sockaddr *>(&address), size);
+  listen(silent, 1);
+  getsockname(silent, reinterpret_cast<sockaddr *>(&address), &size);
+  write("fleet.toml", "store = 'postgresql://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) +
+                          "/kep?connect_timeout=100'\nboard = [{ host = '127.0.0.1' }]\n");
+  Command server("--config fleet.toml");
+  const int connection = accept(silent, nullptr, nullptr);
+  const auto before = std::chrono::steady_clock::now();
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.status(), 0) << err();
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
+  close(connection);
+  close(silent);
+}
+
 }  // namespace

@@ -80,7 +80,7 @@ struct PlayedControl : Control {
   explicit PlayedControl(Boards &fleet) : boards(fleet) {}
   Asked ask(const std::string &, int type, Done done) override {
     const std::string stream = type == kSelfTest ? test : collection(1, 2);
-    if (asked == Asked::kYes) done(*boards.take(runOf(now(), stream, type)).run);
+    if (asked == Asked::kYes) done(boards.take(boards.judge(runOf(now(), stream, type))).run);
     return asked;
   }
   Asked probe(const std::string &host, uint16_t, int type, Done done) override { return ask(host, type, done); }
@@ -259,8 +259,8 @@ TEST_F(HttpTest, TellsWhatChanged) {
   const int64_t start = now() - 30'000;
   for (const auto &[age, stream] : {std::pair(0, collection(1000, 215, integer(1, 3, 1) + integer(1, 7, 5) + old)),
                                     std::pair(15'000, collection(2000, 215, integer(1, 3, 0) + log))}) {
-    const Boards::Taken taken = boards_.take(runOf(start + age, stream));
-    store_->write({*taken.run}, taken.events);
+    const Boards::Taken taken = boards_.take(boards_.judge(runOf(start + age, stream)));
+    store_->write({taken.run}, taken.events);
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(600));  // rows are made no more often
   const Json fleet = get("/api/fleet?version=" + all["version"].get<std::string>());
@@ -324,7 +324,7 @@ TEST_F(HttpTest, PlotsWithGaps) {
                                                    {50, -1}, {60, 80},  {70, 90},  {170, 95}, {180, 105}};
   for (const auto &[second, count] : counts) {
     const auto run = runOf(start + second * 1000, count < 0 ? "" : collection(count, count));
-    store_->write({*boards_.take(run).run}, {});
+    store_->write({boards_.take(boards_.judge(run)).run}, {});
   }
   const std::string path = "/api/plot?name=pump%20%3C1%3E&span=hour&item=1&section=1&key=";
   const Json counter = get(path + "1");

@@ -35,6 +35,8 @@ std::string_view nameOf(EventKind kind) {
   return "damaged";
 }
 
+size_t sentBytes(const Run &run) { return run.stream.size() + run.leftOut; }
+
 bool isWhole(const Run &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
 
 kepserver::Run decode(const Run &run) {
