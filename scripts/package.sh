@@ -69,17 +69,19 @@ same() {
 board_arguments=(--build=any --host-arch=powerpc -d --build-profiles=cross,nocheck,nodoc,pkg.kep.notools)
 
 others=
-trap '[ -z "$others" ] || kill $others 2>/dev/null || true' EXIT
+trap '[ -z "$others" ] || kill -- -$others 2>/dev/null || true' EXIT
 
 say "building"
 unpack "$one"
 build "$one"
 [ -z "$board" ] || { unpack "$work/board"; build "$work/board" "${board_arguments[@]}"; }
+set -m # in a group of its own, which can be ended
 {
   build_other "$two"
   [ -z "$board" ] || build_other "$work/elsewhere/board" "${board_arguments[@]}"
 } &
 others=$!
+set +m
 
 say "lintian"
 awk 'NF == 0 { reason = 0 } /^#/ { reason = 1; next } NF && !reason { print FILENAME ": no reason: " $0; bad = 1 }
@@ -146,7 +148,7 @@ if [ -n "$board" ]; then
     fail "not for the board"
   CC=$powerpc-gcc RUN="qemu-ppc -L /usr/$powerpc -E LD_LIBRARY_PATH=$usr/lib/$powerpc" \
     CMAKE_ARGUMENTS="-DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/board.cmake -DCMAKE_PREFIX_PATH=$usr" \
-    debian/tests/hosts tests/package/consumer/main.c "$usr" "$usr/lib/$powerpc"
+    debian/tests/hosts tests/package/consumer/host.c "$usr" "$usr/lib/$powerpc"
   say "collecting from the board's example host"
   alone bash -c '
     qemu-ppc -L "$1" "$2" >"$3" 2>&1 &
@@ -161,16 +163,16 @@ if [ -n "$board" ]; then
 fi
 
 say "the archive of a tag, twice"
-for clone in "$work/archive/one" "$work/archive/elsewhere/two"; do
-  rm -rf "$clone"
-  git clone --quiet --no-tags ${shallow:+--depth 1} "file://$PWD" "$clone"
-  git -C "$clone" tag "v$version"
-  git -C "$clone" archive --format=tar.gz --prefix="kep-$version/" --output=../kep.tar.gz "v$version"
-  shallow=yes
-  umask 027
-done
+# archive FOLDER CLONE_OPTION...: the archive beside a clone in that folder.
+archive() {
+  rm -rf "$1"
+  git clone --quiet --no-tags "${@:2}" "file://$PWD" "$1"
+  git -C "$1" tag "v$version"
+  git -C "$1" archive --format=tar.gz --prefix="kep-$version/" --output=../kep.tar.gz "v$version"
+}
+archive "$work/archive/one"
+(umask 027 && TZ=Pacific/Auckland archive "$work/archive/elsewhere/two" --depth 1)
 cmp "$work/archive/kep.tar.gz" "$work/archive/elsewhere/kep.tar.gz"
-umask 022
 
 say "the second build is the same"
 wait "$others" || fail "the second build failed"
