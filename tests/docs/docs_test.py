@@ -5,7 +5,8 @@ links: links among the pages, their anchors and their pictures lead somewhere, a
 
 blocks: every fenced block is run, compiled or checked by its language, page by page, each in a folder of its own, with
 the built commands on the PATH, the installed package as PREFIX, and a network namespace whose addresses are those of
-examples; status 77 where there is none to be had. Rows of JSON are among those that tests of the commands see. Comments in front of a block tell more:
+examples; status 77 where there is none to be had. Rows of JSON are among those that tests of the commands see.
+Comments in front of a block tell more:
 
   not run: REASON      by nothing: what it needs is not to be had in a test
   tested by: FILE      that names the page
