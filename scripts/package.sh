@@ -93,8 +93,9 @@ contents() { dpkg-deb --fsys-tarfile "$1" | tar -t | sort; }
 plugins=$(tshark -G folders 2>/dev/null | sed -n 's/^Global Lua Plugins:[[:space:]]*//p')
 contents "$one"/kep-tools_*.deb | grep -xF ".$plugins/kep.lua" >/dev/null || fail "Wireshark does not find kep.lua"
 [ "$(dpkg-deb -I "$one"/kep-fleet_*.deb conffiles)" = /etc/kep/fleet.toml ] || fail "fleet.toml is no conffile"
+dpkg-deb -I "$one"/kep-fleet_*.deb prerm | grep 'stop.*kep-fleet' >/dev/null || fail "kep-fleet outlives its package"
 grep -q '^libc6 ([^,]*)$' <<<"$(dpkg-deb -f "$one"/libkep0.2_*.deb Depends)" || fail "the library needs more than libc"
-scripts/spdx.py "$one"/*.deb >"$work/kep.spdx.json"
+SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -S Timestamp) scripts/spdx.py "$one"/*.deb >"$work/kep.spdx.json"
 tests/package/spdx_test.py "$work/kep.spdx.json" "$one"/*.deb
 
 # alone COMMAND...: with a network of its own, where no port is taken; where this user may have none, beside the others.
@@ -119,6 +120,7 @@ if may_make_roots; then
   say "a fresh root"
   rm -rf "$work/root" "$work/tmp"
   mkdir -p "$work/root" "$work/tmp"
+  chmod 0777 "$work/root" # which is another user's without root, as whom mmdebstrap is root in there
   cp -r "$one"/*.deb debian/tests "$work/root"
   wanted=$(for package in "$work"/root/*.deb; do dpkg-deb -f "$package" Pre-Depends Depends; done |
     sed 's/^[A-Za-z-]*: //; s/ *([^)]*)//g' | tr , '\n' | sed 's/|.*//; s/ //g' | sort -u | grep -v -e ^libkep -e ^kep-)

@@ -12,7 +12,7 @@ import subprocess
 import sys
 import time
 
-NAMED = r"([a-z0-9][a-z0-9.+-]+)(?: \((?:= ([^)]*)|[^)]*)\))?"  # perhaps with its version
+NAMED = r"([a-z0-9][a-z0-9.+-]+)(?::[a-z0-9]+)?(?: \((?:= ([^)]*)|[^)]*)\))?"  # perhaps with its version
 KEYS = ("spdxElementId", "relationshipType", "relatedSpdxElement")
 RELATIONS = {"Pre-Depends": "DEPENDS_ON", "Depends": "DEPENDS_ON",
              "Static-Built-Using": "STATIC_LINK", "Vendored": "CONTAINS"}
@@ -31,7 +31,8 @@ def entry(name, **more):
 
 def main(debs):
     if not debs or debs[0].startswith("-"):
-        sys.exit("usage: scripts/spdx.py DEB...")
+        print("usage: scripts/spdx.py DEB...", file=sys.stderr)
+        sys.exit(2)
     packages, others, relations, whole = {}, {}, [], hashlib.sha256()
     for deb in sorted(debs):
         has, digest = fields(deb), hashlib.sha256(open(deb, "rb").read()).hexdigest()

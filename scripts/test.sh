@@ -11,7 +11,7 @@ set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
-case "${1-}" in
+case "$*" in
   '') all= ;;
   --all) all=yes ;;
   *) echo "usage: scripts/test.sh [--all]" >&2; exit 2 ;;
@@ -50,10 +50,11 @@ formatting() { sources . | xargs clang-format --dry-run -Werror; }
 
 configure() { printf '%s\n' "${presets[@]}" bench | xargs -P "$(nproc)" -I{} cmake --preset {} >/dev/null; }
 
-# test_preset PRESET: only what did not pass is listed.
+# test_preset PRESET: only what did not pass is listed, as it happens. Where there are no tests something went wrong.
 test_preset() {
   [ "$1" != coverage ] || find build/coverage -name '*.gcda' -delete # of earlier runs
-  ctest --preset "$1" -j $((2 * $(nproc))) --output-on-failure | grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ +Start '
+  ctest --preset "$1" -j $((2 * $(nproc))) --no-tests=error --output-on-failure |
+    grep --line-buffered -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ +Start '
 }
 
 coverage() {
@@ -116,7 +117,7 @@ begin_background() {
   rm -f build/done
   mkfifo build/done
   set -m
-  background 3>build/done &
+  background 3>build/done </dev/null & # who reads from the terminal there would be stopped
   trap "kill -- -$! 2>/dev/null || true" EXIT
   set +m
   exec 3<build/done
