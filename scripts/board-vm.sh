@@ -34,7 +34,7 @@ quietly "$log" cmake -S . -B "$vm/board" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/c
 quietly "$log" cmake --build "$vm/board" --target kep kep_platform_posix kep-board kep-worker
 
 # renew FILE: FILE.new takes its place where that says something else, so that nothing is made of it in vain.
-renew() { cmp -s "$1.new" "$1" || mv "$1.new" "$1"; }
+renew() { if cmp -s "$1.new" "$1"; then rm "$1.new"; else mv "$1.new" "$1"; fi; }
 
 # compile PROGRAM ARGUMENT...: of the source of that name.
 compile() {

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # demo.sh [--board | --threads | --memcheck]: builds the example hosts, starts them on loopback one after the other,
-# collects from each as a server would, and says what is seen. With --board the hosts are the 32-bit big-endian build, run
-# under qemu; with --threads they are built with ThreadSanitizer, and with --memcheck run under valgrind, and the first
-# report ends them and the demo. Writes into build/ only. No line is wider than the terminal, or $COLUMNS.
+# collects from each as a server would, and says what is seen. With --board the hosts are the 32-bit big-endian build,
+# run under qemu; with --threads they are built with ThreadSanitizer, and with --memcheck run under valgrind, and the
+# first report ends them and the demo. Writes into build/ only. No line is wider than the terminal, or $COLUMNS.
 #
 # demo.sh --fleet [--stay]: kep-fleet collects from 50 simulated boards, two with a self-test that fails, and ends; with
 # --stay it goes on until Ctrl-C, so that its page can be looked at.
@@ -91,8 +91,9 @@ build() {
 title "building"
 tools=$PWD/build/demo
 host=$PWD/build/demo${kind#-}
+[ "$kind" != --fleet ] || host=${KEP_FLEET_BUILD:-$host}
 [ "$kind" = --fleet ] || build "$tools" "kep-collect kep-config kep-faultlog $programs"
-[ -z "$kind" ] || build "$host" "$programs" "${flags[@]}"
+[ -z "$kind" ] || [ "$host" = "${KEP_FLEET_BUILD-}" ] || build "$host" "$programs" "${flags[@]}"
 expectFreePorts # as before the build, which may have taken a while
 
 pids=()
@@ -233,15 +234,15 @@ if [ "$kind" = --fleet ]; then
   exit
 fi
 
-tell "A board is a machine in the field that runs a host: a process that links kep. Three example hosts are such boards" \
-  "here, one after the other, at 127.0.0.1. kep-collect is the server that asks them: by a datagram to UDP port 9099, upon" \
-  "which the host connects to it and reports."
-tell "What a request asks for is its type, and what each stands for is for the host to say. In the examples type 0 asks" \
-  "for figures, type 1 for the same and the logs, and type 2 has the faults saved to a file. A self-test is a request" \
-  "of its own. The wire has numbers only: a names file on the server's side gives them names and units."
+tell "A board is a machine in the field that runs a host: a process that links kep. Three example hosts are such" \
+  "boards here, one after the other, at 127.0.0.1. kep-collect is the server that asks them: by a datagram to UDP port" \
+  "9099, upon which the host connects to it and reports."
+tell "What a request asks for is its type, and what each stands for is for the host to say. In the examples type 0" \
+  "asks for figures, type 1 for the same and the logs, and type 2 has the faults saved to a file. A self-test is a" \
+  "request of its own. The wire has numbers only: a names file on the server's side gives them names and units."
 if [ "$kind" = --board ]; then
-  tell "The hosts are 32-bit big-endian programs, as on the board, and run under user-mode emulation; the server is this" \
-    "machine's own. file says of kep-board:"
+  tell "The hosts are 32-bit big-endian programs, as on the board, and run under user-mode emulation; the server is" \
+    "this machine's own. file says of kep-board:"
   file -b "$host/examples/kep-board" | fold -s -w "$width"
 fi
 
@@ -281,8 +282,8 @@ stop
 rm -rf "$host/faults"
 mkdir "$host/faults"
 names=(--names examples/worker/worker.toml)
-tell "The third host has a thread for each sensor, which logs and records faults where they happen. One of its sensors is" \
-  "broken on purpose."
+tell "The third host has a thread for each sensor, which logs and records faults where they happen. One of its sensors" \
+  "is broken on purpose."
 start kep-worker "$host/faults"
 sleep 1.5 # some readings, and a report
 collect --type 0

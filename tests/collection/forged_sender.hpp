@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <cstddef>
+
 inline const char *forgedSender;  // dotted; NULL: the true one
 
 // Stands in for libc's.
@@ -15,6 +17,6 @@ extern "C" ssize_t recvfrom(int fd, void *data, size_t size, int flags, sockaddr
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   const ssize_t received = recvmsg(fd, &message, flags);
-  if (forgedSender) inet_pton(AF_INET, forgedSender, &reinterpret_cast<sockaddr_in *>(from)->sin_addr);
+  if (forgedSender) inet_pton(AF_INET, forgedSender, reinterpret_cast<char *>(from) + offsetof(sockaddr_in, sin_addr));
   return received;
 }

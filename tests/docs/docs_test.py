@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""docs_test.py links SOURCE | blocks SOURCE BUILD PREFIX: what the pages say is so.
+"""docs_test.py links SOURCE | blocks SOURCE BUILD: what the pages say is so.
 
 links: links among the pages, their anchors and their pictures lead somewhere, and the index has every page.
 
@@ -33,6 +33,7 @@ SAID = re.compile(r"<!-- (not run|tested by|file|with|until ended|prints(?:, \w+
                   r"(?: -->|\n(.*?)-->)", re.S)
 ASIDE = {"prints, times aside": r"(?<=sequence )-?\d+|\d\d/\d\d \d\d:\d\d:\d\d",
          "prints, numbers aside": r"-?\d+([ .]\d+)*", "prints": r"^$"}
+CONSUMER = "#include <kep/kep.h>\nint main(void) { return Collect_Init(0); }\n"
 HOST = "-I PREFIX/include -L PREFIX/lib -Wall -Wextra -Wpedantic -Werror"
 ARCHIVES = "-l:libkep.a -l:libkep_platform_posix.a"
 failures = []
@@ -67,8 +68,8 @@ def check_links():
 # ---- blocks
 
 def shell(command):
-    result = subprocess.run(["bash", "-euo", "pipefail", "-c", command], text=True, timeout=60, stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    result = subprocess.run(["bash", "-euo", "pipefail", "-c", command], text=True, timeout=240,
+                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return result.stdout, f"status {result.returncode}:\n{result.stdout}" if result.returncode else ""
 
 
@@ -130,8 +131,10 @@ def checked(language, text):
         is_fleet = re.search(r"^board =|^\[\[board\]\]", text, re.M)
         return shell("kep-fleet --config block.toml --check" if is_fleet else "kep-names --check block.toml")[1]
     if language == "cmake":
-        Path("project").mkdir(exist_ok=True)
-        shutil.copy("main.c", "project/host.c")
+        if "CMAKE_SYSTEM_NAME" in text:  # a toolchain file
+            Path("project/CMakeLists.txt").write_text("cmake_minimum_required(VERSION 3.22)\nproject(block)\n")
+            return shell("cmake -S project -B built -DCMAKE_TOOLCHAIN_FILE=$PWD/block.cmake")[1]
+        Path("project/host.c").write_text(CONSUMER)
         Path("project/CMakeLists.txt").write_text("cmake_minimum_required(VERSION 3.22)\nproject(block LANGUAGES C)\n"
                                                 "add_executable(host host.c)\n" + text)
         return shell("cmake -S project -B built -DCMAKE_PREFIX_PATH=$PWD/PREFIX && cmake --build built")[1]
@@ -175,14 +178,15 @@ def tried(page, said, language, text, before):
 
 def try_page(page, prefix):
     """Tries a page's blocks in the folder that is the current one; how many there are."""
-    Path("PREFIX").symlink_to(prefix)
-    for name in ("examples", "server"):
-        Path(name).symlink_to(SOURCE / name)
-    Path("names").mkdir()
+    shutil.copytree(prefix, "PREFIX", symlinks=True, ignore=shutil.ignore_patterns("bin"))
+    for entry in SOURCE.glob("[!.]*"):
+        if entry.name != "build":
+            Path(entry.name).symlink_to(entry)
+    for name in ("names", "project"):
+        Path(name).mkdir()
     Path("common.toml").touch()
     Path("token").write_text("0123456789abcdef\n")
-    for name in ("main.c", "host.c"):
-        shutil.copy(SOURCE / "tests/package/consumer/main.c", name)
+    Path("host.c").write_text(CONSUMER)
     content, before, blocks = page.read_text(), "", []
     for found in BLOCK.finditer(content):
         said, files = {}, []
@@ -195,6 +199,8 @@ def try_page(page, prefix):
             fail(page, line, "a comment that says nothing here")
     for line, said, files, language, text in reversed(blocks):
         for name, lines in files:
+            if SOURCE in Path(name).resolve().parents:
+                raise RuntimeError(f"{page.name}:{line}: {name} would be written to the source")
             Path(name).write_text(lines)
     for line, said, files, language, text in blocks:
         for name, lines in files:
@@ -211,10 +217,12 @@ def try_page(page, prefix):
     return len(blocks)
 
 
-def check_blocks(build, prefix):
+def check_blocks(build):
+    prefix = Path(build, "tests/docs/installed")
+    print(shell(f"cmake --install {build} --prefix {prefix} >/dev/null")[1], end="")
     folders = [f"tools/{tool.name}" for tool in (SOURCE / "tools").glob("kep-*")] + ["examples"]
     os.environ["PATH"] = ":".join([f"{build}/{folder}" for folder in folders] + [os.environ["PATH"]])
-    os.environ.update(PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig", LC_ALL="C.UTF-8", TZ="UTC")
+    os.environ.update(PKG_CONFIG_PATH="PREFIX/lib/pkgconfig", LC_ALL="C.UTF-8", TZ="UTC")
     count = 0
     for page in PAGES:
         with tempfile.TemporaryDirectory() as folder:
@@ -241,6 +249,6 @@ if __name__ == "__main__":
     elif "KEP_APART" not in os.environ:
         apart(sys.argv)
     else:
-        check_blocks(*(str(Path(folder).resolve()) for folder in sys.argv[3:5]))
+        check_blocks(str(Path(sys.argv[3]).resolve()))
     print("\n".join(failures))
     sys.exit(1 if failures else 0)

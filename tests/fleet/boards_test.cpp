@@ -51,6 +51,7 @@ class BoardsTest : public ::testing::Test {
     boards.configure(config);
   }
 
+  Boards::Taken take(kepfleet::Run run) { return boards.take(boards.judge(std::move(run))); }
   BoardState state() const { return *boards.find("b"); }
 
   Config config;
@@ -70,7 +71,7 @@ TEST_F(BoardsTest, FollowsABoardFromRunToRun) {
     Outcome outcome;
   };
   const std::vector<Case> cases = {
-      {0, none, "", "nothing came", "", "nothing came", none},  // it has never answered
+      {0, none, "", "nothing came", "lost: nothing came\n", "nothing came", none},  // it was never asked before
       {0, whole, good, "", "found: \n", "", whole},
       {3, whole, selfTest(1), "", "", "", whole},
       {0, none, "", "nothing came", "lost: nothing came\n", "nothing came", none},
@@ -95,12 +96,12 @@ TEST_F(BoardsTest, FollowsABoardFromRunToRun) {
   int64_t time = 1000, since = 0;
   std::string problem = "none yet";
   for (const Case &one : cases) {
-    const Boards::Taken taken = boards.take({"b", time, one.type, one.told, 1, 1, one.stream, one.reason, 3});
+    const Boards::Taken taken = take({"b", time, one.type, one.told, 1, 1, one.stream, one.reason, 3});
     const std::string place = "behind " + std::to_string(time / 1000);
     EXPECT_EQ(textOf(taken.events), one.events) << place;
-    EXPECT_EQ(nameOf(taken.run->outcome), nameOf(one.outcome)) << place;
+    EXPECT_EQ(nameOf(taken.run.outcome), nameOf(one.outcome)) << place;
     EXPECT_EQ(state().problem, one.problem) << place;
-    EXPECT_EQ(state().last[static_cast<size_t>(one.type)], taken.run) << place;
+    EXPECT_EQ(state().last[static_cast<size_t>(one.type)]->stream, one.stream) << place;
     const bool isNew = problem.empty() != one.problem.empty() || problem == "none yet";
     if (isNew) since = time;
     if (isNew || problem == one.problem) {
@@ -112,14 +113,27 @@ TEST_F(BoardsTest, FollowsABoardFromRunToRun) {
     time += 1000;
   }
   EXPECT_EQ(state().identity, otherKind);
-  const Boards::Taken back = boards.take({"b", 5, 0, none, 1, 0, "", "the clock was set back", 0});
+  const Boards::Taken back = take({"b", 5, 0, none, 1, 0, "", "the clock was set back", 0});
   EXPECT_EQ(textOf(back.events) + state().problem, "lost: the clock was set back\nthe clock was set back");
+}
+
+// Two boards have 128 MiB each.
+TEST_F(BoardsTest, HasNoMoreInMemoryThanItsPart) {
+  const std::string large(size_t{60} << 20, 'x');
+  for (int type = 0; type < 3; ++type) take({"b", 1, type, Outcome::kDamaged, 1, 0, large, "", 0});
+  EXPECT_EQ(state().last[1]->stream.size(), large.size());
+  EXPECT_EQ(state().last[2]->stream.size(), 0u);
+  EXPECT_EQ(sentBytes(*state().last[2]), large.size());
+  EXPECT_EQ(take({"b", 2, 0, Outcome::kDamaged, 1, 0, large, "", 0}).run.stream, large) << "what is stored is whole";
+  EXPECT_EQ(state().last[0]->stream.size(), large.size()) << "in place of the one before";
+  take({"other", 1, 0, Outcome::kDamaged, 1, 0, large, "", 0});
+  EXPECT_EQ(boards.find("other")->last[0]->stream.size(), large.size()) << "no matter what another one says";
 }
 
 TEST_F(BoardsTest, TakesLabelsFromValuesAndRecallsWhatWasStored) {
   const std::string kind("\x0B\x01", 2);
   const std::string longName = std::string(63, 'x') + "\xC3\xA4";
-  EXPECT_EQ(textOf(boards.take({"none", 1, 0, Outcome::kWhole, 1, 1, "", "", 0}).events), "");
+  EXPECT_EQ(textOf(take({"none", 1, 0, Outcome::kWhole, 1, 1, "", "", 0}).events), "");
   const uint64_t version = boards.version();
   boards.recall({"b", 2000, 0, Outcome::kNoAnswer, 1, 0, "", "away", 0});
   boards.recall({"b", 1000, 0, Outcome::kWhole, 1, 5, collection(kind, {"system"}, longName), "", 0});
@@ -129,8 +143,7 @@ TEST_F(BoardsTest, TakesLabelsFromValuesAndRecallsWhatWasStored) {
   EXPECT_EQ(state().problem, "away");
   EXPECT_EQ(state().answers, false);
   EXPECT_EQ(state().lastWhole[0]->started, 1000);
-  EXPECT_EQ(textOf(boards.take({"b", 3000, 0, Outcome::kDamaged, 1, 0, "", "why", 0}).events),
-            "found: why\ndamaged: why\n");
+  EXPECT_EQ(textOf(take({"b", 3000, 0, Outcome::kDamaged, 1, 0, "", "why", 0}).events), "found: why\ndamaged: why\n");
 
   config.boards = {{"new", "192.0.2.9", 9099, {}, ""}, {"b", "192.0.2.7", 9099, {{"site", "south"}}, ""}};
   config.labelFrom.pop_back();

@@ -37,7 +37,7 @@ class ConfigTest : public ::testing::Test {
     try {
       use();
     } catch (const ConfigError &error) {
-      std::string text = error.text();
+      std::string text = error.what();
       while (text.find(folder_ + "/") != std::string::npos) text.erase(text.find(folder_), folder_.size() + 1);
       return text;
     }

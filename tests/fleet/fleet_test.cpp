@@ -35,18 +35,23 @@ class FleetTest : public ::testing::Test {
   }
 
   std::unique_ptr<Fleet> start(const Config &config, bool isShared = false) {
-    auto fleet = std::make_unique<Fleet>(config, [this, isShared](const std::string & /*where*/) {
-      return std::make_unique<MemoryStore>(memory, isShared);
-    });
+    auto fleet =
+        std::make_unique<Fleet>(config, [this, isShared](const std::string & /*where*/, milliseconds /*patience*/) {
+          return std::make_unique<MemoryStore>(memory, isShared);
+        });
     fleet->start();
     return fleet;
   }
 
+  static ptrdiff_t countOf(const Memory &m, const std::string &board) {
+    return std::count_if(m.runs.begin(), m.runs.end(), [&](const auto &run) { return run.board == board; });
+  }
   bool waitForRuns(size_t count, const std::string &board = "a") {
-    return memory->waitFor([&](const Memory &m) {
-      return std::count_if(m.runs.begin(), m.runs.end(), [&](const auto &run) { return run.board == board; }) >=
-             static_cast<ptrdiff_t>(count);
-    });
+    return memory->waitFor([&](const Memory &m) { return countOf(m, board) >= static_cast<ptrdiff_t>(count); });
+  }
+  ptrdiff_t storedOf(const std::string &board) {
+    const std::lock_guard<std::mutex> lock(memory->mutex);
+    return countOf(*memory, board);
   }
 
   size_t stored() {
@@ -78,6 +83,7 @@ TEST_F(FleetTest, AsksOnScheduleAndOnDemandAndFollowsTheConfiguration) {
   EXPECT_EQ(fleet->ask("b", 0, nullptr), Asked::kBusy);
   EXPECT_EQ(fleet->ask("c", 0, nullptr), Asked::kUnknown);
   EXPECT_EQ(fleet->probe("127.0.0.1", good.port, 0, nullptr), Asked::kBusy) << "a board of the configuration";
+  EXPECT_EQ(fleet->probe("localhost", good.port, 0, nullptr), Asked::kBusy) << "whatever it is called";
   const PlayedBoard elsewhere(PlayedBoard::answer);
   EXPECT_EQ(fleet->probe("127.0.0.1", elsewhere.port, 0, keep(probed)), Asked::kYes);
   EXPECT_EQ(probed.get_future().get().messages, 8u);
@@ -99,12 +105,58 @@ TEST_F(FleetTest, AsksOnScheduleAndOnDemandAndFollowsTheConfiguration) {
 
   const auto before = std::chrono::steady_clock::now();
   const Health health = fleet->health();
-  EXPECT_TRUE(fleet->stop());
+  EXPECT_EQ(fleet->stop(), Fleet::End::kGood);
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
   EXPECT_EQ(fleet->ask("a", 0, nullptr), Asked::kEnding);
   EXPECT_GE(health.startedRuns, health.wholeRuns);
   EXPECT_GE(stored(), health.wholeRuns) << "all is stored that came before the end";
   for (const auto &run : memory->runs) EXPECT_NE(run.outcome, Outcome::kBrokenOff) << run.board << run.reason;
+}
+
+TEST_F(FleetTest, LooksAtALargeRunBesideAllElse) {
+  std::string numbers, run = board::message(1, 1, board::word(0) + board::counted("log"));
+  for (int i = 0; i < 60; ++i) numbers += board::head(0x81, 0, i, i) + board::word(i);
+  for (int32_t i = 2; i < 4000; ++i) run += board::message(2, i, i < 3998 ? numbers : "");
+  std::atomic<int> sent{0};
+  const PlayedBoard large([&](const Request &r) {
+    const Connection connection(r.port);
+    connection.say(board::message(0, r.number, std::string("KB\0\0", 4)));
+    std::thread heard([&] {
+      while (connection.hear() > 0) continue;
+    });
+    connection.say(run);
+    shutdown(connection.fd, SHUT_WR);
+    heard.join();
+    ++sent;
+  });
+  Config config = configOf({&good, &large});
+  config.limits.connect = milliseconds(5000);
+  config.labelFrom = {{"last", "log", 59, 59}};
+  const auto waitUntilSent = [&sent](int times) {
+    while (sent < times) std::this_thread::sleep_for(milliseconds(1));
+  };
+  const auto fleet = start(config);
+  waitUntilSent(1);
+  int answers = 0;
+  for (; fleet->boards().find("b")->labels.count("last") == 0; ++answers) {
+    EXPECT_EQ(fleet->ask("nobody", 0, nullptr), Asked::kUnknown);
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  EXPECT_GT(answers, 10) << "others are served meanwhile";
+  EXPECT_TRUE(waitForRuns(1, "b"));
+  Config without = config;
+  without.boards.resize(1);
+  fleet->reload(without);
+  while (fleet->health().refusedRuns == 0) {  // a run of a board that is none any more when it has been looked at
+    fleet->reload(config);
+    waitUntilSent(sent + 1);
+    fleet->reload(without);
+  }
+  fleet->reload(config);
+  const ptrdiff_t before = storedOf("b");
+  waitUntilSent(sent + 1);
+  EXPECT_EQ(fleet->stop(), Fleet::End::kGood);
+  EXPECT_GT(storedOf("b"), before) << "looked at or not";
 }
 
 TEST_F(FleetTest, AsksOnlyUnderALease) {
@@ -135,7 +187,7 @@ TEST_F(FleetTest, AsksOnlyUnderALease) {
   const size_t before = stored();
   memory->set([](Memory &m) { m.fails = false; });
   EXPECT_TRUE(waitForRuns(before + 3, "b"));
-  EXPECT_TRUE(fleet->stop());
+  EXPECT_EQ(fleet->stop(), Fleet::End::kGood);
   EXPECT_TRUE(memory->isReleased);
 }
 

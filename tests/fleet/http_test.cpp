@@ -80,7 +80,7 @@ struct PlayedControl : Control {
   explicit PlayedControl(Boards &fleet) : boards(fleet) {}
   Asked ask(const std::string &, int type, Done done) override {
     const std::string stream = type == kSelfTest ? test : collection(1, 2);
-    if (asked == Asked::kYes) done(*boards.take(runOf(now(), stream, type)).run);
+    if (asked == Asked::kYes) done(boards.take(boards.judge(runOf(now(), stream, type))).run);
     return asked;
   }
   Asked probe(const std::string &host, uint16_t, int type, Done done) override { return ask(host, type, done); }
@@ -184,6 +184,7 @@ TEST_F(HttpTest, LetsInWhoMay) {
       {"GET /", "", "localhost", 404, 404},
       {"GET /kep/login", "", "127.0.0.1", 200, 200},
       {"GET /kep/fleet.js", longRange, "fleet.example", 200, 200},
+      {"GET /kep/icon.svg", "", "localhost", 200, 200},
       {"GET /kep/healthz", "", "localhost", 200, 200},
       {"GET /kep/healthz", "", "evil.example", 421, 421},
       {"GET /kep/healthz", "", "", 421, 421},
@@ -253,12 +254,13 @@ TEST_F(HttpTest, TellsWhatChanged) {
   const Json all = get("/api/fleet");
   EXPECT_TRUE(all["all"]);
   EXPECT_EQ(all["counts"]["unknown"], 2);
-  const std::string log = text(4, "2026/01/01 10:00:00") + text(4, "<b>\xff\x1b");
+  const std::string old = text(4, "2026/01/01 09:00:00") + text(4, "old"),
+                    log = old + text(4, "2026/01/01 10:00:00") + text(4, "<b>\xff\x1b");
   const int64_t start = now() - 30'000;
-  for (const auto &[age, stream] : {std::pair(0, collection(1000, 215, integer(1, 3, 1) + integer(1, 7, 5))),
+  for (const auto &[age, stream] : {std::pair(0, collection(1000, 215, integer(1, 3, 1) + integer(1, 7, 5) + old)),
                                     std::pair(15'000, collection(2000, 215, integer(1, 3, 0) + log))}) {
-    const Boards::Taken taken = boards_.take(runOf(start + age, stream));
-    store_->write({*taken.run}, taken.events);
+    const Boards::Taken taken = boards_.take(boards_.judge(runOf(start + age, stream)));
+    store_->write({taken.run}, taken.events);
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(600));  // rows are made no more often
   const Json fleet = get("/api/fleet?version=" + all["version"].get<std::string>());
@@ -276,8 +278,8 @@ TEST_F(HttpTest, TellsWhatChanged) {
   EXPECT_EQ(section["values"][1]["text"], "21.5");
   EXPECT_FALSE(section["values"][1].contains("was"));
   EXPECT_EQ(section["values"][2]["text"], "down");
-  EXPECT_EQ(section["logs"][0]["lines"],
-            Json::parse(R"([{"text":"<b>\\xff\\x1b","time":"2026-01-01T10:00:00","isNew":true}])"));
+  EXPECT_EQ(section["logs"][0]["lines"], Json::parse(R"([{"text":"old","time":"2026-01-01T09:00:00"},
+                               {"text":"<b>\\xff\\x1b","time":"2026-01-01T10:00:00","isNew":true}])"));
   EXPECT_EQ(run["gone"][0]["key"], 7);
   EXPECT_EQ(get("/api/board?name=pump%20%3C1%3E&version=" + board["version"].get<std::string>()), Json::object());
 
@@ -307,8 +309,11 @@ TEST_F(HttpTest, TellsWhatChanged) {
   EXPECT_EQ(most["items"].size(), 4000u) << most["reason"];
   EXPECT_GT(most["leftOut"], 70'000);
 
-  control_.asked = Asked::kNotHeld;
-  EXPECT_EQ(statusOf(ask("POST /api/collect?name=other", "X-Kep: 1\r\n")), 409);
+  for (const auto &[asked, status] :
+       {std::pair(Asked::kUnknown, 404), {Asked::kBusy, 409}, {Asked::kNotHeld, 409}, {Asked::kEnding, 503}}) {
+    control_.asked = asked;
+    EXPECT_EQ(statusOf(ask("POST /api/collect?name=other", "X-Kep: 1\r\n")), status);
+  }
 }
 
 TEST_F(HttpTest, PlotsWithGaps) {
@@ -319,7 +324,7 @@ TEST_F(HttpTest, PlotsWithGaps) {
                                                    {50, -1}, {60, 80},  {70, 90},  {170, 95}, {180, 105}};
   for (const auto &[second, count] : counts) {
     const auto run = runOf(start + second * 1000, count < 0 ? "" : collection(count, count));
-    store_->write({*boards_.take(run).run}, {});
+    store_->write({boards_.take(boards_.judge(run)).run}, {});
   }
   const std::string path = "/api/plot?name=pump%20%3C1%3E&span=hour&item=1&section=1&key=";
   const Json counter = get(path + "1");
@@ -330,6 +335,7 @@ TEST_F(HttpTest, PlotsWithGaps) {
   const Json gauge = get(path + "2");
   EXPECT_EQ(gauge["numbers"], Json::parse("[10.0,20.0,40.0,5.0,6.0,null,8.0,9.0,null,9.5,10.5]"));
   EXPECT_EQ(gauge["unit"], "°C");
+  EXPECT_TRUE(get(path + "99")["numbers"][0].is_null());
 }
 
 // Those that trickle, say nothing or do not read hold up nobody, are bounded in number and time, and not the end

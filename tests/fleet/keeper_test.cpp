@@ -18,7 +18,7 @@ class KeeperTest : public ::testing::Test {
   void put(int64_t first, int64_t count, uint64_t lease = 0) {
     for (int64_t i = first; i < first + count; ++i) {
       keeper.put({"b", i, 0, Outcome::kWhole, 1, 1, std::string(1000, 'x'), "", lease},
-                 {{"b", i, EventKind::kLost, "", 0}});
+                 {{"b", i, EventKind::kLost, "", lease}});
     }
   }
   std::vector<int64_t> times() const {
@@ -44,10 +44,11 @@ TEST_F(KeeperTest, WritesInBatchesAndAllAtTheEnd) {
   put(2501, 10, 99);
   EXPECT_TRUE(keeper.stop(milliseconds(60'000)));
   EXPECT_EQ(times(), sequence(0, 2501));
-  EXPECT_EQ(memory->events.size(), 2511u);
+  EXPECT_EQ(memory->events.size(), 2501u);
   EXPECT_LE(*std::max_element(memory->batches.begin(), memory->batches.end()), 1000u);
   EXPECT_LE(memory->batches.size(), 6u);
   EXPECT_EQ(keeper.status().refusedRuns, 10u);
+  EXPECT_EQ(keeper.status().refusedEvents, 10u);
   EXPECT_EQ(keeper.status().waitingBytes + keeper.status().waitingRuns, 0u);
 }
 

@@ -55,7 +55,13 @@ class MemoryStore : public kepfleet::Store, private kepfleet::Leases {
         memory_->runs.push_back(run);
       }
     }
-    memory_->events.insert(memory_->events.end(), events.begin(), events.end());
+    for (const kepfleet::Event &event : events) {
+      if (event.lease == 99) {
+        ++written.refusedEvents;
+      } else {
+        memory_->events.push_back(event);
+      }
+    }
     memory_->batches.push_back(runs.size());
     memory_->changed.notify_all();
     return written;
@@ -66,7 +72,7 @@ class MemoryStore : public kepfleet::Store, private kepfleet::Leases {
     memory_->changed.notify_all();
     return {1, step % 2 == 0};
   }
-  void lastRuns(const std::function<void(kepfleet::StoredRun &&)> & /*take*/) override {}
+  void lastRuns(const std::function<bool(kepfleet::StoredRun &&)> & /*take*/) override {}
   void runs(const kepfleet::RunQuery & /*query*/,
             const std::function<bool(kepfleet::StoredRun &&)> & /*take*/) override {}
   std::optional<kepfleet::StoredRun> run(int64_t /*id*/) override { return std::nullopt; }
@@ -81,12 +87,12 @@ class MemoryStore : public kepfleet::Store, private kepfleet::Leases {
     if (memory_->fails) throw kepfleet::StoreError("the disk is full");
     return lock;
   }
-  std::vector<kepfleet::Lease> renew(const std::string & /*instance*/, const std::vector<std::string> & /*boards*/,
-                                     double /*seconds*/) override {
+  kepfleet::Renewal renew(const std::string & /*instance*/, const std::vector<std::string> & /*boards*/,
+                          double /*seconds*/) override {
     const auto lock = enter();
     ++memory_->renewals;
     memory_->changed.notify_all();
-    return memory_->leases;
+    return {memory_->leases};
   }
   void release(const std::string & /*instance*/) override {
     const auto lock = enter();

@@ -95,7 +95,7 @@ class MetricsTest : public testing::Test {
     const std::string other = collection({"power"}, {integer(0, 0, 1, 1) + integer(0, 0, 5, 100)});
     const std::string cut = pump().substr(0, 100);
     const auto take = [this](size_t place, int type, int64_t age, Outcome outcome, const std::string &stream) {
-      boards_.take({config_.boards[place].name, kNow - age, type, outcome, 250, 4, stream, "", 0});
+      boards_.take(boards_.judge({config_.boards[place].name, kNow - age, type, outcome, 250, 4, stream, "", 0}));
     };
     take(0, 0, 2000, Outcome::kWhole, pump());
     take(0, 1, 1000, Outcome::kWhole, other);  // the newer: its numbers count where both have one
@@ -150,7 +150,7 @@ TEST_F(MetricsTest, AreBounded) {
     messages.emplace_back();
     for (int k = 0; k < 50; ++k) messages.back() += integer(0, i, k, i);
   }
-  boards_.take({"unnamed", kNow, 0, Outcome::kWhole, 1, 1, collection({"flood"}, messages), "", 0});
+  boards_.take(boards_.judge({"unnamed", kNow, 0, Outcome::kWhole, 1, 1, collection({"flood"}, messages), "", 0}));
   Metrics metrics(config_, names_);
   int pieces = 0;
   metrics.write(boards_, {}, kNow, [&pieces](std::string_view) { return ++pieces < 2; });
@@ -220,7 +220,7 @@ TEST(MetricNamesTest, CollideInTheWordsOfTheirError) {
     try {
       Metrics metrics(config, names);
     } catch (const ConfigError &error) {
-      reason = error.text();
+      reason = error.what();
     }
     for (size_t at = 0; (at = reason.find(folder / "")) != std::string::npos;) reason.erase(at, (folder / "").size());
     EXPECT_EQ(reason, one.reason) << one.first << one.second;

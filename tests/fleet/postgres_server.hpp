@@ -20,7 +20,8 @@ class PostgresServer {
   std::string database(const std::string &name) {
     if (folder_.empty()) return "";
     const std::string of = "?user=kep&host=" + folder_;
-    kepfleet::openPostgres("postgresql:///postgres" + of, kepfleet::Access::kWrite)->script("CREATE DATABASE " + name);
+    kepfleet::openPostgres("postgresql:///postgres" + of, kepfleet::Access::kWrite, kepfleet::kStorePatience)
+        ->script("CREATE DATABASE " + name);
     return "postgresql:///" + name + of;
   }
 

@@ -98,7 +98,7 @@ class StoreTest : public testing::TestWithParam<const char *> {
 
   bool isSqlite() const { return GetParam() == std::string("Sqlite"); }
   std::unique_ptr<Database> raw() const {
-    return isSqlite() ? openSqlite(where_, Access::kWrite) : openPostgres(where_, Access::kWrite);
+    return isSqlite() ? openSqlite(where_, Access::kWrite) : openPostgres(where_, Access::kWrite, kStorePatience);
   }
   int64_t number(const std::string &sql) const {
     int64_t value = -1;
@@ -200,7 +200,10 @@ TEST_P(StoreTest, AnswersAsAListDoes) {
           std::find_if(kept.rbegin(), kept.rend(), [](const auto &each) { return isWhole(*each.second); });
       if (whole != kept.rbegin() && whole != kept.rend()) last.insert(textOf(*whole->second, true));
     }
-    reader->lastRuns([&](StoredRun &&run) { told.insert(textOf(run.run, true)); });
+    reader->lastRuns([&](StoredRun &&run) {
+      told.insert(textOf(run.run, true));
+      return true;
+    });
     EXPECT_EQ(told, last);
   };
   compare();
@@ -354,7 +357,8 @@ TEST_P(StoreTest, SurvivesAKilledProcess) {
 
 // All steps or none; what is newer than the program is left alone.
 TEST_P(StoreTest, MigratesAnOlderSchema) {
-  openStore(where_)->write({runOf("d", kStart, "as it came")}, {});
+  const auto older = openStore(where_);
+  older->write({runOf("d", kStart, "as it came")}, {});
   std::vector<Migration> steps = migrations();
   const auto database = raw();
   steps.push_back({"ALTER TABLE boards ADD COLUMN room BIGINT", "ALTER TABLE boards ADD COLUMN room BIGINT"});
@@ -368,6 +372,9 @@ TEST_P(StoreTest, MigratesAnOlderSchema) {
   EXPECT_EQ(number("SELECT count(*) FROM boards WHERE room IS NULL"), 1);
   EXPECT_THROW(openStore(where_), StoreError);
   EXPECT_THROW(openStoreToRead(where_), StoreError);
+  EXPECT_THROW(older->write({runOf("d", kStart + 1)}, {}), StoreError) << "also one that was there before";
+  if (isSqlite()) return;
+  EXPECT_THROW(older->leases()->renew("i", {"d"}, 1), StoreError);
 }
 
 // The first version, made by its own text, holds a run compressed with a dictionary.
@@ -432,12 +439,12 @@ TEST_P(LeasesTest, AreSharedLostAndFenced) {
   const std::vector<std::string> boards = {"a", "b", "c", "d", "e", "f", "g"};
   std::vector<std::unique_ptr<Store>> stores;
   std::map<int, std::map<std::string, uint64_t>> held;
+  Renewal last;
   for (int i = 0; i < 3; ++i) stores.push_back(openStore(where_));
   const auto renew = [&](int i, double seconds = 1'000) {
     held[i].clear();
-    for (const Lease &lease : stores[size_t(i)]->leases()->renew("i" + std::to_string(i), boards, seconds)) {
-      held[i][lease.board] = lease.number;
-    }
+    last = stores[size_t(i)]->leases()->renew("i" + std::to_string(i), boards, seconds);
+    for (const Lease &lease : last.leases) held[i][lease.board] = lease.number;
     return held[i].size();
   };
   const auto isStored = [&](int by, const std::string &board, uint64_t number) {
@@ -452,10 +459,14 @@ TEST_P(LeasesTest, AreSharedLostAndFenced) {
   };
 
   EXPECT_EQ(renew(0), 7u);  // alone
+  EXPECT_EQ(last.othersEnd.count(), INT64_MAX);
   const auto alone = held[0];
   EXPECT_EQ(renew(1), 0u);  // one that joins gets what the other does not hold any more, and then has given back
   EXPECT_EQ(renew(0), 4u);
+  EXPECT_TRUE(last.isLeaving);
   EXPECT_EQ(renew(1), 0u);
+  EXPECT_FALSE(last.isLeaving);
+  EXPECT_TRUE(last.othersEnd.count() > 900'000 && last.othersEnd.count() <= 1'000'000);
   EXPECT_TRUE(isStored(0, "g", alone.at("g")));  // its runs may end until then
   EXPECT_EQ(renew(0), 4u);
   EXPECT_EQ(renew(1), 3u);
@@ -488,5 +499,5 @@ TEST_P(LeasesTest, AreSharedLostAndFenced) {
   EXPECT_FALSE(isStored(0, "a", late.at("a")));
 
   // Its boards are of a new configuration.
-  EXPECT_EQ(stores[2]->leases()->renew("i2", {"a", "new"}, 1'000).size(), 2u);
+  EXPECT_EQ(stores[2]->leases()->renew("i2", {"a", "new"}, 1'000).leases.size(), 2u);
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# scripts_test.sh: the scripts find their folder from anywhere; a demo that fails leaves nothing behind, and one that does
-# not says what is seen, in lines that fit; and who needs a package that another one keeps out is told of it.
+# scripts_test.sh: the scripts find their folder from anywhere; a demo that fails leaves nothing behind, and one that
+# does not says what is seen, in lines that fit; and who needs a package that another one keeps out is told of it.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/../.."
 work=$(mktemp -d)

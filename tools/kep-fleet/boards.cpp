@@ -1,5 +1,5 @@
-// boards.cpp: what changes when a run comes. A run is decoded and judged before the lock is taken, as that may take a
-// while.
+// boards.cpp: what changes when a run comes. A run is decoded and judged, and what counts of it is picked out, before
+// the lock is taken, as that may take a while.
 
 #include "kep-fleet/boards.hpp"
 
@@ -17,6 +17,7 @@ namespace {
 
 constexpr size_t kMostLabelBytes = 64;
 constexpr size_t kMostTextBytes = 200;  // of an event, and of why a test failed
+constexpr size_t kMostStreamBytes = size_t{256} << 20;
 
 // Not more than so many bytes, whole characters of them.
 std::string cut(std::string text, size_t most) {
@@ -46,7 +47,7 @@ std::string failuresOf(const kepserver::Names &names, const kepserver::Run &cont
 }
 
 // What a run that came whole amounts to in the light of its names.
-void judge(const kepserver::Names &names, const kepserver::Run &content, Run &run) {
+void settle(const kepserver::Names &names, const kepserver::Run &content, Run &run) {
   if (run.outcome != Outcome::kWhole) return;
   if (!content.selfTest) {
     if (!isCutShort(names, content)) return;
@@ -104,10 +105,6 @@ void Boards::configure(const Config &config) {
   std::vector<Entry> before = std::exchange(entries_, {});
   const std::unordered_map<std::string, size_t> placesBefore = std::exchange(places_, {});
   labelFrom_ = config.labelFrom;
-  const auto isGiven = [this](const std::string &label) {
-    return std::any_of(labelFrom_.begin(), labelFrom_.end(),
-                       [&](const LabelFrom &from) { return from.label == label; });
-  };
   entries_.reserve(config.boards.size());
   for (const BoardConfig &board : config.boards) {
     const auto known = placesBefore.find(board.name);
@@ -126,17 +123,42 @@ void Boards::configure(const Config &config) {
 void Boards::recall(Run run) {
   if (!isNews(run)) return;
   const kepserver::Run content = decode(run);
-  update(std::make_shared<const Run>(std::move(run)), content, false);
+  update(look(std::move(run), content), false);
 }
 
-Boards::Taken Boards::take(Run run) {
+Boards::Judged Boards::judge(Run run) const {
   const kepserver::Run content = decode(run);
   if (const std::optional<BoardState> state = find(run.board)) {
-    judge(*names_.of(state->config, identityOf(content)), content, run);
+    settle(*names_.of(state->config, identityOf(content)), content, run);
   }
+  return look(std::move(run), content);
+}
+
+Boards::Judged Boards::look(Run run, const kepserver::Run &content) const {
+  Judged judged;
+  judged.isSelfTest = content.selfTest;
+  judged.identity = identityOf(content);
+  judged.catalogue = catalogueOf(content);
+  std::vector<LabelFrom> labelFrom;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    labelFrom = labelFrom_;
+  }
+  for (const LabelFrom &from : labelFrom) {
+    for (const kepserver::Value &value : content.values) {
+      if (value.key != from.key || value.section != from.section || itemName(content, value) != from.item) continue;
+      if (const std::string text = labelText(value); !text.empty()) judged.labels[from.label] = text;
+    }
+  }
+  judged.kept = std::make_shared<const Run>(run);
+  judged.run = std::move(run);
+  return judged;
+}
+
+Boards::Taken Boards::take(Judged judged) {
   Taken taken;
-  taken.run = std::make_shared<const Run>(std::move(run));
-  taken.events = update(taken.run, content, true);
+  taken.events = update(judged, true);
+  taken.run = std::move(judged.run);
   return taken;
 }
 
@@ -183,71 +205,88 @@ bool Boards::isNews(const Run &run) const {
   return isNewer(state.last[type]) || (isWhole(run) && isNewer(state.lastWhole[type]));
 }
 
+bool Boards::isGiven(const std::string &label) const {
+  return std::any_of(labelFrom_.begin(), labelFrom_.end(), [&](const LabelFrom &from) { return from.label == label; });
+}
+
+// The run as it fits in beside those that it does not replace: with its stream, or without.
+RunPointer Boards::fitting(const BoardState &state, const RunPointer &run) const {
+  size_t bytes = run->stream.size();
+  for (size_t type = 0; type < kTypes; ++type) {
+    const bool isSame = static_cast<int>(type) == run->type;
+    const RunPointer &last = state.last[type], &lastWhole = state.lastWhole[type];
+    if (last && !isSame) bytes += last->stream.size();
+    if (lastWhole && lastWhole != last && !(isSame && isWhole(*run))) bytes += lastWhole->stream.size();
+  }
+  if (bytes <= kMostStreamBytes / entries_.size()) return run;
+  Run rest = {run->board,    run->started, run->type,   run->outcome, run->duration,
+              run->messages, "",           run->reason, run->lease,   run->stream.size()};
+  return std::make_shared<const Run>(std::move(rest));
+}
+
 // Runs that are recalled come in any order, and may be older than what is known. What comes from a board is newer,
 // whatever the clock says, which may have been set back.
-std::vector<Event> Boards::update(const RunPointer &run, const kepserver::Run &content, bool isLive) {
+std::vector<Event> Boards::update(const Judged &judged, bool isLive) {
+  const Run &run = judged.run;
   std::vector<Event> events;
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto place = places_.find(run->board);
-  if (place == places_.end() || run->type < 0 || run->type >= kTypes) return events;
+  const auto place = places_.find(run.board);
+  if (place == places_.end() || run.type < 0 || run.type >= kTypes) return events;
   Entry &entry = entries_[place->second];
-  const auto type = static_cast<size_t>(run->type);
-  const auto isNewer = [&](const RunPointer &known) { return isLive || !known || known->started < run->started; };
-  const bool isNewest = isLive || run->started > entry.newest;
+  const auto type = static_cast<size_t>(run.type);
+  const auto isNewer = [&](const RunPointer &known) { return isLive || !known || known->started < run.started; };
+  const bool isNewest = isLive || run.started > entry.newest;
+  const RunPointer kept = fitting(entry.state, judged.kept);
   RunPointer &last = entry.state.last[type];
   RunPointer &lastWhole = entry.state.lastWhole[type];
-  if (isWhole(*run) && isNewer(lastWhole)) {
-    lastWhole = run;
-    if (isLive || run->started > entry.newestReport) noteContent(entry, *run, content, events);
+  if (isWhole(run) && isNewer(lastWhole)) {
+    lastWhole = kept;
+    if (isLive || run.started > entry.newestReport) noteContent(entry, judged, events);
   }
   if (isNewer(last)) {
-    last = run;
+    last = kept;
     noteOutcome(entry, run, isNewest, events);
   }
-  settleProblem(entry, run->started);
+  settleProblem(entry, run.started);
   ++version_;
   return events;
 }
 
-void Boards::noteOutcome(Entry &entry, const RunPointer &run, bool isNewest, std::vector<Event> &events) {
-  const auto type = static_cast<size_t>(run->type);
-  const bool answered = run->outcome != Outcome::kNoAnswer;
-  const auto add = [&](EventKind kind) { events.push_back({run->board, run->started, kind, run->reason, run->lease}); };
+// One that has not been asked counts as there: its silence is told as that of any other.
+void Boards::noteOutcome(Entry &entry, const Run &run, bool isNewest, std::vector<Event> &events) {
+  const auto type = static_cast<size_t>(run.type);
+  const bool answered = run.outcome != Outcome::kNoAnswer;
+  const auto add = [&](EventKind kind) { events.push_back({run.board, run.started, kind, run.reason, run.lease}); };
   if (isNewest) {
-    entry.newest = run->started;
-    const std::optional<bool> before = std::exchange(entry.state.answers, answered);
-    if (before && *before != answered) add(answered ? EventKind::kFound : EventKind::kLost);
+    entry.newest = run.started;
+    const bool before = std::exchange(entry.state.answers, answered).value_or(true);
+    if (before != answered) add(answered ? EventKind::kFound : EventKind::kLost);
   }
   if (!answered) return;
-  const bool isBad = run->outcome != Outcome::kWhole;
+  const bool isBad = run.outcome != Outcome::kWhole;
   const bool wasBad = std::exchange(entry.isBad[type], isBad);
-  if (isBad && !wasBad) add(run->type == kSelfTest ? EventKind::kTestFailed : EventKind::kDamaged);
-  if (!isBad && wasBad && run->type == kSelfTest) add(EventKind::kTestPassed);
+  if (isBad && !wasBad) add(run.type == kSelfTest ? EventKind::kTestFailed : EventKind::kDamaged);
+  if (!isBad && wasBad && run.type == kSelfTest) add(EventKind::kTestPassed);
 }
 
-void Boards::noteContent(Entry &entry, const Run &run, const kepserver::Run &content, std::vector<Event> &events) {
+void Boards::noteContent(Entry &entry, const Judged &judged, std::vector<Event> &events) {
   const auto add = [&](EventKind kind, const std::string &text) {
-    events.push_back({run.board, run.started, kind, text, run.lease});
+    events.push_back({judged.run.board, judged.run.started, kind, text, judged.run.lease});
   };
-  if (content.selfTest) return;
-  entry.newestReport = run.started;
-  const std::string identity = identityOf(content);
+  if (judged.isSelfTest) return;
+  entry.newestReport = judged.run.started;
   std::string &known = entry.state.identity;
-  if (!known.empty() && identity != known) {
-    add(EventKind::kIdentityChanged, kepserver::hex(known) + " became " + kepserver::hex(identity));
+  if (!known.empty() && judged.identity != known) {
+    add(EventKind::kIdentityChanged, kepserver::hex(known) + " became " + kepserver::hex(judged.identity));
   }
-  known = identity;
-  const std::string catalogue = catalogueOf(content);
-  if (!entry.catalogue.empty() && catalogue != entry.catalogue) {
-    const std::string gone = goneFrom(entry.catalogue, catalogue);
+  known = judged.identity;
+  if (!entry.catalogue.empty() && judged.catalogue != entry.catalogue) {
+    const std::string gone = goneFrom(entry.catalogue, judged.catalogue);
     if (!gone.empty()) add(EventKind::kItemGone, gone);
   }
-  entry.catalogue = catalogue;
-  for (const LabelFrom &from : labelFrom_) {
-    for (const kepserver::Value &value : content.values) {
-      if (value.key != from.key || value.section != from.section || itemName(content, value) != from.item) continue;
-      if (const std::string text = labelText(value); !text.empty()) entry.own[from.label] = text;
-    }
+  entry.catalogue = judged.catalogue;
+  for (const auto &[label, text] : judged.labels) {
+    if (isGiven(label)) entry.own[label] = text;  // the configuration may be another by now
   }
   mergeLabels(entry.state, entry.own);
 }

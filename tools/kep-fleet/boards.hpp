@@ -1,5 +1,8 @@
 // boards.hpp: what is known of every board now: the last runs, whether it answers and since when, its labels. Every
 // other part looks here; what it gets are copies, and runs that never change.
+//
+// All streams together take at most 256 MiB: each board has an equal part of that for the runs of all types, and a
+// run that does not fit into it is here without its stream, which the store has.
 #pragma once
 
 #include <array>
@@ -43,13 +46,26 @@ class Boards {
   // Takes what an earlier process, or another instance, stored: no events.
   void recall(Run run);
 
+  // What there is to know of a run, its outcome settled by what the names say of it.
+  struct Judged {
+    Run run;
+    RunPointer kept;  // the same, to stay here
+    bool isSelfTest = false;
+    std::string identity;
+    std::string catalogue;  // the names of its items, one a line
+    Labels labels;          // that its values give
+  };
+
+  // Changes nothing, and may take as long as the run is large; for any thread.
+  Judged judge(Run run) const;
+
   struct Taken {
-    RunPointer run;  // its outcome settled by what the names say of it
+    Run run;
     std::vector<Event> events;
   };
 
   // Takes what just came, and tells what is worth an event.
-  Taken take(Run run);
+  Taken take(Judged judged);
 
   void setHeld(const std::string &board, bool isHeld);
 
@@ -61,18 +77,21 @@ class Boards {
  private:
   struct Entry {
     BoardState state;
-    Labels own;                  // of the labels, those that its values give
-    std::string catalogue;       // the names of the items of the last whole collection, one a line; empty: not known
-    int64_t newest = INT64_MIN;  // when the last run of any type was asked
+    Labels own;                        // of the labels, those that its values give
+    std::string catalogue;             // of the last whole collection; empty: not known
+    int64_t newest = INT64_MIN;        // when the last run of any type was asked
     int64_t newestReport = INT64_MIN;  // likewise, of whole collections
     std::array<bool, kTypes> isBad{};  // the last run of the type that was answered did not come whole, or failed
     int problemKind = 0;               // changes when `problem` is another, whatever its words
   };
 
   bool isNews(const Run &run) const;
-  std::vector<Event> update(const RunPointer &run, const kepserver::Run &content, bool isLive);
-  void noteOutcome(Entry &entry, const RunPointer &run, bool isNewest, std::vector<Event> &events);
-  void noteContent(Entry &entry, const Run &run, const kepserver::Run &content, std::vector<Event> &events);
+  bool isGiven(const std::string &label) const;
+  Judged look(Run run, const kepserver::Run &content) const;
+  RunPointer fitting(const BoardState &state, const RunPointer &run) const;
+  std::vector<Event> update(const Judged &judged, bool isLive);
+  void noteOutcome(Entry &entry, const Run &run, bool isNewest, std::vector<Event> &events);
+  void noteContent(Entry &entry, const Judged &judged, std::vector<Event> &events);
   void settleProblem(Entry &entry, int64_t now);
 
   const NamesBook &names_;

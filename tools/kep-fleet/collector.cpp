@@ -353,7 +353,6 @@ void Collector::end(const SessionPointer &session, Outcome outcome, std::string 
   abandon(session->socket);
   Run &run = session->run;
   bytesUnderWay_ -= run.stream.size();
-  run.stream.shrink_to_fit();  // it may be kept for long
   run.outcome = outcome;
   run.reason = std::move(reason);
   const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - session->asked);

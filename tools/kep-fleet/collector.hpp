@@ -47,6 +47,9 @@ class Collector {
 
   void ask(Question question, Done done);
 
+  // Where the boards are that it asks.
+  Resolver &resolver() { return resolver_; }
+
   // Breaks off what is under way, of one board or of all; the reason is that of the runs, which end before it returns.
   void cancel(const std::string &board, const std::string &reason);
   void cancelAll(const std::string &reason);

@@ -338,10 +338,8 @@ void read(TomlTable &root, Config &config) {
 
 }  // namespace
 
-std::string ConfigError::text() const {
-  if (file.empty()) return reason;
-  return line == 0 ? file + ": " + reason : file + ":" + std::to_string(line) + ": " + reason;
-}
+ConfigError::ConfigError(const std::string &file, size_t line, const std::string &reason)
+    : std::runtime_error(file + (line == 0 ? "" : ":" + std::to_string(line)) + (file.empty() ? "" : ": ") + reason) {}
 
 Config readConfig(const std::string &path) {
   Config config;

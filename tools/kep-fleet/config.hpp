@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -85,12 +86,9 @@ struct Config {
   LogConfig log;
 };
 
-struct ConfigError {
-  std::string file;
-  size_t line = 0;  // 0: none in particular
-  std::string reason;
-
-  std::string text() const;
+// What is wrong, with the file in front where there is one, and its line unless that is 0: none in particular.
+struct ConfigError : std::runtime_error {
+  ConfigError(const std::string &file, size_t line, const std::string &reason);
 };
 
 // Reads a file; relative paths in it are relative to it. Throws ConfigError.

@@ -19,10 +19,10 @@ struct Health {
   size_t runsUnderWay = 0;
   size_t waitingRuns = 0;  // for the store
   size_t waitingBytes = 0;
-  uint64_t droppedRuns = 0;   // that the store did not take in time: lost
-  uint64_t refusedRuns = 0;   // written under a lease that was lost
-  uint64_t strangers = 0;     // connections that carried no number that was awaited
-  uint64_t skippedPolls = 0;  // whose time had passed by more than a quarter of their period
+  uint64_t droppedRuns = 0;                     // that the store did not take in time: lost
+  uint64_t refusedRuns = 0, refusedEvents = 0;  // under a lease that was lost
+  uint64_t strangers = 0;                       // connections that carried no number that was awaited
+  uint64_t skippedPolls = 0;                    // whose time had passed by more than a quarter of their period
   uint64_t startedRuns = 0, wholeRuns = 0;
   uint64_t startedAlarms = 0, failedAlarms = 0, droppedAlarms = 0;  // commands for events
 };

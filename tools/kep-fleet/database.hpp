@@ -2,6 +2,7 @@
 // ..., numbered in the order in which they first appear; integers and bytes are the only types.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -72,6 +73,8 @@ enum class Access { kWrite, kRead };
 
 bool isPostgres(const std::string &where);
 std::unique_ptr<Database> openSqlite(const std::string &path, Access access);
-std::unique_ptr<Database> openPostgres(const std::string &url, Access access);
+
+// `patience`: with each statement; with a connection likewise, but from two seconds to five.
+std::unique_ptr<Database> openPostgres(const std::string &url, Access access, std::chrono::milliseconds patience);
 
 }  // namespace kepfleet

@@ -4,6 +4,7 @@
 #include <libpq-fe.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <unordered_map>
@@ -15,8 +16,8 @@ namespace kepfleet {
 
 namespace {
 
-constexpr std::chrono::seconds kAnswer{30};
-constexpr Oid kInt8 = 20, kBytes = 17;  // fixed in the server's catalogue
+constexpr int64_t kLeastToConnect = 2, kMostToConnect = 5;  // seconds; libpq has no fewer
+constexpr Oid kInt8 = 20, kBytes = 17;                      // fixed in the server's catalogue
 
 struct Free {
   void operator()(PGconn *connection) const { PQfinish(connection); }
@@ -74,7 +75,10 @@ struct Parameters {
 
 class Postgres final : public Database {
  public:
-  Postgres(std::string url, Access access) : url_(std::move(url)), access_(access) { connect(); }
+  Postgres(std::string url, Access access, std::chrono::milliseconds patience)
+      : url_(std::move(url)), access_(access), patience_(patience) {
+    connect();
+  }
 
   int64_t execute(const std::string &sql, const std::vector<Value> &values,
                   const std::function<void(const Row &)> &take) override {
@@ -134,7 +138,9 @@ class Postgres final : public Database {
                                             "application_name",
                                             "dbname",
                                             nullptr};
-    const char *values[] = {"5", "5", "5", "3", "20000", "kep-fleet", url_.c_str(), nullptr};
+    const std::string toConnect =
+        std::to_string(std::clamp<int64_t>(patience_.count() / 1000, kLeastToConnect, kMostToConnect));
+    const char *values[] = {toConnect.c_str(), "5", "5", "3", "20000", "kep-fleet", url_.c_str(), nullptr};
     connection_.reset(PQconnectdbParams(kKeys, values, 1));
     if (!isUp()) {
       const std::string reason = connection_ ? PQerrorMessage(connection_.get()) : "no memory";
@@ -146,9 +152,11 @@ class Postgres final : public Database {
     PQsetnonblocking(connection_.get(), 1);
     // An instance that is suspended or cut off within a transaction must not keep what it has locked.
     // Statements are planned once, not for each day's partition anew.
-    script(std::string("SET lock_timeout = '10s'; SET idle_in_transaction_session_timeout = '3s'; SET jit = off;"
-                       "SET plan_cache_mode = force_generic_plan; SET default_transaction_read_only = ") +
-           (access_ == Access::kRead ? "on" : "off"));
+    script(
+        "SET lock_timeout = '10s'; SET idle_in_transaction_session_timeout = '3s'; SET jit = off;"
+        "SET plan_cache_mode = force_generic_plan; SET statement_timeout = " +
+        std::to_string(patience_.count()) +
+        "; SET default_transaction_read_only = " + (access_ == Access::kRead ? "on" : "off"));
   }
 
   bool isUp() const { return connection_ && PQstatus(connection_.get()) == CONNECTION_OK; }
@@ -180,7 +188,7 @@ class Postgres final : public Database {
   template <typename Send>
   Result ask(const Send &send) {
     PGconn *c = connection_.get();
-    const auto end = std::chrono::steady_clock::now() + kAnswer;
+    const auto end = std::chrono::steady_clock::now() + patience_;
     if (!send(c)) fail(PQerrorMessage(c));
     Result last;
     std::string error;
@@ -223,6 +231,7 @@ class Postgres final : public Database {
 
   std::string url_;
   Access access_;
+  std::chrono::milliseconds patience_;
   std::unique_ptr<PGconn, Free> connection_;
   std::unordered_map<std::string, std::string> statements_;  // their names on this connection
   bool isInTransaction_ = false;
@@ -234,8 +243,8 @@ bool isPostgres(const std::string &where) {
   return where.rfind("postgresql://", 0) == 0 || where.rfind("postgres://", 0) == 0;
 }
 
-std::unique_ptr<Database> openPostgres(const std::string &url, Access access) {
-  return std::make_unique<Postgres>(url, access);
+std::unique_ptr<Database> openPostgres(const std::string &url, Access access, std::chrono::milliseconds patience) {
+  return std::make_unique<Postgres>(url, access, patience);
 }
 
 }  // namespace kepfleet

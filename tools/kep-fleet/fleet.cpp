@@ -23,7 +23,9 @@ using std::chrono::milliseconds;
 constexpr int kBurst = 64;  // requests in one go: after a standstill boards are not asked all at once
 constexpr Moment kBreath{10};
 constexpr milliseconds kLeaseCheck{250};
-constexpr milliseconds kToStore{1000}, kToRelease{300}, kToAlarm{200};  // of the two seconds there are to end
+constexpr milliseconds kToJudge{400}, kToStore{1000}, kToRelease{300}, kToAlarm{200};  // of two seconds to end
+constexpr size_t kLarge = size_t{64} << 10;  // a run of which the network's thread does not decode
+constexpr size_t kMostToJudge = size_t{128} << 20;
 
 std::vector<Interval> intervalsOf(const BoardConfig &board, const std::vector<Poll> &polls) {
   std::vector<Interval> intervals;
@@ -49,8 +51,6 @@ auto settledPart(const Config &config) {
                   http.address, http.port, http.prefix, http.hosts, http.token, http.probeAny);
 }
 
-std::string placeOf(const std::string &host, uint16_t port) { return host + ":" + std::to_string(port); }
-
 std::vector<std::string> namesOf(const Config &config) {
   std::vector<std::string> names;
   for (const BoardConfig &board : config.boards) names.push_back(board.name);
@@ -70,19 +70,23 @@ Fleet::Fleet(const Config &config, const OpenStore &open)
       alarm_(config.alarm) {
   names_.load(config);
   boards_.configure(config);
-  std::unique_ptr<Store> store = open(config.store);
+  std::unique_ptr<Store> store = open(config.store, kStorePatience);
   const std::optional<int64_t> newest = recallRuns(*store);
   if (store->leases()) {
     LeaseKeeper::Takers takers;
-    takers.leases = [this](std::vector<Lease> leases, milliseconds until) {
-      asio::post(context_, [this, leases = std::move(leases), until] { takeLeases(leases, until); });
+    takers.leases = [this](const std::vector<Lease> &leases, milliseconds until) {
+      onNetwork([&](const Answer &answer) {
+        takeLeases(leases, until);
+        answer(Asked::kYes);
+      });
     };
     takers.othersRuns = [this](StoredRun &&stored) {
       const std::optional<BoardState> state = boards_.find(stored.run.board);
       if (state && !state->isHeld) boards_.recall(std::move(stored.run));
     };
-    leaseKeeper_ = std::make_unique<LeaseKeeper>(open(config.store), instanceName(config.instance), config.lease,
-                                                 std::move(takers));
+    // One that hangs is to be tried again before the leases end.
+    leaseKeeper_ = std::make_unique<LeaseKeeper>(open(config.store, config.lease / 3), instanceName(config.instance),
+                                                 config.lease, std::move(takers));
   }
   keeper_ = std::make_unique<Keeper>(std::move(store), config.limits.waitingBytes, config.keep, newest);
   configureBoards(config);
@@ -124,20 +128,29 @@ void Fleet::reload(const Config &config) {
   spdlog::info("the configuration is read again: {} boards", config.boards.size());
 }
 
-bool Fleet::stop() {
-  if (isEnding_.exchange(true)) return true;
+Fleet::End Fleet::stop() {
+  if (isEnding_.exchange(true)) return End::kGood;
   asio::post(context_, [this] {
     isDiscarding_ = true;
     collector_.cancelAll("the server ends");
-    work_.reset();
-    context_.stop();
   });
-  if (thread_.joinable()) thread_.join();
-  const bool isStored = keeper_->stop(kToStore);
+  const auto begin = std::chrono::steady_clock::now();
+  if (thread_.joinable()) {
+    waitForJudge(kToJudge);
+    judge_.stop();
+    asio::post(context_, [this] { context_.stop(); });
+    thread_.join();
+    putUnjudged();
+  }
+  const auto taken = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - begin);
+  const bool isStored = keeper_->stop(kToStore - taken);
   alarm_.stop(kToAlarm);
   const bool isReleased = !leaseKeeper_ || leaseKeeper_->stop(kToRelease);
   if (!isStored) spdlog::error("the store has not taken what waited for it: it is lost");
-  return isStored && isReleased;
+  if (!isReleased)
+    spdlog::warn("the leases are not given back, as the database does not answer: they stay until they end");
+  if (!isStored) return End::kLost;
+  return isReleased ? End::kGood : End::kLate;
 }
 
 // Returns when the newest run began.
@@ -146,6 +159,7 @@ std::optional<int64_t> Fleet::recallRuns(Store &store) {
   store.lastRuns([&](StoredRun &&stored) {
     newest = std::max(newest.value_or(stored.run.started), stored.run.started);
     boards_.recall(std::move(stored.run));
+    return true;
   });
   return newest;
 }
@@ -164,6 +178,7 @@ void Fleet::configureBoards(const Config &config) {
       const BoardConfig &was = known->second.config;
       const bool hasMoved = was.host != board.host || was.port != board.port;
       place.lease = known->second.lease;
+      place.ticket = known->second.ticket;
       place.isHeld = known->second.isHeld;
       before.erase(known);
       if (hasMoved && place.isHeld) {
@@ -174,6 +189,8 @@ void Fleet::configureBoards(const Config &config) {
     }
     if (!leaseKeeper_ || place.isHeld) hold(board.name, place.lease);
     boards_.setHeld(board.name, place.isHeld);
+    // Who may probe anything is to know the boards by their addresses, too.
+    if (config.http.probeAny) collector_.resolver().find(board.host, [](const auto &, const std::string &) {});
   }
   for (const auto &[name, place] : before) {
     if (!place.isHeld) continue;
@@ -196,6 +213,7 @@ void Fleet::letGo(const std::string &board) {
   Place &place = places_[board];
   heldBoards_ -= place.isHeld ? 1 : 0;
   place.isHeld = false;
+  place.ticket = 0;
   const bool before = std::exchange(isDiscarding_, true);
   collector_.cancel(board, "this instance asks the board no more");
   isDiscarding_ = before;
@@ -240,6 +258,7 @@ void Fleet::watchLeases() {
 Moment Fleet::now() { return std::chrono::duration_cast<Moment>(std::chrono::steady_clock::now().time_since_epoch()); }
 
 void Fleet::tick() {
+  if (isEnding_) return;
   checkLeases();
   armed_.reset();
   isBreathing_ = false;
@@ -269,32 +288,81 @@ void Fleet::arm() {
 }
 
 void Fleet::begin(const std::string &board, int type, Done done) {
-  const Place &place = places_.at(board);
+  Place &place = places_.at(board);
   ++startedRuns_;
-  collector_.ask({board, place.config.host, place.config.port, type, place.lease},
-                 [this, asked = now(), done = std::move(done)](Run &&run) { finish(std::move(run), asked, done); });
+  place.ticket = ++tickets_;
+  collector_.ask(
+      {board, place.config.host, place.config.port, type, place.lease},
+      [this, ticket = Ticket{place.ticket, now(), std::move(done)}](Run &&run) { finish(std::move(run), ticket); });
 }
 
-void Fleet::finish(Run &&run, Moment asked, const Done &done) {
-  schedule_.end(run.board, asked, now(), run.outcome != Outcome::kNoAnswer);
-  if (!isDiscarding_) {
-    checkLeases();
-    arm();
-  }
-  const auto place = places_.find(run.board);
-  const bool isHeld = place != places_.end() && place->second.isHeld;
-  if (isDiscarding_ || !isHeld) {
-    if (!isDiscarding_) ++refusedRuns_;
-    if (done) done(run);
+void Fleet::finish(Run &&run, const Ticket &ticket) {
+  if (isDiscarding_) {
+    schedule_.end(run.board, ticket.asked, now(), run.outcome != Outcome::kNoAnswer);
+    if (ticket.done) ticket.done(run);
     return;
   }
-  if (run.outcome == Outcome::kWhole) ++wholeRuns_;
+  if (run.stream.size() <= kLarge) {
+    run.stream.shrink_to_fit();  // it may wait for long; the judge's are copies
+    return settle(boards_.judge(std::move(run)), ticket);
+  }
+  if (judgingBytes_ + run.stream.size() <= kMostToJudge) return judge(std::move(run), ticket);
+  run.stream = {};
+  run.outcome = Outcome::kBrokenOff;
+  run.reason = "too much is under way";
+  settle(boards_.judge(std::move(run)), ticket);
+}
+
+// Until then its board is not asked again, so that its runs stay in order.
+void Fleet::judge(Run &&run, const Ticket &ticket) {
+  judgingBytes_ += run.stream.size();
+  const RunPointer waiting = judging_[ticket.number] = std::make_shared<const Run>(std::move(run));
+  asio::post(judge_, [this, waiting, ticket] {
+    asio::post(context_, [this, judged = boards_.judge(*waiting), ticket]() mutable {
+      judgingBytes_ -= judged.run.stream.size();
+      judging_.erase(ticket.number);
+      settle(std::move(judged), ticket);
+    });
+  });
+}
+
+// A board that was let go in between has another ticket, or none.
+void Fleet::settle(Boards::Judged &&judged, const Ticket &ticket) {
+  checkLeases();
+  const auto place = places_.find(judged.run.board);
+  if (place == places_.end() || place->second.ticket != ticket.number) {
+    ++refusedRuns_;
+    if (ticket.done) ticket.done(judged.run);
+    return;
+  }
+  place->second.ticket = 0;
+  const Run &run = judged.run;
+  schedule_.end(run.board, ticket.asked, now(), run.outcome != Outcome::kNoAnswer);
+  arm();
+  if (isWhole(run)) ++wholeRuns_;
   spdlog::debug("{}: type {}, {} in {} ms{}{}", run.board, run.type, nameOf(run.outcome), run.duration,
                 run.reason.empty() ? "" : ": ", run.reason);
-  Boards::Taken taken = boards_.take(std::move(run));
+  Boards::Taken taken = boards_.take(std::move(judged));
   for (const Event &event : taken.events) announce(event);
-  keeper_->put(*taken.run, std::move(taken.events));
-  if (done) done(*taken.run);
+  if (ticket.done) ticket.done(taken.run);
+  keeper_->put(std::move(taken.run), std::move(taken.events));
+}
+
+// What ended before is in front of it: the network's thread comes first, and last.
+void Fleet::waitForJudge(milliseconds patience) {
+  const auto over = std::make_shared<std::promise<void>>();
+  asio::post(context_, [this, over] {
+    asio::post(judge_, [this, over] { asio::post(context_, [over] { over->set_value(); }); });
+  });
+  over->get_future().wait_for(patience);
+}
+
+// At the end: they are stored as they came, with no judgement but that of their streams.
+void Fleet::putUnjudged() {
+  for (const auto &[ticket, run] : judging_) {
+    const auto place = places_.find(run->board);
+    if (place != places_.end() && place->second.ticket == ticket) keeper_->put(*run, {});
+  }
 }
 
 void Fleet::announce(const Event &event) {
@@ -306,12 +374,15 @@ void Fleet::announce(const Event &event) {
 
 // ---- what other threads ask for
 
-Asked Fleet::onNetwork(std::function<Asked()> what) {
+// `what` answers once, there, at once or later.
+Asked Fleet::onNetwork(std::function<void(const Answer &)> what) {
   if (isEnding_) return Asked::kEnding;
-  const auto answer = std::make_shared<std::promise<Asked>>();
-  std::future<Asked> future = answer->get_future();
-  asio::post(context_,
-             [this, answer, what = std::move(what)] { answer->set_value(isEnding_ ? Asked::kEnding : what()); });
+  const auto promise = std::make_shared<std::promise<Asked>>();
+  std::future<Asked> future = promise->get_future();
+  asio::post(context_, [this, promise, what = std::move(what)] {
+    const Answer answer = [promise](Asked asked) { promise->set_value(asked); };
+    isEnding_ ? answer(Asked::kEnding) : what(answer);
+  });
   // A server that ends meanwhile runs nothing more.
   while (future.wait_for(milliseconds(100)) != std::future_status::ready) {
     if (context_.stopped()) return Asked::kEnding;
@@ -320,11 +391,11 @@ Asked Fleet::onNetwork(std::function<Asked()> what) {
 }
 
 Asked Fleet::ask(const std::string &board, int type, Done done) {
-  return onNetwork([this, board, type, done = std::move(done)] { return askNow(board, type, done); });
+  return onNetwork([=](const Answer &answer) { answer(askNow(board, type, done)); });
 }
 
 Asked Fleet::probe(const std::string &host, uint16_t port, int type, Done done) {
-  return onNetwork([this, host, port, type, done = std::move(done)] { return probeNow(host, port, type, done); });
+  return onNetwork([=](const Answer &answer) { findAndProbe(host, port, type, done, answer); });
 }
 
 Asked Fleet::askNow(const std::string &board, int type, const Done &done) {
@@ -337,18 +408,27 @@ Asked Fleet::askNow(const std::string &board, int type, const Done &done) {
   return Asked::kYes;
 }
 
+// A name that has no address is asked all the same: the run says why.
+void Fleet::findAndProbe(const std::string &host, uint16_t port, int type, const Done &done, const Answer &answer) {
+  collector_.resolver().find(host, [=](const asio::ip::address_v4 &address, const std::string &) {
+    answer(isEnding_ ? Asked::kEnding : probeNow(host, {address, port}, type, done));
+  });
+}
+
 // A board of the configuration shall not be asked two things at once because it is called otherwise.
-Asked Fleet::probeNow(const std::string &host, uint16_t port, int type, const Done &done) {
-  const auto isThere = [&](const auto &place) {
-    return place.second.config.host == host && place.second.config.port == port;
+Asked Fleet::probeNow(const std::string &host, const asio::ip::udp::endpoint &place, int type, const Done &done) {
+  const auto isThere = [&](const auto &other) {
+    const BoardConfig &board = other.second.config;
+    if (board.port != place.port()) return false;
+    return board.host == host || collector_.resolver().known(board.host) == place.address().to_v4();
   };
   if (std::any_of(places_.begin(), places_.end(), isThere)) return Asked::kBusy;
-  const std::string place = placeOf(host, port);
   if (!probed_.insert(place).second) return Asked::kBusy;
-  collector_.ask({place, host, port, type, 0}, [this, place, done](Run &&run) {
-    probed_.erase(place);
-    done(run);
-  });
+  collector_.ask({host + ":" + std::to_string(place.port()), host, place.port(), type, 0},
+                 [this, place, done](Run &&run) {
+                   probed_.erase(place);
+                   done(run);
+                 });
   return Asked::kYes;
 }
 
@@ -364,6 +444,7 @@ Health Fleet::health() const {
   health.waitingBytes = kept.waitingBytes;
   health.droppedRuns = kept.droppedRuns;
   health.refusedRuns = kept.refusedRuns + refusedRuns_;
+  health.refusedEvents = kept.refusedEvents;
   health.strangers = collector_.strangers();
   health.skippedPolls = skippedPolls_;
   health.startedRuns = startedRuns_;

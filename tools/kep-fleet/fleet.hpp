@@ -1,12 +1,14 @@
 // fleet.hpp: the server as a whole: asks boards on schedule, and hands on what they say.
 //
-// One thread, the network's, owns the schedule and the collector; the keeper's writes to the store, and the leases'
-// renews them where the store is shared. What other threads ask for is posted to the network's.
+// One thread, the network's, owns the schedule and the collector; the judge's decodes the large runs, so that they hold
+// up no board; the keeper's writes to the store, and the leases' renews them where the store is shared. What other
+// threads ask for is posted to the network's.
 #pragma once
 
 #include <asio.hpp>
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -30,8 +32,8 @@ namespace kepfleet {
 
 class Fleet : public Control {
  public:
-  // Opens a connection to the store; a shared store gets two.
-  using OpenStore = std::function<std::unique_ptr<Store>(const std::string &where)>;
+  // Opens a connection to the store, as openStore(); a shared store gets two.
+  using OpenStore = std::function<std::unique_ptr<Store>(const std::string &where, std::chrono::milliseconds patience)>;
 
   // Reads the names files, opens the store and takes the port. Throws ConfigError and StoreError.
   explicit Fleet(const Config &config, const OpenStore &open = openStore);
@@ -42,9 +44,12 @@ class Fleet : public Control {
   // For one thread, as stop(). Throws ConfigError, and then everything stays as it was.
   void reload(const Config &config);
 
-  // Breaks off what is under way, and has what came before stored. False when the store does not take it, or not in
-  // the time there is: the process is then best ended at once.
-  bool stop();
+  // kLate: all is stored, but the leases stay until they end. kLost: the store has not taken all. Unless it is kGood,
+  // a thread may wait for a database that does not answer: the process is then best ended at once.
+  enum class End { kGood, kLate, kLost };
+
+  // Breaks off what is under way, and has what came before stored.
+  End stop();
 
   const Boards &boards() const { return boards_; }
   const NamesBook &names() const { return names_; }
@@ -65,25 +70,43 @@ class Fleet : public Control {
 
   void tick();
   void arm();
+  // A run of the schedule, or beside it, from the request until it is judged.
+  struct Ticket {
+    uint64_t number = 0;
+    Moment asked{0};
+    Done done;
+  };
+
   void begin(const std::string &board, int type, Done done);
-  void finish(Run &&run, Moment asked, const Done &done);
+  void finish(Run &&run, const Ticket &ticket);
+  void judge(Run &&run, const Ticket &ticket);
+  void settle(Boards::Judged &&judged, const Ticket &ticket);
+  void waitForJudge(std::chrono::milliseconds patience);
+  void putUnjudged();
   void announce(const Event &event);
+
+  using Answer = std::function<void(Asked)>;
+  Asked onNetwork(std::function<void(const Answer &)> what);
   Asked askNow(const std::string &board, int type, const Done &done);
-  Asked probeNow(const std::string &host, uint16_t port, int type, const Done &done);
-  Asked onNetwork(std::function<Asked()> what);
+  void findAndProbe(const std::string &host, uint16_t port, int type, const Done &done, const Answer &answer);
+  Asked probeNow(const std::string &host, const asio::ip::udp::endpoint &place, int type, const Done &done);
   static Moment now();
 
   struct Place {
     BoardConfig config;
     std::vector<Interval> intervals;
     uint64_t lease = 0;
+    uint64_t ticket = 0;  // of its run; 0: there is none, or it was let go
     bool isHeld = false;
   };
 
   // The network thread's, and before it starts.
   std::unordered_map<std::string, Place> places_;
   Moment spread_{0};  // over which boards are asked for the first time
-  std::set<std::string> probed_;
+  std::set<asio::ip::udp::endpoint> probed_;
+  uint64_t tickets_ = 0;
+  std::map<uint64_t, RunPointer> judging_;  // runs that are being judged, or wait for that, by their tickets
+  size_t judgingBytes_ = 0;                 // of them
   std::chrono::milliseconds leasesUntil_{0};
   bool isDiscarding_ = false;  // what ends now was broken off by ourselves, and says nothing of its board
 
@@ -100,6 +123,7 @@ class Fleet : public Control {
   std::unique_ptr<LeaseKeeper> leaseKeeper_;  // none: the store belongs to this instance
   std::unique_ptr<Keeper> keeper_;
   Alarm alarm_;
+  asio::thread_pool judge_{1};
   std::thread thread_;
   std::atomic<bool> isEnding_{false};
   std::atomic<size_t> heldBoards_{0};

@@ -87,7 +87,7 @@ BoardConfig boardAt(const std::string &place) {
   try {
     return defaultConfig({place}).boards.at(0);
   } catch (const ConfigError &error) {
-    throw Problem(400, error.text());
+    throw Problem(400, error.what());
   }
 }
 
@@ -410,7 +410,8 @@ void HttpServer::Implementation::getFleet(const Request &request, Response &resp
   response.set_content(rows.since(version, control.health(), mayAct), kJson);
 }
 
-// The runs come from memory, and only those that they are compared with from the store.
+// The runs come from memory, and only those that they are compared with from the store; also what memory has no room
+// for.
 void HttpServer::Implementation::getBoard(const Request &request, Response &response) {
   const BoardState state = board(request);
   if (request.get_param_value("version") == boardVersion(state)) return response.set_content("{}", kJson);

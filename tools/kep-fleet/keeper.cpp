@@ -163,6 +163,7 @@ void Keeper::writeBatch(std::unique_lock<std::mutex> &lock) {
   lock.lock();
   runsInHand_ = bytesInHand_ = 0;
   status_.refusedRuns += written.refusedRuns;
+  status_.refusedEvents += written.refusedEvents;
   note(status_.problem, problem, "the store takes no runs", "the store takes runs again");
   if (!problem.empty()) takeBack(runs, events);
 }

@@ -44,8 +44,8 @@ class Keeper {
     std::string problem;  // why the store takes no runs; empty: all is well
     std::string removal;  // why what is old is not removed; empty: all is well
     size_t waitingRuns = 0, waitingBytes = 0;
-    uint64_t droppedRuns = 0;  // that the store did not take in time
-    uint64_t refusedRuns = 0;  // written under a lease that was lost
+    uint64_t droppedRuns = 0;                     // that the store did not take in time
+    uint64_t refusedRuns = 0, refusedEvents = 0;  // written under a lease that was lost
   };
 
   // `newest`: when the newest run that is stored began, if there is one.

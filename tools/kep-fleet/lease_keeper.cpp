@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -12,6 +13,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLookAtOthers{15'000};
+constexpr milliseconds kMargin{10};  // behind the moment when another instance has ended
+constexpr milliseconds kLeastPause{100};
 
 }  // namespace
 
@@ -51,15 +54,21 @@ bool LeaseKeeper::stop(milliseconds patience) {
   return !thread_.joinable() || wake_.wait_for(lock, patience, [this] { return isOver_; });
 }
 
+bool LeaseKeeper::isStopping() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return isStopping_;
+}
+
 void LeaseKeeper::work() {
+  newUntil_ = bootClock() + lease_;
   std::unique_lock<std::mutex> lock(mutex_);
   while (!isStopping_) {
     const std::vector<std::string> boards = boards_;
     lock.unlock();
-    const bool isRenewed = renew(boards);
-    if (isRenewed) lookAtOthers(boards);
+    renew(boards);
+    if (bootClock() < nextRenewal_) lookAtOthers(boards);
     lock.lock();
-    wake_.wait_for(lock, isRenewed ? lease_ / 3 : lease_ / 15, [this] { return isStopping_; });
+    wake_.wait_for(lock, nextRenewal_ - bootClock(), [this] { return isStopping_; });
   }
   lock.unlock();
   try {
@@ -72,21 +81,32 @@ void LeaseKeeper::work() {
   wake_.notify_all();
 }
 
-bool LeaseKeeper::renew(const std::vector<std::string> &boards) {
+void LeaseKeeper::renew(const std::vector<std::string> &boards) {
   const milliseconds before = bootClock();
-  renewed_ = before;
   std::string problem;
   try {
     const double seconds = static_cast<double>(lease_.count()) / 1000;
-    takers_.leases(store_->leases()->renew(instance_, boards, seconds), before + lease_);
+    const Renewal renewal = store_->leases()->renew(instance_, boards, seconds);
+    nextRenewal_ = bootClock() + pauseBehind(renewal);
+    takers_.leases(renewal.leases, before + lease_);
   } catch (const std::exception &error) {
     problem = error.what();
+    nextRenewal_ = bootClock() + lease_ / 15;
+    newUntil_ = bootClock() + lease_;
   }
   const std::lock_guard<std::mutex> lock(mutex_);
   if (problem.empty() && !problem_.empty()) spdlog::info("the leases are renewed again");
   if (!problem.empty() && problem_.empty()) spdlog::error("the leases cannot be renewed: {}", problem);
   problem_ = problem;
-  return problem.empty();
+}
+
+// A third of the lease, unless something is to be had or given before: the boards of another instance that ends; for
+// one that has just begun, or come back, those that the others give back; and what this one gives back itself.
+milliseconds LeaseKeeper::pauseBehind(const Renewal &renewal) const {
+  milliseconds pause = lease_ / 3;
+  if (bootClock() < newUntil_) pause = lease_ / 15;
+  if (renewal.othersEnd < pause) pause = renewal.othersEnd + kMargin;
+  return renewal.isLeaving ? kLeastPause : std::max(pause, kLeastPause);
 }
 
 // That may take long, as boards may say much: the leases are renewed meanwhile.
@@ -96,8 +116,9 @@ void LeaseKeeper::lookAtOthers(const std::vector<std::string> &boards) {
   nextLook_ = now + kLookAtOthers;
   try {
     store_->lastRuns([&](StoredRun &&stored) {
-      if (bootClock() - renewed_ >= lease_ / 3) renew(boards);
+      if (bootClock() >= nextRenewal_) renew(boards);
       takers_.othersRuns(std::move(stored));
+      return !isStopping();
     });
   } catch (const std::exception &error) {
     spdlog::warn("what other instances collected cannot be read: {}", error.what());

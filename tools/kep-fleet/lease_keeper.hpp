@@ -20,9 +20,10 @@ std::chrono::milliseconds bootClock();
 
 class LeaseKeeper {
  public:
-  // Both are called on the thread. `until`, by the boot clock, was measured from before the renewal.
+  // Both are called on the thread. `until`, by the boot clock, was measured from before the renewal. When `leases`
+  // returns, no run is under way of a board that is not among them.
   struct Takers {
-    std::function<void(std::vector<Lease> leases, std::chrono::milliseconds until)> leases;
+    std::function<void(const std::vector<Lease> &leases, std::chrono::milliseconds until)> leases;
     std::function<void(StoredRun &&)> othersRuns;  // every now and then, of all boards
   };
 
@@ -39,8 +40,10 @@ class LeaseKeeper {
 
  private:
   void work();
-  bool renew(const std::vector<std::string> &boards);
+  void renew(const std::vector<std::string> &boards);
+  std::chrono::milliseconds pauseBehind(const Renewal &renewal) const;
   void lookAtOthers(const std::vector<std::string> &boards);
+  bool isStopping() const;
 
   const std::unique_ptr<Store> store_;
   const std::string instance_;
@@ -51,8 +54,8 @@ class LeaseKeeper {
   std::vector<std::string> boards_;
   std::string problem_;
   bool isStopping_ = false, isOver_ = false;
-  std::chrono::milliseconds renewed_{0};            // when that was last tried, by the boot clock
-  std::chrono::steady_clock::time_point nextLook_;  // at others' runs
+  std::chrono::milliseconds nextRenewal_{0}, newUntil_{0};  // by the boot clock
+  std::chrono::steady_clock::time_point nextLook_;          // at others' runs
   std::thread thread_;
 };
 

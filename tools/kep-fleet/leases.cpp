@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "kep-fleet/schema.hpp"
+
 namespace kepfleet {
 
 namespace {
@@ -20,17 +22,18 @@ const std::string kInList = " = ANY(convert_from($1, 'UTF8')::integer[])";
 
 }  // namespace
 
-std::vector<Lease> SharedLeases::renew(const std::string &instance, const std::vector<std::string> &boards,
-                                       double seconds) {
+Renewal SharedLeases::renew(const std::string &instance, const std::vector<std::string> &boards, double seconds) {
+  checkVersion(database_, migrations().size());
   ids_.add({boards.begin(), boards.end()});
   std::map<int64_t, std::string> wanted;
   for (const std::string &board : boards) wanted.emplace(ids_.find(board), board);
 
   Transaction transaction(database_);
-  const size_t instances = live(instance, seconds);
+  Renewal renewal;
+  const size_t instances = live(instance, seconds, renewal.othersEnd);
   giveBack(instance, leaving_);
   const size_t share = (wanted.size() + instances - 1) / instances;
-  std::vector<Lease> held;
+  std::vector<Lease> &held = renewal.leases;
   std::set<int64_t> leaving;
   const auto take = [&](const Row &row) {
     const auto board = wanted.find(row.integer(0));
@@ -44,11 +47,12 @@ std::vector<Lease> SharedLeases::renew(const std::string &instance, const std::v
   if (held.size() < share) claim(instance, wanted, share - held.size(), take);
   transaction.commit();
   leaving_ = std::move(leaving);
-  return held;
+  renewal.isLeaving = !leaving_.empty();
+  return renewal;
 }
 
 // Whoever does not live any more is removed, so that its boards are free. Returns how many live.
-size_t SharedLeases::live(const std::string &instance, double seconds) {
+size_t SharedLeases::live(const std::string &instance, double seconds, std::chrono::milliseconds &othersEnd) {
   database_.script("LOCK TABLE instances IN SHARE ROW EXCLUSIVE MODE");
   database_.execute("DELETE FROM instances WHERE until < now() AND name <> $1", {instance});
   database_.execute(
@@ -56,8 +60,14 @@ size_t SharedLeases::live(const std::string &instance, double seconds) {
       " ON CONFLICT (name) DO UPDATE SET until = EXCLUDED.until",
       {instance, static_cast<int64_t>(seconds * 1e6)});
   size_t count = 1;
-  database_.execute("SELECT count(*) FROM instances", {},
-                    [&](const Row &row) { count = static_cast<size_t>(row.integer(0)); });
+  const auto take = [&](const Row &row) {
+    count = static_cast<size_t>(row.integer(0));
+    if (count > 1) othersEnd = std::chrono::milliseconds(row.integer(1));
+  };
+  database_.execute(
+      "SELECT count(*), ceil(extract(epoch FROM min(until) FILTER (WHERE name <> $1) - now()) * 1000)::bigint"
+      " FROM instances",
+      {instance}, take);
   return count;
 }
 

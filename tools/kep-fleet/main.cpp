@@ -12,7 +12,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <future>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -145,9 +147,7 @@ void reload(Fleet &fleet, Metrics &metrics, const std::string &path) {
     checkNames(config);
     fleet.reload(config);
     metrics.configure(config);
-  } catch (const ConfigError &error) {
-    spdlog::error("the configuration stays as it is: {}", error.text());
-  } catch (const std::exception &error) {  // such as for want of memory
+  } catch (const std::exception &error) {  // of the configuration, or such as for want of memory
     spdlog::error("the configuration stays as it is: {}", error.what());
   }
 }
@@ -168,6 +168,22 @@ Exports exportsOf(Metrics &metrics, Fleet &fleet) {
   return exports;
 }
 
+// A store may be long in opening: a signal meanwhile ends the process at once, as there is nothing to be stored yet.
+std::unique_ptr<Fleet> openFleet(const Config &config) {
+  auto opening = std::async(std::launch::async, [&config] { return std::make_unique<Fleet>(config); });
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGINT, SIGTERM}) sigaddset(&signals, number);
+  const timespec slice = {0, 20'000'000};
+  while (opening.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+    if (const int number = sigtimedwait(&signals, nullptr, &slice); number > 0) {
+      spdlog::info("ending, as by signal {}", number);
+      std::_Exit(kGood);
+    }
+  }
+  return opening.get();
+}
+
 // The threads inherit the mask: a signal comes to nobody but sigwait.
 ExitStatus serve(const Config &config) {
   const sigset_t signals = blockSignals();
@@ -175,7 +191,8 @@ ExitStatus serve(const Config &config) {
   raiseDescriptorLimit();
   shareMemory();
   setUpLog(config.log);
-  Fleet fleet(config);
+  const std::unique_ptr<Fleet> opened = openFleet(config);
+  Fleet &fleet = *opened;
   Metrics metrics(config, fleet.names());
   fleet.start();
   HttpServer http(config, fleet.boards(), fleet.names(), fleet, exportsOf(metrics, fleet));
@@ -187,9 +204,9 @@ ExitStatus serve(const Config &config) {
   while (sigwait(&signals, &number) != 0 || number == SIGHUP) reload(fleet, metrics, config.path);
   spdlog::info("ending, as by signal {}", number);
   const bool isServed = http.stop();
-  const bool isStored = fleet.stop();
-  if (isServed && isStored) return kGood;
-  std::_Exit(isStored ? kGood : kDamaged);  // threads wait for a store that does not answer
+  const Fleet::End end = fleet.stop();
+  if (isServed && end == Fleet::End::kGood) return kGood;
+  std::_Exit(end == Fleet::End::kLost ? kDamaged : kGood);  // threads may wait for a store that does not answer
 }
 
 // ---- what was kept
@@ -349,7 +366,7 @@ ExitStatus runCommand(int argc, char **argv) {
   try {
     return runServer(argc, argv);
   } catch (const ConfigError &error) {
-    throw Failure{kDamaged, error.text()};
+    throw Failure{kDamaged, error.what()};
   } catch (const StoreError &error) {
     throw Failure{kDamaged, error.what()};
   }

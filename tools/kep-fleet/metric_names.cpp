@@ -44,6 +44,7 @@ constexpr OwnMetric kOwnMetrics[] = {
     {"kep_fleet_whole_runs_total", MetricType::kCounter, "Runs that came whole"},
     {"kep_fleet_dropped_runs_total", MetricType::kCounter, "Runs that the store did not take in time"},
     {"kep_fleet_refused_runs_total", MetricType::kCounter, "Runs of boards whose lease was lost"},
+    {"kep_fleet_refused_events_total", MetricType::kCounter, "Events of boards whose lease was lost"},
     {"kep_fleet_skipped_polls_total", MetricType::kCounter, "Requests left out, their time long past"},
     {"kep_fleet_strangers_total", MetricType::kCounter, "Connections that carried no number that was awaited"},
     {"kep_fleet_started_alarms_total", MetricType::kCounter, "Commands that were run for events"},

@@ -48,6 +48,7 @@ enum OwnFamily : size_t {
   kFleetWholeRuns,
   kFleetDroppedRuns,
   kFleetRefusedRuns,
+  kFleetRefusedEvents,
   kFleetSkippedPolls,
   kFleetStrangers,
   kFleetStartedAlarms,

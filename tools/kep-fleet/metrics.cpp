@@ -232,11 +232,12 @@ void Metrics::Answer::addFacts(const FleetRun &run, const FleetRun *lastWhole, b
   samples.add(kUp, type, isUp ? "1" : "0");
   samples.add(kRunSeconds, type, secondsText(run.duration));
   samples.add(kRunMessages, type, std::to_string(run.messages));
-  samples.add(kRunBytes, type, std::to_string(run.stream.size()));
+  samples.add(kRunBytes, type, std::to_string(sentBytes(run)));
   if (lastWhole) samples.add(kLastWholeRunAge, type, secondsText(now - lastWhole->started));
 }
 
 void Metrics::Answer::addNumbers(const BoardState &board, const FleetRun &run) {
+  if (run.leftOut > 0) return leaveOut("numbers of board " + board.config.name + ": its runs are too large");
   const DecodingTurn turn(run.stream.size());
   const ServerRun content = decode(run);
   const std::string identity = content.identity ? content.identity->bytes.substr(0, 2) : board.identity;
@@ -262,6 +263,7 @@ void Metrics::Answer::addHealth(const Health &health, size_t boardCount, uint64_
   add(kFleetWholeRuns, health.wholeRuns);
   add(kFleetDroppedRuns, health.droppedRuns);
   add(kFleetRefusedRuns, health.refusedRuns);
+  add(kFleetRefusedEvents, health.refusedEvents);
   add(kFleetSkippedPolls, health.skippedPolls);
   add(kFleetStrangers, health.strangers);
   add(kFleetStartedAlarms, health.startedAlarms);

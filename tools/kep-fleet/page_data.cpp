@@ -340,7 +340,7 @@ Json layOut(const Names &names, const Run &run, const std::optional<Run> &previo
   } else {
     json = RunLayout(named, nullptr).layOut();
   }
-  json.update(runRow(run, run.stream.size()));
+  json.update(runRow(run, sentBytes(run)));
   return json;
 }
 
@@ -426,14 +426,34 @@ void PlotReader::close() {
 }
 
 // The item's name, by which it is found also where the board counts its items anew.
-std::string nameOfItem(const BoardState &board, const PlotQuery &query) {
-  const RunPointer &run = board.lastWhole[static_cast<size_t>(query.type)];
+std::string nameOfItem(Store &store, const BoardState &board, const PlotQuery &query) {
+  RunPointer run = board.lastWhole[static_cast<size_t>(query.type)];
   if (!run) return "";
+  if (run->leftOut > 0) {
+    RunQuery last;
+    last.board = run->board;
+    last.type = run->type;
+    last.wholeOnly = last.newestFirst = last.withStreams = true;
+    last.limit = 1;
+    store.runs(last, [&run](StoredRun &&stored) {
+      run = std::make_shared<const Run>(std::move(stored.run));
+      return true;
+    });
+  }
   const DecodingTurn turn(run->stream.size());
   const kepserver::Run decoded = decode(*run);
   const auto found = std::find_if(decoded.values.begin(), decoded.values.end(),
                                   [&](const Value &value) { return value.item == query.item; });
   return found == decoded.values.end() ? "" : std::string(itemName(decoded, *found));
+}
+
+// A run that memory has no room for, as it is stored; as long as it is not, the one before it.
+RunPointer stored(const Run &run, const std::function<std::optional<Run>(const Run &)> &before) {
+  Run behind;
+  behind.board = run.board;
+  behind.type = run.type;
+  behind.started = run.started + 1;
+  return std::make_shared<const Run>(before(behind).value_or(run));
 }
 
 }  // namespace
@@ -514,11 +534,13 @@ std::string boardJson(const BoardState &board, const Names &names,
   if (!names.title.empty()) json["title"] = names.title;
   json["last"] = json["runs"] = Json::array();
   for (size_t type = 0; type < kTypes; ++type) {
-    const RunPointer &last = board.last[type], &run = board.lastWhole[type] ? board.lastWhole[type] : last;
-    if (last) json["last"].push_back(runRow(*last, last->stream.size()));
-    if (!run || run->stream.empty()) continue;
+    const RunPointer &last = board.last[type];
+    RunPointer run = board.lastWhole[type] ? board.lastWhole[type] : last;
+    if (last) json["last"].push_back(runRow(*last, sentBytes(*last)));
+    if (!run || sentBytes(*run) == 0) continue;
     std::optional<Run> previous;
     try {
+      if (!json.contains("store") && run->leftOut > 0) run = stored(*run, before);
       if (!json.contains("store")) previous = before(*run);
     } catch (const std::runtime_error &error) {
       json["store"] = shortened(error.what());
@@ -533,7 +555,7 @@ std::string askedJson(const Names &names, const Run &run) { return dump(layOut(n
 // ---- history
 
 std::string plotJson(Store &store, const BoardState &board, const Names &names, const PlotQuery &query) {
-  PlotReader reader(names, query, nameOfItem(board, query));
+  PlotReader reader(names, query, nameOfItem(store, board, query));
   RunQuery runs;
   runs.board = board.config.name;
   runs.from = query.from;
@@ -597,7 +619,8 @@ std::string healthJson(const Health &health, bool withReasons) {
                  {"waitingRuns", health.waitingRuns},
                  {"waitingBytes", health.waitingBytes},
                  {"droppedRuns", health.droppedRuns},
-                 {"refusedRuns", health.refusedRuns}});
+                 {"refusedRuns", health.refusedRuns},
+                 {"refusedEvents", health.refusedEvents}});
   }
   return dump(json);
 }

@@ -49,7 +49,7 @@ class FleetRows {
 // Tells whether there is something new to be shown of a board.
 std::string boardVersion(const BoardState &board);
 
-// `before` gives the run that came before one, if there is one; it may throw std::runtime_error.
+// `before` gives the whole run that began before one, if there is one; it may throw std::runtime_error.
 std::string boardJson(const BoardState &board, const kepserver::Names &names,
                       const std::function<std::optional<Run>(const Run &)> &before);
 

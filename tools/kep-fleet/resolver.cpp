@@ -113,6 +113,15 @@ void Resolver::find(const std::string &host, Found found) {
   }
 }
 
+std::optional<asio::ip::address_v4> Resolver::known(const std::string &host) const {
+  asio::error_code error;
+  const asio::ip::address_v4 address = asio::ip::make_address_v4(host, error);
+  if (!error) return address;
+  const auto entry = entries_.find(host);
+  if (entry == entries_.end() || !entry->second.isKnown) return std::nullopt;
+  return entry->second.address;
+}
+
 // Names of boards that are long gone, and of those that were only probed.
 void Resolver::forget() {
   for (auto entry = entries_.begin(); entry != entries_.end();) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -24,6 +25,9 @@ class Resolver {
 
   // Answers at once for an address, and for a name that was looked up lately.
   void find(const std::string &host, Found found);
+
+  // What is known already, maybe of some time ago.
+  std::optional<asio::ip::address_v4> known(const std::string &host) const;
 
  private:
   struct Entry {

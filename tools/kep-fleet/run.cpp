@@ -17,9 +17,9 @@ std::string_view nameOf(Outcome outcome) {
     case Outcome::kDamaged: return "damaged";
     case Outcome::kNoAnswer: return "no answer";
     case Outcome::kBrokenOff: return "broken off";
-    case Outcome::kTestFailed: return "test failed";
+    case Outcome::kTestFailed: break;
   }
-  return "";
+  return "test failed";
 }
 
 std::string_view nameOf(EventKind kind) {
@@ -30,10 +30,12 @@ std::string_view nameOf(EventKind kind) {
     case EventKind::kTestPassed: return "test passed";
     case EventKind::kItemGone: return "item gone";
     case EventKind::kIdentityChanged: return "identity changed";
-    case EventKind::kDamaged: return "damaged";
+    case EventKind::kDamaged: break;
   }
-  return "";
+  return "damaged";
 }
+
+size_t sentBytes(const Run &run) { return run.stream.size() + run.leftOut; }
 
 bool isWhole(const Run &run) { return run.outcome == Outcome::kWhole || run.outcome == Outcome::kTestFailed; }
 

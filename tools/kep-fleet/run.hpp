@@ -16,7 +16,7 @@ namespace kepfleet {
 // Both are stored as these numbers, which stay.
 enum class Outcome { kWhole = 0, kDamaged = 1, kNoAnswer = 2, kBrokenOff = 3, kTestFailed = 4 };
 enum class EventKind {
-  kLost = 0,             // a board that answered does not
+  kLost = 0,             // a board that answered, or had not been asked, does not
   kFound = 1,            // and does again
   kTestFailed = 2,       // a self-test that passed, or had not been run, fails
   kTestPassed = 3,       // and passes again
@@ -42,7 +42,11 @@ struct Run {
   std::string stream;
   std::string reason;  // of a run that is not whole: what went wrong, in words
   uint64_t lease = 0;  // the number of the lease under which the board was asked; 0: the store has no leases
+  size_t leftOut = 0;  // bytes of the stream, where it is only in the store
 };
+
+// Of its stream, wherever that is.
+size_t sentBytes(const Run &run);
 
 // A run that came to its end, be it that of a self-test that failed.
 bool isWhole(const Run &run);

@@ -99,8 +99,9 @@ int64_t versionOf(Database &database) {
 }
 
 [[noreturn]] void refuse(int64_t version, size_t expected) {
+  const bool isNewer = version > static_cast<int64_t>(expected);
   throw StoreError("The store is of version " + std::to_string(version) + ", this program knows " +
-                   std::to_string(expected));
+                   std::to_string(expected) + (isNewer ? ": a newer program has migrated it" : ""));
 }
 
 }  // namespace

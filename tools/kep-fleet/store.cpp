@@ -142,7 +142,7 @@ class SqlStore : public Store {
   void runs(const RunQuery &query, const std::function<bool(StoredRun &&)> &take) override;
   std::optional<StoredRun> run(int64_t id) override;
   std::vector<Event> events(const EventQuery &query) override;
-  void lastRuns(const std::function<void(StoredRun &&)> &take) override;
+  void lastRuns(const std::function<bool(StoredRun &&)> &take) override;
   std::vector<std::string> boards() override;
   Removed removeBefore(int type, int64_t time, size_t atMost) override;
   Leases *leases() override { return database_->isShared() ? &leases_ : nullptr; }
@@ -174,7 +174,9 @@ class SqlStore : public Store {
 
 // ---- writing
 
+// A newer program may have changed the tables meanwhile.
 Written SqlStore::write(const std::vector<Run> &runs, const std::vector<Event> &events) {
+  checkVersion(*database_, migrations().size());
   try {
     return writeOnce(runs, events);
   } catch (const DictionaryGone &) {
@@ -415,7 +417,7 @@ std::vector<Event> SqlStore::events(const EventQuery &query) {
 }
 
 // Type by type, so that the last run is looked for in one partition after the other and not in all.
-void SqlStore::lastRuns(const std::function<void(StoredRun &&)> &take) {
+void SqlStore::lastRuns(const std::function<bool(StoredRun &&)> &take) {
   std::vector<int64_t> ids;
   for (int type = 0; type < kTypes; ++type) {
     const auto last = [&](const char *condition) {
@@ -429,10 +431,7 @@ void SqlStore::lastRuns(const std::function<void(StoredRun &&)> &take) {
                          if (whole != 0 && whole != any) ids.push_back(whole);
                        });
   }
-  read(keysOf(ids), true, [&](StoredRun &&stored) {
-    take(std::move(stored));
-    return true;
-  });
+  read(keysOf(ids), true, take);
 }
 
 std::vector<std::string> SqlStore::boards() {
@@ -468,15 +467,17 @@ Removed SqlStore::removeBefore(int type, int64_t time, size_t atMost) {
 
 namespace {
 
-std::unique_ptr<Store> open(const std::string &where, Access access) {
-  return std::make_unique<SqlStore>(isPostgres(where) ? openPostgres(where, access) : openSqlite(where, access),
-                                    access);
+std::unique_ptr<Store> open(const std::string &where, Access access, std::chrono::milliseconds patience) {
+  auto database = isPostgres(where) ? openPostgres(where, access, patience) : openSqlite(where, access);
+  return std::make_unique<SqlStore>(std::move(database), access);
 }
 
 }  // namespace
 
-std::unique_ptr<Store> openStore(const std::string &where) { return open(where, Access::kWrite); }
+std::unique_ptr<Store> openStore(const std::string &where, std::chrono::milliseconds patience) {
+  return open(where, Access::kWrite, patience);
+}
 
-std::unique_ptr<Store> openStoreToRead(const std::string &where) { return open(where, Access::kRead); }
+std::unique_ptr<Store> openStoreToRead(const std::string &where) { return open(where, Access::kRead, kStorePatience); }
 
 }  // namespace kepfleet

@@ -4,6 +4,7 @@
 // with dictionaries that the store trains for each kind of board and request; that is nobody's business but its own.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,6 +17,8 @@
 #include "kep-fleet/run.hpp"
 
 namespace kepfleet {
+
+constexpr std::chrono::milliseconds kStorePatience{30'000};
 
 // The store cannot be opened, read or written; what() says which and why. After a write that failed nothing of it is
 // stored, and it may be tried again.
@@ -63,6 +66,12 @@ struct Lease {
   uint64_t number = 0;  // grows with every owner: what is written under an older one is refused
 };
 
+struct Renewal {
+  std::vector<Lease> leases;                       // all that the instance holds
+  bool isLeaving = false;                          // there are others that it is not to hold any more
+  std::chrono::milliseconds othersEnd{INT64_MAX};  // until the first of the other instances ends, unless that renews
+};
+
 // The part of a store that is shared by instances. All times are the database's own; the caller measures the length of
 // what it holds by its own monotonic clock, from before the call.
 class Leases {
@@ -70,11 +79,10 @@ class Leases {
   virtual ~Leases() = default;
 
   // Says that this instance lives, renews what it holds of `boards` (those of its configuration) up to its share, and
-  // claims what is free of it. Returns what it holds then; what it is not to hold any more is only given back by the
-  // next call, so that its runs have ended by then. An instance is one that said so within `seconds`.
+  // claims what is free of it. What it is not to hold any more is only given back by the next call, so that its runs
+  // have ended by then. An instance is one that said so within `seconds`.
   // A lease that ended and nobody else has claimed is renewed with its number.
-  virtual std::vector<Lease> renew(const std::string &instance, const std::vector<std::string> &boards,
-                                   double seconds) = 0;
+  virtual Renewal renew(const std::string &instance, const std::vector<std::string> &boards, double seconds) = 0;
 
   // Ends the instance: its boards are free at once.
   virtual void release(const std::string &instance) = 0;
@@ -98,8 +106,9 @@ class Store {
   virtual std::vector<Event> events(const EventQuery &query) = 0;
 
   // Of each board and type the last run, and the last whole one where that is another, streams included: what an
-  // instance shows of boards before it has asked them, and of those that others ask. `take` may use the store itself.
-  virtual void lastRuns(const std::function<void(StoredRun &&)> &take) = 0;
+  // instance shows of boards before it has asked them, and of those that others ask. Until `take`, which may use the
+  // store itself, returns false.
+  virtual void lastRuns(const std::function<bool(StoredRun &&)> &take) = 0;
 
   virtual std::vector<std::string> boards() = 0;
 
@@ -112,9 +121,10 @@ class Store {
 };
 
 // "postgresql://..." or "postgres://..." is a database, anything else the path of an SQLite file, made when it is
-// missing with its folder. Makes the schema, or migrates an older one; a newer one is an error, and so is a file that
-// is open already by this function.
-std::unique_ptr<Store> openStore(const std::string &where);
+// missing with its folder. Makes the schema, or migrates an older one; a newer one is an error, also when it becomes
+// one later: then nothing more is written. So is a file that is open already by this function. A database that does not
+// answer within `patience` has failed.
+std::unique_ptr<Store> openStore(const std::string &where, std::chrono::milliseconds patience = kStorePatience);
 
 // Opens it to be read only, as the HTTP side does, beside the one that writes.
 std::unique_ptr<Store> openStoreToRead(const std::string &where);
