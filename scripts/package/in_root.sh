@@ -13,8 +13,10 @@ look() {
   cat "$root"/etc/{passwd,group,shadow,gshadow}
 }
 
-# alone COMMAND...: in the root, with a network of its own, where no port is taken.
-alone() { unshare -n sh -c 'ip link set lo up; exec "$@"' - chroot "$root" "$@"; }
+# alone COMMAND...: in the root, with a network of its own, where no port is taken, and nothing of the builder's habits.
+alone() {
+  unshare -n sh -c 'ip link set lo up; exec "$@"' - chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin "$@"
+}
 
 look >"$folder/before"
 mkdir "$root/tmp/packages"
