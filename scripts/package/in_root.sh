@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # in_root.sh ROOT FOLDER: what scripts/package.sh has mmdebstrap do in its fresh root, where all that the packages need
-# is installed: installs the packages of FOLDER, tries them, removes them again, and compares what is there with what was.
+# is installed: installs the packages of FOLDER, tries them, removes them again, and compares what is there with what
+# was.
 set -euo pipefail
 [ $# -eq 2 ] || { echo "usage: in_root.sh ROOT FOLDER" >&2; exit 2; }
 root=$1 folder=$2
