@@ -32,11 +32,12 @@ fail() {
   exit 1
 }
 
-# unpack FOLDER: the sources.
+# unpack FOLDER: the sources, with the rights that they have, whatever the umask.
 unpack() {
   rm -rf "$1"
-  mkdir -p "$1/kep"
-  git archive "$commit" | tar -x -C "$1/kep"
+  mkdir -p "$1"
+  install -d -m 755 "$1/kep"
+  git archive "$commit" | tar -xp -C "$1/kep"
 }
 
 # build FOLDER ARGUMENT...: the packages, from sources unpacked there; without what debuggers want, which takes as long

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # in_root.sh ROOT FOLDER: what scripts/package.sh has mmdebstrap do in its fresh root, where all that the packages need
-# is installed: installs the packages of FOLDER, tries them, removes them again, and compares what is there with what was.
+# is installed: installs the packages of FOLDER, tries them, removes them again, and compares what is there with what
+# was.
 set -euo pipefail
 [ $# -eq 2 ] || { echo "usage: in_root.sh ROOT FOLDER" >&2; exit 2; }
 root=$1 folder=$2
@@ -13,8 +14,10 @@ look() {
   cat "$root"/etc/{passwd,group,shadow,gshadow}
 }
 
-# alone COMMAND...: in the root, with a network of its own, where no port is taken.
-alone() { unshare -n sh -c 'ip link set lo up; exec "$@"' - chroot "$root" "$@"; }
+# alone COMMAND...: in the root, with a network of its own, where no port is taken, and nothing of the builder's habits.
+alone() {
+  unshare -n sh -c 'ip link set lo up; exec "$@"' - chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin "$@"
+}
 
 look >"$folder/before"
 mkdir "$root/tmp/packages"
