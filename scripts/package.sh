@@ -91,7 +91,7 @@ lintian --allow-root --fail-on error,warning --tag-display-limit 0 "$one"/*.chan
 say "contents and fields"
 contents() { dpkg-deb --fsys-tarfile "$1" | tar -t | sort; }
 plugins=$(tshark -G folders 2>/dev/null | sed -n 's/^Global Lua Plugins:[[:space:]]*//p')
-contents "$one"/kep-tools_*.deb | grep -qxF ".$plugins/kep.lua" || fail "Wireshark does not find kep.lua"
+contents "$one"/kep-tools_*.deb | grep -xF ".$plugins/kep.lua" >/dev/null || fail "Wireshark does not find kep.lua"
 [ "$(dpkg-deb -I "$one"/kep-fleet_*.deb conffiles)" = /etc/kep/fleet.toml ] || fail "fleet.toml is no conffile"
 grep -q '^libc6 ([^,]*)$' <<<"$(dpkg-deb -f "$one"/libkep0.2_*.deb Depends)" || fail "the library needs more than libc"
 scripts/spdx.py "$one"/*.deb >"$work/kep.spdx.json"

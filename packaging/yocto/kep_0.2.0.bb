@@ -5,7 +5,7 @@
 # checks, and the SDK. Written for the syntax of releases since 3.4 (honister).
 SUMMARY = "A diagnostics runtime for long-running processes on boards"
 SECTION = "libs"
-# The owner has not chosen a licence: this one keeps the package out of what is handed on without a decision.
+# The owner has not chosen a licence yet: no text of one is looked for, and the source stays out of what is handed on.
 LICENSE = "CLOSED"
 
 # The source archive, beside this file in a folder of the name files.

@@ -106,8 +106,9 @@ TEST_F(FleetCommand, CollectsUntilItIsEnded) {
 
 TEST_F(FleetCommand, ShowsWhatItKnows) {
   std::optional<PlayedBoard> board(std::in_place, PlayedBoard::answer);
+  PlayedBoard stranger(PlayedBoard::answer);
   const std::string config = configOf(*board, "http.probe_any = true\n"),
-                    probed = "/probe?target=localhost:" + std::to_string(board->port);
+                    probed = "/probe?target=localhost:" + std::to_string(stranger.port);
   write("fleet.toml", config);
   for (const bool isAgain : {false, true}) {
     std::filesystem::remove("err");
