@@ -128,6 +128,9 @@ TEST_F(BoardsTest, HasNoMoreInMemoryThanItsPart) {
   EXPECT_EQ(state().last[0]->stream.size(), large.size()) << "in place of the one before";
   take({"other", 1, 0, Outcome::kDamaged, 1, 0, large, "", 0});
   EXPECT_EQ(boards.find("other")->last[0]->stream.size(), large.size()) << "no matter what another one says";
+  boards.recall({"other", 2, 1, Outcome::kWhole, 1, 0, large, "", 0});
+  take({"other", 3, 1, Outcome::kBrokenOff, 1, 0, large, "", 0});
+  EXPECT_EQ(boards.find("other")->last[1]->leftOut, large.size()) << "the last whole one is there, too";
 }
 
 TEST_F(BoardsTest, TakesLabelsFromValuesAndRecallsWhatWasStored) {

@@ -142,6 +142,7 @@ TEST_F(ConfigTest, RefusesWhatItDoesNotUnderstand) {
       {"[[poll]]\nlabels = { x = 'y' }", "4: labels: no board has them; expected such as some have"},
       {"[[poll]]\n[[poll]]\nevery = '1m'", "4: a second schedule for the same requests to board \"a\""},
       {"[limits]\nrun_size = '1k'", "4: run_size: \"1k\"; expected a number and B, KiB, MiB or GiB, such as \"16MiB\""},
+      {"[limits]\nrun_size = '1GiB'", "4: run_size: expected at most 64MiB"},
       {"[limits]\nrun_size = '1B'", "4: run_size: expected at least 4096B"},
       {"[limits]\nrun = '1s'", "4: run: expected at least as long as connect"},
       {"[http]\naddress = 'localhost:1'",

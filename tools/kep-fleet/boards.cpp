@@ -209,19 +209,21 @@ bool Boards::isGiven(const std::string &label) const {
   return std::any_of(labelFrom_.begin(), labelFrom_.end(), [&](const LabelFrom &from) { return from.label == label; });
 }
 
-// The run as it fits in beside those that it does not replace: with its stream, or without.
-RunPointer Boards::fitting(const BoardState &state, const RunPointer &run) const {
-  size_t bytes = run->stream.size();
+// Where all that is there of the board is too much, this run stays without its stream.
+void Boards::makeFit(BoardState &state, const RunPointer &run) const {
+  size_t bytes = 0;
   for (size_t type = 0; type < kTypes; ++type) {
-    const bool isSame = static_cast<int>(type) == run->type;
     const RunPointer &last = state.last[type], &lastWhole = state.lastWhole[type];
-    if (last && !isSame) bytes += last->stream.size();
-    if (lastWhole && lastWhole != last && !(isSame && isWhole(*run))) bytes += lastWhole->stream.size();
+    if (last) bytes += last->stream.size();
+    if (lastWhole && lastWhole != last) bytes += lastWhole->stream.size();
   }
-  if (bytes <= kMostStreamBytes / entries_.size()) return run;
-  Run rest = {run->board,    run->started, run->type,   run->outcome, run->duration,
-              run->messages, "",           run->reason, run->lease,   run->stream.size()};
-  return std::make_shared<const Run>(std::move(rest));
+  if (bytes <= kMostStreamBytes / entries_.size()) return;
+  const auto rest = std::make_shared<const Run>(Run{run->board, run->started, run->type, run->outcome, run->duration,
+                                                    run->messages, "", run->reason, run->lease, run->stream.size()});
+  const auto type = static_cast<size_t>(run->type);
+  for (RunPointer *const place : {&state.last[type], &state.lastWhole[type]}) {
+    if (*place == run) *place = rest;
+  }
 }
 
 // Runs that are recalled come in any order, and may be older than what is known. What comes from a board is newer,
@@ -236,17 +238,17 @@ std::vector<Event> Boards::update(const Judged &judged, bool isLive) {
   const auto type = static_cast<size_t>(run.type);
   const auto isNewer = [&](const RunPointer &known) { return isLive || !known || known->started < run.started; };
   const bool isNewest = isLive || run.started > entry.newest;
-  const RunPointer kept = fitting(entry.state, judged.kept);
   RunPointer &last = entry.state.last[type];
   RunPointer &lastWhole = entry.state.lastWhole[type];
   if (isWhole(run) && isNewer(lastWhole)) {
-    lastWhole = kept;
+    lastWhole = judged.kept;
     if (isLive || run.started > entry.newestReport) noteContent(entry, judged, events);
   }
   if (isNewer(last)) {
-    last = kept;
+    last = judged.kept;
     noteOutcome(entry, run, isNewest, events);
   }
+  makeFit(entry.state, judged.kept);
   settleProblem(entry, run.started);
   ++version_;
   return events;

@@ -88,7 +88,7 @@ class Boards {
   bool isNews(const Run &run) const;
   bool isGiven(const std::string &label) const;
   Judged look(Run run, const kepserver::Run &content) const;
-  RunPointer fitting(const BoardState &state, const RunPointer &run) const;
+  void makeFit(BoardState &state, const RunPointer &run) const;
   std::vector<Event> update(const Judged &judged, bool isLive);
   void noteOutcome(Entry &entry, const Run &run, bool isNewest, std::vector<Event> &events);
   void noteContent(Entry &entry, const Judged &judged, std::vector<Event> &events);

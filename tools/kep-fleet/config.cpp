@@ -61,13 +61,14 @@ void readTime(TomlTable &table, std::string_view name, milliseconds &time, milli
   time = milliseconds(*read);
 }
 
-void readSize(TomlTable &table, std::string_view name, size_t &size, size_t smallest) {
+void readSize(TomlTable &table, std::string_view name, size_t &size, size_t smallest, size_t largest = kMostBytes) {
   const std::optional<std::string> text = table.text(name);
   if (!text) return;
   const std::optional<int64_t> read = measure(*text, kSizes, kMostBytes);
   if (!read) table.fail(name, inQuotes(*text) + "; expected a number and B, KiB, MiB or GiB, such as \"16MiB\"");
-  if (static_cast<size_t>(*read) < smallest) table.fail(name, "expected at least " + std::to_string(smallest) + "B");
   size = static_cast<size_t>(*read);
+  if (size < smallest) table.fail(name, "expected at least " + std::to_string(smallest) + "B");
+  if (size > largest) table.fail(name, "expected at most " + std::to_string(largest >> 20) + "MiB");
 }
 
 // Reads "HOST:PORT"; a port that is not there stays as it is. Returns what is wrong with it, or nothing.
@@ -217,7 +218,7 @@ void readLimits(TomlTable &root, Limits &limits) {
   readTime(*table, "connect", limits.connect);
   readTime(*table, "silence", limits.silence);
   readTime(*table, "run", limits.run);
-  readSize(*table, "run_size", limits.runBytes, 4096);
+  readSize(*table, "run_size", limits.runBytes, 4096, size_t{64} << 20);  // nothing reads more
   readTime(*table, "pause", limits.longestPause);
   readSize(*table, "waiting", limits.waitingBytes, size_t{1} << 20);
   if (limits.run < limits.connect) table->fail("run", "expected at least as long as connect");

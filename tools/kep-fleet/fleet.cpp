@@ -135,22 +135,25 @@ Fleet::End Fleet::stop() {
     collector_.cancelAll("the server ends");
   });
   const auto begin = std::chrono::steady_clock::now();
+  const uint64_t droppedBefore = keeper_->status().droppedRuns;
+  bool isJudged = true;
   if (thread_.joinable()) {
-    waitForJudge(kToJudge);
+    isJudged = waitForJudge(kToJudge);
     judge_.stop();
     asio::post(context_, [this] { context_.stop(); });
     thread_.join();
     putUnjudged();
   }
   const auto taken = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - begin);
-  const bool isStored = keeper_->stop(kToStore - taken);
+  const bool isTaken = keeper_->stop(kToStore - taken);
+  const bool isStored = isTaken && keeper_->status().droppedRuns == droppedBefore;
   alarm_.stop(kToAlarm);
   const bool isReleased = !leaseKeeper_ || leaseKeeper_->stop(kToRelease);
   if (!isStored) spdlog::error("the store has not taken what waited for it: it is lost");
   if (!isReleased)
     spdlog::warn("the leases are not given back, as the database does not answer: they stay until they end");
   if (!isStored) return End::kLost;
-  return isReleased ? End::kGood : End::kLate;
+  return isReleased && isJudged ? End::kGood : End::kLate;
 }
 
 // Returns when the newest run began.
@@ -223,8 +226,9 @@ void Fleet::letGo(const std::string &board) {
 
 // A lease whose number has grown was lost in between.
 void Fleet::takeLeases(const std::vector<Lease> &leases, milliseconds until) {
-  if (isEnding_ || bootClock() >= until) return;  // it took longer to hear of them than they last
-  checkLeases();
+  if (isEnding_) return;
+  checkLeases();                     // also of those that the next renewal gives back
+  if (bootClock() >= until) return;  // it took longer to hear of them than they last
   leasesUntil_ = until;
   std::unordered_map<std::string, uint64_t> held;
   for (const Lease &lease : leases) held.emplace(lease.board, lease.number);
@@ -348,13 +352,13 @@ void Fleet::settle(Boards::Judged &&judged, const Ticket &ticket) {
   keeper_->put(std::move(taken.run), std::move(taken.events));
 }
 
-// What ended before is in front of it: the network's thread comes first, and last.
-void Fleet::waitForJudge(milliseconds patience) {
+// What ended before is in front of it: the network's thread comes first, and last. False: that takes longer.
+bool Fleet::waitForJudge(milliseconds patience) {
   const auto over = std::make_shared<std::promise<void>>();
   asio::post(context_, [this, over] {
     asio::post(judge_, [this, over] { asio::post(context_, [over] { over->set_value(); }); });
   });
-  over->get_future().wait_for(patience);
+  return over->get_future().wait_for(patience) == std::future_status::ready;
 }
 
 // At the end: they are stored as they came, with no judgement but that of their streams.

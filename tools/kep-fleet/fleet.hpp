@@ -44,8 +44,9 @@ class Fleet : public Control {
   // For one thread, as stop(). Throws ConfigError, and then everything stays as it was.
   void reload(const Config &config);
 
-  // kLate: all is stored, but the leases stay until they end. kLost: the store has not taken all. Unless it is kGood,
-  // a thread may wait for a database that does not answer: the process is then best ended at once.
+  // kLate: all is stored, but the leases stay until they end, or a large run is still being decoded. kLost: the store
+  // has not taken all. Unless it is kGood, a thread goes on that the destructor would wait for: the process is then
+  // best ended at once.
   enum class End { kGood, kLate, kLost };
 
   // Breaks off what is under way, and has what came before stored.
@@ -81,7 +82,7 @@ class Fleet : public Control {
   void finish(Run &&run, const Ticket &ticket);
   void judge(Run &&run, const Ticket &ticket);
   void settle(Boards::Judged &&judged, const Ticket &ticket);
-  void waitForJudge(std::chrono::milliseconds patience);
+  bool waitForJudge(std::chrono::milliseconds patience);
   void putUnjudged();
   void announce(const Event &event);
 

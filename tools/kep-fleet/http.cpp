@@ -551,6 +551,7 @@ void HttpServer::Implementation::getProbe(const Request &request, Response &resp
     return isKnown ? control.ask(target, type, std::move(done))
                    : control.probe(config.host, config.port, type, std::move(done));
   });
+  takePlace(scrapes);  // the run is held until its numbers are read
   stream(response, [this, state = std::move(*state), run = std::move(run)](const Pieces &take) {
     exports.probe(state, run, take);
   });

@@ -88,7 +88,8 @@ void Keeper::put(Run run, std::vector<Event> events) {
   waiting_.push_back({std::move(run), Clock::now()});
   std::move(events.begin(), events.end(), std::back_inserter(events_));
   trim();
-  if (waiting_.size() == 1 || waiting_.size() >= kMostRuns) wake_.notify_all();
+  const bool isBatch = waiting_.size() >= kMostRuns || status_.waitingBytes >= kMostBytes;
+  if (waiting_.size() == 1 || isBatch) wake_.notify_all();
 }
 
 Keeper::Status Keeper::status() const {
@@ -179,8 +180,9 @@ void Keeper::takeBack(std::vector<Run> &runs, std::vector<Event> &events) {
   trim();
 }
 
+// The newest stays, be it larger than all of the limit: it would never be stored.
 void Keeper::trim() {
-  while (!waiting_.empty() && status_.waitingBytes + bytesInHand_ > mostBytes_) {
+  while (waiting_.size() > 1 && status_.waitingBytes + bytesInHand_ > mostBytes_) {
     status_.waitingBytes -= bytesOf(waiting_.front().run);
     waiting_.pop_front();
     ++status_.droppedRuns;
