@@ -103,12 +103,12 @@ background() {
 }
 
 # await WORK: until it is done; what fails in the background ends all.
-declare -A done=()
+declare -A ready=()
 await() {
   local work
-  until [ "${done[$1]-}" ]; do
+  until [ "${ready[$1]-}" ]; do
     read -r work <&3 || { echo "test.sh: no $1 after a failure in the background" >&2; exit 1; }
-    done[$work]=yes
+    ready[$work]=yes
   done
 }
 
