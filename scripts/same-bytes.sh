@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
 # same-bytes.sh: one sequence of operations over the whole library (tests/sequence) gives the same bytes everywhere:
 # built by g++ and clang++, at -O0, -O2 and -Os, with signed and unsigned plain char, for the developer's host and for
-# the board, and by one compiler each for i386, also with times of 64 bits, s390x, 32-bit and 64-bit ARM. Prints what
-# the parts of the sequence give, and fails with each build that gives something else, and in which part.
+# the board, and by one compiler each for i386, also with times of 64 bits, s390x, 32-bit and 64-bit ARM; each runs it
+# without a lock and with one. Prints what the parts of the sequence give, and fails with each build that gives something
+# else, and in which part; also where the library exports a function that the sequence does not name.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
 [ $# -eq 0 ] || { echo "usage: scripts/same-bytes.sh" >&2; exit 2; }
 need g++ clang "${board_packages[@]}" "${target_packages[@]}"
+
+unnamed=$(grep -v '^#' tests/package/exports.txt | tr ' ' '\n' | grep -v '^g_' |
+  while read -r name; do grep -qw "$name" tests/sequence/sequence.cpp || echo "$name"; done)
+[ -z "$unnamed" ] || { echo "same-bytes.sh: the sequence does not call $unnamed" >&2; exit 1; }
 
 export folder=build/same-bytes
 rm -rf $folder
@@ -21,7 +26,7 @@ try() {
   [ "$2" = host ] || run=("qemu-${2%:*}" -L "/usr/${2#*:}")
   "${@:3}" -std=c++17 -Wall -Wextra -Werror -ffp-contract=off -fno-exceptions -fno-rtti -Iinclude -Isrc -Itests \
     src/*.cpp tests/support/platform_double.cpp tests/sequence/sequence.cpp -pthread -o "$program" 2>"$program.log" &&
-    "${run[@]}" "$program" >"$program.out" 2>>"$program.log" ||
+    { "${run[@]}" "$program" && KEP_TEST_LOCK=1 "${run[@]}" "$program"; } >"$program.out" 2>>"$program.log" ||
     { cat "$program.log" >&2; echo "same-bytes.sh: $1 cannot be built, or ends early" >&2; return 1; }
 }
 export -f try

@@ -7,7 +7,9 @@
 // Each part of a round draws from numbers of its own, so what differs is in the part whose digest does, or in one that
 // it uses. What is a host's own is left out: addresses, the sizes of records that hold pointers, and of a comparison
 // all but the sign. libc's clock and network are stood in for. Numbers are drawn one a statement, as the order in which
-// arguments are worked out is the compiler's.
+// arguments are worked out is the compiler's. With KEP_TEST_LOCK in the environment the library has a lock
+// (Kep_SetLock). Of what the library exports KepPosix_UseThreads is not called, which belongs to the other service
+// layer, and by the library only ZuHash_Cmp and ZuHash_PreFind, whose probes are the table's own.
 #define _TIME_BITS 64  // as ZuTime.cpp has, whose calls are stood in for
 #define _FILE_OFFSET_BITS 64
 #include <kep/kep.h>
@@ -20,7 +22,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
+#include "ZuFault.hpp"
+#include "ZuLogger.hpp"
 #include "containers/codec_model.hpp"
 #include "support/platform_double.hpp"
 
@@ -72,6 +77,15 @@ void note(int64_t number) {
 
 void noteSign(int32_t comparison) { note(int64_t{comparison > 0} - (comparison < 0)); }
 
+// What `show` appends to a buffer.
+template <typename F>
+void noteShown(F show) {
+  ZuBuf *buffer = ZuBuf_New(1, 0, 100);
+  show(buffer);
+  note(heldBy(buffer));
+  ZuBuf_Release(buffer);
+}
+
 int32_t length(const std::string &text) { return static_cast<int32_t>(text.size()); }
 
 // ---- in libc's place
@@ -99,8 +113,11 @@ int usleep(useconds_t micros) {
 
 // What goes to standard output past the service layer; this program's own lines go there by another way.
 ssize_t write(int fd, const void *data, size_t size) {
-  if (fd == STDOUT_FILENO) note(data, size);
-  return fd == STDOUT_FILENO ? static_cast<ssize_t>(size) : syscall(SYS_write, fd, data, size);
+  if (fd != STDOUT_FILENO) return syscall(SYS_write, fd, data, size);
+  const std::string text(static_cast<const char *>(data), size);
+  const size_t behindAddresses = text.find("memory size");
+  note(behindAddresses == std::string::npos ? text : text.substr(behindAddresses));
+  return static_cast<ssize_t>(size);
 }
 
 int bind(int, const sockaddr *name, socklen_t size) noexcept {
@@ -169,8 +186,12 @@ void useTexts() {
   const int64_t second = oneIn(3) ? static_cast<int64_t>(draw()) << below(30) : number;
   note(ZuTime_Format(out.data(), pattern.c_str(), second));
   note(ZuTime_GetUTime());
+  note(ZuTime_Now());
+  note(ZuTime_GetTime(number));
+  note(Kep_Version());
   ZuTime_Sleep(draw());
   std::string split = text;
+  for (void (*const trim)(char *) : {ZuString_LTrim, ZuString_RTrim, ZuString_Trim}) trim(split.data());
   std::vector<char *> fields(50);
   const char *const delimiter = oneOf({"0", " ", "a"});
   note(ZuString_Split(split.data(), delimiter, fields.data(), upTo(3)));
@@ -184,8 +205,12 @@ void useTexts() {
   note(ZuMD5_Hash(padded.data(), static_cast<uint32_t>(data.size()), draw()));
 }
 
+void *asValue(uint32_t number) { return reinterpret_cast<void *>(uintptr_t{number}); }
+int64_t asNumber(const void *value) { return static_cast<int64_t>(reinterpret_cast<uintptr_t>(value)); }
+
 void useMemory() {
-  ZuMem *object = ZuMem_New(upTo(300), 0);
+  const int32_t capacity = upTo(300);
+  ZuMem *object = ZuMem_New(capacity, oneIn(5));
   for (int i = 0; i < 8; ++i) {
     const std::string data = bytes(60, false);
     const uint32_t at = below(300), to = below(300), size = static_cast<uint32_t>(data.size());
@@ -200,9 +225,12 @@ void useMemory() {
   ZuMem_Release(object);
   void *block = ZuMem_Malloc(20, below(2000));
   ZuMem_Malloc(21, below(2000));
+  if (oneIn(20)) ZuMem_Malloc_Static(22, 600000 + below(9));  // not of the pool, which may grow at another time
+  ZuMem_LocalFree(std::memset(ZuMem_LocalMalloc(40), 1, 40));
+  note(asNumber(std::memset(ZuMem_LocalMalloc_Static(21), 1, 21)) & 3);
   ZuMem_Show();
   const std::string shown = platform::takePrinted();  // the other accounts hold records of the host's sizes
-  for (const char *line : {"\n   20", "\n   21"}) {
+  for (const char *line : {"\n   20", "\n   21", "\n   22"}) {
     const size_t at = shown.find(line);
     note(at == std::string::npos ? "none" : shown.substr(at, shown.find('\n', at + 1) - at));
   }
@@ -217,12 +245,10 @@ void useMemory() {
     ZuPrint_Print(print, text.c_str(), upTo(3));
     void (*const show)(const char *, int32_t) = oneOf({ZuPrint_Show, ZuPrint_ShowEx, ZuPrint_Puts});
     show(text.c_str(), oneIn(2) ? 0 : length(text));
+    if (oneIn(9)) ZuPrint_Flush(print);
   }
   ZuPrint_Release(print);
 }
-
-void *asValue(uint32_t number) { return reinterpret_cast<void *>(uintptr_t{number}); }
-int64_t asNumber(const void *value) { return static_cast<int64_t>(reinterpret_cast<uintptr_t>(value)); }
 
 int32_t differsFrom(void *value, const void *key) {
   return static_cast<int32_t>((asNumber(value) ^ asNumber(key)) & 7);
@@ -233,6 +259,7 @@ void useLists() {
   for (int i = 0; i < 200; ++i) {
     const int32_t at = upTo(static_cast<uint32_t>(ZuList_Length(list)) + 2) - 1;
     void *const value = asValue(draw());
+    if (oneIn(99)) ZuList_RemoveAll(list);
     switch (below(8)) {
       case 0: note(asNumber(ZuList_Remove(list, at))); break;
       case 1: note(asNumber(ZuList_Set(list, at, value))); break;
@@ -250,7 +277,13 @@ void useLists() {
 
 void useHash() {
   const uint32_t keySize = 1 + below(12), valueSize = below(9);
-  ZuHash *table = ZuHash_New(static_cast<int32_t>(keySize), static_cast<int32_t>(valueSize), below(20), nullptr);
+  const auto keyBytes = static_cast<int32_t>(keySize), valueBytes = static_cast<int32_t>(valueSize);
+  const uint32_t buckets = below(20);
+  const ZuHashFunc byLast = [](const void *key, uint32_t size, uint32_t) -> uint32_t {
+    return static_cast<const uint8_t *>(key)[size - 1];
+  };
+  ZuHash *table = oneIn(2) ? ZuHash_New(keyBytes, valueBytes, buckets, nullptr)
+                           : ZuHash_NewEx(keyBytes, valueBytes, buckets, byLast, oneIn(2));
   for (int i = 0; i < 100; ++i) {
     std::string key = bytes(1, false), value = bytes(8, false);
     key.resize(keySize + 3, 'k');
@@ -262,7 +295,7 @@ void useHash() {
   }
   void *key = ZuHash_Find(
       table, [](const void *, void *, void *) { return static_cast<int32_t>(below(9)); }, nullptr);
-  if (key) note(key, keySize + valueSize);
+  if (key) note(ZuHash_ShowNode(key, table));
   ZuHash_Show(table);
   ZuHash_ShowDepth(table);
   ZuHash_Release(table);
@@ -293,7 +326,17 @@ void useBuffers() {
   ZuBuf_Release(buffer);
 }
 
+template <typename T>
+void noteNumber(const void *cell) {
+  T number;
+  std::memcpy(&number, cell, sizeof number);
+  note(static_cast<int64_t>(number));
+}
+
 void useTables() {
+  void (*const noteAs[])(const void *) = {noteNumber<double>, noteNumber<float>, noteNumber<int32_t>,
+                                          noteNumber<int64_t>,
+                                          [](const void *cell) { note(static_cast<const char *>(cell)); }};
   ZuTable *table = ZuTable_New();
   const std::string caption = bytes(120);
   ZuTable_SetCaption(table, caption.c_str());
@@ -316,16 +359,18 @@ void useTables() {
     const std::string text = bytes(110);
     const void *const values[] = {&real, &narrow, &half, &number, text.c_str()};
     ZuTable_Set(table, upTo(12), static_cast<int32_t>(column), values[types[column]]);
+    if (oneIn(9)) ZuTable_Sum(table);
+    const void *const cell = ZuTable_Get(table, upTo(12), static_cast<int32_t>(column));
+    if (cell) noteAs[types[column]](cell);
   }
+  note(ZuTable_GetRowNum(table) * 100 + ZuTable_GetColNum(table));
   char out[3000];
   const int32_t drawnSize = ZuTable_ShowToBuffer(table, out, upTo(sizeof out));
   note(out, static_cast<size_t>(drawnSize));
   if (oneIn(3)) ZuTable_ClearLines(table);
+  if (oneIn(9)) ZuTable_Clear(table);
   ZuTable_Show(table);
-  ZuBuf *buffer = ZuBuf_New(1, 0, 100);
-  ZuTable_ShowToBuf(table, buffer);
-  note(heldBy(buffer));
-  ZuBuf_Release(buffer);
+  noteShown([table](ZuBuf *buffer) { ZuTable_ShowToBuf(table, buffer); });
   ZuTable_Release(table);
 }
 
@@ -369,7 +414,9 @@ void addRecord(ZuInfo *store) {
 }
 
 void useStore() {
-  static ZuInfo *const store = ZuInfo_New(4096);
+  static ZuInfo *store;
+  if (oneIn(9)) ZuInfo_Release(std::exchange(store, nullptr));
+  if (!store) store = ZuInfo_New(4096);
   for (int i = 0; i < 40; ++i) {
     ++moment;
     ZuInfo_Ignore(store, oneIn(30));
@@ -388,6 +435,11 @@ void useStore() {
     note(key, keyLength);
     note(value, valueLength);
   }
+  char format[256];
+  for (int32_t cursor = -1; ZuInfo_GetPack(store, &cursor, format, &value);) {
+    note(format);
+    if (std::strncmp(format, "*TBhI", 5) == 0) note(ZuBuffer_UNPack(format, value));
+  }
   for (const uint32_t field : {store->limit, store->writeOffset, store->readOffset, ZuInfo_GetEvicted(store)})
     note(field);
   note(store->freeSize);
@@ -396,39 +448,55 @@ void useStore() {
   ZuInfo_ShowInfo(store, id, oneOf({"", "0", "30"}), nullptr, code, type, skip, limit);
 }
 
-ZuLogger *keeping() {
-  static ZuLogger *const log = ZuLogger_New(ZULOGGER_ACCEPT_ALL | ZULOGGER_KEEP);
-  return log;
+ZuLogger *keeping(bool isNew = false) {
+  static ZuLogger *log;
+  if (isNew) ZuLogger_Release(std::exchange(log, nullptr));
+  return log ? log : log = ZuLogger_New(ZULOGGER_ACCEPT_ALL | ZULOGGER_KEEP);
 }
 
 void useLogs() {
-  ZuLogger *const log = keeping();
+  ZuLogger *const log = keeping(oneIn(9));
   ZuLogger_SetInfoSize(log, 3000);
   for (int i = 0; i < 20; ++i) {
     const std::string line = bytes(oneIn(9) ? 1200 : 60);
     const int32_t level = upTo(5);
     moment += upTo(100000);
     ZuLogger_SetFlag(log, draw());
+    ZuLogger_Ignore(log, oneIn(9));
+    oneIn(2) ? ZuLogger_Header(log, line.c_str()) : ZuLogger_Tail(log);
+    ZuLogger_SetFileName(log, line.c_str());
+    ZuLogger_SetUDP(log, line.c_str(), level);
     if (oneIn(2))
       ZuLogger_Append(log, level, 0, line.c_str());
     else
       note(ZuLogger_Write(log, level, line.c_str()));
   }
-  ZuBuf *buffer = ZuBuf_New(1, 0, 1000);
-  ZuLogger_CopyToBuf(log, buffer);
-  note(heldBy(buffer));
-  ZuBuf_Release(buffer);
+  for (const char *kept : {log->fileName, log->udpHost, log->headers[0]}) note(kept);
+  note(log->udpPort + log->headerDepth * 10);
+  for (const auto show : {ZuLogger_CopyToBuf, ZuLogger_ShowToBuf}) {
+    noteShown([&](ZuBuf *buffer) { show(log, buffer); });
+  }
   ZuLogger_ShowInfo(log);
+  ZuLogger_Dump(log->store);
   if (oneIn(9)) ZuLogger_ClearInfo(log);
 
   static ZuFuncLogEntry table[] = {{"read", "I4S", 0, "(at, what)"}, {"\x80", "bhT3s", 0, nullptr}};
-  static ZuFuncLog *const calls = ZuFuncLog_New(table, 2, 2000);
+  static ZuFuncLog *calls;
+  if (oneIn(9)) ZuFuncLog_Release(std::exchange(calls, nullptr));
+  if (!calls) calls = ZuFuncLog_New(table, 2, 2000);
+  ZuFuncLog_Ignore(calls, upTo(1));
+  note(calls->ignore);
   for (int i = 0; i < 9; ++i) {
     const char function = static_cast<char>(below(20) / 9);
     const std::string data = bytes(16, false);
     ZuInfo_Append(calls->store, &function, 1, data.data(), length(data));
   }
-  const int32_t skip = upTo(9);
+  const int32_t id = upTo(3) - 1, skip = upTo(9);
+  const uint8_t *value;
+  int32_t of, size;
+  for (int32_t cursor = -1; ZuFuncLog_Get(calls, id, &cursor, &of, &value, &size);
+       note(value, static_cast<size_t>(size)))
+    note(of);
   ZuFuncLog_Show(calls, "read", skip, upTo(30));
   ZuFuncLog_ShowFunc(calls);
 }
@@ -446,16 +514,16 @@ void useFaults(const std::string &file) {
     const uint32_t id = draw();
     const uint64_t value = uint64_t{draw()} << below(32);
     ZuFault_SetLogSize(fault, 2048);
-    switch (below(9)) {
-      case 0: ZuFault_SetInitLog(fault, upTo(4), 0, line.c_str()); break;
-      case 1: ZuFault_SetRunLog(fault, upTo(4), 0, line.c_str()); break;
-      case 2: ZuFault_SetRegist(fault, id, static_cast<uint32_t>(value)); break;
-      case 3: ZuFault_SetRegist64(fault, id, value); break;
-      case 4: ZuFault_SetRegistEx(fault, id, data.data(), length(data)); break;
-      case 5: ZuFault_SetCounter(fault, id, static_cast<uint32_t>(value)); break;
-      case 6: ZuFault_SetCounter64(fault, id, value); break;
-      case 7: ZuFault_SetCounterEx(fault, id, data.data(), length(data)); break;
-      default: ZuFault_SetValue(fault, id, data.data(), length(data));
+    const auto small = static_cast<uint32_t>(value);
+    const int32_t level = upTo(4);
+    ZuFault_Ignore(fault, oneIn(9));
+    ZuFault_SetInfo(fault, id);
+    switch (below(4)) {
+      case 0: oneOf({ZuFault_SetInitLog, ZuFault_SetRunLog})(fault, level, 0, line.c_str()); break;
+      case 1: oneOf({ZuFault_SetRegist, ZuFault_SetCounter})(fault, id, small); break;
+      case 2: oneOf({ZuFault_SetRegist64, ZuFault_SetCounter64})(fault, id, value); break;
+      default:
+        oneOf({ZuFault_SetRegistEx, ZuFault_SetCounterEx, ZuFault_SetValue})(fault, id, data.data(), length(data));
     }
   }
   note(ZuFault_SetFile(file.c_str(), upTo(1)));
@@ -463,11 +531,15 @@ void useFaults(const std::string &file) {
   note(ZuFault_GetResult());
   note(contentOf(file));
   unlink(file.c_str());
-  ZuFault_ShowRunLog(faultOf(0));
+  note(faultOf(1)->info);
+  oneOf({ZuFault_ShowInitLog, ZuFault_ShowRunLog})(faultOf(0));
+  for (const auto show : {ZuFault_ShowInitLogToBuf, ZuFault_ShowRunLogToBuf}) {
+    noteShown([show](ZuBuf *buffer) { show(faultOf(0), buffer); });
+  }
 }
 
 void useNetwork() {
-  static const int fd = ZuSock_UDP_Create("127.0.0.1", 7);
+  const int fd = ZuSock_UDP_Create("127.0.0.1", 7);
   datagram = oneIn(2) ? std::to_string(draw()) : bytes(40);
   const std::string text = bytes(30);
   char out[1100] = "", address[20] = "10.0.0.1";
@@ -475,8 +547,10 @@ void useNetwork() {
   note(ZuSock_UDP_SendMessage(fd, oneOf({"<BROADCAST>", "1.2.3.4", "no address"}), port, text.data(), length(text)));
   note(ZuSock_UDP_RecvMessage(fd, address, &port, out, upTo(50)));
   note(ZuSock_UDP_GetMessage(fd, address, &port, out, 4, 60, 5000));
+  ZuSock_UDP_Close(fd);
   note(address + std::string(out));
   note(port);
+  note(ZuConfig_Get(text.c_str(), "key", text.c_str()));
   ZuConfig_GetString("section", text.c_str(), "default", out);
   note(out);
   note(ZuConfig_GetInt("section", "key", static_cast<int32_t>(draw())));
@@ -490,12 +564,13 @@ int32_t report(int32_t argument) {
   for (uint32_t i = below(12); i > 0; --i) {
     const std::string data = bytes(oneIn(9) ? 3000 : 90);
     const auto key = static_cast<int32_t>(draw());
-    switch (below(6)) {
+    switch (below(7)) {
       case 0: Collect_PutInt(item, key, argument); break;
       case 1: Collect_PutLong(item, key, static_cast<int64_t>(uint64_t{draw()} << below(33))); break;
       case 2: Collect_PutString(item, key, data.c_str(), oneIn(2) ? length(data) : 0); break;
       case 3: Collect_PutStruct(item, key, data.data(), length(data)); break;
       case 4: Collect_PutRunLog(item, key, faultOf(0)); break;
+      case 5: Collect_PutInitLog(item, key, faultOf(0)); break;
       default: Collect_PutLog(item, key, keeping());
     }
   }
@@ -503,10 +578,46 @@ int32_t report(int32_t argument) {
   return 0;
 }
 
+// As a host with a poll loop of its own does, and then record by record.
+void collectByHand() {
+  requestsLeft = 2;
+  const int fd = CollectClient_Init();
+  uint32_t type = 0;
+  char address[20] = "";
+  int32_t port = 0;
+  const int32_t sequence = CollectClient_WaitFor(fd, 0, 0, &type, address, &port);
+  close(fd);
+  note(address);
+  note(type == COLLECTCLIENT_SELFTEST ? Collect_SelfTest(address, port, sequence, 1, 2)
+                                      : Collect_Start(address, port, static_cast<int32_t>(type), sequence, 1, 2));
+  note(CollectClient_Start(address, port));
+  for (uint32_t i = below(40); i > 0; --i) {
+    const std::string data = bytes(oneIn(9) ? 3000 : 90);
+    const auto number = static_cast<int32_t>(draw());
+    switch (below(9)) {
+      case 0: CollectClient_SetType(number); break;
+      case 1: note(CollectClient_AppendInt(number)); break;
+      case 2: CollectClient_AppendString(data.c_str()); break;
+      case 3: CollectClient_AppendBuffer(data.data(), length(data)); break;
+      case 4: CollectClient_CollectInt(1, number, 2, number); break;
+      case 5: CollectClient_CollectLong(number, 1, number, -int64_t{number} * number); break;
+      case 6: note(CollectClient_CollectString(1, 2, number, data.c_str(), oneIn(2) ? length(data) : 0)); break;
+      case 7: note(CollectClient_CollectBuffer(1, 2, number, data.data(), length(data))); break;
+      default: note(CollectClient_Flush(number & 1 ? number : 0));
+    }
+  }
+  CollectClient_End();
+}
+
 void collect() {
   static CollectItem *const items[] = {Collect_New("\x80 first", report<0>, report<0>),
                                        Collect_New("a name longer than it holds", report<1>, nullptr)};
   note(items[1]->name);
+  CollectItem *const brief =
+      Collect_New("goes at once", nullptr, [](int32_t) { return Collect_Release(g_collect_param.items[2]), 0; });
+  CollectClient_SetTrace(upTo(3));
+  const int32_t port = upTo(70000);
+  note(Collect_SetAddress(oneOf<const char *>({nullptr, "10.0.0.9", "nowhere"}), port));
   Collect_SetLogSize(4096);
   const int32_t limit = upTo(1) * 900000;
   CollectClient_SetTimeout(limit, limit, limit);
@@ -514,8 +625,10 @@ void collect() {
     note(address);
     return static_cast<int32_t>((port + type) % 9);
   });
+  collectByHand();
   requestsLeft = 2 + below(9);
   note(Collect_Init(draw()));
+  Collect_Release(brief);
   CollectStats stats;
   Collect_GetStats(&stats);
   for (const uint32_t count : {stats.datagrams, stats.dropped, stats.refused, stats.finishedRuns, stats.failedRuns}) {
