@@ -3,6 +3,7 @@
 In the demo qemu passes on what goes between the board and this host, and nothing of the host is touched. The checks have
 a wire of their own, each with a board of its own at its end.
 """
+import concurrent.futures
 import functools
 import multiprocessing
 import os
@@ -267,12 +268,15 @@ def run(row):
     except Exception:
         figure(row, "to the end", traceback.format_exc().strip().split("\n")[-1], "no failure", False)
         traceback.print_exc()
+    Board.endAll()
     return list(figures)
 
 
 def check():
-    with multiprocessing.Pool(len(ROWS) if FULL else 4, maxtasksperchild=1) as pool:
-        lines = sum(pool.map(run, ROWS, chunksize=1), [])
+    """Raises BrokenProcessPool when the process of a row is killed, as where memory is short."""
+    fork = multiprocessing.get_context("fork")
+    with concurrent.futures.ProcessPoolExecutor(len(ROWS) if FULL else 4, fork) as pool:
+        lines = sum(pool.map(run, ROWS), [])
     printTable(lines)
     sys.exit(any(line[4] != "ok" for line in lines))
 

@@ -85,8 +85,15 @@ def hasContent(frame):
 
 
 class Board:
-    """Ends with this process. What its console says is in NAME.txt, but for answers. At the card's other end is what
-    qemu calls a netdev, which may use a socket of this process."""
+    """Ends with this process, or with `endAll`. What its console says is in NAME.txt, but for answers. At the card's
+    other end is what qemu calls a netdev, which may use a socket of this process."""
+    running = []  # qemu's processes
+
+    @classmethod
+    def endAll(cls):
+        while cls.running:
+            cls.running.pop().kill()
+
     def __init__(self, name, address, netdev, sockets=()):
         net = address.rsplit(".", 1)[0]
         self.answers, began = queue.Queue(), time.monotonic()
@@ -96,6 +103,7 @@ class Board:
              "ip=%s::%s.2:255.255.255.0::eth0:off" % (address, net), "-netdev", netdev + ",id=wire",
              "-device", "virtio-net-pci,netdev=wire,romfile=", "-monitor", "none", "-serial", "stdio"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, pass_fds=sockets)
+        self.running.append(self.process)
         threading.Thread(target=self.listen, args=(name + ".txt",), daemon=True).start()
         assert self.answer(60) == "up"
         self.seconds = time.monotonic() - began
