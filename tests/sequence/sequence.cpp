@@ -479,7 +479,9 @@ void useLogs() {
   ZuLogger_ShowInfo(log);
   ZuLogger_Dump(log->store);
   if (oneIn(9)) ZuLogger_ClearInfo(log);
+}
 
+void useFunctionLogs() {
   static ZuFuncLogEntry table[] = {{"read", "I4S", 0, "(at, what)"}, {"\x80", "bhT3s", 0, nullptr}};
   static ZuFuncLog *calls;
   if (oneIn(9)) ZuFuncLog_Release(std::exchange(calls, nullptr));
@@ -497,7 +499,8 @@ void useLogs() {
   for (int32_t cursor = -1; ZuFuncLog_Get(calls, id, &cursor, &of, &value, &size);
        note(value, static_cast<size_t>(size)))
     note(of);
-  ZuFuncLog_Show(calls, "read", skip, upTo(30));
+  const char *const name = oneOf<const char *>({"read", "none", nullptr});
+  ZuFuncLog_Show(calls, name, skip, upTo(30));
   ZuFuncLog_ShowFunc(calls);
 }
 
@@ -526,7 +529,8 @@ void useFaults(const std::string &file) {
         oneOf({ZuFault_SetRegistEx, ZuFault_SetCounterEx, ZuFault_SetValue})(fault, id, data.data(), length(data));
     }
   }
-  note(ZuFault_SetFile(file.c_str(), upTo(1)));
+  const std::string path = oneIn(9) ? file + "/none" : file;
+  note(ZuFault_SetFile(path.c_str(), upTo(1)));
   ZuFault_Start();
   note(ZuFault_GetResult());
   note(contentOf(file));
@@ -641,6 +645,8 @@ void useTimers() {
   static const int32_t made = ZuTimer_Regist([](int32_t interval) { return note(interval), upTo(9); }, 3000);
   if (oneIn(3))
     note(made + ZuTimer_Regist([](int32_t interval) { return note(interval), upTo(4); }, draw() >> below(32)));
+  ZuTimer_Stop();  // one with those of other parts' sleeps, and taken at once
+  ZuTimer_Loop();
   ZuTimer_Loop();
   ZuTimer_Show();
 }
@@ -662,6 +668,7 @@ int main(int argc, char **argv) {
                {"the codec", useCodec},
                {"stores", useStore},
                {"logs", useLogs},
+               {"function logs", useFunctionLogs},
                {"faults", [] { useFaults(file); }},
                {"sockets and configuration", useNetwork},
                {"collection", collect},
