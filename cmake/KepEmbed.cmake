@@ -1,4 +1,5 @@
-# Puts files into a C++ source: cmake -DFOLDER=tools/kep-fleet/page -DFILES=a;b -DOUTPUT=page_files.cpp -P KepEmbed.cmake
+# Puts files into a C++ source:
+# cmake -DFOLDER=tools/kep-fleet/page -DFILES=a;b -DOUTPUT=page_files.cpp -P KepEmbed.cmake
 set(arrays "")
 set(rows "")
 set(number 0)

@@ -12,8 +12,9 @@ write_basic_package_version_file(kepConfigVersion.cmake COMPATIBILITY SameMinorV
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kepConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/kepConfigVersion.cmake
   DESTINATION ${kep_cmake_dir})
 
-# Relative, so that the installed tree can be moved and `cmake --install --prefix` is heard; but for the folders that are
-# given as absolute ones. As with CMake's own files, a tree whose libraries lie in such a one has a prefix that stays.
+# Relative, so that the installed tree can be moved and `cmake --install --prefix` is heard; but for the folders that
+# are given as absolute ones. As with CMake's own files, a tree whose libraries lie in such a one has a prefix that
+# stays.
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
   set(kep_pc_prefix "${CMAKE_INSTALL_PREFIX}")
 else()

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# board-vm.sh: boots Linux with kep-board on an emulated board, a 32-bit big-endian PowerPC machine with 16 MB of memory,
-# and collects from it as a server would; then its fault file is brought off the board and read.
+# board-vm.sh: boots Linux with kep-board on an emulated board, a 32-bit big-endian PowerPC machine with 16 MB of
+# memory, and collects from it as a server would; then its fault file is brought off the board and read.
 #
-# board-vm.sh --check: what loopback cannot show, beside what is expected: servers that vanish without a word, links that
-# go, servers that close, and thousands of runs. Takes two minutes. The board's patience is lowered for it; with --full
-# it is Linux's own, which takes 22 minutes. The servers and the wire are in a network namespace of this user's own, for
-# which /dev/net/tun must be his to open.
+# board-vm.sh --check: what loopback cannot show, beside what is expected: servers that vanish without a word, links
+# that go, servers that close, and thousands of runs. Takes two minutes. The board's patience is lowered for it; with
+# --full it is Linux's own, which takes 22 minutes. The servers and the wire are in a network namespace of this user's
+# own, for which /dev/net/tun must be his to open.
 #
 # The kernel is built from Debian's source, in four minutes of two processors, and kept. Writes into build/ only.
 set -euo pipefail

@@ -130,8 +130,8 @@ stop() {
   endAll
 }
 
-# launch NAME READY COMMAND...: starts a program and waits until it serves, which the command READY tells. Its ports were
-# free before, so who holds them then is the program, as long as that lives: one that cannot have them ends.
+# launch NAME READY COMMAND...: starts a program and waits until it serves, which the command READY tells. Its ports
+# were free before, so who holds them then is the program, as long as that lives: one that cannot have them ends.
 launch() {
   local name=$1 ready=$2 tries=100
   shift 2

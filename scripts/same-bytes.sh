@@ -27,7 +27,8 @@ try() {
   "${@:3}" -std=c++17 -Wall -Wextra -Werror -ffp-contract=off -fno-exceptions -fno-rtti -Iinclude -Isrc -Itests \
     src/*.cpp tests/support/platform_double.cpp tests/sequence/sequence.cpp -pthread -o "$program" 2>"$program.log" &&
     { "${run[@]}" "$program" && KEP_TEST_LOCK=1 "${run[@]}" "$program"; } >"$program.out" 2>>"$program.log" ||
-    { cat "$program.log" >&2; echo "same-bytes.sh: $1 cannot be built, or ends early" >&2; return 1; }
+    { cat "$program.log" >&2; echo "same-bytes.sh: $1 cannot be built, or ends early" >&2
+      rm -f "$program.out"; return 1; }
 }
 export -f try
 
@@ -52,12 +53,13 @@ builds() {
 }
 
 say "the same bytes: $(builds | wc -l) builds of one sequence"
-builds | xargs -P "$(nproc)" -I{} bash -euo pipefail -c 'try {}'
-
-first=$(builds | head -n 1 | cut -d ' ' -f 1)
-cat "$folder/$first.out"
 status=0
+builds | xargs -P "$(nproc)" -I{} bash -euo pipefail -c 'try {}' || status=1
+
+first= # of those that gave something: others were told of
 for name in $(builds | cut -d ' ' -f 1); do
+  [ -e "$folder/$name.out" ] || continue
+  [ -n "$first" ] || { first=$name; cat "$folder/$first.out"; }
   diff "$folder/$first.out" "$folder/$name.out" >&2 || { echo "same-bytes.sh: $name gives other bytes" >&2; status=1; }
 done
 exit $status

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# size.sh: what the library weighs on the board: its code and static data, the deepest stack of its calls, what a host of
-# a part of it links, and the memory that things take. In bytes; fails above the limits below, and when an exported
+# size.sh: what the library weighs on the board: its code and static data, the deepest stack of its calls, what a host
+# of a part of it links, and the memory that things take. In bytes; fails above the limits below, and when an exported
 # function is not among those whose stack is measured. Takes UDP ports 8997 to 8999 and 9099 on loopback.
 #
 # The preset leaves out unwind tables and two steps that -Os takes although they cost room.

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# soak.sh [SECONDS]: eight threads use the library of a host that serves, is stopped and begins again, for so long (60 by
-# default), under ThreadSanitizer. Fails at its first report; at a line that is torn, out of order, there twice or not
-# at all; at a call that waits with the lock held; when memory or descriptors grow; and when nothing moves.
+# soak.sh [SECONDS]: eight threads use the library of a host that serves, is stopped and begins again, for so long (60
+# by default), under ThreadSanitizer. Fails at its first report; at a line that is torn, out of order, there twice or
+# not at all; at a call that waits with the lock held; when memory or descriptors grow; and when nothing moves.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# test.sh [--all]: everything that must hold before a change lands: formatting, static analysis, what the library weighs,
-# the examples' run, and the tests on the developer's host (debug with sanitizers; release with g++ and with clang++) and
-# on the board (under qemu). With --all also on other processors, where one sequence of operations must give the same
-# bytes as here, the ABI, under valgrind, with their coverage, a while of fuzzing, and a soak; and static analysis looks
-# deeper.
+# test.sh [--all]: everything that must hold before a change lands: formatting, static analysis, what the library
+# weighs, the examples' run, and the tests on the developer's host (debug with sanitizers; release with g++ and with
+# clang++) and on the board (under qemu). With --all also on other processors, where one sequence of operations must
+# give the same bytes as here, the ABI, under valgrind, with their coverage, a while of fuzzing, and a soak; and static
+# analysis looks deeper.
 #
 # What is only compiled or analysed goes on in the background, behind what is tried meanwhile: that waits a lot, and
 # must not be kept waiting. Each step says how long it took, and how long all has taken so far.

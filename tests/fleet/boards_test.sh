@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# boards_test.sh KEP-BOARDS KEP-COLLECT KEP-NAMES FILE: simulated boards do to a server what their options say, each from its own
-# address, which kep-collect insists on.
+# boards_test.sh KEP-BOARDS KEP-COLLECT KEP-NAMES FILE: simulated boards do to a server what their options say, each
+# from its own address, which kep-collect insists on.
 set -uo pipefail
 boards=$1 collect=$2 check=$3 names=$4
 work=$(mktemp -d)

@@ -1,7 +1,7 @@
 #!/bin/sh
-# postgres.sh: a PostgreSQL server of Debian's for as long as somebody keeps its standard input open, on a Unix socket in
-# a folder of its own. Prints that folder when it can be connected to as user kep, database postgres. Each line "stop" or
-# "start" is done and then answered by itself. Without PostgreSQL it prints nothing.
+# postgres.sh: a PostgreSQL server of Debian's for as long as somebody keeps its standard input open, on a Unix socket
+# in a folder of its own. Prints that folder when it can be connected to as user kep, database postgres. Each line
+# "stop" or "start" is done and then answered by itself. Without PostgreSQL it prints nothing.
 set -eu
 bin=$(ls -d /usr/lib/postgresql/*/bin 2>/dev/null | sort -V | tail -n 1)
 [ -x "$bin/initdb" ] || exit 0

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# prometheus_test.sh SOURCE KEP-FLEET KEP-BOARDS: Debian's prometheus scrapes a fleet as the example configuration tells it to, and
-# answers questions. Skipped, and says so, where it is not installed.
+# prometheus_test.sh SOURCE KEP-FLEET KEP-BOARDS: Debian's prometheus scrapes a fleet as the example configuration tells
+# it to, and answers questions. Skipped, and says so, where it is not installed.
 set -euo pipefail
 source=$1 fleet=$2 boards=$3
 for program in prometheus promtool; do

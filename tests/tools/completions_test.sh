@@ -35,7 +35,9 @@ cd "$source/examples/board"
 choices=$'csv\njson\ntext'
 check "$(in_bash kep-collect host --format '')" "$choices" "choices in bash"
 check "$(in_bash kep-collect host --format j)" json "a choice in bash"
+check "$(in_bash kep-collect host --format=j)" json "a choice behind = in bash"
 check "$(in_bash kep-faultlog --names board.t)" board.toml "a file in bash"
+check "$(in_bash kep-faultlog -./b board.t 2>&1)" board.toml "a file behind what is no option in bash"
 check "$(in_bash kep-faultlog board.t)" board.toml "a positional file in bash"
 check "$(in_bash kep-collect --port '')" "" "a number in bash"
 check "$(in_zsh kep-faultlog '' | grep -e '^--format' -e '^--names' -e '^[*]')" \

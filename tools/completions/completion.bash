@@ -1,8 +1,8 @@
 # Completes the arguments of kep's commands, from what --help of the command says. Installed under each one's name.
 
 _kep() {
-  local cur prev words cword
-  _init_completion || return
+  local cur prev words cword split # the last for the helper: --option=VALUE counts as two words
+  _init_completion -s || return
   local help subcommands value
   help=$("$1" --help 2>/dev/null)
   subcommands=$(sed -n '/^Subcommands:/,/^$/s/^  \([a-z]\+\) .*/\1/p' <<<"$help")
@@ -13,9 +13,7 @@ _kep() {
 
   # What follows an option's name behind one blank is its value: FILE, DIR, choices, or what only the user knows. What
   # follows behind more tells of an option without a value.
-  case $prev in
-    -*) value=$(sed -nE "s/^  (-[a-z],)?$prev ([^ ]+).*/\2/p" <<<"$help") ;;
-  esac
+  [[ ! $prev =~ ^--?[a-z-]+$ ]] || value=$(sed -nE "s/^  (-[a-z],)?$prev ([^ ]+).*/\2/p" <<<"$help")
   # Behind no option: what stands first of the positional arguments.
   if [[ -z $value && $cur != -* ]]; then
     COMPREPLY=($(compgen -W "$subcommands" -- "$cur"))

@@ -361,11 +361,22 @@ bool Fleet::waitForJudge(milliseconds patience) {
   return over->get_future().wait_for(patience) == std::future_status::ready;
 }
 
-// At the end: they are stored as they came, with no judgement but that of their streams.
+// At the end: they are stored as they came, with no judgement but that of their streams. A self-test that nobody has
+// judged has not passed: it counts as broken off.
 void Fleet::putUnjudged() {
-  for (const auto &[ticket, run] : judging_) {
-    const auto place = places_.find(run->board);
-    if (place != places_.end() && place->second.ticket == ticket) keeper_->put(*run, {});
+  for (const auto &[ticket, waiting] : judging_) {
+    const auto place = places_.find(waiting->board);
+    if (place == places_.end() || place->second.ticket != ticket) continue;
+    Boards::Taken taken{*waiting, {}};
+    Run &run = taken.run;
+    if (run.type == kSelfTest && run.outcome == Outcome::kWhole) {
+      run.outcome = Outcome::kBrokenOff;
+      run.reason = "the server ended before it was judged";
+    }
+    // What fails is told now: the next start takes it for known.
+    if (!isWhole(run)) taken = boards_.take({run, std::make_shared<const Run>(run), false, "", "", {}});
+    for (const Event &event : taken.events) announce(event);
+    keeper_->put(std::move(run), std::move(taken.events));
   }
 }
 

@@ -173,9 +173,10 @@ Places::Taken Places::take(const std::atomic<bool> &isEnding) {
     for (Place *const place : taken_) place->isLost = place->isLost || place->readSince.load() <= now - kFairTime;
     isFree_.wait_for(lock, std::chrono::milliseconds(kSlice));
   }
-  Taken place(new Place, [this](Place *one) { giveBack(one); });
+  auto place = std::make_unique<Place>();
   taken_.push_back(place.get());
-  return place;
+  lock.unlock();  // whatever fails from here on gives it back, which locks
+  return Taken(place.release(), [this](Place *one) { giveBack(one); });
 }
 
 void Places::giveBack(Place *place) {
