@@ -227,6 +227,7 @@ void Fleet::letGo(const std::string &board) {
 // A lease whose number has grown was lost in between.
 void Fleet::takeLeases(const std::vector<Lease> &leases, milliseconds until) {
   if (isEnding_) return;
+  until -= kLeaseCheck;              // runs under way are looked at as seldom, and are to be over when another may ask
   checkLeases();                     // also of those that the next renewal gives back
   if (bootClock() >= until) return;  // it took longer to hear of them than they last
   leasesUntil_ = until;
