@@ -106,9 +106,9 @@ class Fleet : public Control {
   Moment spread_{0};  // over which boards are asked for the first time
   std::set<asio::ip::udp::endpoint> probed_;
   uint64_t tickets_ = 0;
-  std::map<uint64_t, RunPointer> judging_;  // runs that are being judged, or wait for that, by their tickets
-  size_t judgingBytes_ = 0;                 // of them
-  std::chrono::milliseconds leasesUntil_{0};
+  std::map<uint64_t, RunPointer> judging_;    // runs that are being judged, or wait for that, by their tickets
+  size_t judgingBytes_ = 0;                   // of them
+  std::chrono::milliseconds leasesUntil_{0};  // by the boot clock, kLeaseCheck before they end
   bool isDiscarding_ = false;  // what ends now was broken off by ourselves, and says nothing of its board
 
   NamesBook names_;
