@@ -49,6 +49,15 @@ def mutated(run, dice):
     return bytes(run)
 
 
+async def untilOver(back, seconds):
+    """A pause that fails as soon as the server breaks the run off: a board that noticed it only with its next message
+    would take for under way what is over, and another server may ask by then."""
+    try:
+        await asyncio.wait_for(back.readexactly(1), seconds)
+    except asyncio.TimeoutError:
+        pass
+
+
 class Player(asyncio.DatagramProtocol):
     """One board. Notes: its name, the server's port, when it was asked, when that ended, and whether it came whole."""
     def __init__(self, name, log, isSlow, isHostile):
@@ -71,9 +80,10 @@ class Player(asyncio.DatagramProtocol):
                 for part in run:
                     out.write(part)
                     await asyncio.wait_for(back.readexactly(1), 2)
-                    await asyncio.sleep(0.5 * self.isSlow)
+                    if self.isSlow:
+                        await untilOver(back, 0.5)
                 isWhole = 1
-        except (OSError, asyncio.TimeoutError, asyncio.IncompleteReadError):
+        except (OSError, EOFError, asyncio.TimeoutError):
             pass
         self.log.write("%s %d %.4f %.4f %d\n" % (self.name, request[3], asked, time.time(), isWhole))
         if out:
