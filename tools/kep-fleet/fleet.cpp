@@ -22,7 +22,8 @@ using std::chrono::milliseconds;
 
 constexpr int kBurst = 64;  // requests in one go: after a standstill boards are not asked all at once
 constexpr Moment kBreath{10};
-constexpr milliseconds kLeaseCheck{250};
+constexpr milliseconds kLeaseCheck{250};   // the timer's clock stands still while the machine sleeps
+constexpr milliseconds kLeaseMargin{250};  // to break off what is under way, before another instance may ask
 constexpr milliseconds kToJudge{400}, kToStore{1000}, kToRelease{300}, kToAlarm{200};  // of two seconds to end
 constexpr size_t kLarge = size_t{64} << 10;  // a run of which the network's thread does not decode
 constexpr size_t kMostToJudge = size_t{128} << 20;
@@ -227,7 +228,7 @@ void Fleet::letGo(const std::string &board) {
 // A lease whose number has grown was lost in between.
 void Fleet::takeLeases(const std::vector<Lease> &leases, milliseconds until) {
   if (isEnding_) return;
-  until -= kLeaseCheck;              // runs under way are looked at as seldom, and are to be over when another may ask
+  until -= kLeaseMargin;
   checkLeases();                     // also of those that the next renewal gives back
   if (bootClock() >= until) return;  // it took longer to hear of them than they last
   leasesUntil_ = until;
@@ -252,7 +253,8 @@ void Fleet::checkLeases() {
 
 void Fleet::watchLeases() {
   checkLeases();
-  leaseTimer_.expires_after(kLeaseCheck);
+  const milliseconds left = leasesUntil_ - bootClock();
+  leaseTimer_.expires_after(left > milliseconds(0) ? std::min(left, kLeaseCheck) : kLeaseCheck);
   leaseTimer_.async_wait([this](const asio::error_code &error) {
     if (!error) watchLeases();
   });

@@ -108,7 +108,7 @@ class Fleet : public Control {
   uint64_t tickets_ = 0;
   std::map<uint64_t, RunPointer> judging_;    // runs that are being judged, or wait for that, by their tickets
   size_t judgingBytes_ = 0;                   // of them
-  std::chrono::milliseconds leasesUntil_{0};  // by the boot clock, kLeaseCheck before they end
+  std::chrono::milliseconds leasesUntil_{0};  // by the boot clock, kLeaseMargin before they end
   bool isDiscarding_ = false;  // what ends now was broken off by ourselves, and says nothing of its board
 
   NamesBook names_;
