@@ -293,7 +293,7 @@ int openUninterrupted(const char *path, int flags) {
   do {
     fd = open(path, flags | O_CLOEXEC, 0666);
   } while (fd < 0 && errno == EINTR);
-  return fd;
+  return kep::aboveStandard(fd);
 }
 
 // A FIFO without a reader cannot be opened; an open that waits might do so for ever. Another process's lease on a file

@@ -2,7 +2,6 @@
 #include "ZuSock.hpp"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -73,14 +72,6 @@ int Deadline::leftMs() const {
   if (!isSet_) return kNoLimit;
   const int64_t left = end_ - nowMs();
   return left > 0 ? static_cast<int>(left) : 0;
-}
-
-int aboveStandard(int fd) {
-  constexpr int kFirstOther = 3;
-  if (fd < 0 || fd >= kFirstOther) return fd;
-  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstOther);
-  close(fd);
-  return moved;
 }
 
 int ZuSock_UDP_Create(const char *addressText, int port) {

@@ -1,4 +1,4 @@
-// ZuSock.hpp: waiting for a socket, for a while or for ever; and the descriptors that a socket keeps off.
+// ZuSock.hpp: waiting for a socket, for a while or for ever.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,3 @@ class Deadline {
   bool isSet_;
   int64_t end_;
 };
-
-// Moves a descriptor above 2, should it be lower, or gives -1. The host may run with descriptors 0 to 2 closed, and
-// what it prints would go out by a socket in their place.
-int aboveStandard(int fd);

@@ -1,4 +1,4 @@
-// ZuWrite.hpp: writes that signals do not cut short.
+// ZuWrite.hpp: writes that signals do not cut short, and the descriptors that are left to what the host prints.
 //
 // A signal whose handler does not restart calls ends a write early, and a stream of the C library then throws away what
 // it holds. So the bytes go to the descriptor, those for standard output behind what the host has in the stream.
@@ -18,6 +18,16 @@
 #include <ctime>
 
 namespace kep {
+
+// Moves a descriptor above 2, should it be lower, or gives -1. The host may run with descriptors 0 to 2 closed, and
+// what it prints would go out by a socket or into a file in their place.
+inline int aboveStandard(int fd) {
+  constexpr int kFirstOther = 3;
+  if (fd < 0 || fd >= kFirstOther) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstOther);
+  close(fd);
+  return moved;
+}
 
 // Writes all of it, however many signals come; false when a write fails.
 inline bool writeWhole(int fd, const void *data, size_t size) {

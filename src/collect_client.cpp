@@ -22,6 +22,7 @@
 #include "ZuBuffer.hpp"
 #include "ZuPrint.hpp"
 #include "ZuSock.hpp"
+#include "ZuWrite.hpp"
 #include "collect_stop.hpp"
 #include "kep/ZuMem.h"
 #include "kep/platform.h"
@@ -146,7 +147,7 @@ void closeConnection() {
 
 bool openConnection(const char *addrText, int32_t port) {
   closeConnection();  // an earlier run that failed leaves its own behind
-  const int fd = aboveStandard(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const int fd = kep::aboveStandard(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (fd < 0) return false;
   const in_addr_t host = inet_addr(addrText);
   if (host == INADDR_NONE || !leaveFromOwnAddress(fd) || !connectTo(fd, addressOf(host, port)) || meetsItself(fd)) {

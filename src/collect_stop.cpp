@@ -11,6 +11,7 @@
 
 #include <cerrno>
 
+#include "ZuWrite.hpp"
 #include "kep/Collect.h"
 #include "kep/platform.h"
 
@@ -39,7 +40,7 @@ void closeWake() {
 
 bool beginService() {
   if (__atomic_fetch_or(&l_state, kServing, __ATOMIC_SEQ_CST) & kServing) return false;
-  const int wake = aboveStandard(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const int wake = kep::aboveStandard(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   __atomic_store_n(&l_process, getpid(), __ATOMIC_RELAXED);
   __atomic_store_n(&l_wake, wake, __ATOMIC_SEQ_CST);  // a stop that does not find it yet has set the flag for the loop
   if (wake < 0) __atomic_fetch_and(&l_state, ~kServing, __ATOMIC_SEQ_CST);

@@ -1,6 +1,7 @@
 // Every system call fails in turn: what is stated happens, and the next time everything works.
 #include "faults/system_calls.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -411,6 +412,18 @@ TEST(FaultFile, HasWhatCouldBeWrittenOrWhenSafeAlwaysAll) {
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_EQ(contentOf("nowhere"), "none");
   std::remove(kFile.c_str());
+}
+
+// A host may run with its standard descriptors closed, and what its threads print must not get into the file.
+TEST(FaultFile, KeepsOffTheStandardDescriptors) {
+  fault(), ZuFault_SetFile(kFile.c_str(), 0);
+  const int savedStdin = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  Plan::action = [] { EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1); };
+  Plan writing("write", Plan::kAct);
+  collect(0);
+  EXPECT_TRUE(writing.wasMet());
+  dup2(savedStdin, STDIN_FILENO), close(savedStdin), std::remove(kFile.c_str());
 }
 
 uint32_t recorded;
