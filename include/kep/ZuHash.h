@@ -35,8 +35,9 @@ KEP_API ZuHash *ZuHash_New(int32_t keySize, int32_t valueSize, uint32_t bucketCo
  * key, a NULL value of more than 0 bytes, and in a table of 0 buckets. */
 KEP_API int32_t ZuHash_Set(ZuHash *table, const void *key, const void *value);
 
-/* Points `*out` at the value in the table, where it stays until deleted or released, and returns 1. Returns 0 and a
- * NULL pointer when there is none; a NULL table leaves `*out` alone. */
+/* Points `*out` at the value in the table, where it stays until deleted or released, and returns 1. It lies keySize
+ * bytes behind an entry's start, which in a static table is 4-byte aligned: a value that wants more is copied out.
+ * Returns 0 and a NULL pointer when there is none; a NULL table leaves `*out` alone. */
 KEP_API int32_t ZuHash_Get(ZuHash *table, const void *key, void **out);
 
 /* Removes a key from a dynamic table; its storage is not given back. */
