@@ -186,7 +186,7 @@ ZuInfo *storeOf(const ZuLogger *log) {
 void writeLog(File *file, const ZuFault *fault, const ZuLogger *log, const char *tag) {
   const size_t nameLength = std::strlen(fault->name);
   const size_t headSize = std::strlen(tag) + 1 + nameLength + 1;
-  StoreWalk walk(storeOf(log), kRecordsALine);
+  StoreWalk walk(storeOf(log));
   for (StoreRecord record; walk.next(&record);) {
     const size_t valueLength = cutToFit(record.valueLength, headSize);
     writeLength(file, headSize + valueLength);
@@ -264,14 +264,24 @@ void takeValues(Run *run) {
   run->end = run->values ? numberOfNext(run->values) : 0;
 }
 
-// Other threads record meanwhile: what the walk then reaches may be the next run's.
+bool isEvicted(const ZuInfo *values, uint32_t number) {
+  const Locked locked;
+  return isBefore(number, numberOfOldest(values));
+}
+
+// Other threads record meanwhile, for which a full store gives up its oldest: the walk then goes on behind those.
 void writeValues(File *file, Run *run) {
-  StoreWalk walk(run->values);
-  StoreRecord record;
-  while (walk.next(&record) && !isBefore(run->end, walk.reached())) writeValue(file, record);
-  if (!walk.lacksMemory() || !isBefore(walk.reached(), run->end)) return;
-  noteFailure(file, ENOMEM);
-  run->end = walk.reached();
+  uint32_t next;
+  do {
+    StoreWalk walk(run->values);
+    StoreRecord record;
+    while (isBefore(walk.reached(), run->end) && walk.next(&record)) writeValue(file, record);
+    next = walk.reached();
+    if (walk.lacksMemory()) {
+      noteFailure(file, ENOMEM);
+      run->end = next;
+    }
+  } while (isBefore(next, run->end) && isEvicted(run->values, next));
 }
 
 void writeAll(File *file, Run *run) {

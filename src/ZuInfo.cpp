@@ -381,8 +381,7 @@ bool isSwitchable(int32_t id) { return static_cast<uint32_t>(id) < kSwitchCount;
 
 // ---- for those who wait between records
 
-StoreWalk::StoreWalk(ZuInfo *info, uint32_t group)
-    : info_(info), group_(group), cursor_(-1), next_(0), end_(0), copy_(nullptr), copySize_(0) {
+StoreWalk::StoreWalk(ZuInfo *info) : info_(info), cursor_(-1), next_(0), end_(0), copy_(nullptr), copySize_(0) {
   const Locked locked;
   if (!info) return;
   next_ = numberOfOldest(info);
@@ -394,29 +393,20 @@ StoreWalk::~StoreWalk() { giveLocal(copy_); }
 bool StoreWalk::next(StoreRecord *out) {
   const Locked locked;
   if (!info_ || !info_->block) return false;
+  int32_t place = cursor_;
   if (hasLock()) {
-    passEvicted();
-    if (!isBefore(next_, end_)) return false;
+    const uint32_t oldest = numberOfOldest(info_);
+    if (!isBefore(next_, end_) || isBefore(next_, oldest)) return false;
+    if (next_ == oldest) place = -1;  // the one before it, where the cursor stands, may be gone
   }
   Record record;
-  if (!readNext(info_, blockOf(info_), cursor_, &record)) return false;
+  if (!readNext(info_, blockOf(info_), place, &record)) return false;
   *out = {record.key, record.value(), static_cast<uint8_t>(record.keyLength),
           static_cast<uint16_t>(record.valueLength)};
   if (hasLock() && !makeCopy(out)) return false;
   cursor_ = static_cast<int32_t>(record.end);
   ++next_;
   return true;
-}
-
-void StoreWalk::passEvicted() {
-  const uint32_t oldest = numberOfOldest(info_);
-  if (isBefore(oldest, next_)) return;
-  cursor_ = -1;  // the record before the oldest, where it may stand, is gone
-  if (next_ == oldest) return;
-  next_ = oldest;
-  for (Record record; next_ % group_ != 0 && readNext(info_, blockOf(info_), cursor_, &record); ++next_) {
-    cursor_ = static_cast<int32_t>(record.end);
-  }
 }
 
 bool StoreWalk::makeCopy(StoreRecord *record) {

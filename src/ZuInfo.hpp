@@ -10,19 +10,17 @@ struct StoreRecord {
   uint16_t valueLength;
 };
 
-// Hands out, oldest first, the records that are present when it begins, but for those that are evicted before their
-// turn. It takes the lock for one record at a time and then hands out a copy, which holds until the next; without a
-// lock it points into the store, as ZuInfo_Get does.
+// Hands out, oldest first, the records that are present when it begins. It takes the lock for one record at a time and
+// then hands out a copy, which holds until the next; without a lock it points into the store, as ZuInfo_Get does.
 class StoreWalk {
  public:
-  // NULL is an empty store. The store must outlive the walk. Where `group` records make a whole, as the two of a line
-  // do, what follows evicted ones begins with the first of a group.
-  explicit StoreWalk(ZuInfo *info, uint32_t group = 1);
+  // NULL is an empty store. The store must outlive the walk.
+  explicit StoreWalk(ZuInfo *info);
   ~StoreWalk();
   StoreWalk(const StoreWalk &) = delete;
   StoreWalk &operator=(const StoreWalk &) = delete;
 
-  // False at the end: also where there is no memory for a copy of the next record.
+  // False at the end: also where the next record has been evicted meanwhile, or there is no memory for its copy.
   bool next(StoreRecord *out);
 
   // The number of the record that would come next, and why it did not if that was for want of memory.
@@ -30,11 +28,9 @@ class StoreWalk {
   bool lacksMemory() const { return copySize_ > 0 && !copy_; }
 
  private:
-  void passEvicted();
   bool makeCopy(StoreRecord *record);
 
   ZuInfo *info_;
-  uint32_t group_;
   int32_t cursor_;
   uint32_t next_;  // the number of the next record, counted since the store was made
   uint32_t end_;   // and of the first one that was not there yet

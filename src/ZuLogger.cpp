@@ -218,7 +218,7 @@ void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer) {
   if (!isPrinted && !holdsBytes(buffer)) return;
   StoreRecord record;
   uint16_t shown = 0;
-  for (StoreWalk walk(storeOfLogger(logger), kRecordsALine); walk.next(&record); ++shown) {
+  for (StoreWalk walk(storeOfLogger(logger)); walk.next(&record); ++shown) {
     if (isPrinted) {
       printRecord(record.value, record.valueLength);
     } else {

@@ -17,8 +17,6 @@ struct ZuLogger {
 };
 static_assert(sizeof(void *) != 4 || sizeof(ZuLogger) == 5548, "the board's record");
 
-constexpr uint32_t kRecordsALine = 2;  // its time and its text
-
 // As ZuLogger_Write, with its echo or without.
 int32_t writeLine(ZuLogger *logger, int32_t level, const char *text, bool mayEcho);
 

@@ -116,7 +116,7 @@ void sendBuffer(const CollectItem *item, int32_t key, const uint8_t *data, int32
 void sendLog(const CollectItem *item, int32_t key, const ZuLogger *log) {
   if (!item || !log) return;
   StoreRecord record;
-  for (StoreWalk walk(storeOfLogger(log), kRecordsALine); walk.next(&record);) {
+  for (StoreWalk walk(storeOfLogger(log)); walk.next(&record);) {
     if (record.valueLength > 0) {
       sendString(item, key, reinterpret_cast<const char *>(record.value), record.valueLength);
     } else {

@@ -101,9 +101,9 @@ KEP_API void Collect_PutString(CollectItem *item, int32_t key, const char *text,
 KEP_API void Collect_PutStruct(CollectItem *item, int32_t key, const void *data, int32_t length);
 
 /* Report every record of a fault's init or run log, or of any logger, oldest first, times and lines in turn, each as
- * one string, empty for an empty line. With a lock the records are those that are there at the call: of a full log
- * those are missing that are evicted before their turn, as ZuLogger.h says, and all from where there is no memory for a
- * copy. A NULL item, fault or logger, or a log without a line, sends nothing. */
+ * one string, empty for an empty line. With a lock the records are those that are there at the call; it ends early
+ * where the next one has been evicted meanwhile, or there is no memory for a copy. A NULL item, fault or logger, or a
+ * log without a line, sends nothing. */
 KEP_API void Collect_PutInitLog(CollectItem *item, int32_t key, const ZuFault *logs);
 KEP_API void Collect_PutRunLog(CollectItem *item, int32_t key, const ZuFault *logs);
 KEP_API void Collect_PutLog(CollectItem *item, int32_t key, ZuLogger *logger);

@@ -8,8 +8,8 @@
  * writer that uses ZuInfo_PackPre holds the host's lock until it has packed the value; one that uses
  * ZuInfo_Append2Message, the time and the packed data being its two values, needs not. ZuFuncLog_Show and
  * ZuFuncLog_ShowFunc print, without the lock unless the host holds it around them: the former shows the records that
- * were there when it began, each whole, but for those that are dropped before their turn, and ends early where memory
- * for a copy is short. The table is read without the lock. Without a lock a log belongs to one thread at a time, and
+ * were there when it began, each whole, and ends early where the next one has been dropped meanwhile or memory for a
+ * copy of it is short. The table is read without the lock. Without a lock a log belongs to one thread at a time, and
  * its writer must not write while one of these functions walks the store. */
 #ifndef KEP_ZUFUNCLOG_H
 #define KEP_ZUFUNCLOG_H

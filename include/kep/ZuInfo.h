@@ -12,8 +12,8 @@
  * Pointers from ZuInfo_Get and ZuInfo_GetPack hold until the next write to that store by anyone, and so does what a
  * cursor says: to walk a store that others write to, the host holds its lock. So it does from ZuInfo_PackPre until the
  * value is packed, and to read the fields. ZuInfo_ShowInfo prints, without the lock unless the host holds it around the
- * call: it shows the records that were there when it began, each whole, but for those that are dropped before their
- * turn, and ends early where memory for a copy is short. Without a lock a store belongs to one thread at a time.
+ * call: it shows the records that were there when it began, each whole, and ends early where the next one has been
+ * dropped meanwhile or memory for a copy of it is short. Without a lock a store belongs to one thread at a time.
  *
  * A library built with the store's trace (KEP_STORE_TRACE, OFF by default) prints every step of making room to standard
  * output, and when the block grows its state before and after. That aid prints with the lock held, which nothing else

@@ -10,10 +10,9 @@
  * ZuLogger_Write, ZuLogger_Append, ZuLogger_ShowToBuf, ZuLogger_ShowInfo and ZuLogger_Dump print or pause, which they
  * do without the lock: the two records of a line stay together, while the echoes of two threads may come in another
  * order than their records. A host that holds its lock around one of these holds it across the console and the pauses.
- * Those that show or copy hand out the records that were there when they began, each whole. Lines that a full store
- * drops before their turn are missing, and in front of such a gap a time may stand without its line; where memory for a
- * copy is short, they end early. The buffer that they fill is the caller's own. Without a lock a logger belongs to one
- * thread at a time. */
+ * Those that show or copy hand out the records that were there when they began, each whole, and end early where the
+ * next one has been dropped meanwhile or memory for a copy of it is short. The buffer that they fill is the caller's
+ * own. Without a lock a logger belongs to one thread at a time. */
 #ifndef KEP_ZULOGGER_H
 #define KEP_ZULOGGER_H
 

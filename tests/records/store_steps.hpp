@@ -56,10 +56,9 @@ class StoreSteps {
   static constexpr uint32_t kFirst = UINT32_MAX - 300;  // numbers of records wrap
 
   struct Walk {
-    Walk(ZuInfo *store, const StoreModel &model, uint32_t size)
-        : walk(store, size), group(size), next(model.oldest()), end(model.next()) {}
+    Walk(ZuInfo *store, const StoreModel &model) : walk(store), next(model.oldest()), end(model.next()) {}
     StoreWalk walk;
-    uint32_t group, next, end;
+    uint32_t next, end;
     StoreRecord found{};
     std::string bytes;  // of what was found, as they lie in the block
   };
@@ -144,8 +143,7 @@ class StoreSteps {
   // Returns whether the last record found is still there, whatever became of the store, and the next is the right one.
   bool stepWalk(std::list<Walk>::iterator at) {
     const bool holds = at->bytes.empty() || bytesOf(at->found) == at->bytes;
-    if (isBefore(at->next, model_.oldest())) at->next = model_.oldest() + model_.oldest() % at->group;
-    at->bytes = isBefore(at->next, at->end) ? model_.record(at->next++) : "";
+    at->bytes = at->next == at->end ? "" : model_.record(at->next++);
     if (at->walk.next(&at->found)) return holds && bytesOf(at->found) == at->bytes;
     const bool isEnd = at->bytes.empty() || memoryIsShort_;  // maybe for the copy
     walks_.erase(at);
@@ -153,7 +151,7 @@ class StoreSteps {
   }
 
   Results walk() {
-    if (walks_.empty() || (walks_.size() < 3 && oneIn(4))) walks_.emplace_back(store_, model_, 1 + below(2));
+    if (walks_.empty() || (walks_.size() < 3 && oneIn(4))) walks_.emplace_back(store_, model_);
     const auto at = std::next(walks_.begin(), oneOf(static_cast<int>(walks_.size())));
     const size_t open = walks_.size();
     bool agrees = true;

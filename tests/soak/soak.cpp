@@ -62,14 +62,11 @@ std::string lineOf(char stream, int thread, int number) {
   return std::string("<") + stream + std::to_string(thread) + ':' + std::to_string(number) + ':' + filler + '>';
 }
 
-// The lines of one walk, which lacks those evicted before their turn, of a copy, or of all there is from each thread's
-// first on: each whole, and each thread's in order, without a gap but for a walk.
+// The lines of one walk, or of all there is: each whole, and each thread's in order without a gap.
 struct Lines {
-  enum Kind { kWalk, kCopy, kAll };
-
-  Lines(std::string newWhere, char newStream, Kind newKind = kWalk)
-      : where(std::move(newWhere)), stream(newStream), kind(newKind) {
-    next.fill(kind == kAll ? 0 : -1);
+  // `isAll`: from each thread's first line on.
+  Lines(std::string newWhere, char newStream, bool isAll = false) : where(std::move(newWhere)), stream(newStream) {
+    next.fill(isAll ? 0 : -1);
   }
 
   void take(const std::string &line) {
@@ -77,17 +74,15 @@ struct Lines {
     std::sscanf(line.c_str(), "<%*c%d:%d:", &thread, &number);
     expect(thread >= 0 && thread < kThreads && line == lineOf(stream, thread, number), where + ": " + line);
     int &expected = next[static_cast<size_t>(thread)];
-    const bool isNext = number == expected || (kind == kWalk && number > expected);
-    expect(expected == -1 || isNext, where + ": " + line + " for number " + std::to_string(expected));
+    expect(expected == -1 || number == expected, where + ": " + line + " for number " + std::to_string(expected));
     expected = number + 1;
     ++lines;
   }
 
-  // A record of a log: times and lines in turn, but for a time in front of a gap.
+  // A record of a log: times and lines in turn.
   void takeRecord(const std::string &record) {
     const bool isTime = record.size() >= 14 && record[0] != '<' && record[record.size() - 3] == ':';
-    expect(records == 0 || isTime != wasTime || (isTime && kind == kWalk),
-           where + ": a line and its time are apart: " + record);
+    expect(records == 0 || isTime != wasTime, where + ": a line and its time are apart: " + record);
     wasTime = isTime;
     ++records;
     if (!isTime) take(record);
@@ -95,14 +90,13 @@ struct Lines {
 
   std::string where;
   char stream;
-  Kind kind;
   std::array<int, kThreads> next;
   int lines = 0, records = 0;
   bool wasTime = false;
 };
 
 Lines copyOf(ZuLogger *log, char stream, const std::string &where) {
-  Lines lines(where, stream, Lines::kCopy);
+  Lines lines(where, stream);
   ZuBuf *buffer = ZuBuf_New(1, 0, 4096);
   ZuLogger_CopyToBuf(log, buffer);
   std::istringstream copied(heldBy(buffer));
@@ -113,7 +107,7 @@ Lines copyOf(ZuLogger *log, char stream, const std::string &where) {
 
 // ---- what is printed, and what is in fault files
 
-Lines printed("printed", kEchoed, Lines::kAll), saved("fault files", kValue, Lines::kAll);
+Lines printed("printed", kEchoed, true), saved("fault files", kValue, true);
 int faultFiles;
 
 void checkPrinted() {
