@@ -188,6 +188,7 @@ std::unique_ptr<Fleet> openFleet(const Config &config) {
 ExitStatus serve(const Config &config) {
   const sigset_t signals = blockSignals();
   failIfSignalled();
+  std::signal(SIGCHLD, SIG_DFL);  // inherited as ignored, it would hide how commands for events end
   raiseDescriptorLimit();
   shareMemory();
   setUpLog(config.log);
@@ -368,6 +369,7 @@ ExitStatus runCommand(int argc, char **argv) {
   } catch (const ConfigError &error) {
     throw Failure{kDamaged, error.what()};
   } catch (const StoreError &error) {
+    failIfSignalled();  // it may have been left for that
     throw Failure{kDamaged, error.what()};
   }
 }
