@@ -62,8 +62,8 @@ constexpr const char *kExitStatuses =
     "  1  the configuration or a names file is refused, an address cannot be listened\n"
     "     at, the store cannot be used, or something could not be stored at the end\n"
     "  2  wrong usage\n"
-    "  4  broken off: by SIGINT or SIGTERM while printing, or because the output could\n"
-    "     not be written\n";
+    "  4  broken off: by SIGINT or SIGTERM while printing or copying, or because the\n"
+    "     output could not be written\n";
 
 struct Options {
   std::vector<std::string> hosts;
