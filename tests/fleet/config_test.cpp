@@ -153,6 +153,7 @@ TEST_F(ConfigTest, RefusesWhatItDoesNotUnderstand) {
        "4: address: expected a port from 0 to 65535 behind the colon; expected an IPv4 address and a port, such as "
        "\"127.0.0.1:9180\""},
       {"[http]\nprefix = 'kep/'", "4: prefix: expected as \"/kep\", with a slash in front and none behind"},
+      {"[http]\nprefix = '/a b'", "4: prefix: \"/a b\"; expected letters, digits and -._~ between slashes"},
       {"[http]\nhosts = 'a'", "4: hosts: expected a list of names, not a text"},
       {"[http]\ntoken_file = 'none'", "4: token_file: cannot open none: No such file or directory"},
       {"[http]\ntoken_file = 'blank'",

@@ -336,6 +336,8 @@ TEST_F(HttpTest, PlotsWithGaps) {
   EXPECT_EQ(gauge["numbers"], Json::parse("[10.0,20.0,40.0,5.0,6.0,null,8.0,9.0,null,9.5,10.5]"));
   EXPECT_EQ(gauge["unit"], "°C");
   EXPECT_TRUE(get(path + "99")["numbers"][0].is_null());
+  store_->write({boards_.take(boards_.judge(runOf(now(), collection(5, 5), 1))).run}, {});
+  EXPECT_TRUE(get(path + "1&type=1")["numbers"][0].is_null()) << "one count tells no growth";
 }
 
 // Those that trickle, say nothing or do not read hold up nobody, are bounded in number and time, and not the end

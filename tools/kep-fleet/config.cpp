@@ -29,6 +29,8 @@ constexpr int64_t kMostBytes = int64_t{1} << 40;
 constexpr milliseconds kDefaultPeriod{15'000};
 constexpr milliseconds kDefaultKeep{7 * 86'400'000LL};
 constexpr milliseconds kLongest{3653LL * 86'400'000LL};
+// That stand for themselves in a path: a browser would write others in another way.
+constexpr std::string_view kPathLetters = "/ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
 constexpr int kEvents = -1;  // in Config::keep
 constexpr int kTypeCount = 4;
 
@@ -244,6 +246,9 @@ void readHttp(TomlTable &root, HttpConfig &http) {
   http.prefix = table->text("prefix").value_or("");
   const bool isPath = http.prefix.empty() || (http.prefix[0] == '/' && http.prefix.back() != '/');
   if (!isPath) table->fail("prefix", "expected as \"/kep\", with a slash in front and none behind");
+  if (http.prefix.find_first_not_of(kPathLetters) != std::string::npos) {
+    table->fail("prefix", inQuotes(http.prefix) + "; expected letters, digits and -._~ between slashes");
+  }
   if (const toml::node *const node = table->take("hosts")) {
     if (!node->is_array()) table->fail("hosts", "expected a list of names, not " + std::string(typeOf(*node)));
     for (const toml::node &entry : *node->as_array()) {
@@ -357,14 +362,19 @@ Config readConfig(const std::string &path) {
   return config;
 }
 
+BoardConfig boardAt(const std::string &place) {
+  BoardConfig board;
+  board.name = place;
+  std::string wrong = splitPlace(place, board.host, board.port, 1);
+  if (wrong.empty()) wrong = kepcommand::checkHost(board.host);
+  if (!wrong.empty()) throw ConfigError{"", 0, std::string(place).append(": ").append(wrong)};
+  return board;
+}
+
 Config defaultConfig(const std::vector<std::string> &hosts) {
   Config config;
   for (const std::string &place : hosts) {
-    BoardConfig board;
-    board.name = place;
-    std::string wrong = splitPlace(place, board.host, board.port, 1);
-    if (wrong.empty()) wrong = kepcommand::checkHost(board.host);
-    if (!wrong.empty()) throw ConfigError{"", 0, std::string(place).append(": ").append(wrong)};
+    BoardConfig board = boardAt(place);
     const bool isKnown = std::any_of(config.boards.begin(), config.boards.end(), [&board](const BoardConfig &other) {
       return other.host == board.host && other.port == board.port;
     });

@@ -94,6 +94,9 @@ struct ConfigError : std::runtime_error {
 // Reads a file; relative paths in it are relative to it. Throws ConfigError.
 Config readConfig(const std::string &path);
 
+// The board at HOST or HOST:PORT, which is its name, too. Throws ConfigError.
+BoardConfig boardAt(const std::string &place);
+
 // The configuration of a command line that only names boards, HOST or HOST:PORT each. Throws ConfigError.
 Config defaultConfig(const std::vector<std::string> &hosts);
 

@@ -12,6 +12,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include "common/process.hpp"
 #include "kep-fleet/database.hpp"
 #include "kep-fleet/store.hpp"
 
@@ -20,6 +21,7 @@ namespace kepfleet {
 namespace {
 
 constexpr int kBusyMilliseconds = 2'000;
+constexpr int kInstructions = 100'000;   // of SQLite's, between two looks for a signal
 constexpr int64_t kPagesAtOnce = 1'000;  // given back in one step: 4 MB
 
 struct Close {
@@ -63,6 +65,9 @@ class Sqlite final : public Database {
     check(opened);
     check(sqlite3_extended_result_codes(database, 1));
     check(sqlite3_busy_timeout(database, kBusyMilliseconds));
+    // A command that reads, or copies, ends at a signal however large the store is; the server waits for its own.
+    const auto isSignalled = [](void *) { return kepcommand::signalled() ? 1 : 0; };
+    if (access == Access::kRead) sqlite3_progress_handler(database, kInstructions, isSignalled, nullptr);
     // A commit is in the file's log before it returns; the log is flushed to the disk when it is merged into the file,
     // which is as often as a burst of index pages pays for.
     if (access == Access::kWrite) {
@@ -194,7 +199,9 @@ class NewFile {
   }
   ~NewFile() {
     close(descriptor_);
-    if (!isDone_) unlink(path_.c_str());
+    if (isDone_) return;
+    unlink(path_.c_str());
+    unlink((path_ + "-journal").c_str());
   }
   NewFile(const NewFile &) = delete;
   NewFile &operator=(const NewFile &) = delete;
@@ -227,7 +234,11 @@ void backupStore(const std::string &where, const std::string &file) {
   NewFile copy(file);
   std::string quoted;
   for (const char c : file) quoted += c == '\'' ? "''" : std::string(1, c);
-  database->script("VACUUM INTO '" + quoted + "'");
+  try {
+    database->script("VACUUM INTO '" + quoted + "'");
+  } catch (const StoreError &error) {
+    throw StoreError("cannot copy to " + file + ": " + error.what());
+  }
   copy.finish();
 }
 

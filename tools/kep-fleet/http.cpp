@@ -34,6 +34,7 @@ constexpr size_t kMostScrapes = 4;  // likewise, of metrics
 constexpr std::chrono::milliseconds kSlice{100};
 constexpr std::chrono::seconds kPatience{5};  // with a board that is being asked
 constexpr size_t kMostRows = 500;             // of an answer
+constexpr size_t kFewRows = 1000;             // of the fleet, which take no place among large answers
 
 constexpr const char *kJson = "application/json";
 
@@ -82,10 +83,9 @@ int32_t integer(const Request &request, const char *name) {
   return number<int32_t>(request, name, INT32_MIN, INT32_MAX, 0);
 }
 
-// HOST or HOST:PORT.
-BoardConfig boardAt(const std::string &place) {
+BoardConfig strangerAt(const std::string &place) {
   try {
-    return defaultConfig({place}).boards.at(0);
+    return boardAt(place);
   } catch (const ConfigError &error) {
     throw Problem(400, error.what());
   }
@@ -365,6 +365,7 @@ void HttpServer::Implementation::route() {
 
 void HttpServer::Implementation::serveFile(const PageFile &file, const Request &request, Response &response) {
   const std::string tag = "W/\"" + std::string(file.tag) + "\"";
+  response.headers.erase("Cache-Control");  // in place of the route's own
   response.set_header("Cache-Control", "no-cache");
   response.set_header("ETag", tag);
   if (request.get_header_value("If-None-Match") == tag) {
@@ -405,7 +406,7 @@ void HttpServer::Implementation::takePlace(Places &places) {
 
 void HttpServer::Implementation::getFleet(const Request &request, Response &response) {
   const std::string version = request.get_param_value("version");
-  if (!rows.knows(version)) takePlace(large);  // for all rows
+  if (rows.newTo(version) > kFewRows) takePlace(large);
   const bool mayAct = !http.token.empty() || isLoopback(http.address);
   response.set_content(rows.since(version, control.health(), mayAct), kJson);
 }
@@ -545,7 +546,7 @@ void HttpServer::Implementation::getProbe(const Request &request, Response &resp
   std::optional<BoardState> state = boards.find(target);
   if (!state && !http.probeAny) throw Problem(404, "no such board");
   const bool isKnown = state.has_value();
-  if (!isKnown) state.emplace().config = boardAt(target);
+  if (!isKnown) state.emplace().config = strangerAt(target);
   const BoardConfig &config = state->config;
   Run run = await([&](Control::Done done) {
     return isKnown ? control.ask(target, type, std::move(done))

@@ -23,7 +23,8 @@ namespace kepfleet {
 namespace {
 
 constexpr int kBacklog = 128;
-constexpr int kSlice = 100;  // milliseconds: how late the end is noticed
+constexpr int kUnread = 256 << 10;  // bytes that the system takes: no worker waits for the reader of a small answer
+constexpr int kSlice = 100;         // milliseconds: how late the end is noticed
 constexpr std::chrono::milliseconds kToEnd{300};
 constexpr std::chrono::seconds kFairTime{5};  // with a place that others wait for
 constexpr std::chrono::seconds kPatience{10};
@@ -58,10 +59,11 @@ size_t bodySize(std::string_view head) {
 // Nothing here is served in parts; and the library reads what a Range header says with a regular expression, whose
 // recursion a long one could drive through the stack.
 void forgetRanges(std::string &bytes, size_t headSize) {
-  for (;;) {
-    const size_t value = valueOf(std::string_view(bytes).substr(0, headSize), "range");
+  for (size_t at = 0;;) {  // behind the one before: a head may be full of them
+    const size_t value = valueOf(std::string_view(bytes).substr(at, headSize - at), "range");
     if (value == std::string_view::npos) return;
-    bytes[value - 2] = 'd';
+    at += value;
+    bytes[at - 2] = 'd';
   }
 }
 
@@ -153,6 +155,7 @@ int listenAt(const addrinfo &address) {
   if (socket < 0) return -1;
   const int on = 1;
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kUnread, sizeof kUnread);  // also of those it accepts
   if (bind(socket, address.ai_addr, address.ai_addrlen) == 0 && listen(socket, kBacklog) == 0) return socket;
   const int error = errno;
   ::close(socket);

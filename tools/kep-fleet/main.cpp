@@ -62,8 +62,8 @@ constexpr const char *kExitStatuses =
     "  1  the configuration or a names file is refused, an address cannot be listened\n"
     "     at, the store cannot be used, or something could not be stored at the end\n"
     "  2  wrong usage\n"
-    "  4  broken off: by SIGINT or SIGTERM while printing, or because the output could\n"
-    "     not be written\n";
+    "  4  broken off: by SIGINT or SIGTERM while printing or copying, or because the\n"
+    "     output could not be written\n";
 
 struct Options {
   std::vector<std::string> hosts;
@@ -189,6 +189,7 @@ std::unique_ptr<Fleet> openFleet(const Config &config) {
 ExitStatus serve(const Config &config) {
   const sigset_t signals = blockSignals();
   failIfSignalled();
+  std::signal(SIGCHLD, SIG_DFL);  // inherited as ignored, it would hide how commands for events end
   raiseDescriptorLimit();
   shareMemory();
   setUpLog(config.log);
@@ -371,6 +372,7 @@ ExitStatus runCommand(int argc, char **argv) {
   } catch (const ConfigError &error) {
     throw Failure{kDamaged, error.what()};
   } catch (const StoreError &error) {
+    failIfSignalled();  // it may have been left for that
     throw Failure{kDamaged, error.what()};
   }
 }

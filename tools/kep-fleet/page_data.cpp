@@ -293,6 +293,7 @@ void RunLayout::putVerdicts() {
 }
 
 void RunLayout::putEnd() {
+  if (leftOut_ > 0) gone_.clear();  // what is not shown may be there
   Json gone = Json::array();
   for (const auto &[place, text] : gone_) {
     gone.push_back({{"item", printable(std::get<0>(place))},
@@ -400,6 +401,7 @@ std::optional<double> PlotReader::find(const Run &run) {
 void PlotReader::take(const Run &run) { points_.push_back({static_cast<double>(run.started) / 1000, find(run)}); }
 
 void PlotReader::close() {
+  if (points_.size() == 1 && isRate()) points_[0].number.reset();
   if (points_.size() < 2) return;
   std::vector<double> distances;
   for (size_t i = 1; i < points_.size(); ++i) distances.push_back(points_[i].time - points_[i - 1].time);
@@ -484,17 +486,23 @@ void FleetRows::refresh() {
   }
 }
 
-bool FleetRows::knows(const std::string &version) {
+uint64_t FleetRows::knownIn(const std::string &version) const {
+  if (version.rfind(epoch(), 0) != 0) return 0;
+  return std::strtoull(version.c_str() + epoch().size(), nullptr, 10);
+}
+
+size_t FleetRows::newTo(const std::string &version) {
   const std::lock_guard lock(mutex_);
   refresh();
-  return version.rfind(epoch(), 0) == 0;
+  const uint64_t known = knownIn(version);
+  const auto isNew = [known](const Row &row) { return row.version > known; };
+  return static_cast<size_t>(std::count_if(rows_.begin(), rows_.end(), isNew));
 }
 
 std::string FleetRows::since(const std::string &version, const Health &health, bool mayAct) {
   const std::lock_guard lock(mutex_);
   refresh();
-  const bool isKnown = version.rfind(epoch(), 0) == 0;
-  const uint64_t known = isKnown ? std::strtoull(version.c_str() + epoch().size(), nullptr, 10) : 0;
+  const uint64_t known = knownIn(version);
   std::map<std::string, size_t> counts;
   std::string rows;
   for (const Row &row : rows_) {
@@ -502,7 +510,7 @@ std::string FleetRows::since(const std::string &version, const Health &health, b
     if (row.version > known) rows += (rows.empty() ? "" : ",\n") + row.json;
   }
   Json head = {{"version", epoch() + std::to_string(version_)},
-               {"all", !isKnown},
+               {"all", known == 0},
                {"now", nowMilliseconds()},
                {"counts", counts},
                {"mayAct", mayAct},

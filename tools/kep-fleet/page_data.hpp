@@ -26,7 +26,7 @@ class FleetRows {
   // only brings rows that are different.
   std::string since(const std::string &version, const Health &health, bool mayAct);
 
-  bool knows(const std::string &version);  // whether an answer to it will not be all rows
+  size_t newTo(const std::string &version);  // rows that an answer to it will have
 
  private:
   struct Row {
@@ -35,6 +35,7 @@ class FleetRows {
   };
 
   void refresh();
+  uint64_t knownIn(const std::string &version) const;                 // the newest row that the client has; 0: none
   std::string epoch() const { return std::to_string(epoch_) + "-"; }  // with which a version begins
 
   const Boards &boards_;

@@ -3,7 +3,7 @@
 // Everything that a board says arrives as text and becomes text nodes; nothing is ever parsed as markup.
 'use strict';
 
-const kPollMilliseconds = 2000;
+const kPollMilliseconds = 2000, kPatienceMilliseconds = 30000;
 const kRowsAtOnce = 200;
 const kMostLabels = 6, kMostLabelValues = 100;  // that make a filter
 const kTypeNames = ['Collection', 'Collection, type 1', 'Collection, type 2', 'Self-test'];
@@ -94,7 +94,8 @@ function bytesText(bytes) {
 
 // ---- the server
 
-async function ask(path, options) {
+// A server that is gone without a word is noticed, too; how long a run of a board takes is its own limits' business.
+async function ask(path, options = { signal: AbortSignal.timeout(kPatienceMilliseconds) }) {
   const answer = await fetch(path, options);
   if (answer.status === 401) location.assign('login');
   const json = await answer.json();
@@ -234,7 +235,7 @@ function wasText(value) {
   if (value.isNew) return 'new';
   if (value.was === undefined) return '';
   const difference = value.isNumber ? numberOf(value.text) - numberOf(value.was) : NaN;
-  if (!Number.isFinite(difference)) return `was ${value.was}`;
+  if (!Number.isFinite(difference) || difference === 0) return `was ${value.was}`;  // 0: beyond 2^53
   const [whole, part] = String(Number(Math.abs(difference).toPrecision(9))).split('.');
   return (difference > 0 ? '+' : '−') + whole.replace(/\B(?=(\d{3})+$)/g, ' ') + (part ? `.${part}` : '');
 }
@@ -284,7 +285,7 @@ function runPart(run) {
 function drawHead(data) {
   const button = (id, text, kind) => el('button', { 'data-act': id, class: kind, disabled: board.busy || !fleet.mayAct }, text);
   const last = data.last.map((run) => el('span', { class: 'quiet' },
-    `${kTypeNames[run.type].toLowerCase()}: ${run.outcome} ${agoText(run.started)} ago, in ${durationText(run.duration)}`));
+    `${kTypeNames[run.type].toLowerCase()}: ${run.outcome} `, ago(run.started), ` ago, in ${durationText(run.duration)}`));
   show('head',
     el('div', { class: 'bar' }, el('h1', {}, data.name), button('collect', 'Collect now', ''), button('selftest', 'Self-test', 'main')),
     el('p', { class: `state ${data.state}` }, data.problem ?? (data.state === 'well' ? 'well' : 'not asked yet'),
@@ -314,15 +315,15 @@ function runRow(run) {
 }
 
 async function drawHistory() {
-  const name = board.name;
+  const { name, runsShown } = board;
   const [events, runs] = await Promise.all([ask(query('api/events', { name, limit: 20 })),
-    ask(query('api/runs', { name, limit: board.runsShown }))]);
-  if (board?.name !== name) return;
+    ask(query('api/runs', { name, limit: runsShown }))]);
+  if (board?.name !== name || board.runsShown !== runsShown) return;
   show('events', events.events.length === 0 ? '' : el('div', { class: 'card' }, el('h2', {}, 'Events'),
     el('table', {}, el('tbody', {}, events.events.map((event) => eventRow(event, false))))));
   show('runs', el('div', { class: 'card' }, el('h2', {}, 'Runs'),
     el('table', {}, el('tbody', {}, runs.runs.map(runRow))),
-    runs.runs.length === board.runsShown && board.runsShown < 500 ? el('p', {}, el('button', { 'data-older': true }, 'More')) : ''));
+    runs.runs.length === runsShown && runsShown < 500 ? el('p', {}, el('button', { 'data-older': true }, 'More')) : ''));
 }
 
 // ---- acting
@@ -411,8 +412,9 @@ async function drawPlot() {
   for (const button of $('modes').children) button.setAttribute('aria-pressed', String((button.dataset.mode === 'raw') === mine.raw));
   const parameters = { name: board.name, span: mine.span, ...mine.place };
   if (mine.raw) parameters.raw = 1;
+  mine.wanted = parameters;
   const answer = await ask(query('api/plot', parameters));
-  if (plot !== mine) return;
+  if (plot !== mine || mine.wanted !== parameters) return;  // the reader has chosen another since
   $('modes').hidden = answer.kind !== 'counter';
   const unit = answer.rate ? `${answer.unit}/s` : answer.unit;
   mine.drawn?.destroy();
@@ -446,13 +448,18 @@ async function followFleet() {
   }
 }
 
+// A run reaches the store up to a second later than the values that it brings: its history is looked at once more.
 async function followBoard() {
   const mine = board;
   const answer = await ask(query('api/board', { name: mine.name, version: mine.data?.version ?? '' }));
-  if (board !== mine || !answer.version) return;
-  mine.data = answer;
-  drawBoard();
-  await Promise.all([drawHistory(), followPlot()]);
+  if (board !== mine) return;
+  const isNew = Boolean(answer.version), isDue = isNew || mine.wasNew;
+  mine.wasNew = isNew;
+  if (isNew) {
+    mine.data = answer;
+    drawBoard();
+  }
+  if (isDue) await Promise.all([drawHistory(), followPlot()]);
 }
 
 // Of what the reader asked for.
