@@ -36,7 +36,7 @@ KEP_API ZuHash *ZuHash_New(int32_t keySize, int32_t valueSize, uint32_t bucketCo
 KEP_API int32_t ZuHash_Set(ZuHash *table, const void *key, const void *value);
 
 /* Points `*out` at the value in the table, where it stays until deleted or released, and returns 1. It lies keySize
- * bytes behind an entry's start, which in a static table is 4-byte aligned: a value that wants more is copied out.
+ * bytes after an entry's start, which in a static table is 4-byte aligned: a value that wants more is copied out.
  * Returns 0 and a NULL pointer when there is none; a NULL table leaves `*out` alone. */
 KEP_API int32_t ZuHash_Get(ZuHash *table, const void *key, void **out);
 
