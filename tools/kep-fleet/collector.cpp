@@ -37,7 +37,6 @@ constexpr std::chrono::seconds kStrangersTime{5};
 constexpr std::chrono::milliseconds kAcceptPause{100};    // when there are no descriptors left
 constexpr size_t kMostBytesUnderWay = size_t{256} << 20;  // of all runs; beyond it the large ones are broken off
 constexpr size_t kLarge = size_t{1} << 20;
-constexpr int kRequestBytes = 4 << 20;  // that wait to be sent, of which the system counts some hundred each
 
 std::array<uint32_t, 4> requestOf(int type, int32_t number, uint16_t port) {
   std::array<uint32_t, 4> fields{};
@@ -107,7 +106,6 @@ Collector::Collector(asio::io_context &context, const std::string &address, uint
     requests_.open(udp::v4());
     requests_.bind({local, 0});
     requests_.non_blocking(true);
-    requests_.set_option(asio::socket_base::send_buffer_size(kRequestBytes));  // or as much as the system gives
     port_ = acceptor_.local_endpoint().port();
   } catch (const std::system_error &error) {
     throw ConfigError{"", 0,
@@ -151,18 +149,22 @@ void Collector::ask(Question question, Done done) {
 }
 
 // The socket is shared and not connected, so that what a host refuses is no error of the next request's. What is for a
-// host that the link does not know stays in it for three seconds: many of them fill it, and the others wait for room.
+// host that the link does not know stays in it for three seconds: when many of them have filled it, there is a new one,
+// and the old one's requests are sent all the same.
 void Collector::send(const SessionPointer &session, const asio::ip::address_v4 &address) {
   const auto request = requestOf(session->question.type, session->number, port_);
+  const udp::endpoint place(address, session->question.port);
   asio::error_code error;
-  requests_.send_to(asio::buffer(request), {address, session->question.port}, 0, error);
-  if (!error) return;
+  requests_.send_to(asio::buffer(request), place, 0, error);
   if (isAgain(error)) {
-    requests_.async_wait(udp::socket::wait_write, [this, session, address](const asio::error_code &failure) {
-      if (!failure && !session->isOver) send(session, address);
-    });
-    return;
+    udp::socket empty(context_);
+    empty.open(udp::v4(), error);
+    if (!error) empty.bind({acceptor_.local_endpoint(error).address(), 0}, error);
+    if (!error) empty.non_blocking(true, error);
+    if (!error) empty.send_to(asio::buffer(request), place, 0, error);
+    if (!error) requests_ = std::move(empty);
   }
+  if (!error) return;
   asio::post(context_, [this, session, text = "cannot send the request: " + error.message()] {
     end(session, Outcome::kNoAnswer, text);
   });
