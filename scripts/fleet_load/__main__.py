@@ -40,7 +40,9 @@ def schedule(folder):
             row, fleet.resident(), size / 1e6, time.time() - before, 100 * fleet.seconds() / (time.time() - began)))
     watch.isOver = True
     ended = time.time()
-    fleet.end()
+    status, took = fleet.end(), time.time() - ended
+    figure(row, "ends by SIGTERM, all stored", "in %.2f s, status %d" % (took, status), "<= 2 s, 0",
+           took <= 2 and status == 0)
     boards.end()
     runs = fleet.runs()
     figureLateness(row, lateness(runs, boards.good, 15, began + warm, ended - 16))

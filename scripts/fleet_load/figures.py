@@ -28,8 +28,8 @@ def phaseOf(board, period):
 
 
 def lateness(runs, boards, period, begin, end):
-    """Of every time of a board's grid between the two, how much later a run began; a time without one counts as a
-    period. Seconds, in order."""
+    """Of every time of a board's grid between the two, how much later a run began; without end where none did. Seconds,
+    in order."""
     wall = time.time() - time.monotonic()
     late, times = [], collections.defaultdict(list)
     for board, started, *_ in runs:
@@ -40,7 +40,7 @@ def lateness(runs, boards, period, begin, end):
         for started in sorted(times[board]):
             slots.setdefault(int((started - phase) // period), (started - phase) % period)
         first = int(-(-(begin - phase) // period))
-        late += [slots.get(slot, period) for slot in range(first, int((end - phase) // period) + 1)]
+        late += [slots.get(slot, float("inf")) for slot in range(first, int((end - phase) // period) + 1)]
     return sorted(late)
 
 

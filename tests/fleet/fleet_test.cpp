@@ -173,7 +173,9 @@ TEST_F(FleetTest, AsksOnlyUnderALease) {
   EXPECT_TRUE(waitForRuns(3, "b"));
   EXPECT_EQ(fleet->ask("a", 0, nullptr), Asked::kNotHeld);
   EXPECT_LE(fleet->health().runsUnderWay, 1u) << "c's run is broken off";
-  for (const auto &run : memory->runs) EXPECT_EQ(run.lease, run.board == "a" ? 7u : 9u) << run.board;
+  memory->set([](const Memory &m) {
+    for (const auto &run : m.runs) EXPECT_EQ(run.lease, run.board == "a" ? 7u : 9u) << run.board;
+  });
 
   memory->set([](Memory &m) { m.hangs = true; });  // cut off: nobody says that the lease has ended
   while (fleet->health().heldBoards > 0) std::this_thread::sleep_for(milliseconds(1));

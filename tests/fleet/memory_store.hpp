@@ -72,7 +72,7 @@ class MemoryStore : public kepfleet::Store, private kepfleet::Leases {
     memory_->changed.notify_all();
     return {1, step % 2 == 0};
   }
-  void lastRuns(const std::function<bool(kepfleet::StoredRun &&)> & /*take*/) override {}
+  void lastRuns(int64_t /*since*/, const std::function<bool(kepfleet::StoredRun &&)> & /*take*/) override {}
   void runs(const kepfleet::RunQuery & /*query*/,
             const std::function<bool(kepfleet::StoredRun &&)> & /*take*/) override {}
   std::optional<kepfleet::StoredRun> run(int64_t /*id*/) override { return std::nullopt; }

@@ -148,11 +148,22 @@ void Collector::ask(Question question, Done done) {
   });
 }
 
-// The socket is shared and not connected, so that what a host refuses is no error of the next request's.
+// The socket is shared and not connected, so that what a host refuses is no error of the next request's. What is for a
+// host that the link does not know stays in it for three seconds: when many of them have filled it, there is a new one,
+// and the old one's requests are sent all the same.
 void Collector::send(const SessionPointer &session, const asio::ip::address_v4 &address) {
   const auto request = requestOf(session->question.type, session->number, port_);
+  const udp::endpoint place(address, session->question.port);
   asio::error_code error;
-  requests_.send_to(asio::buffer(request), {address, session->question.port}, 0, error);
+  requests_.send_to(asio::buffer(request), place, 0, error);
+  if (isAgain(error)) {
+    udp::socket empty(context_);
+    empty.open(udp::v4(), error);
+    if (!error) empty.bind({acceptor_.local_endpoint(error).address(), 0}, error);
+    if (!error) empty.non_blocking(true, error);
+    if (!error) empty.send_to(asio::buffer(request), place, 0, error);
+    if (!error) requests_ = std::move(empty);
+  }
   if (!error) return;
   asio::post(context_, [this, session, text = "cannot send the request: " + error.message()] {
     end(session, Outcome::kNoAnswer, text);

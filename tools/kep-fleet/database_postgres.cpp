@@ -189,7 +189,7 @@ class Postgres final : public Database {
   Result ask(const Send &send) {
     PGconn *c = connection_.get();
     const auto end = std::chrono::steady_clock::now() + patience_;
-    if (!send(c)) fail(PQerrorMessage(c));
+    if (!send(c)) abandon();
     Result last;
     std::string error;
     while (Result result = nextResult(end)) {

@@ -58,24 +58,27 @@ bool Dictionaries::takeNewer(Kind &kind, std::string_view identity, int type) {
   database_.execute(
       "SELECT id, content FROM dictionaries WHERE identity = $1 AND type = $2 AND id > $3 ORDER BY id DESC LIMIT 1",
       {identity, int64_t{type}, before}, [&](const Row &row) {
-        kind.id = row.integer(0);
         kind.dictionary = std::make_shared<Dictionary>(std::string(row.bytes(1)));
+        kind.id = row.integer(0);
       });
   if (kind.id == before) return false;
   kind.trainer.use(compressor_, *kind.dictionary);
   return true;
 }
 
-// One that no run is stored with in the end goes like the others.
+// One that no run is stored with in the end goes like the others. It is in use when it is stored, and not yet when the
+// database tells its number: where storing it fails behind that, as on a full disk, another one gets the number.
 void Dictionaries::improve(Kind &kind, const Run &run) {
   const std::string_view identity = identityOf(run.stream);
   if (takeNewer(kind, identity, run.type)) return;
   const auto better = kind.trainer.train(compressor_, kind.dictionary.get());
   if (!better) return;
+  int64_t id = 0;
   database_.execute(
       "INSERT INTO dictionaries (identity, type, needed_until, content) VALUES ($1, $2, $3, $4) RETURNING id",
       {identity, int64_t{run.type}, neededBy(run.started), better->content()},
-      [&](const Row &row) { kind.id = row.integer(0); });
+      [&](const Row &row) { id = row.integer(0); });
+  kind.id = id;
   kind.dictionary = better;
   kind.trainer.use(compressor_, *better);
 }

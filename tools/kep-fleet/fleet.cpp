@@ -99,11 +99,9 @@ void Fleet::start() {
   spdlog::info("{} boards; listening at {}:{}; runs go to {}", boards_.count(), config_.listenAddress, port(),
                leaseKeeper_ ? "the database" : config_.store);  // whose address may hold a password
   asio::post(context_, [this] { tick(); });
-  if (leaseKeeper_) {
-    asio::post(context_, [this] { watchLeases(); });
-    leaseKeeper_->start(namesOf(config_));
-  }
+  if (leaseKeeper_) asio::post(context_, [this] { watchLeases(); });
   thread_ = std::thread([this] { context_.run(); });
+  if (leaseKeeper_) leaseKeeper_->start(namesOf(config_));  // which waits for that thread
 }
 
 void Fleet::reload(const Config &config) {
@@ -157,14 +155,18 @@ Fleet::End Fleet::stop() {
   return isReleased && isJudged ? End::kGood : End::kLate;
 }
 
-// Returns when the newest run began.
+// Returns when the newest run began. A row that cannot be read keeps no board from being asked.
 std::optional<int64_t> Fleet::recallRuns(Store &store) {
   std::optional<int64_t> newest;
-  store.lastRuns([&](StoredRun &&stored) {
-    newest = std::max(newest.value_or(stored.run.started), stored.run.started);
-    boards_.recall(std::move(stored.run));
-    return true;
-  });
+  try {
+    store.lastRuns(INT64_MIN, [&](StoredRun &&stored) {
+      newest = std::max(newest.value_or(stored.run.started), stored.run.started);
+      boards_.recall(std::move(stored.run));
+      return true;
+    });
+  } catch (const StoreError &error) {
+    spdlog::error("what was collected before cannot be read: {}", error.what());
+  }
   return newest;
 }
 

@@ -13,7 +13,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLookAtOthers{15'000};
-constexpr milliseconds kMargin{10};  // behind the moment when another instance has ended
+constexpr std::chrono::hours kNews{48};  // what others stored before that was known at the start
+constexpr milliseconds kMargin{10};      // behind the moment when another instance has ended
 constexpr milliseconds kLeastPause{100};
 
 }  // namespace
@@ -115,7 +116,8 @@ void LeaseKeeper::lookAtOthers(const std::vector<std::string> &boards) {
   if (now < nextLook_) return;
   nextLook_ = now + kLookAtOthers;
   try {
-    store_->lastRuns([&](StoredRun &&stored) {
+    const auto since = std::chrono::system_clock::now().time_since_epoch() - kNews;
+    store_->lastRuns(std::chrono::duration_cast<milliseconds>(since).count(), [&](StoredRun &&stored) {
       if (bootClock() >= nextRenewal_) renew(boards);
       takers_.othersRuns(std::move(stored));
       return !isStopping();

@@ -142,7 +142,7 @@ class SqlStore : public Store {
   void runs(const RunQuery &query, const std::function<bool(StoredRun &&)> &take) override;
   std::optional<StoredRun> run(int64_t id) override;
   std::vector<Event> events(const EventQuery &query) override;
-  void lastRuns(const std::function<bool(StoredRun &&)> &take) override;
+  void lastRuns(int64_t since, const std::function<bool(StoredRun &&)> &take) override;
   std::vector<std::string> boards() override;
   Removed removeBefore(int type, int64_t time, size_t atMost) override;
   Leases *leases() override { return database_->isShared() ? &leases_ : nullptr; }
@@ -160,7 +160,7 @@ class SqlStore : public Store {
   void insert(const Coded *from, size_t count);
   void insert(const Event &event);
   void keys(const RunQuery &query, int type, std::vector<Key> &keys);
-  std::vector<Key> keysOf(const std::vector<int64_t> &ids);
+  std::vector<Key> keysOf(const std::vector<int64_t> &ids, int64_t since);
   bool read(const std::vector<Key> &keys, bool withStreams, const std::function<bool(StoredRun &&)> &take);
   std::map<int64_t, StoredRun> readPortion(const Key *from, size_t count, bool withStreams);
   StoredRun runOf(const Row &row, bool withStream);
@@ -219,7 +219,7 @@ Written SqlStore::writeOnce(const std::vector<Run> &runs, const std::vector<Even
     }
     transaction.commit();
     return written;
-  } catch (const StoreError &) {
+  } catch (...) {
     dictionaries_.forget();
     partitions_.forget();
     throw;
@@ -372,14 +372,15 @@ StoredRun SqlStore::runOf(const Row &row, bool withStream) {
 }
 
 // In the order of time.
-std::vector<Key> SqlStore::keysOf(const std::vector<int64_t> &ids) {
-  static const std::string sql =
-      "SELECT started, type, id, bytes FROM runs WHERE id IN (" + placeholders(1, kKeysAtOnce) + ")";
+std::vector<Key> SqlStore::keysOf(const std::vector<int64_t> &ids, int64_t since) {
+  static const std::string sql = "SELECT started, type, id, bytes FROM runs WHERE id IN (" +
+                                 placeholders(1, kKeysAtOnce) + ") AND started >= $" + std::to_string(kKeysAtOnce + 1);
   std::vector<Key> keys;
   for (size_t at = 0; at < ids.size(); at += kKeysAtOnce) {
     const auto from = ids.begin() + static_cast<std::ptrdiff_t>(at);
     std::vector<Value> values(from, from + static_cast<std::ptrdiff_t>(std::min(kKeysAtOnce, ids.size() - at)));
     values.resize(kKeysAtOnce, int64_t{-1});
+    values.emplace_back(since);
     database_->execute(sql, values, [&](const Row &row) {
       keys.push_back({row.integer(0), row.integer(1), row.integer(2), row.integer(3)});
     });
@@ -390,7 +391,7 @@ std::vector<Key> SqlStore::keysOf(const std::vector<int64_t> &ids) {
 
 std::optional<StoredRun> SqlStore::run(int64_t id) {
   std::optional<StoredRun> found;
-  read(keysOf({id}), true, [&](StoredRun &&stored) {
+  read(keysOf({id}, INT64_MIN), true, [&](StoredRun &&stored) {
     found = std::move(stored);
     return true;
   });
@@ -416,22 +417,28 @@ std::vector<Event> SqlStore::events(const EventQuery &query) {
   return events;
 }
 
-// Type by type, so that the last run is looked for in one partition after the other and not in all.
-void SqlStore::lastRuns(const std::function<bool(StoredRun &&)> &take) {
-  std::vector<int64_t> ids;
+// Type by type, so that the last run is looked for in one partition after the other and not in all; and some boards at
+// a time, as each that has none of a type is looked for in every day's.
+void SqlStore::lastRuns(int64_t since, const std::function<bool(StoredRun &&)> &take) {
   for (int type = 0; type < kTypes; ++type) {
     const auto last = [&](const char *condition) {
-      return "(SELECT id FROM runs WHERE board = b.id AND type = " + std::to_string(type) + condition +
-             " ORDER BY started DESC LIMIT 1)";
+      return "coalesce((SELECT id FROM runs WHERE board = b.id AND type = " + std::to_string(type) +
+             " AND started >= $1" + condition + " ORDER BY started DESC LIMIT 1), 0)";
     };
-    database_->execute("SELECT coalesce(" + last("") + ", 0), coalesce(" + last(kWhole) + ", 0) FROM boards b", {},
-                       [&](const Row &row) {
-                         const int64_t any = row.integer(0), whole = row.integer(1);
-                         if (any != 0) ids.push_back(any);
-                         if (whole != 0 && whole != any) ids.push_back(whole);
-                       });
+    const std::string sql =
+        "SELECT b.id, " + last("") + ", " + last(kWhole) + " FROM boards b WHERE b.id > $2 ORDER BY b.id LIMIT $3";
+    for (int64_t before = -1, board = 0; board != before;) {
+      before = board;
+      std::vector<int64_t> ids;
+      database_->execute(sql, {since, before, static_cast<int64_t>(kKeysAtOnce)}, [&](const Row &row) {
+        board = row.integer(0);
+        const int64_t any = row.integer(1), whole = row.integer(2);
+        if (any != 0) ids.push_back(any);
+        if (whole != 0 && whole != any) ids.push_back(whole);
+      });
+      if (!read(keysOf(ids, since), true, take)) return;
+    }
   }
-  read(keysOf(ids), true, take);
 }
 
 std::vector<std::string> SqlStore::boards() {

@@ -105,10 +105,10 @@ class Store {
   // Newest first.
   virtual std::vector<Event> events(const EventQuery &query) = 0;
 
-  // Of each board and type the last run, and the last whole one where that is another, streams included: what an
-  // instance shows of boards before it has asked them, and of those that others ask. Until `take`, which may use the
-  // store itself, returns false.
-  virtual void lastRuns(const std::function<bool(StoredRun &&)> &take) = 0;
+  // Of each board and type the last run that began at `since` or later, and the last such whole one where that is
+  // another, streams included: what an instance shows of boards before it has asked them, and of those that others ask.
+  // Until `take`, which may use the store itself, returns false.
+  virtual void lastRuns(int64_t since, const std::function<bool(StoredRun &&)> &take) = 0;
 
   virtual std::vector<std::string> boards() = 0;
 
