@@ -23,6 +23,7 @@ work=$PWD/build/package
 one=$work/one two=$work/elsewhere/two
 powerpc=powerpc-linux-gnu
 mkdir -p "$work"
+git update-index -q --refresh || true # files that are only touched are no change
 commit=$(git stash create) # of what git knows, as it is now
 commit=${commit:-HEAD}
 version=$(dpkg-parsechangelog -S Version)
