@@ -46,7 +46,10 @@ step() {
   took "$1" "$began"
 }
 
-formatting() { sources . | xargs clang-format --dry-run -Werror; }
+formatting() {
+  sources . | xargs clang-format --dry-run -Werror
+  mandoc -T lint -W warning tools/*/*.[18] # the man pages
+}
 
 configure() { printf '%s\n' "${presets[@]}" bench | xargs -P "$(nproc)" -I{} cmake --preset {} >/dev/null; }
 
