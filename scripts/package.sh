@@ -23,6 +23,7 @@ work=$PWD/build/package
 one=$work/one two=$work/elsewhere/two
 powerpc=powerpc-linux-gnu
 mkdir -p "$work"
+git update-index -q --refresh || true # files that are only touched are no change
 commit=$(git stash create) # of what git knows, as it is now
 commit=${commit:-HEAD}
 version=$(dpkg-parsechangelog -S Version)
@@ -129,8 +130,8 @@ if may_make_roots; then
     --customize-hook="'$PWD/scripts/package/in_root.sh' \"\$1\" '$work/root' >&3" \
     "$(. /etc/os-release && echo "$VERSION_CODENAME")" /dev/null 3>&1
 else
-  say "SKIPPED: a fresh root, which this user may not make here: needs root, or user namespaces, newuidmap (uidmap), and" \
-    "a folder that others may enter"
+  say "SKIPPED: a fresh root, which this user may not make here: needs root, or user namespaces, newuidmap (uidmap)" \
+    "and a folder that others may enter"
 fi
 
 if [ -n "$board" ]; then
