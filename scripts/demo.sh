@@ -133,7 +133,7 @@ stop() {
 # launch NAME READY COMMAND...: starts a program and waits until it serves, which the command READY tells. Its ports
 # were free before, so who holds them then is the program, as long as that lives: one that cannot have them ends.
 launch() {
-  local name=$1 ready=$2 tries=100
+  local name=$1 ready=$2 tries=300
   shift 2
   outputs+=("$host/$name.out")
   "$@" >"$host/$name.out" 2>&1 &
@@ -170,7 +170,7 @@ faultlog() {
 printed() { grep -v -e '^size=' -e '\[[a-z]*\] \(begin...\|end\)$' "$host/$1.out"; }
 
 # says NAME WORD: whether a program has printed the word.
-says() { grep -q "$2" "$host/$1.out"; }
+says() { grep -qs "$2" "$host/$1.out"; }
 
 # request METHOD PATH: what kep-fleet answers.
 request() {
@@ -235,8 +235,8 @@ if [ "$kind" = --fleet ]; then
 fi
 
 tell "A board is a machine in the field that runs a host: a process that links kep. Three example hosts are such" \
-  "boards here, one after the other, at 127.0.0.1. kep-collect is the server that asks them: by a datagram to UDP port" \
-  "9099, upon which the host connects to it and reports."
+  "boards here, one after the other, at 127.0.0.1. kep-collect is the server that asks them: by a datagram to UDP" \
+  "port 9099, upon which the host connects to it and reports."
 tell "What a request asks for is its type, and what each stands for is for the host to say. In the examples type 0" \
   "asks for figures, type 1 for the same and the logs, and type 2 has the faults saved to a file. A self-test is a" \
   "request of its own. On the wire values have numbers for names: a names file on the server's side has the rest."
@@ -282,8 +282,8 @@ stop
 rm -rf "$host/faults"
 mkdir "$host/faults"
 names=(--names examples/worker/worker.toml)
-tell "The third host has a thread for each sensor, which logs and records faults where they happen. One of its sensors" \
-  "is broken on purpose."
+tell "The third host has a thread for each sensor, which logs and records faults where they happen. One of its" \
+  "sensors is broken on purpose."
 start kep-worker "$host/faults"
 sleep 1.5 # some readings, and a report
 collect --type 0

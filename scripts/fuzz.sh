@@ -7,7 +7,7 @@ CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
 
 seconds=${1:-60}
-[[ "$seconds" =~ ^[1-9][0-9]*$ ]] || { echo "usage: scripts/fuzz.sh [SECONDS]" >&2; exit 2; }
+[[ $# -le 1 && "$seconds" =~ ^[1-9][0-9]*$ ]] || { echo "usage: scripts/fuzz.sh [SECONDS]" >&2; exit 2; }
 
 need "${build_packages[@]}" "${tool_packages[@]}" "${fuzz_packages[@]}"
 
@@ -22,7 +22,8 @@ fuzz() {
   "build/fuzz/fuzz/$name" "build/fuzz/corpus/$name" "fuzz/corpus/$name" -max_total_time="$seconds" -timeout=25 \
     -artifact_prefix="build/fuzz/artifacts/$name-" -print_final_stats=1 -close_fd_mask=1 >"$log" 2>&1 ||
     { tail -n 60 "$log" >&2; echo "fuzz.sh: $name failed" >&2; return 1; }
-  printf '%-20s %s\n' "$name" "$(grep -E 'number_of_executed_units|peak_rss_mb' "$log" | sed 's/stat:://' | tr -s ' \n' ' ')"
+  printf '%-20s %s\n' "$name" \
+    "$(grep -E 'number_of_executed_units|peak_rss_mb' "$log" | sed 's/stat:://' | tr -s ' \n' ' ')"
 }
 export -f fuzz
 export seconds

@@ -31,7 +31,8 @@ sizes() { powerpc-linux-gnu-size "$@" | awk 'NR > 1 { print $1, $2, $3, $6 }'; }
 # Modules are what the exported names begin with; a source of another name stands for itself, without a stack.
 say "the library, module by module"
 {
-  sizes $built/libkep.a | sed -E 's/collect_client\.cpp\.o/CollectClient/; s/collect_[a-z]*\.cpp\.o/Collect/; s/\.cpp\.o//'
+  sizes $built/libkep.a |
+    sed -E 's/collect_client\.cpp\.o/CollectClient/; s/collect_[a-z]*\.cpp\.o/Collect/; s/\.cpp\.o//'
   sed -E 's/^stack ([A-Za-z0-9]+)_/stack \1 \1_/' "$figures" | grep ^stack
 } | awk '
   $1 == "stack" { if ($4 + 0 > stack[$2] + 0) { stack[$2] = $4; deepest[$2] = $3 } next }
@@ -52,7 +53,8 @@ for part in $built/bench/size/host_*.part.o; do
   name=${part##*/host_}
   name=${name%.part.o}
   { sizes "$part"; sizes $built/bench/size/CMakeFiles/kep-host-$name.dir/host_$name.c.o; } |
-    awk -v name="$name" 'NR == 1 { t = $1; d = $2; b = $3 } NR == 2 { printf "%-14s %6d %6d %6d\n", name, t - $1, d - $2, b - $3 }'
+    awk -v name="$name" 'NR == 1 { t = $1; d = $2; b = $3 }
+      NR == 2 { printf "%-14s %6d %6d %6d\n", name, t - $1, d - $2, b - $3 }'
 done
 
 say "memory for each, as tracked"
@@ -64,7 +66,8 @@ failures=$(
     if ($3 + $4 > static) print "static data: " $3 + $4 " of " static
   }' $built/modules
   awk -v limit=$stack_limit -v formatting=" $formatting " \
-    '$1 == "stack" && $3 > limit && !index(formatting, " " $2 " ") { print "stack of " $2 ": " $3 " of " limit }' "$figures"
+    '$1 == "stack" && $3 > limit && !index(formatting, " " $2 " ") { print "stack of " $2 ": " $3 " of " limit }' \
+    "$figures"
   awk -v limit=$record_limit \
     '$2 == "record-of-8-bytes" { seen = 1; if ($3 > limit) print "memory for a record of 8 bytes: " $3 " of " limit }
     END { if (!seen) print "memory for a record of 8 bytes: not measured" }' "$figures"

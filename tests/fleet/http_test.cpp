@@ -119,6 +119,7 @@ struct Client {
 class HttpTest : public testing::Test {
  protected:
   HttpTest() : folder_(std::filesystem::temp_directory_path() / ("kep-http-" + std::to_string(getpid()))) {
+    std::filesystem::remove_all(folder_);  // of an earlier process that did not get to it
     std::filesystem::create_directory(folder_);
     std::ofstream(folder_ / "names.toml") << kNames;
     config_.store = folder_ / "fleet.db";

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -29,16 +30,20 @@ class PostgresServer {
   void start() { tell("start\n"); }
 
  private:
-  // Only this program's end closes what the script reads from.
+  // Only this program's end closes what the script reads from. The script is no child of this program: ctest kills one
+  // that takes too long with all its children, and nobody would stop the server.
   PostgresServer() {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-    if (fork() == 0) {
+    const pid_t starter = fork();
+    if (starter == 0) {
+      if (fork() != 0) _exit(0);
       dup2(in[0], 0);
       dup2(out[1], 1);
       execl(KEP_POSTGRES_SCRIPT, KEP_POSTGRES_SCRIPT, nullptr);
       _exit(1);
     }
+    waitpid(starter, nullptr, 0);
     close(in[0]);
     close(out[1]);
     in_ = in[1];

@@ -19,12 +19,13 @@ done
 
 # Every package that a script installs is explained, and the packages have the library's version.
 packages=$(sed -e :a -e '/\\$/{N;s/\\\n//;ta' -e '}' scripts/*.sh |
-  sed -nE 's/"[^"]*"//g; s/[$][{][a-z]+:[+]//g; s/^(.*\|\| )?(need|want [^ ]+) (.*)/\3/p; s/^ *[a-z_]*packages[+]?=\(//p' |
+  sed -nE 's/"[^"]*"//g; s/[$][{][a-z]+:[+]//g; s/^(.*\|\| )?(need|want [^ ]+) (.*)/\3/p
+    s/^ *[a-z_]*packages[+]?=\(//p' |
   tr ' ()}' '\n' | grep -E '^[a-z0-9][a-z0-9.+-]+$' | sort -u)
 check "$(for package in $packages; do grep -qF "\`$package\`" docs/dependencies.md || echo "$package"; done)" "" \
   "packages that docs/dependencies.md does not name"
-check "$(sed -n '1s/.*(\(.*\)).*/\1/p' debian/changelog)" "$(sed -n 's/^#define KEP_VERSION "\(.*\)"/\1/p' include/kep/kep.h)" \
-  "version in debian/changelog"
+check "$(sed -n '1s/.*(\(.*\)).*/\1/p' debian/changelog)" \
+  "$(sed -n 's/^#define KEP_VERSION "\(.*\)"/\1/p' include/kep/kep.h)" "version in debian/changelog"
 
 # A package that another one keeps out is not installed, and that one is named.
 mkdir "$work/apt"
