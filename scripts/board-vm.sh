@@ -38,7 +38,8 @@ renew() { if cmp -s "$1.new" "$1"; then rm "$1.new"; else mv "$1.new" "$1"; fi; 
 
 # compile PROGRAM ARGUMENT...: of the source of that name.
 compile() {
-  quietly "$log" ${cross}gcc -std=c99 -Wall -Wextra -Werror -Os -static -s -o "$vm/$1.new" "scripts/board_vm/$1.c" "${@:2}"
+  quietly "$log" ${cross}gcc -std=c99 -Wall -Wextra -Werror -Os -static -s -o "$vm/$1.new" \
+    "scripts/board_vm/$1.c" "${@:2}"
   renew "$vm/$1"
 }
 compile init

@@ -239,7 +239,7 @@ tell "A board is a machine in the field that runs a host: a process that links k
   "9099, upon which the host connects to it and reports."
 tell "What a request asks for is its type, and what each stands for is for the host to say. In the examples type 0" \
   "asks for figures, type 1 for the same and the logs, and type 2 has the faults saved to a file. A self-test is a" \
-  "request of its own. The wire has numbers only: a names file on the server's side gives them names and units."
+  "request of its own. On the wire values have numbers for names: a names file on the server's side has the rest."
 if [ "$kind" = --board ]; then
   tell "The hosts are 32-bit big-endian programs, as on the board, and run under user-mode emulation; the server is" \
     "this machine's own. file says of kep-board:"

@@ -96,6 +96,9 @@ contents "$one"/kep-tools_*.deb | grep -xF ".$plugins/kep.lua" >/dev/null || fai
 [ "$(dpkg-deb -I "$one"/kep-fleet_*.deb conffiles)" = /etc/kep/fleet.toml ] || fail "fleet.toml is no conffile"
 dpkg-deb -I "$one"/kep-fleet_*.deb prerm | grep 'stop.*kep-fleet' >/dev/null || fail "kep-fleet outlives its package"
 grep -q '^libc6 ([^,]*)$' <<<"$(dpkg-deb -f "$one"/libkep0.2_*.deb Depends)" || fail "the library needs more than libc"
+rm -rf "$work/doc"
+dpkg-deb -x "$one"/kep-doc_*.deb "$work/doc"
+python3 tests/docs/docs_test.py links "$work/doc/usr/share/doc/kep" || fail "pages of kep-doc lead nowhere"
 SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -S Timestamp) scripts/spdx.py "$one"/*.deb >"$work/kep.spdx.json"
 tests/package/spdx_test.py "$work/kep.spdx.json" "$one"/*.deb
 
@@ -110,12 +113,8 @@ alone() {
   fi
 }
 
-# may_make_roots: whether this user may.
-may_make_roots() {
-  if [ "$(id -u)" -eq 0 ]; then unshare -mn true 2>/dev/null; else
-    command -v newuidmap >/dev/null && grep -q "^$(id -un):" /etc/subuid && unshare -rmn true 2>/dev/null
-  fi
-}
+# may_make_roots: whether this user may, as mmdebstrap makes them, and is found here as the other user that it then is.
+may_make_roots() { mmdebstrap --unshare-helper unshare -n test -x "$PWD/scripts/package/in_root.sh" 2>/dev/null; }
 
 if may_make_roots; then
   say "a fresh root"
@@ -130,7 +129,8 @@ if may_make_roots; then
     --customize-hook="'$PWD/scripts/package/in_root.sh' \"\$1\" '$work/root' >&3" \
     "$(. /etc/os-release && echo "$VERSION_CODENAME")" /dev/null 3>&1
 else
-  say "SKIPPED: a fresh root, which this user may not make: needs root, or user namespaces and newuidmap"
+  say "SKIPPED: a fresh root, which this user may not make here: needs root, or user namespaces, newuidmap (uidmap), and" \
+    "a folder that others may enter"
 fi
 
 if [ -n "$board" ]; then

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # same-bytes.sh: one sequence of operations over the whole library (tests/sequence) gives the same bytes everywhere:
 # built by g++ and clang++, at -O0, -O2 and -Os, with signed and unsigned plain char, for the developer's host and for
-# the board, and by one compiler each for i386, also with times of 64 bits, s390x, 32-bit and 64-bit ARM; each runs it
-# without a lock and with one. Prints what the parts of the sequence give, and fails with each build that gives something
-# else, and in which part; also where the library exports a function that the sequence does not name.
+# the board, and by one compiler each for i386, also with times of 64 bits, s390x, 32-bit and 64-bit ARM; without a lock
+# and with one. Prints what the parts of the sequence give, and fails with each build that gives something else, and in
+# which part; also where the library exports a function that the sequence does not name.
 set -euo pipefail
 CDPATH='' cd "$(dirname "$0")/.."
 . scripts/common.sh
@@ -19,16 +19,17 @@ export folder=build/same-bytes
 rm -rf $folder
 mkdir -p $folder
 
-# try NAME TARGET COMPILER FLAG...: what the sequence gives, in NAME.out. The target is "host", or qemu's name of it and
-# the triplet of Debian's compiler.
+# try NAME TARGET COMPILER FLAG...: what the sequence gives, in NAME.out, and with a lock, in NAME.locked. The target is
+# "host", or qemu's name of it and the triplet of Debian's compiler.
 try() {
   local program=$folder/$1 run=()
   [ "$2" = host ] || run=("qemu-${2%:*}" -L "/usr/${2#*:}")
   "${@:3}" -std=c++17 -Wall -Wextra -Werror -ffp-contract=off -fno-exceptions -fno-rtti -Iinclude -Isrc -Itests \
     src/*.cpp tests/support/platform_double.cpp tests/sequence/sequence.cpp -pthread -o "$program" 2>"$program.log" &&
-    { "${run[@]}" "$program" && KEP_TEST_LOCK=1 "${run[@]}" "$program"; } >"$program.out" 2>>"$program.log" ||
+    "${run[@]}" "$program" >"$program.out" 2>>"$program.log" &&
+    KEP_TEST_LOCK=1 "${run[@]}" "$program" >"$program.locked" 2>>"$program.log" ||
     { cat "$program.log" >&2; echo "same-bytes.sh: $1 cannot be built, or ends early" >&2
-      rm -f "$program.out"; return 1; }
+      rm -f "$program".{out,locked}; return 1; }
 }
 export -f try
 
@@ -60,6 +61,9 @@ first= # of those that gave something: others were told of
 for name in $(builds | cut -d ' ' -f 1); do
   [ -e "$folder/$name.out" ] || continue
   [ -n "$first" ] || { first=$name; cat "$folder/$first.out"; }
-  diff "$folder/$first.out" "$folder/$name.out" >&2 || { echo "same-bytes.sh: $name gives other bytes" >&2; status=1; }
+  for way in out locked; do
+    diff "$folder/$first.out" "$folder/$name.$way" >&2 ||
+      { echo "same-bytes.sh: $name.$way has other bytes" >&2; status=1; }
+  done
 done
 exit $status

@@ -46,7 +46,10 @@ step() {
   took "$1" "$began"
 }
 
-formatting() { sources . | xargs clang-format --dry-run -Werror; }
+formatting() {
+  sources . | xargs clang-format --dry-run -Werror
+  mandoc -T lint -W warning tools/*/*.[18] # the man pages
+}
 
 configure() { printf '%s\n' "${presets[@]}" bench | xargs -P "$(nproc)" -I{} cmake --preset {} >/dev/null; }
 
@@ -139,7 +142,7 @@ for preset in "${presets[@]::${#presets[@]}-1}"; do
 done
 if [ -n "$all" ]; then
   step "coverage" coverage
-  step "the ABI" quietly build/abi.log scripts/abi.sh
+  step "the ABI" scripts/abi.sh
   step "fuzzing" scripts/fuzz.sh 10
   step "a soak" scripts/soak.sh 60
   step "the same bytes everywhere" scripts/same-bytes.sh

@@ -5,8 +5,8 @@
 // the lock piece by piece, with Locked, and is never called by a guarded one. Without a lock, the default, each mark is
 // a branch that is never taken.
 //
-// What any thread may call beside the serving one even without a lock carries no mark, which would complain of it:
-// containers, the codec, sockets, dates, the timers' loop, and the stops.
+// Without a mark are the codec, sockets, the timers' loop and the stops, which any thread may call even without a lock,
+// and what takes the lock inside: containers, for their memory, and dates. Of those a debug build does not complain.
 #pragma once
 
 #pragma GCC visibility push(hidden)

@@ -7,8 +7,6 @@
 #include <cstring>
 #include <utility>
 
-#include "ZuBuffer.hpp"
-
 namespace {
 
 constexpr uint32_t kWordCount = 10;
@@ -85,7 +83,9 @@ void runRounds(const uint32_t *words, uint32_t (&registers)[4]) {
 void takeWords(uint32_t (&words)[kWordCount], const void *data, uint32_t len) {
   const uint32_t used = len < kWordCount * kWordSize ? len : kWordCount * kWordSize;
   const auto *in = static_cast<const uint8_t *>(data);
-  for (size_t i = 0; i < (used + kWordSize - 1) / kWordSize; ++i) words[i] = loadBig<uint32_t>(in + i * kWordSize);
+  for (uint32_t i = 0; i * kWordSize < used; ++i, in += kWordSize) {
+    words[i] = uint32_t{in[0]} << 24 | uint32_t{in[1]} << 16 | uint32_t{in[2]} << 8 | in[3];
+  }
 }
 
 // Gives what is to be added to the state.

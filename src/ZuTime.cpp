@@ -15,6 +15,10 @@
 #include "Kep.hpp"
 #include "kep/ZuString.h"
 
+#ifdef __GLIBC_PREREQ
+static_assert(sizeof(time_t) == 8 || !__GLIBC_PREREQ(2, 34), "no header of the C library may stand before this source");
+#endif
+
 namespace {
 
 struct Token {

@@ -24,6 +24,7 @@ for page in sorted(source.glob("*.h.3")):
     summary = re.search(r"^\.SH \"Detailed Description\"\n\.PP \n(.*?)[:.;]", text, flags=re.M)[1]
     summary = summary[0].lower() + re.split(", which| that", summary[1:])[0].rstrip("\\&")
     text = text.replace("\\fC", "\\fB")
+    text = re.sub(r"(#define \S+ +)'([^'\n]*)'", r"\1\\(dq\2\\(dq", text)  # texts, not characters
     text = re.sub(r"^kep/.* *$", f"{name} \\\\- {summary}", text, count=1, flags=re.M)
     text = re.sub(r"^\.SH \"Author\"\n(.*\n)*", "", text, flags=re.M)
     (target / f"{name}.3").write_text(text, encoding="utf-8")

@@ -1,10 +1,10 @@
 /* Collect.h: the collection service. A host registers items, gives Collect_Init a thread, and reports values from the
  * items' callbacks, which run on that thread.
  *
- * Callbacks. One may take its time, which the server waits for, without a limit of its own, as do all later requests.
+ * Callbacks. One may take its time: the server waits for it, and so do all later requests, and nothing here limits it.
  * It may call every module, register and release items, its own included, and call Collect_Stop; it must not begin a
- * run, nor call Collect_Init. What it reports goes out meanwhile, in messages of up to 1024 bytes and one more behind
- * it.
+ * run, nor call Collect_Init. What it reports goes out meanwhile, in messages of up to 1024 bytes, the last when it
+ * returns.
  *
  * Waiting. Without CollectClient_SetTimeout the service waits for ever for a server that does not answer. With it, a
  * run takes at most the connect limit and, for each message, the send and the acknowledgement limit, beside its
@@ -64,7 +64,7 @@ extern KEP_API CollectParam g_collect_param;
 KEP_API int32_t Collect_Init(uint32_t identity);
 
 /* Ends Collect_Init. It never blocks and may be called on any thread, without a lock, and in a signal handler. What
- * waits in the service ends at once: for a request, a connection, a server that does not read or acknowledge, or behind
+ * waits in the service ends at once: for a request, a connection, a server that does not read or acknowledge, or after
  * a failure of the socket. A callback that runs is waited for, but what it reports is not sent any more. A run under
  * way has failed, as with a server that breaks it off. While nobody serves, a stop ends the next Collect_Init as soon
  * as it begins to; several are one. Runs that the host makes itself, outside Collect_Init, are not stopped.

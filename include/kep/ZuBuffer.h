@@ -32,9 +32,10 @@ extern "C" {
  * Returns the bytes written, 0 for a NULL buffer or format. */
 KEP_API int32_t ZuBuffer_Pack(void *buffer, const char *format, ...);
 
-/* Unpacks `buffer` into the pointed variables; a string gets a terminator behind its count bytes; a NULL destination
+/* Unpacks `buffer` into the pointed variables; a string gets a terminator after its count bytes; a NULL destination
  * skips its field. A format that begins with '*' takes no arguments and prints every field through the print sink
- * instead; there a T of 0 shows as the current time. Returns the number of fields, 0 for a NULL buffer or format. */
+ * instead: an s of any count up to its first NUL, an S whole, a T of 0 as the current time. Returns the number of
+ * fields, 0 for a NULL buffer or format. */
 KEP_API int32_t ZuBuffer_UNPack(const char *format, const void *buffer, ...);
 
 /* Returns the bytes that `format` describes and stores the number of its fields in `*fieldCount` unless that is NULL.

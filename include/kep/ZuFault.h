@@ -111,9 +111,9 @@ KEP_API void ZuFault_Start(void);
 KEP_API int32_t ZuFault_SetFile(const char *path, int32_t safe);
 
 /* Returns how the last run ended, also while another is under way: 1 when the file was written whole, 0 when none has
- * ended yet, otherwise the negative errno of its first failure. With Kep_SetLock records are copied, and want of memory
- * for that is one (ENOMEM): what was not written stays for the next run. A file that is not safe may be whole here and
- * yet not survive a power cut. */
+ * ended yet, otherwise the negative errno of its first failure. With Kep_SetLock records are copied first, and want of
+ * memory for that is a failure, too (ENOMEM): what was not written stays for the next run. A file that is not safe may
+ * be whole here and yet not survive a power cut. */
 KEP_API int32_t ZuFault_GetResult(void);
 
 /* Sets how many bytes each of the fault's two logs may take, as ZuLogger_SetInfoSize does: until that log keeps its

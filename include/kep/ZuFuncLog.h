@@ -28,7 +28,7 @@ typedef struct ZuFuncLogEntry {
   const char *name;   /* by which it is shown */
   const char *format; /* pack format of a call's data, without the time */
   int32_t count;      /* the host's count of calls */
-  const char *text;   /* shown behind the name */
+  const char *text;   /* shown after the name */
 } ZuFuncLogEntry;
 
 /* A log. */

@@ -22,7 +22,7 @@ typedef uint32_t (*ZuHashFunc)(const void *key, uint32_t keySize, uint32_t bucke
 /* Returns 0 to accept an entry. */
 typedef int32_t (*ZuHashFinder)(const void *key, void *value, void *arg);
 
-/* Creates a table; sizes are in bytes, a NULL hashFunc takes ZuMD5_Hash, whose rule on the bytes behind a key then
+/* Creates a table; sizes are in bytes, a NULL hashFunc takes ZuMD5_Hash, whose rule on the bytes beyond a key then
  * holds for every key passed. A table of 0 buckets stores and finds nothing. Returns NULL for a negative size, sizes
  * that exceed 32 bits, or when memory is short. */
 KEP_API ZuHash *ZuHash_NewEx(int32_t keySize, int32_t valueSize, uint32_t bucketCount, ZuHashFunc hashFunc,
@@ -35,15 +35,16 @@ KEP_API ZuHash *ZuHash_New(int32_t keySize, int32_t valueSize, uint32_t bucketCo
  * key, a NULL value of more than 0 bytes, and in a table of 0 buckets. */
 KEP_API int32_t ZuHash_Set(ZuHash *table, const void *key, const void *value);
 
-/* Points `*out` at the value in the table, where it stays until deleted or released, and returns 1. Returns 0 and a
- * NULL pointer when there is none; a NULL table leaves `*out` alone. */
+/* Points `*out` at the value in the table, where it stays until deleted or released, and returns 1. It lies keySize
+ * bytes behind an entry's start, which in a static table is 4-byte aligned: a value that wants more is copied out.
+ * Returns 0 and a NULL pointer when there is none; a NULL table leaves `*out` alone. */
 KEP_API int32_t ZuHash_Get(ZuHash *table, const void *key, void **out);
 
 /* Removes a key from a dynamic table; its storage is not given back. */
 KEP_API void ZuHash_Delete(ZuHash *table, const void *key);
 
 /* Offers entries to `finder`, buckets in order and newest first, until one is accepted. Returns that one's key, with
- * the value keySize bytes behind it, or NULL. */
+ * the value keySize bytes after it, or NULL. */
 KEP_API void *ZuHash_Find(ZuHash *table, ZuHashFinder finder, void *arg);
 
 /* Prints the newest entry of every bucket. */

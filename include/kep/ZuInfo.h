@@ -16,7 +16,7 @@
  * dropped meanwhile or memory for a copy of it is short. Without a lock a store belongs to one thread at a time.
  *
  * A library built with the store's trace (KEP_STORE_TRACE, OFF by default) prints every step of making room to standard
- * output, and when the block grows its state before and behind. That aid prints with the lock held, which nothing else
+ * output, and when the block grows its state before and after. That aid prints with the lock held, which nothing else
  * does. */
 #ifndef KEP_ZUINFO_H
 #define KEP_ZUINFO_H
@@ -106,7 +106,7 @@ KEP_API int32_t ZuInfo_GetFlag(ZuInfo *info, int32_t id);
 KEP_API void ZuInfo_SetFlag(ZuInfo *info, int32_t id, int32_t mode);
 
 /* Prints the structured records that pass a filter, and their number. They pass by `id` (-1: any), by the bytes that
- * data1 and data2 begin with (texts of hex digit pairs; empty or NULL: any; bytes behind a string's end count as 0), by
+ * data1 and data2 begin with (texts of hex digit pairs; empty or NULL: any; bytes beyond a string's end count as 0), by
  * `code` (0: any, -1: any but 0) and `type` (0: any). The counter starts at 1; a record is printed when the counter is
  * above `skip` and not above `limit` (0: no limit). Other records than structured ones are passed over. */
 KEP_API void ZuInfo_ShowInfo(ZuInfo *info, int32_t id, const char *hex1, const char *hex2, int32_t code, int32_t type,

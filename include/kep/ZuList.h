@@ -59,7 +59,7 @@ KEP_API void *ZuList_Remove(ZuList *list, int32_t index);
 KEP_API void *ZuList_Popup(ZuList *list);
 KEP_API void *ZuList_PopTail(ZuList *list);
 
-/* Inserts `value` behind the element at `index`: 0 gives second place, a negative index the front, one past the end
+/* Inserts `value` after the element at `index`: 0 gives second place, a negative index the front, one past the end
  * the tail. Returns 1, or 0 when memory is short. */
 KEP_API int32_t ZuList_Insert(ZuList *list, int32_t index, void *value);
 

@@ -88,7 +88,7 @@ KEP_API void ZuLogger_Append(ZuLogger *logger, int32_t level, int32_t unused, co
 
 /* Appends every kept record and a newline to `buffer`, oldest first, times and lines in turn; a buffer whose address is
  * below 101, such as NULL, prints them instead, and one whose elements are not bytes gets nothing. Pauses for a second
- * through VRK_Delay behind the 1st, 101st, 201st ... record, so that a console can follow. */
+ * through VRK_Delay after the 1st, 101st, 201st ... record, so that a console can follow. */
 KEP_API void ZuLogger_ShowToBuf(ZuLogger *logger, ZuBuf *buffer);
 
 /* Appends what ZuLogger_ShowToBuf does, without its pauses; never prints: a buffer whose address is below 101, such as

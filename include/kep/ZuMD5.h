@@ -2,7 +2,7 @@
  *
  * It borrows the compression function of MD5 (RFC 1321), shortened to ten steps a round over at most 40 bytes, with a
  * word order of its own and without padding: it is no digest of the data and protects nothing. Words are read big
- * endian, so that a key hashes alike on every host. Whole words are read: up to 3 bytes behind a key whose length is
+ * endian, so that a key hashes alike on every host. Whole words are read: up to 3 bytes beyond a key whose length is
  * not a multiple of 4 take part. The caller keeps them readable and, for keys that shall hash alike, equal. */
 #ifndef KEP_ZUMD5_H
 #define KEP_ZUMD5_H

@@ -6,7 +6,7 @@
  *
  * With a lock (Kep_SetLock) any thread may print through the shared object, which hands out copies: VRK_RawPrint is
  * called without the lock, so the order of the texts of different threads is not certain. A text that ends its line and
- * is given in one call, line end included, of at most 999 bytes leaves in one VRK_RawPrint, behind what was held or
+ * is given in one call, line end included, of at most 999 bytes leaves in one VRK_RawPrint, with what was held or
  * after it; one without a line end may be joined by another thread's. Other objects are the host's: one thread at a
  * time. */
 #ifndef KEP_ZUPRINT_H
@@ -43,14 +43,14 @@ KEP_API void ZuPrint_Flush(ZuPrint *obj);
 KEP_API void ZuPrint_Release(ZuPrint *obj);
 
 /* Prints `len` characters through the shared object (0: the text's length, negative: nothing). Each newline flushes,
- * with a lock only the last one of a text that leaves whole; text behind the last one waits for the next, for a full
+ * with a lock only the last one of a text that leaves whole; text after the last one waits for the next, for a full
  * buffer of 1000 bytes, or for ZuPrint_ShowEx. */
 KEP_API void ZuPrint_Show(const char *text, int32_t len);
 
 /* As ZuPrint_Show, then flushes. */
 KEP_API void ZuPrint_ShowEx(const char *text, int32_t len);
 
-/* As ZuPrint_Show of the text and a newline behind it. */
+/* As ZuPrint_Show of the text and a newline. */
 KEP_API void ZuPrint_Puts(const char *text, int32_t len);
 
 #ifdef __cplusplus

@@ -23,7 +23,7 @@ KEP_API void ZuSock_UDP_Close(int fd);
  * 65535; 0 for a NULL address. */
 KEP_API int ZuSock_UDP_SendMessage(int fd, const char *addressText, int port, const void *data, int length);
 
-/* Waits for one datagram, of which it keeps `size` bytes at most and writes a 0 behind them: `buffer` has room for size
+/* Waits for one datagram, of which it keeps `size` bytes at most and writes a 0 after them: `buffer` has room for size
  * + 1. Stores the sender's dotted address (at least 16 bytes) and port; either may be NULL. Returns the bytes kept, or
  * -1 on failure, for a NULL buffer and a negative size. */
 KEP_API int ZuSock_UDP_RecvMessage(int fd, char *addressTextOut, int *portOut, void *buffer, int size);

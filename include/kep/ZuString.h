@@ -32,7 +32,7 @@ KEP_API char *ZuString_SHFormat(const void *data, int32_t len);
 
 /* Cuts `text` in place at each delimiter and stores where the fields begin. `max_fields` 0: no limit; otherwise the
  * last field keeps the rest. `fields` has room for the fields counted. Returns their number, at least 1; 0 for a NULL
- * argument. The character behind a delimiter is never taken as the start of the next one, so "a,,b" has the fields
+ * argument. The character after a delimiter is never taken as the start of the next one, so "a,,b" has the fields
  * "a" and ",b"; an empty field at the end is counted but its slot is not written. */
 KEP_API int32_t ZuString_Split(char *text, const char *delimiter, char **fields, int32_t max_fields);
 

@@ -11,9 +11,9 @@
  * the caller keeps the two in step. Texts of cells are cut at 99 bytes, but count for the widths as long as they would
  * have been, up to 1 MiB. Rows and columns count from 0 and may be set in any order; a negative one does nothing. A row
  * is looked for from the last one on: row by row, or column by column, each row is a step away, in any other order a
- * walk, and so is a column. Getting remembers too: two threads that only read a table are one too many. Every function
- * accepts a NULL table. A table belongs to one thread at a time; with a lock (Kep_SetLock) the memory under it is
- * accounted for safely. */
+ * walk, and so is a column. Reading a cell remembers its place, too, so that not even two threads that only read may
+ * share a table. Every function accepts a NULL table. A table belongs to one thread at a time; with a lock
+ * (Kep_SetLock) the memory under it is accounted for safely. */
 #ifndef KEP_ZUTABLE_H
 #define KEP_ZUTABLE_H
 

@@ -2,7 +2,7 @@
  * (Kep_SetLock) it belongs to one thread at a time, the others to any. TZ is read as it is in the environment, which no
  * thread may change meanwhile.
  *
- * Times are seconds since the epoch in 64 bits on every host, whatever its time_t: dates behind 2038 are right where
+ * Times are seconds since the epoch in 64 bits on every host, whatever its time_t: dates after 2038 are right where
  * the C library knows them. Records keep the low 32 bits, which dumps read with a sign (ZuBuffer.h). */
 #ifndef KEP_ZUTIME_H
 #define KEP_ZUTIME_H

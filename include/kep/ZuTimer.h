@@ -22,9 +22,9 @@ typedef int32_t (*ZuTimerCallback)(int32_t interval);
 extern KEP_API ZuList *g_ZuTimer_List;
 
 /* Registers a callback to be called every `interval` milliseconds, the first time one interval from now; an interval of
- * 0 means every pass. Time is measured by a 32-bit counter of milliseconds that wraps every 71.6 minutes: at a wrap
- * every timer is due. Returns 1, or 0 when memory for the timer is short; when memory for its place in the registry is
- * short, the timer is lost without a word. */
+ * 0 means every pass. Time is measured by ZuTime_GetUTime, which wraps every 71.6 minutes, when every timer is due.
+ * Returns 1, or 0 when memory for the timer is short; when memory for its place in the registry is short, the timer is
+ * lost without a word. */
 KEP_API int32_t ZuTimer_Regist(ZuTimerCallback callback, uint32_t interval);
 
 /* Runs the timers until it is stopped. One thread at a time. */
@@ -33,7 +33,7 @@ KEP_API void ZuTimer_Loop(void);
 /* Prints the current millisecond count and every timer with a callback. */
 KEP_API void ZuTimer_Show(void);
 
-/* Stops the loop: it returns behind the pass under way, or when the pause between two passes is over. A stop while no
+/* Stops the loop: it returns after the pass under way, or when the pause between two passes is over. A stop while no
  * loop runs ends the next one at once, and any number of stops until then are one. From any thread or a signal
  * handler, without a lock; never blocks. */
 KEP_API void ZuTimer_Stop(void);

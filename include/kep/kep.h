@@ -2,10 +2,11 @@
  *
  * The state behind its functions is the process's, and nothing locks until the host asks for it. Without a lock the
  * host serialises its calls: one thread until the service starts, then only the serving thread, inside the items'
- * callbacks; the timer loop may have a thread of its own when its callbacks neither allocate nor print. Calls that
- * touch only the host's own memory may come from any thread: the codec but for its dumps, the key hash, the sockets,
- * and strings formatted into the host's buffer. So may Collect_Stop and ZuTimer_Stop, which are safe in signal handlers
- * too. A debug build that is called beside the serving thread says so on standard error, once, and names the function.
+ * callbacks; the timer loop may have a thread of its own when its callbacks neither allocate, as containers do, nor
+ * print nor format dates. Calls that touch only the host's own memory may come from any thread: the codec but for its
+ * dumps, the key hash, the sockets, and strings formatted into the host's buffer. So may Collect_Stop and ZuTimer_Stop,
+ * which are safe in signal handlers too. A debug build says on standard error, once, when another thread than the
+ * serving one calls, and names the function; containers and dates it does not watch.
  *
  * With a lock (Kep_SetLock, or KepPosix_UseThreads of the POSIX service layer) these may be called from any thread at
  * any time, the service running or not: loggers, faults, function logs, record stores, the print sink, tracked memory,

@@ -3,7 +3,7 @@
  * kep itself stands on libc alone; what differs from board to board is in these five functions. `kep::platform_posix`
  * implements them for a Linux host; a board with services of its own links its own versions instead.
  *
- * Alignment. The library puts a 4-byte header in front of every block and hands out the address behind it. Where
+ * Alignment. The library puts a 4-byte header in front of every block and hands out the address after it. Where
  * pointers are wider than 4 bytes or 64-bit values want 8-byte alignment, VRK_Malloc must therefore return blocks that
  * begin 4 bytes short of maximal alignment: (address + 4) is a multiple of alignof(max_align_t). A layer that returns
  * maximally aligned blocks is right only on a machine where 4-byte alignment is enough for every type. A debug build
@@ -31,7 +31,7 @@ KEP_API void *VRK_Malloc(uint32_t size);
 KEP_API void VRK_Free(void *block);
 
 /* Writes the formatted text to the diagnostic console: no newline added, nothing held back. Its result is not used.
- * The library calls it with "%s" only, and writes a few texts to standard output itself, behind what stdio holds: a
+ * The library calls it with "%s" only, and writes a few texts to standard output itself, after what stdio holds: a
  * layer with the same console must keep their order, and hand out what stdio holds before it writes to the descriptor.
  *
  * kep::platform_posix does so, in one piece among what other threads print, and whatever signals come. A standard

@@ -1,7 +1,7 @@
 """board_vm [--check [--full]]: run by board-vm.sh, which tells what for.
 
-In the demo qemu passes on what goes between the board and this host, and nothing of the host is touched. The checks have
-a wire of their own, each with a board of its own at its end.
+In the demo qemu passes on what goes between the board and this host, and nothing of the host is touched. The checks
+have a wire of their own, each with a board of its own at its end.
 """
 import concurrent.futures
 import functools
@@ -132,7 +132,8 @@ def vanishing(row, number, phase, held=None, neighbour=False):
         status = bench.board.tell("end")
         figureSpan(row, "Collect_Stop ends that, with status %s" % status, time.monotonic() - began, 0, 1)
         bench.board.serve(UNLIMITED)
-        figure(row, "a host that starts anew serves", str(bench.near.collect().isWhole()), "True", True)
+        isWhole = bench.near.collect().isWhole()
+        figure(row, "a host that starts anew serves", str(isWhole), "True", isWhole)
 
 
 def limited(row, number):
@@ -143,7 +144,7 @@ def limited(row, number):
         began = time.monotonic()
         bench.near.ask()
         run = bench.near.accept()
-        figureSpan(row, "the board is held, " + phase, time.monotonic() - began, limit - 0.6, limit + 1.5)
+        figureSpan(row, "the board is held, " + phase, time.monotonic() - began, limit - 1, limit + 1.5)
         run.finish()
         bench.wire.restore()
     counters = bench.near.collect().counters()

@@ -47,7 +47,7 @@ def fail(page, place, why):
 
 def check_links():
     sys.dont_write_bytecode = True
-    sys.path.insert(0, str(SOURCE / "docs/doxygen"))
+    sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "docs/doxygen"))
     from filter import slug
     texts = {page: BLOCK.sub("", page.read_text()) for page in PAGES}
     anchors = {page: {slug(found) for found in re.findall(r"^#+ (.*)", texts[page], re.M)} for page in PAGES}

@@ -156,7 +156,7 @@ TEST_F(ConfigTest, RefusesWhatItDoesNotUnderstand) {
       {"[http]\nhosts = 'a'", "4: hosts: expected a list of names, not a text"},
       {"[http]\ntoken_file = 'none'", "4: token_file: cannot open none: No such file or directory"},
       {"[http]\ntoken_file = 'blank'",
-       "4: token_file: blank holds no token; expected visible characters without a blank"},
+       "4: token_file: blank holds no token; expected visible characters but ; , and \""},
       {"[keep]\n4 = '1d'", "4: unknown attribute \"4\"; expected events, 0, 1, 2, selftest"},
       {"[label_from]\nx = { item = 'i' }", "4: x: expected item and key, such as { item = \"system\", key = 4 }"},
       {"[log]\nlevel = 'loud'", "4: level: \"loud\"; expected trace, debug, info, warning or error"},

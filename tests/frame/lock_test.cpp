@@ -18,7 +18,7 @@ TEST(Lock, IsTheFirstOneWithBothHooksThatIsGivenBeforeTheFirstBlock) {
   EXPECT_EQ(calls, 0);
 }
 
-// All that may be called beside the serving thread as ever: on the caller's own objects, and by the loop of timers.
+// What is not watched beside the serving thread: work on the caller's own objects, and what the loop of timers does.
 static void workAlone() {
   int32_t number = 7;
   char text[100] = "a,b", *fields[2];

@@ -60,6 +60,7 @@ project() {
   shift
   { cmake -S "$source/tests/package/consumer" -B "$name" "${options[@]}" "$@" && cmake --build "$name"; } \
     >"$name.log" 2>&1 || { cat "$name.log" >&2; fail "$name: is not built"; return; }
+  ! grep 'CMake.*Warning' "$name.log" || fail "$name: CMake warns"
   run "$name" static "$name/host"
 }
 

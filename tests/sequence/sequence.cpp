@@ -682,8 +682,8 @@ int main(int argc, char **argv) {
       moment = static_cast<time_t>(1000000000 + round * 10000019);
       digest = digests[part];
       parts[part].use();
-      ZuPrint_ShowEx("\n", 0);  // nothing is held for the next part
-      for (const std::string &text : platform::takePrintCalls()) note(text);
+      ZuPrint_ShowEx("\n", 0);        // nothing is held for the next part
+      note(platform::takePrinted());  // with a lock in other pieces
       for (const uint32_t delay : platform::takeDelays()) note(delay);
       digests[part] = digest;
     }

@@ -171,7 +171,6 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
 
   const FaultNames &fault = *names.fault("memory");
   EXPECT_EQ(fault.find(FaultRecord::kRegister64, 0x11)->meaning.name, "free");
-  EXPECT_EQ(fault.find(FaultRecord::kRegisterData, 0x12)->fields.size(), 3u);
   EXPECT_EQ(fault.find(FaultRecord::kCounterData, 1), nullptr);
   EXPECT_EQ(example("docs/names.md").items.size(), 3u);
   EXPECT_EQ(example("examples/station/station.toml").item("samples")->keys.find(1, 2)->meaning.name, "many processes");

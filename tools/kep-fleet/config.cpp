@@ -230,7 +230,7 @@ std::string tokenIn(TomlTable &table, const std::string &path) {
     std::string token = kepcommand::contentOf(path, 1);
     token.erase(token.find_last_not_of(" \t\r\n") + 1);
     const bool isGood = !token.empty() && isPlain(token) && token.find_first_of(" ;,\"") == std::string::npos;
-    if (!isGood) table.fail("token_file", path + " holds no token; expected visible characters without a blank");
+    if (!isGood) table.fail("token_file", path + " holds no token; expected visible characters but ; , and \"");
     return token;
   } catch (const kepcommand::Failure &failure) {
     table.fail("token_file", failure.text);

@@ -59,10 +59,11 @@ constexpr const char *kExitStatuses =
     "\n"
     "Exit status:\n"
     "  0  all well; of the server, that a signal ended it and all is stored\n"
-    "  1  the configuration or a names file is refused, the store cannot be used, or\n"
-    "     something could not be stored at the end\n"
+    "  1  the configuration or a names file is refused, an address cannot be listened\n"
+    "     at, the store cannot be used, or something could not be stored at the end\n"
     "  2  wrong usage\n"
-    "  4  broken off: the output could not be written\n";
+    "  4  broken off: by SIGINT or SIGTERM while printing, or because the output could\n"
+    "     not be written\n";
 
 struct Options {
   std::vector<std::string> hosts;
@@ -280,6 +281,7 @@ ExitStatus listRuns(const Options &options) {
     });
   }
   out.flush();
+  failIfSignalled();  // what is printed may be a part
   return kGood;
 }
 
@@ -300,6 +302,7 @@ ExitStatus exportRuns(const Options &options) {
     reporter.write(run, *names.of(board, identityOf(run)), stored.run.started / 1000);
     return !signalled();
   });
+  failIfSignalled();
   return kGood;
 }
 
@@ -326,9 +329,9 @@ Commands addCommands(CLI::App &app, Options &options) {
   Commands commands{app.add_subcommand("backup", "Copy an SQLite store while it is in use"),
                     app.add_subcommand("runs", "List what was collected"),
                     app.add_subcommand("export", "Print what a board said")};
-  commands.backup->add_option("FILE", options.backup, "New file")->required()->check(checkFile);
-  commands.runs->add_option("BOARD", options.board, "Only this board's");
-  commands.exported->add_option("BOARD", options.board, "The board's name")->required();
+  commands.backup->add_option("FILE", options.backup, "New file")->required()->check(checkFile)->type_name("");
+  commands.runs->add_option("BOARD", options.board, "Only this board's")->type_name("");
+  commands.exported->add_option("BOARD", options.board, "The board's name")->required()->type_name("");
   for (CLI::App *const command : {commands.runs, commands.exported}) {
     addMoment(*command, "--from", options.from, "Of this time and later");
     addMoment(*command, "--to", options.to, "Of before this time");

@@ -27,7 +27,7 @@ struct OwnMetric {
 constexpr OwnMetric kOwnMetrics[] = {
     {"kep_up", MetricType::kGauge, "Whether the last run of the board came whole, and in time"},
     {"kep_run_seconds", MetricType::kGauge, "How long the last run took"},
-    {"kep_run_messages", MetricType::kGauge, "Messages of the last run that came whole"},
+    {"kep_run_messages", MetricType::kGauge, "Whole messages of the last run"},
     {"kep_run_bytes", MetricType::kGauge, "Bytes of the last run"},
     {"kep_last_whole_run_age_seconds", MetricType::kGauge, "Time since the last run began that came whole"},
     {"kep_value", MetricType::kUntyped, "A number that no names file names"},

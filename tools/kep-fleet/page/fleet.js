@@ -394,7 +394,7 @@ function plotOptions(answer, unit) {
     width: $('canvas').clientWidth,
     height: 230,
     scales: { x: { range: [Math.max(answer.from / 1000, answer.times[0] ?? 0), answer.to / 1000] } },
-    axes: [{ ...axis, space: 80, values: (_, ticks, axisIndex, space, step) => ticks.map((tick) => tickText(tick, step)) },
+    axes: [{ ...axis, space: 60, values: (_, ticks, axisIndex, space, step) => ticks.map((tick) => tickText(tick, step)) },
       { ...axis, size: 78, values: (_, ticks) => ticks.map((tick) => answer.states?.[tick] ?? compact(tick)) }],
     series: [{ value: (_, time) => (time === null ? '–' : timeText(time * 1000)) },
       { label: answer.name || 'value', stroke: colour('--accent'), width: 1.5, points: { show: answer.numbers.length < 60, size: 5 },
