@@ -236,6 +236,10 @@ Key readKey(const File &file, const toml::node &node, Place place) {
     key.meaning.help = table.text("help").value_or("");
     readFields(table, key, place == Place::kSelfTest);
     table.finish();
+    const auto hasName = [](const Field &field) { return !field.meaning.name.empty(); };
+    if (key.meaning.name.empty() && std::none_of(key.fields.begin(), key.fields.end(), hasName)) {
+      table.fail("no name; expected one of the buffer or of its fields");
+    }
     return key;
   }
   key.meaning = readMeaning(table, place == Place::kSelfTest);

@@ -335,9 +335,11 @@ std::string RunNames::section(const Value &value) const {
   return name == found->sections.names.end() ? "" : name->second;
 }
 
+// A name stands with every value of its section: a long one would make a run many times its size.
 bool RunNames::namesSection(const Value &value) const {
+  constexpr size_t kLongestName = 256;
   const Item *const found = run_.selfTest ? nullptr : item(value);
-  return found && value.section != 0 && found->sections.namedBy == value.key;
+  return found && value.section != 0 && found->sections.namedBy == value.key && value.bytes.size() <= kLongestName;
 }
 
 // ---- self-tests

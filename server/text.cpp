@@ -167,7 +167,8 @@ size_t widthOf(std::string_view text) {
 
 size_t prefixOf(std::string_view text, size_t columns) {
   size_t prefix = 0, left = columns;
-  if (isPlain(text)) return std::min(text.size(), columns);
+  // With the next byte, as a character without a width of its own could begin there.
+  if (isPlain(text.substr(0, columns + 1))) return std::min(text.size(), columns);
   forEachWidth(text, [&](size_t size, size_t width) {
     if (width > left) return false;
     left -= width;

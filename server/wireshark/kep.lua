@@ -13,7 +13,7 @@ local REQUESTS = { [0] = "collection, type 0", "collection, type 1", "collection
 local KINDS = { [0x81] = "int", [0x82] = "long", [3] = "string", [0x83] = "string", [4] = "buffer", [0x84] = "buffer" }
 local RECORDS = { [0x81] = "integer", [0x82] = "long", [0x83] = "string", [0x84] = "buffer",
                   [3] = "piece of a string", [4] = "piece of a buffer" }
-local HEADER, LONGEST, LONGEST_NAME, LONGEST_ACK, LONGEST_QUERY = 12, 1036, 19, 16, 1000
+local HEADER, LONGEST, LONGEST_NAME, LONGEST_SECTION, LONGEST_ACK, LONGEST_QUERY = 12, 1036, 19, 256, 16, 1000
 local TESTED_ITEM = 0xFFFF -- under which a self-test announces the item it turns to
 
 local f = {
@@ -153,7 +153,8 @@ local function section_shown(run, item, value, meaning)
   if item.named_by and not value.self_test then
     local of_item = run.sections[value.item] or {}
     run.sections[value.item] = of_item
-    if value.key == item.named_by and not of_item[value.section] and value.kind ~= "buffer" then
+    if value.key == item.named_by and not of_item[value.section] and value.kind ~= "buffer" and
+       #(value.bytes or "") <= LONGEST_SECTION then
       of_item[value.section] = value.bytes and printable(value.bytes) or
         number_text(meaning or {}, value.number, value.range)
     end
@@ -351,9 +352,10 @@ local function join(state, value, is_last, offset)
   if not is_last or not open then return end
   local pieces, piece = {}, value
   while piece do
-    table.insert(pieces, 1, piece.bytes)
+    table.insert(pieces, piece.bytes)
     piece = piece.before
   end
+  for i = 1, math.floor(#pieces / 2) do pieces[i], pieces[#pieces + 1 - i] = pieces[#pieces + 1 - i], pieces[i] end
   value.bytes = table.concat(pieces)
   if #value.bytes > 0 then value.range = ByteArray.new(value.bytes, true):tvb("Joined value"):range() end
 end

@@ -138,7 +138,8 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
                 {ValueKind::kLong, 2, 1, 2, 672176260, "", 0},
                 {ValueKind::kString, 3, 1, 2, 0, "11/23 03:50:21", 0},
                 {ValueKind::kInt, 3, 0, 3, 2, "", 0},
-                {ValueKind::kInt, 3, 0, 4, 2, "", 0}};
+                {ValueKind::kInt, 3, 0, 4, 2, "", 0},
+                {ValueKind::kString, 2, 2, 1, 0, std::string(257, 'n'), 0}};
   const RunNames lookup(names, run);
   std::string lines;
   for (const Value &value : run.values) {
@@ -149,7 +150,8 @@ TEST(Names, OfTheExamplesTellWhatTheySend) {
   }
   EXPECT_EQ(lines,
             ": load 1 min=4.00; load 5 min=2.78; load 15 min=1.78\n: name=none\neth0!: name=eth0\n"
-            "eth0: received=672 176 260 B (672176260)\nmemory: run log=11/23 03:50:21\n: faults saved=2\n: 2\n");
+            "eth0: received=672 176 260 B (672176260)\nmemory: run log=11/23 03:50:21\n: faults saved=2\n: 2\n: name=" +
+                std::string(257, 'n') + "\n");
   EXPECT_FALSE(isCutShort(names, run)) << "four items that report, and the end";
   run.messageCount = 6;
   EXPECT_TRUE(isCutShort(names, run));
