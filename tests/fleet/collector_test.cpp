@@ -19,9 +19,9 @@ using std::chrono::milliseconds;
 
 Limits shortLimits() {
   Limits limits;
-  limits.connect = milliseconds(1500);
-  limits.silence = milliseconds(800);
-  limits.run = milliseconds(3000);
+  limits.connect = milliseconds(4000);
+  limits.silence = milliseconds(3000);
+  limits.run = milliseconds(8000);
   limits.runBytes = 20'000;
   return limits;
 }
@@ -99,7 +99,7 @@ TEST_F(CollectorTest, TellsWhatBecomesOfEveryMannerOfBoard) {
        },
        Outcome::kWhole, "", 8},
       {"dead", [](const Request &) {}, Outcome::kNoAnswer, "no connection from the board"},
-      {"silent from the start", [](const Request &r) { Connection(r.port).pause(2000); }, Outcome::kNoAnswer,
+      {"silent from the start", [](const Request &r) { Connection(r.port).pause(5000); }, Outcome::kNoAnswer,
        "no connection from the board"},
       {"garbage from the start", [](const Request &r) { Connection(r.port).say(std::string(5000, 'x')); },
        Outcome::kNoAnswer, "no connection from the board"},
@@ -125,7 +125,7 @@ TEST_F(CollectorTest, TellsWhatBecomesOfEveryMannerOfBoard) {
          const Connection c(r.port);
          for (const char byte : board::joined(collectionFor(r)).substr(0, 40)) {
            if (!c.say({&byte, 1})) return;
-           c.pause(byte == 'K' || byte == 'B' ? 300 : 100);
+           c.pause(300);
          }
        },
        Outcome::kBrokenOff, "timed out: the run takes too long", 1},

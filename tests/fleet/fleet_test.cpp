@@ -29,7 +29,7 @@ class FleetTest : public ::testing::Test {
     config.polls = {{0, milliseconds(200), {}}};
     config.listenAddress = "127.0.0.1";
     config.listenPort = 0;
-    config.limits.connect = milliseconds(500);
+    config.limits.connect = milliseconds(5000);
     config.lease = milliseconds(1000);
     return config;
   }

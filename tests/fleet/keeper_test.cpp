@@ -46,7 +46,7 @@ TEST_F(KeeperTest, WritesInBatchesAndAllAtTheEnd) {
   EXPECT_EQ(times(), sequence(0, 2501));
   EXPECT_EQ(memory->events.size(), 2501u);
   EXPECT_LE(*std::max_element(memory->batches.begin(), memory->batches.end()), 1000u);
-  EXPECT_LE(memory->batches.size(), 6u);
+  EXPECT_LE(memory->batches.size(), 20u);
   EXPECT_EQ(keeper.status().refusedRuns, 10u);
   EXPECT_EQ(keeper.status().refusedEvents, 10u);
   EXPECT_EQ(keeper.status().waitingBytes + keeper.status().waitingRuns, 0u);
